@@ -1,0 +1,37 @@
+// Character classes used when message text is cut into words, conversion of single-byte message
+// files, and the checking and mending of UTF-8.
+//
+// The classifiers take a code point; none above 0xFF belongs to any class.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+
+// 0x30-0x3F (digits, but also : ; < = > ?), A-Z, a-z and the Latin-1 letters without the
+// multiplication sign 0xD7 and the division sign 0xF7.
+bool Utf8IsLetterOrNum(uint32_t cp);
+
+// Blank, no-break space and ! , . : ; ?
+bool Utf8IsBreak(uint32_t cp);
+
+// Blank and no-break space.
+bool Utf8IsSpace(uint32_t cp);
+
+// 0x00-0x1F (tab and line ends among them) and 0x7F-0x9F.
+bool Utf8IsControl(uint32_t cp);
+
+// The UTF-8 text of one byte of an extended-ASCII file: ISO 8859-1 in 0xC0-0xFF, the Spanish
+// characters of code page 437 at 0xA0-0xA5, 0xA8 and 0xAD. A zero byte yields nothing. The other
+// bytes 0x80-0xBF become 0xC2 and the byte less 0x20, which for 0x80-0x9F is not valid UTF-8:
+// readers mend it, so that such bytes are heard as unknown characters.
+std::string ExtAsciiToUtf8Char(char c);
+
+// ExtAsciiToUtf8Char of every byte, in order.
+std::string ExtAsciiToUtf8String(const std::string orig);
+
+// True if text_ holds no invalid UTF-8 sequence.
+bool Utf8IsValid(const std::string& text_);
+
+// text_ with every invalid sequence replaced by U+FFFD. May throw utf8::exception.
+std::string Utf8ReplaceInvalid(const std::string& text_);

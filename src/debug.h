@@ -1,0 +1,20 @@
+// The process-wide diagnostic log: one line per call on standard error, filtered by a bit mask.
+//
+// There is no prefix and no time stamp; whoever collects standard error adds them.
+// For use by one thread.
+#pragma once
+
+// Message classes: the bits of the mask.
+constexpr unsigned int kDebugNormal = 0x1;  // Errors survived and changes of state.
+constexpr unsigned int kDebugTrace = 0x4;   // What is done with each item.
+
+constexpr unsigned int kDebugAvailable = 0x7;  // Bit 0x2 is reserved; no message uses it.
+constexpr unsigned int kDebugDefault = kDebugNormal;
+
+// Replaces the mask; the old one is not merged in.
+void SetDebugMask(unsigned int mask);
+
+// Writes the message, formatted as by printf, and a newline if any bit of mask is set in the
+// process's mask. The line reaches standard error in one write, so that lines of the daemon and
+// of the programs it starts never mix. Failures to write are ignored: there is nowhere to tell.
+void Debug(unsigned int mask, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -1,0 +1,192 @@
+#include "directory.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "debug.h"
+#include "format.h"
+#include "safe_strncpycat.h"
+
+namespace {
+
+constexpr size_t kSlotSize = 4096;  // One file name in the scratch area.
+
+struct DirCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+using Listing = std::unique_ptr<DIR, DirCloser>;
+
+// The next listed file, or null at the end of the listing.
+const dirent* NextFile(const Listing& listing) {
+  const dirent* entry = nullptr;
+  do {
+    entry = readdir(listing.get());
+  } while (entry != nullptr && (entry->d_type != DT_REG || entry->d_name[0] == '.'));
+  return entry;
+}
+
+size_t CountFiles(const Listing& listing) {
+  size_t count = 0;
+  while (NextFile(listing) != nullptr) {
+    ++count;
+  }
+  return count;
+}
+
+int CompareSlots(const void* a, const void* b) {
+  return strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
+}
+
+}  // namespace
+
+struct Directory::Impl {
+  explicit Impl(const std::string& path_);
+  ~Impl();
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  void Lock() const;
+  void Unlock() const;
+  int GetFileCount() const;
+  std::list<std::string> GetFileNames();
+  bool ReserveSlots(size_t count);
+  void RunIntoDirectory(const char* command, const std::string& current_path,
+                        const std::string& new_name) const;
+  void Clear();
+
+  std::string path;                  // Ends in "/".
+  int dirfd = -1;                    // The object of the lock.
+  char* file_name_buffer = nullptr;  // Slots for sorting names, kept between calls; malloc'ed.
+  size_t file_name_buffer_chars = 0;
+};
+
+Directory::Impl::Impl(const std::string& path_) : path(AddTrailingSlash(path_)) {
+  dirfd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (dirfd < 0) {
+    throw Format("Could not open directory %s", path.c_str());
+  }
+}
+
+Directory::Impl::~Impl() {
+  Unlock();
+  close(dirfd);
+  free(file_name_buffer);
+}
+
+void Directory::Impl::Lock() const {
+  if (flock(dirfd, LOCK_EX) < 0) {
+    Debug(kDebugNormal, "Lock failed: %s (%d)", strerror(errno), errno);
+  }
+}
+
+void Directory::Impl::Unlock() const { flock(dirfd, LOCK_UN); }
+
+int Directory::Impl::GetFileCount() const {
+  Lock();
+  const Listing listing(opendir(path.c_str()));
+  if (!listing) {
+    Debug(kDebugNormal, "Could not open \"%s\" for counting: %s", path.c_str(), strerror(errno));
+    Unlock();
+    return 0;
+  }
+  const size_t count = CountFiles(listing);
+  Unlock();
+  return static_cast<int>(count);
+}
+
+std::list<std::string> Directory::Impl::GetFileNames() {
+  Lock();
+  const Listing listing(opendir(path.c_str()));
+  if (!listing) {
+    throw Format("Could not open \"%s\" for enumeration: %s", path.c_str(), strerror(errno));
+  }
+  const size_t count = CountFiles(listing);
+  std::list<std::string> names;
+  if (!ReserveSlots(count)) {
+    Unlock();
+    return names;
+  }
+  rewinddir(listing.get());
+  size_t copied = 0;
+  const dirent* entry = nullptr;
+  while (copied < count && (entry = NextFile(listing)) != nullptr) {
+    safe_strncat(file_name_buffer + copied * kSlotSize, kSlotSize, entry->d_name);
+    ++copied;
+  }
+  // All slots are sorted, and the first ones taken: of files that vanished between the passes
+  // the empty slots come first and push as many names off the end. The next listing has them.
+  if (count > 0) {
+    qsort(file_name_buffer, count, kSlotSize, CompareSlots);
+  }
+  for (size_t i = 0; i < copied; ++i) {
+    names.emplace_back(file_name_buffer + i * kSlotSize);
+  }
+  Unlock();
+  return names;
+}
+
+// Makes room for count empty slots. False, with a log line, if there is no memory.
+bool Directory::Impl::ReserveSlots(size_t count) {
+  const size_t size = count * kSlotSize;
+  if (file_name_buffer_chars < size) {
+    free(file_name_buffer);
+    file_name_buffer_chars = 0;
+    file_name_buffer = static_cast<char*>(malloc(size));
+    if (file_name_buffer == nullptr) {
+      Debug(kDebugNormal, "Could not allocate %zu bytes for sorting files", size);
+      return false;
+    }
+    file_name_buffer_chars = size;
+  }
+  if (size > 0) {
+    memset(file_name_buffer, 0, size);
+  }
+  return true;
+}
+
+void Directory::Impl::RunIntoDirectory(const char* command, const std::string& current_path,
+                                       const std::string& new_name) const {
+  Lock();
+  RunCommand(Format("%s %s %s%s", command, current_path.c_str(), path.c_str(), new_name.c_str()));
+  Unlock();
+}
+
+void Directory::Impl::Clear() {
+  Lock();
+  // The listing unlocks on its way out: players rely on a short lock, however many files go.
+  for (const std::string& name : GetFileNames()) {
+    unlink((path + name).c_str());
+  }
+  Unlock();
+}
+
+Directory::Directory(const std::string& path) : impl(new Impl(path)) {}
+
+Directory::~Directory() { delete impl; }
+
+void Directory::Lock() { impl->Lock(); }
+
+void Directory::Unlock() { impl->Unlock(); }
+
+int Directory::GetFileCountLocked() { return impl->GetFileCount(); }
+
+std::list<std::string> Directory::GetFileNames() { return impl->GetFileNames(); }
+
+void Directory::MoveIntoDirectoryLocked(const std::string& current_path_,
+                                        const std::string& new_name_) {
+  impl->RunIntoDirectory("mv", current_path_, new_name_);
+}
+
+void Directory::CopyIntoDirectoryLocked(const std::string& current_path_,
+                                        const std::string& new_name_) {
+  impl->RunIntoDirectory("cp", current_path_, new_name_);
+}
+
+void Directory::ClearDirectoryLocked() { impl->Clear(); }

@@ -1,0 +1,158 @@
+#include "format.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "debug.h"
+#include "safe_strncpycat.h"
+
+namespace {
+
+constexpr size_t kPathSize = 4096;
+
+struct TemplatePath {
+  explicit TemplatePath(const char* prefix) {
+    safe_strncpy(text, sizeof(text), "/tmp/");
+    safe_strncat(text, sizeof(text), prefix);
+    safe_strncat(text, sizeof(text), "XXXXXX");
+  }
+  char text[kPathSize];
+};
+
+// Holds SIGINT back for the lifetime of the object.
+class SigintBlock {
+ public:
+  SigintBlock() {
+    sigset_t sigint;
+    sigemptyset(&sigint);
+    sigaddset(&sigint, SIGINT);
+    sigprocmask(SIG_BLOCK, &sigint, &saved_mask);
+  }
+  ~SigintBlock() { sigprocmask(SIG_SETMASK, &saved_mask, nullptr); }
+  SigintBlock(const SigintBlock&) = delete;
+  SigintBlock& operator=(const SigintBlock&) = delete;
+
+ private:
+  sigset_t saved_mask;
+};
+
+}  // namespace
+
+std::string Format(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  char* buffer = nullptr;
+  const int length = vasprintf(&buffer, format, args);
+  va_end(args);
+  if (length < 0) {
+    return std::string();
+  }
+  std::string text(buffer, static_cast<size_t>(length));
+  free(buffer);
+  return text;
+}
+
+int ParseInteger(const std::string& s_) {
+  const char* text = s_.c_str();
+  char* end = nullptr;
+  const int base = s_.find("0x") != std::string::npos ? 0 : 10;
+  errno = 0;
+  const long value = strtol(text, &end, base);
+  const bool whole = text[0] != '\0' && end == text + s_.size();
+  if (!whole || errno != 0 || value < INT_MIN || value > INT_MAX) {
+    throw Format("Could not convert \"%s\" to integer", text);
+  }
+  return static_cast<int>(value);
+}
+
+std::string AddTrailingSlash(const std::string& s_) {
+  return s_.empty() || s_.back() == '/' ? s_ : s_ + "/";
+}
+
+std::string ListToString(const std::list<std::string>& words_) {
+  std::string joined;
+  for (const std::string& word : words_) {
+    if (!joined.empty()) {
+      joined += "|";
+    }
+    joined += word;
+  }
+  return joined;
+}
+
+int RunShell(const std::string& cmd_) {
+  const SigintBlock block;
+  std::string command = cmd_;
+  char shell[] = "sh";
+  char option[] = "-c";
+  char* const arguments[] = {shell, option, command.data(), nullptr};
+  pid_t pid = 0;
+  if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, arguments, environ) != 0) {
+    return -1;
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) {
+      return -1;
+    }
+  }
+  return status;
+}
+
+bool CommandFailed(int status_) { return status_ == -1 || (status_ & 0xFF00) != 0; }
+
+void RunCommand(const std::string& cmd_) {
+  if (CommandFailed(RunShell(cmd_))) {
+    Debug(kDebugNormal, "Could not execute \"%s\"", cmd_.c_str());
+  }
+}
+
+std::string CreateTemporaryDirectory(const char* prefix_) {
+  TemplatePath path(prefix_);
+  if (mkdtemp(path.text) == nullptr) {
+    throw Format("Could not create temporary directory with template \"%s\"", path.text);
+  }
+  return path.text;
+}
+
+std::string CreateTemporaryFile(const char* prefix_) {
+  TemplatePath path(prefix_);
+  const int fd = mkostemp(path.text, O_CLOEXEC);
+  if (fd < 0) {
+    throw Format("Could not create temporary file with template \"%s\"", path.text);
+  }
+  close(fd);
+  return path.text;
+}
+
+InputFile::InputFile(const std::string& path_) : fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC)) {}
+
+InputFile::~InputFile() {
+  if (fd >= 0) {
+    close(fd);
+  }
+}
+
+size_t InputFile::Read(void* buffer_, size_t size_) {
+  char* const buffer = static_cast<char*>(buffer_);
+  size_t length = 0;
+  while (IsOpen() && length < size_) {
+    const ssize_t count = read(fd, buffer + length, size_ - length);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      break;
+    }
+    length += static_cast<size_t>(count);
+  }
+  return length;
+}

@@ -1,0 +1,66 @@
+// Formatting into strings, and the small string, number, command and file helpers that several
+// modules share.
+#pragma once
+
+#include <stddef.h>
+
+#include <list>
+#include <string>
+
+// The message formatted as by printf; empty if the C library cannot format it.
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// The number that the whole of s_ denotes: decimal ("010" is ten), or, if "0x" stands anywhere
+// in it, with strtol's automatic base. Leading white space and a sign are accepted, nothing may
+// follow. Throws a string if s_ is no such number or lies outside
+// -2147483648..2147483647, whatever the size of long.
+int ParseInteger(const std::string& s_);
+
+// The path with a "/" at its end. The empty path stays empty: it must not become the root.
+std::string AddTrailingSlash(const std::string& s_);
+
+// The words joined by "|". Empty words at the head add no separator.
+std::string ListToString(const std::list<std::string>& words_);
+
+// Runs cmd_ through /bin/sh and waits for its end. Returns the status as waitpid gives it, or -1
+// if no shell could be started.
+//
+// Not system(): that discards a SIGINT which arrives while it sets up. Here SIGINT is blocked, so
+// that a stop request stays pending until the command has ended; the command inherits the block,
+// so that a Ctrl-C at the terminal does not cut off a snippet in the middle.
+int RunShell(const std::string& cmd_);
+
+// True if status, a result of RunShell, says that nothing ran or that the command exited with a
+// code other than 0. A command ended by a signal counts as done: translators that are stopped
+// from outside must not cost the rest of a pass.
+bool CommandFailed(int status_);
+
+// Runs cmd_ through RunShell and logs it if it failed.
+void RunCommand(const std::string& cmd_);
+
+// Creates a directory "/tmp/<prefix_>XXXXXX" (XXXXXX unique) with mode 0700 and returns its path.
+// Throws a string on failure.
+std::string CreateTemporaryDirectory(const char* prefix_);
+
+// Creates an empty file "/tmp/<prefix_>XXXXXX" with mode 0600, closes it and returns its path.
+// Throws a string on failure.
+std::string CreateTemporaryFile(const char* prefix_);
+
+// A file opened for reading, closed with the object and on exec.
+class InputFile {
+ public:
+  explicit InputFile(const std::string& path_);
+  ~InputFile();
+
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+
+  bool IsOpen() const { return fd >= 0; }
+
+  // Reads up to size_ bytes and returns their number, less than size_ only at the end of the
+  // file or after an error. 0 if the file is not open.
+  size_t Read(void* buffer_, size_t size_);
+
+ private:
+  int fd;
+};

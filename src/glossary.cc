@@ -1,0 +1,70 @@
+#include "glossary.h"
+
+#include <map>
+#include <memory>
+
+#include "format.h"
+#include "xml.h"
+
+struct Glossary::Impl {
+  void Load(const std::string& path);
+
+  std::map<std::string, std::string> speech_map;  // Written word to speech text.
+};
+
+void Glossary::Impl::Load(const std::string& path) {
+  const std::unique_ptr<XMLElement> root = LoadXMLTree(path, "glossary");
+  for (const XMLElement* word : root->GetChildren("word")) {
+    const std::string text = word->GetAttributeString("text");
+    const std::string speech = word->GetAttributeString("speech");
+    speech_map.emplace(text, speech);
+  }
+}
+
+namespace {
+
+bool IsPointOrComma(char c) { return c == '.' || c == ','; }
+
+// The word without full stops and commas around it; at least one byte of a word is kept.
+std::string StripPunctuation(const std::string& word) {
+  size_t first = 0;
+  size_t end = word.size();
+  while (end - first >= 2 && IsPointOrComma(word[first])) {
+    ++first;
+  }
+  while (end - first >= 2 && IsPointOrComma(word[end - 1])) {
+    --end;
+  }
+  return word.substr(first, end - first);
+}
+
+}  // namespace
+
+Glossary::Glossary(const std::string& path_) {
+  auto loading = std::make_unique<Impl>();
+  try {
+    loading->Load(path_);
+  } catch (const std::string& e) {
+    throw Format("Reading glossary %s: %s", path_.c_str(), e.c_str());
+  }
+  impl = loading.release();
+}
+
+Glossary::~Glossary() { delete impl; }
+
+std::string Glossary::SubstituteSpeech(const std::string& word_) const {
+  const std::string key = StripPunctuation(word_);
+  const auto entry = impl->speech_map.find(key);
+  if (entry == impl->speech_map.end()) {
+    return word_;
+  }
+  const std::string& speech = entry->second;
+  // Where any byte of the key first occurs, not the key itself: for an entry "a.b" the point in
+  // front of ".a.b" counts as part of the written word. Glossaries are written with that in mind.
+  const size_t position = word_.find_first_of(key);
+  if (position == std::string::npos) {
+    return speech;
+  }
+  const size_t rest = position + key.size();
+  return word_.substr(0, position) + speech + (rest < word_.size() ? word_.substr(rest) : "");
+}

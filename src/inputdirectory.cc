@@ -1,0 +1,447 @@
+#include "inputdirectory.h"
+
+#include <stdint.h>
+#include <string.h>
+#include <unistd.h>
+#include <utf8.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+
+#include "charencoding.h"
+#include "crc.h"
+#include "debug.h"
+#include "directory.h"
+#include "fileparser.h"
+#include "format.h"
+#include "xml.h"
+
+namespace {
+
+constexpr int kMaxMessageChars = 65536;  // Code points.
+constexpr int kMaxWordChars = 100;       // Code points.
+
+// The text without invalid UTF-8; empty if it cannot be mended.
+std::string ToValidUtf8(const std::string& text) {
+  try {
+    if (Utf8IsValid(text)) {
+      Debug(kDebugTrace, "Original is valid UTF-8");
+      return text;
+    }
+    Debug(kDebugTrace, "Re-encoding invalid parser output to UTF-8");
+    std::string mended = Utf8ReplaceInvalid(text);
+    if (Utf8IsValid(mended)) {
+      return mended;
+    }
+    Debug(kDebugNormal, "Unable to re-encode as UTF-8");
+  } catch (const utf8::exception& e) {
+    Debug(kDebugNormal, "Error checking encoding: %s", e.what());
+  }
+  return "";
+}
+
+// Splits valid UTF-8 into words. Breaks and control characters end a word; punctuation stays at
+// the end of the word that it follows. A lone punctuation mark that comes right after another
+// one, or first of all, is dropped: "Stop.." must not be read as "Stop. point".
+//
+// There is no limit on the number of words: each takes at least one of the kMaxMessageChars code
+// points that are looked at.
+std::list<std::string> SplitIntoWords(const std::string& text) {
+  std::list<std::string> words;
+  std::string word;
+  int message_chars = 0;
+  int word_chars = 0;
+  bool last_was_punctuation = true;
+  for (auto next = text.begin(); next != text.end();) {
+    const auto start = next;
+    const uint32_t cp = utf8::next(next, text.end());
+    if (++message_chars > kMaxMessageChars) {
+      Debug(kDebugNormal, "Too many characters");
+      continue;
+    }
+    const bool is_space = Utf8IsSpace(cp);
+    const bool is_control = Utf8IsControl(cp);
+    const bool is_break = Utf8IsBreak(cp);
+    if (!is_space && !is_control) {
+      if (++word_chars > kMaxWordChars) {
+        Debug(kDebugNormal, "Word too long");
+      } else {
+        word.append(start, next);
+      }
+    }
+    if ((is_break || is_control) && !word.empty()) {
+      const bool is_stray = is_break && word_chars == 1 && last_was_punctuation;
+      if (!is_stray) {
+        words.push_back(word);
+      }
+      word.clear();
+      word_chars = 0;
+    }
+    last_was_punctuation = is_break && !is_space;
+  }
+  if (!word.empty()) {
+    words.push_back(word);
+  }
+  return words;
+}
+
+bool EndsSnippet(const std::string& word) { return word.back() == '.' || word.back() == ','; }
+
+void RemoveContents(const std::string& path) {
+  Debug(kDebugNormal, "Removing contents of directory %s", path.c_str());
+  RunCommand(Format("rm %s/* > /dev/null 2>&1", path.c_str()));
+}
+
+}  // namespace
+
+struct InputDirectory::Impl {
+  Impl(const XMLElement& element_, int text_snippet_word_limit_);
+
+  void ReadAttributes();
+  void OpenSource();
+
+  void Process();
+  void IndexFile(const std::string& dirpath, const std::string& name);
+  void ForgetVanishedFiles();
+  void ProcessCacheQueue(const std::string& dirpath);
+  void TakeMessage(const std::string& dirpath);
+  bool ParseMessage(const std::string& path);
+  bool DisposeOfMessageFile(const std::string& path, const std::string& name);
+  bool RemoveFile(const std::string& path) const;
+  void CopyToLastPlayed(const std::string& path, const std::string& name) const;
+
+  std::list<std::string> GetWords();
+  void RestartMessage();
+  void StopMessage();
+  int CountUpdatedFiles() const;
+
+  static int last_message_id;  // The last id handed out by any directory.
+
+  XMLElement config;
+  int text_snippet_word_limit;
+  std::string id;
+  std::string display_id;
+  std::string parser_id;
+  std::string encoding;
+  int priority = 0;
+  int loops = 1;
+  std::string type;
+  std::string rootdir;
+  std::string subdir;
+  std::string conv_opts;
+  std::string last_played_path;
+  std::string bumper_path;
+  std::string spacer_path;
+  std::string silence_path;
+  std::string dir_mode;
+  int auto_delete = 0;
+  bool available = false;                   // The directory currently delivers updates.
+  const FileParser* file_parser = nullptr;  // Not owned.
+  bool active_message_first_play = true;
+  int active_message_id = 0;  // 0: none.
+  std::string active_message_filename;
+  int active_message_plays = 0;  // Completed plays.
+  std::list<std::string> active_message_words;
+  std::list<std::string>::iterator active_message_position = active_message_words.end();
+  std::list<std::string> all_file_names;      // Of the last scan, in byte order.
+  std::list<std::string> updated_file_names;  // To be taken, oldest first.
+  int preview = 0;
+  std::map<std::string, uint16_t> file_map;  // Known files and the CRCs of their texts.
+  bool first_pass = true;  // No scan has been completed while the directory was available.
+};
+
+int InputDirectory::Impl::last_message_id = 0;
+
+InputDirectory::Impl::Impl(const XMLElement& element_, int text_snippet_word_limit_)
+    : text_snippet_word_limit(text_snippet_word_limit_) {
+  config = element_;
+  ReadAttributes();
+  if (!last_played_path.empty()) {
+    RemoveContents(last_played_path);
+  }
+  OpenSource();
+}
+
+void InputDirectory::Impl::ReadAttributes() {
+  id = config.GetAttributeString("id", "");
+  display_id = config.GetAttributeString("display-id", id);
+  parser_id = config.GetAttributeString("parser", "");
+  encoding = config.GetAttributeString("encoding", "");
+  priority = config.GetAttributeInteger("priority", 0);
+  loops = config.GetAttributeInteger("loops", 1);
+  subdir = config.GetAttributeString("subdir", "");
+  conv_opts = config.GetAttributeString("conv-opts", "");
+  preview = config.GetAttributeInteger("preview", 0);
+  last_played_path = config.GetAttributeString("last-played-path", "");
+  bumper_path = config.GetAttributeString("bumper-path", "");
+  spacer_path = config.GetAttributeString("spacer-path", "");
+  silence_path = config.GetAttributeString("silence-path", "");
+  dir_mode = config.GetAttributeString("dir-mode", "");
+  auto_delete = config.GetAttributeInteger("auto-delete", 0);
+}
+
+void InputDirectory::Impl::OpenSource() {
+  type = config.GetAttributeString("type", "");
+  if (type == "local") {
+    rootdir = config.GetAttributeString("path", "");
+    if (!rootdir.empty()) {
+      RemoveContents(rootdir);
+    }
+  }
+}
+
+void InputDirectory::Impl::Process() {
+  const std::string dirpath = AddTrailingSlash(rootdir) + AddTrailingSlash(subdir);
+  all_file_names = Directory(dirpath).GetFileNames();
+  if (type == "local") {
+    available = true;
+  }
+  if (file_parser != nullptr) {
+    for (const std::string& name : all_file_names) {
+      IndexFile(dirpath, name);
+    }
+  }
+  ForgetVanishedFiles();
+  if (available) {
+    // Files that were there before the directory first became available are known by now, but
+    // were not queued: old messages are not announced.
+    first_pass = false;
+  }
+  if (dir_mode == "cache") {
+    ProcessCacheQueue(dirpath);
+    return;
+  }
+  while (active_message_id == 0 && !updated_file_names.empty()) {
+    TakeMessage(dirpath);
+  }
+}
+
+// Notes the file's checksum and queues it if its text is new or has changed.
+void InputDirectory::Impl::IndexFile(const std::string& dirpath, const std::string& name) {
+  std::string text;
+  try {
+    text = file_parser->ParseFile(dirpath + name);
+  } catch (const std::string& e) {
+    Debug(kDebugNormal, "Indexing %s", e.c_str());
+    return;
+  }
+  const uint16_t new_crc = CRC(0, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  const auto known = file_map.find(name);
+  if (known == file_map.end()) {
+    Debug(kDebugNormal, "Adding %s %u to file_map", name.c_str(), unsigned{new_crc});
+    file_map.emplace(name, new_crc);
+  } else if (known->second != new_crc || (preview != 0 && type == "local")) {
+    Debug(kDebugNormal, "Updating %s in file_map", name.c_str());
+    known->second = new_crc;
+  } else {
+    return;
+  }
+  if (!first_pass && !text.empty()) {
+    updated_file_names.push_back(name);
+  }
+}
+
+void InputDirectory::Impl::ForgetVanishedFiles() {
+  auto name = all_file_names.begin();
+  for (auto known = file_map.begin(); known != file_map.end();) {
+    while (name != all_file_names.end() && *name < known->first) {
+      ++name;
+    }
+    if (name != all_file_names.end() && *name == known->first) {
+      ++known;
+    } else {
+      Debug(kDebugTrace, "Erasing %s from file_map", known->first.c_str());
+      known = file_map.erase(known);
+    }
+  }
+}
+
+// In cache mode nothing is spoken; what arrives is kept in the last-played directory, or dropped.
+void InputDirectory::Impl::ProcessCacheQueue(const std::string& dirpath) {
+  while (!updated_file_names.empty()) {
+    const std::string& name = updated_file_names.front();
+    if (last_played_path.empty()) {
+      RemoveFile(dirpath + name);
+    } else {
+      CopyToLastPlayed(dirpath + name, name);
+    }
+    updated_file_names.pop_front();
+  }
+}
+
+// Consumes the front of the queue. It becomes the active message if it has words.
+void InputDirectory::Impl::TakeMessage(const std::string& dirpath) {
+  const std::string name = updated_file_names.front();
+  const std::string path = dirpath + name;
+  if (ParseMessage(path)) {
+    Debug(kDebugTrace, "From %s: %s", path.c_str(), ListToString(active_message_words).c_str());
+  }
+  if (!DisposeOfMessageFile(path, name)) {
+    // It would come back with the next change or restart: better unheard than heard for ever.
+    active_message_words.clear();
+  }
+  if (!active_message_words.empty()) {
+    active_message_first_play = true;
+    active_message_id = ++last_message_id;
+    active_message_filename = name;
+    active_message_plays = 0;
+  }
+  active_message_position = active_message_words.begin();
+  updated_file_names.pop_front();
+}
+
+// Makes active_message_words the words of the file. False if the parser throws; no words then.
+bool InputDirectory::Impl::ParseMessage(const std::string& path) {
+  active_message_words.clear();
+  std::string text;
+  if (file_parser != nullptr) {
+    try {
+      text = file_parser->ParseFile(path);
+    } catch (const std::string& e) {
+      Debug(kDebugTrace, "Processing %s: %s", path.c_str(), e.c_str());
+      return false;
+    }
+    Debug(kDebugTrace, "Parser returned: \"%s\"", text.c_str());
+  }
+  active_message_words = SplitIntoWords(ToValidUtf8(text));
+  return true;
+}
+
+// Removes a taken file, or copies it to the last-played directory, which then holds it alone.
+// Without a last-played directory the file goes whatever auto-delete says.
+// False if the file should be gone and is not.
+bool InputDirectory::Impl::DisposeOfMessageFile(const std::string& path, const std::string& name) {
+  if (last_played_path.empty()) {
+    return RemoveFile(path);
+  }
+  RunShell("rm " + last_played_path + "/* > /dev/null 2>&1");
+  CopyToLastPlayed(path, name);
+  return auto_delete == 0 || RemoveFile(path);
+}
+
+bool InputDirectory::Impl::RemoveFile(const std::string& path) const {
+  if (unlink(path.c_str()) == 0) {
+    return true;
+  }
+  Debug(kDebugNormal, "Could not remove %s", path.c_str());
+  return false;
+}
+
+void InputDirectory::Impl::CopyToLastPlayed(const std::string& path,
+                                            const std::string& name) const {
+  RunShell("cp " + path + " " + AddTrailingSlash(last_played_path) + name);
+}
+
+std::list<std::string> InputDirectory::Impl::GetWords() {
+  active_message_first_play = false;
+  std::list<std::string> snippet;
+  if (active_message_words.empty()) {
+    StopMessage();
+    return snippet;
+  }
+  // Looked at after a word was taken: even a limit of 0 or less makes progress.
+  const int64_t limit = text_snippet_word_limit;
+  const int64_t stretched_limit = 2 * limit;
+  bool ended = false;
+  while (!ended && active_message_position != active_message_words.end()) {
+    snippet.push_back(*active_message_position++);
+    const int64_t taken = static_cast<int64_t>(snippet.size());
+    ended = taken > limit && (taken >= stretched_limit || EndsSnippet(snippet.back()));
+  }
+  if (active_message_position == active_message_words.end()) {
+    ++active_message_plays;
+    if (active_message_plays < loops) {
+      RestartMessage();
+    } else {
+      StopMessage();
+    }
+  }
+  return snippet;
+}
+
+void InputDirectory::Impl::RestartMessage() {
+  active_message_position = active_message_words.begin();
+}
+
+void InputDirectory::Impl::StopMessage() {
+  active_message_id = 0;
+  active_message_filename.clear();
+  active_message_plays = 0;
+  active_message_words.clear();
+  active_message_position = active_message_words.end();
+}
+
+// In cache mode the queue is empty after every scan; what was kept is counted instead.
+int InputDirectory::Impl::CountUpdatedFiles() const {
+  if (dir_mode != "cache") {
+    return static_cast<int>(updated_file_names.size());
+  }
+  return last_played_path.empty() ? 0 : Directory(last_played_path).GetFileCountLocked();
+}
+
+InputDirectory::InputDirectory(const XMLElement& element_, int text_snippet_word_limit_)
+    : impl(new Impl(element_, text_snippet_word_limit_)) {}
+
+InputDirectory::~InputDirectory() { delete impl; }
+
+bool InputDirectory::IsIdentical(const XMLElement& element_) const {
+  return impl->config == element_;
+}
+
+void InputDirectory::Process() { impl->Process(); }
+
+std::list<std::string> InputDirectory::GetWords() { return impl->GetWords(); }
+
+void InputDirectory::RestartMessage() { impl->RestartMessage(); }
+
+void InputDirectory::StopMessage() { impl->StopMessage(); }
+
+bool InputDirectory::FirstPlayOfActiveMessage() const { return impl->active_message_first_play; }
+
+XMLElement* InputDirectory::GetStatus() const {
+  auto status = std::make_unique<XMLElement>("directory");
+  status->SetAttributeString("id", impl->id);
+  status->SetAttributeString("status", impl->available ? "1" : "0");
+  status->SetAttributeString("path", impl->rootdir);
+  status->SetAttributeInteger("total-file-count", static_cast<int>(impl->all_file_names.size()));
+  status->SetAttributeInteger("updated-file-count", impl->CountUpdatedFiles());
+  if (impl->active_message_id != 0) {
+    auto* message = new XMLElement("message");
+    status->AddChild(message);
+    message->SetAttributeInteger("id", impl->active_message_id);
+    message->SetAttributeString("filename", impl->active_message_filename);
+    message->SetAttributeInteger("plays", impl->active_message_plays);
+  }
+  return status.release();
+}
+
+int InputDirectory::GetPriority() const { return impl->priority; }
+
+int InputDirectory::GetActiveMessageID() const { return impl->active_message_id; }
+
+std::string InputDirectory::GetActiveMessageFilename() const {
+  return impl->active_message_filename;
+}
+
+std::string InputDirectory::GetDisplayId() const { return impl->display_id; }
+
+std::string InputDirectory::GetTranslatorArguments() const { return impl->conv_opts; }
+
+int InputDirectory::GetPreview() const { return impl->preview; }
+
+std::string InputDirectory::GetLastPlayedPath() const { return impl->last_played_path; }
+
+std::string InputDirectory::GetBumperPath() const { return impl->bumper_path; }
+
+std::string InputDirectory::GetSpacerPath() const { return impl->spacer_path; }
+
+std::string InputDirectory::GetSilencePath() const { return impl->silence_path; }
+
+std::string InputDirectory::GetParserID() const { return impl->parser_id; }
+
+std::string InputDirectory::GetEncoding() const { return impl->encoding; }
+
+void InputDirectory::SetFileParser(const FileParser* file_parser_) {
+  impl->file_parser = file_parser_;
+}

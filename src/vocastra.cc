@@ -1,0 +1,474 @@
+#include "vocastra.h"
+
+#include <stdint.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "crc.h"
+#include "debug.h"
+#include "directory.h"
+#include "format.h"
+#include "glossary.h"
+#include "inputdirectory.h"
+#include "textfileparser.h"
+#include "xml.h"
+
+namespace {
+
+constexpr useconds_t kPassPause = 100000;  // Microseconds; the system's whole pacing.
+constexpr useconds_t kClipPause = 70000;   // Microseconds, after each clip.
+
+constexpr char kDefaultParser[] = "text-utf8";
+constexpr char kPauseTag[] = "\\pau=300\\ ";  // 300 ms of silence lead every message.
+
+struct FileCloser {
+  void operator()(FILE* file) const { fclose(file); }
+};
+using OutputFile = std::unique_ptr<FILE, FileCloser>;
+
+// Truncates the file in place; null on failure. Closed on exec.
+OutputFile OpenForWriting(const std::string& path) {
+  return OutputFile(fopen(path.c_str(), "wte"));
+}
+
+// A pass that fails takes its time like any other: a missing configuration must neither spin the
+// CPU nor flood the log.
+struct PauseAtEnd {
+  PauseAtEnd() = default;
+  PauseAtEnd(const PauseAtEnd&) = delete;
+  PauseAtEnd& operator=(const PauseAtEnd&) = delete;
+  ~PauseAtEnd() { usleep(kPassPause); }
+};
+
+}  // namespace
+
+struct Vocastra::Impl {
+  ~Impl();
+
+  void CreateResources();
+  void Run();
+
+  void Configure();
+  void ConfigureDirectories(const XMLElement& root);
+  void ConfigureDirectory(const XMLElement& element, const std::string& id,
+                          std::set<std::string>& new_ids);
+  void DeleteDirectory(const std::string& id);
+  void DeleteDirectoriesNotIn(const std::set<std::string>& new_ids);
+  void RankDirectories();
+  void ConfigureParsers(const XMLElement& root);
+  void ConfigureParser(const XMLElement& element);
+  void AttachParsers();
+  void ApplyState(const std::string& new_state);
+  void ClearFileParsers();
+
+  void CheckGlossary();
+  void ProcessInputDirectories();
+
+  bool ProcessSnippet();
+  bool HasRoomForOutput();
+  InputDirectory* ChooseDirectory();
+  bool WriteSnippet(const std::list<std::string>& words, bool is_start);
+  bool Translate(const std::string& arguments, const std::string& message_filename) const;
+  bool DeliverClips(const InputDirectory& directory);
+  void DeliverClip(const std::string& path, const std::string& name);
+  void Deliver(const std::string& path, const std::string& name);
+  std::string OutputFileName(const std::string& folder_id, bool is_bumper, bool is_silence,
+                             int is_preview, bool start_of_message);
+
+  void DumpStatus();
+
+  std::string config_file_path;
+  std::string status_file_path;
+  std::string output_directory_path;
+  std::string translator_file_path;
+  std::string glossary_file_path;
+  int text_snippet_word_limit = 0;
+  int output_file_count_limit = 0;
+  bool configured = false;
+  uint16_t config_file_crc = 0;  // Of the configuration last applied.
+  std::map<std::string, std::unique_ptr<InputDirectory>> id_to_directory;
+  std::multimap<int, std::string> priority_to_directory_id;
+  std::string state;
+  std::string temp_input_path;                  // The snippet's text, for the translator.
+  std::string temp_output_path;                 // The translator's audio.
+  std::unique_ptr<Directory> output_directory;  // Null: none was given.
+  std::unique_ptr<Glossary> glossary;
+  uint16_t glossary_file_crc = 0;
+  int active_message_id = 0;  // The message being spoken; 0: none.
+  uint32_t next_output_snippet = 0;
+  int status_timestamp = 0;  // Counts writes of the status file.
+  bool output_bound = false;
+  std::map<std::string, std::unique_ptr<FileParser>> id_to_file_parser;
+};
+
+void Vocastra::Impl::CreateResources() {
+  temp_input_path = CreateTemporaryFile("text");
+  temp_output_path = CreateTemporaryFile("speech");
+  if (!output_directory_path.empty()) {
+    output_directory = std::make_unique<Directory>(output_directory_path);
+  }
+}
+
+Vocastra::Impl::~Impl() {
+  id_to_directory.clear();
+  ClearFileParsers();
+  unlink(temp_input_path.c_str());
+  unlink(temp_output_path.c_str());
+}
+
+void Vocastra::Impl::Run() {
+  const PauseAtEnd pause;
+  Configure();
+  CheckGlossary();
+  ProcessInputDirectories();
+  bool made_snippet = false;
+  while (ProcessSnippet()) {
+    made_snippet = true;
+    usleep(kPassPause);
+    ProcessInputDirectories();
+    DumpStatus();
+  }
+  if (!made_snippet) {
+    DumpStatus();
+  }
+}
+
+// Applies the configuration file if it has changed. A string thrown before anything is changed
+// leaves the old configuration in force; either way the file is tried again in the next pass.
+void Vocastra::Impl::Configure() {
+  const uint16_t new_config_file_crc = FileCRC(config_file_path);
+  if (configured && config_file_crc == new_config_file_crc) {
+    return;
+  }
+  const std::unique_ptr<XMLElement> root = LoadXMLTree(config_file_path, "tts-config");
+  Debug(kDebugNormal, "Processing configuration %s", config_file_path.c_str());
+  const std::string new_state = root->GetAttributeString("state");
+  ConfigureDirectories(*root);
+  RankDirectories();
+  ConfigureParsers(*root);
+  AttachParsers();
+  ApplyState(new_state);
+  configured = true;
+  config_file_crc = new_config_file_crc;
+}
+
+void Vocastra::Impl::ConfigureDirectories(const XMLElement& root) {
+  std::set<std::string> new_ids;
+  for (const XMLElement* element : root.GetChildren("directory")) {
+    std::string id;
+    try {
+      id = element->GetAttributeString("id");
+      ConfigureDirectory(*element, id, new_ids);
+    } catch (const std::string& e) {
+      Debug(kDebugNormal, "Skipped directory %s: %s", id.c_str(), e.c_str());
+    }
+  }
+  DeleteDirectoriesNotIn(new_ids);
+}
+
+// Keeps the directory if its element is unchanged, so that a reload does not disturb messages
+// that are being spoken; else builds it anew. The first element of several for one id counts.
+void Vocastra::Impl::ConfigureDirectory(const XMLElement& element, const std::string& id,
+                                        std::set<std::string>& new_ids) {
+  if (!new_ids.insert(id).second) {
+    Debug(kDebugNormal, "Duplicate directory ID \"%s\"", id.c_str());
+    return;
+  }
+  const auto existing = id_to_directory.find(id);
+  if (existing != id_to_directory.end()) {
+    if (existing->second->IsIdentical(element)) {
+      return;
+    }
+    DeleteDirectory(id);
+  }
+  id_to_directory[id] = std::make_unique<InputDirectory>(element, text_snippet_word_limit);
+  Debug(kDebugNormal, "Created new input directory %s", id.c_str());
+}
+
+void Vocastra::Impl::DeleteDirectory(const std::string& id) {
+  id_to_directory.erase(id);
+  Debug(kDebugNormal, "Deleted input directory %s", id.c_str());
+}
+
+void Vocastra::Impl::DeleteDirectoriesNotIn(const std::set<std::string>& new_ids) {
+  for (auto next = id_to_directory.begin(); next != id_to_directory.end();) {
+    const std::string id = next->first;
+    ++next;
+    if (new_ids.count(id) == 0) {
+      DeleteDirectory(id);
+    }
+  }
+}
+
+void Vocastra::Impl::RankDirectories() {
+  priority_to_directory_id.clear();
+  for (const auto& [id, directory] : id_to_directory) {
+    priority_to_directory_id.emplace(directory->GetPriority(), id);
+  }
+}
+
+void Vocastra::Impl::ConfigureParsers(const XMLElement& root) {
+  for (const auto& [id, directory] : id_to_directory) {
+    directory->SetFileParser(nullptr);
+  }
+  ClearFileParsers();
+  for (const char* encoding : {"ascii", "utf8", "utf16"}) {
+    id_to_file_parser.emplace(std::string("text-") + encoding,
+                              std::make_unique<TextFileParser>(encoding));
+  }
+  for (const XMLElement* element : root.GetChildren("parser")) {
+    ConfigureParser(*element);
+  }
+}
+
+void Vocastra::Impl::ConfigureParser(const XMLElement& element) {
+  const std::string id = element.GetAttributeString("id");
+  // The bare id is looked up among encoded ones, so only an id such as "text-utf8" is reported.
+  // Of two parsers with the same bare id the first one wins without a word.
+  if (id_to_file_parser.count(id) != 0) {
+    Debug(kDebugNormal, "Duplicate parser ID \"%s\"", id.c_str());
+    return;
+  }
+  const std::string type = element.GetAttributeString("type");
+  Debug(kDebugNormal, "Ignoring parser ID \"%s\"; type \"%s\" not supported", id.c_str(),
+        type.c_str());
+}
+
+void Vocastra::Impl::AttachParsers() {
+  for (const auto& [id, directory] : id_to_directory) {
+    const std::string parser_id = directory->GetParserID();
+    const std::string encoded_id =
+        parser_id.empty() ? kDefaultParser : parser_id + "-" + directory->GetEncoding();
+    const auto found = id_to_file_parser.find(encoded_id);
+    const FileParser* parser = nullptr;
+    if (found != id_to_file_parser.end()) {
+      parser = found->second.get();
+    } else {
+      Debug(kDebugNormal, "Directory \"%s\" uses nonexistent parser \"%s\"", id.c_str(),
+            encoded_id.c_str());
+    }
+    directory->SetFileParser(parser);
+    Debug(kDebugNormal, "Directory \"%s\" using parser %p %s", id.c_str(),
+          static_cast<const void*>(parser), encoded_id.c_str());
+  }
+}
+
+void Vocastra::Impl::ApplyState(const std::string& new_state) {
+  if (new_state == state) {
+    return;
+  }
+  if (new_state == "stop") {
+    if (output_directory) {
+      output_directory->ClearDirectoryLocked();
+    }
+    for (const auto& [id, directory] : id_to_directory) {
+      directory->StopMessage();
+    }
+  }
+  state = new_state;
+  Debug(kDebugNormal, "Now in \"%s\" state", state.c_str());
+}
+
+void Vocastra::Impl::ClearFileParsers() { id_to_file_parser.clear(); }
+
+// Rebuilds the glossary. As glossary_file_crc always stays 0, that is done in every pass, but for
+// a file whose checksum is 0: an edit is heard in the next snippet even if its checksum happens
+// to equal the old one.
+void Vocastra::Impl::CheckGlossary() {
+  if (glossary_file_path.empty()) {
+    return;
+  }
+  const uint16_t crc = FileCRC(glossary_file_path);
+  if (glossary && glossary_file_crc == crc) {
+    return;
+  }
+  glossary.reset();
+  Debug(kDebugTrace, "Processing glossary %s", glossary_file_path.c_str());
+  glossary = std::make_unique<Glossary>(glossary_file_path);
+}
+
+void Vocastra::Impl::ProcessInputDirectories() {
+  for (const auto& [id, directory] : id_to_directory) {
+    directory->Process();
+  }
+}
+
+// Makes one snippet. False if there is nothing to do or a step failed.
+bool Vocastra::Impl::ProcessSnippet() {
+  if (state != "run" || !HasRoomForOutput()) {
+    return false;
+  }
+  InputDirectory* const directory = ChooseDirectory();
+  if (directory == nullptr) {
+    active_message_id = 0;
+    return false;
+  }
+  const bool is_start = directory->FirstPlayOfActiveMessage();
+  active_message_id = directory->GetActiveMessageID();
+  const std::string message_filename = directory->GetActiveMessageFilename();
+  std::list<std::string> words = directory->GetWords();
+  if (glossary) {
+    for (std::string& word : words) {
+      word = glossary->SubstituteSpeech(word);
+    }
+  }
+  // Words whose translation fails are lost: an announcement that goes on after a gap beats one
+  // that blocks everything behind it.
+  if (!WriteSnippet(words, is_start) ||
+      !Translate(directory->GetTranslatorArguments(), message_filename)) {
+    return false;
+  }
+  if (is_start && !DeliverClips(*directory)) {
+    return true;
+  }
+  if (output_directory) {
+    Deliver(temp_output_path, OutputFileName(directory->GetDisplayId(), false, false,
+                                             directory->GetPreview(), is_start));
+  }
+  return true;
+}
+
+bool Vocastra::Impl::HasRoomForOutput() {
+  if (!output_directory) {
+    return true;
+  }
+  const bool is_full = output_directory->GetFileCountLocked() >= output_file_count_limit;
+  if (is_full != output_bound) {
+    Debug(kDebugNormal, "%s", is_full ? "Now output-bound" : "No longer output-bound");
+    output_bound = is_full;
+  }
+  return !is_full;
+}
+
+// The directory with the smallest priority number that has an active message; null if none has.
+InputDirectory* Vocastra::Impl::ChooseDirectory() {
+  for (const auto& [priority, id] : priority_to_directory_id) {
+    InputDirectory* const directory = id_to_directory.at(id).get();
+    const int message_id = directory->GetActiveMessageID();
+    Debug(kDebugTrace, "Directory %s reports an active message ID of %d", id.c_str(), message_id);
+    if (message_id != 0) {
+      Debug(kDebugTrace, "Highest priority directory is %s", id.c_str());
+      return directory;
+    }
+  }
+  return nullptr;
+}
+
+bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words, bool is_start) {
+  const OutputFile file = OpenForWriting(temp_input_path);
+  if (!file) {
+    Debug(kDebugNormal, "Could not open temporary file \"%s\" for writing",
+          temp_input_path.c_str());
+    return false;
+  }
+  if (is_start) {
+    fputs(kPauseTag, file.get());
+  }
+  for (const std::string& word : words) {
+    fprintf(file.get(), "%s ", word.c_str());
+  }
+  return true;
+}
+
+bool Vocastra::Impl::Translate(const std::string& arguments,
+                               const std::string& message_filename) const {
+  const std::string command = Format(
+      "%s %s %s %s \"%s\" > /dev/null 2>&1", translator_file_path.c_str(), temp_input_path.c_str(),
+      temp_output_path.c_str(), arguments.c_str(), message_filename.c_str());
+  Debug(kDebugNormal, "calling engine");
+  const int status = RunShell(command);
+  Debug(kDebugNormal, "done calling engine");
+  if (CommandFailed(status)) {
+    Debug(kDebugNormal, "Could not execute \"%s\"", command.c_str());
+    return false;
+  }
+  return true;
+}
+
+// Delivers what leads a message: spacer and bumper, then silence. The spacer goes with the bumper,
+// whether or not a spacer is configured. False if there is a silence clip but nowhere to put it.
+bool Vocastra::Impl::DeliverClips(const InputDirectory& directory) {
+  const std::string display_id = directory.GetDisplayId();
+  const int preview = directory.GetPreview();
+  if (!directory.GetBumperPath().empty() && output_directory) {
+    for (const std::string& path : {directory.GetSpacerPath(), directory.GetBumperPath()}) {
+      DeliverClip(path, OutputFileName(display_id, true, false, preview, false));
+    }
+  }
+  if (!directory.GetSilencePath().empty()) {
+    if (!output_directory) {
+      return false;
+    }
+    DeliverClip(directory.GetSilencePath(), OutputFileName(display_id, true, true, preview, false));
+  }
+  return true;
+}
+
+void Vocastra::Impl::DeliverClip(const std::string& path, const std::string& name) {
+  Deliver(path, name);
+  usleep(kClipPause);
+}
+
+void Vocastra::Impl::Deliver(const std::string& path, const std::string& name) {
+  Debug(kDebugNormal, "copying %s", name.c_str());
+  output_directory->CopyIntoDirectoryLocked(path, name);
+}
+
+// The next name; each one takes a number.
+std::string Vocastra::Impl::OutputFileName(const std::string& folder_id, bool is_bumper,
+                                           bool is_silence, int is_preview, bool start_of_message) {
+  const bool is_clip = is_bumper || is_silence;
+  std::string name = Format("%u_%s.", next_output_snippet++, folder_id.c_str());
+  name += is_clip ? "warn_" : "text_";
+  name += is_preview != 0 ? "pre_" : "live_";
+  name += is_clip || start_of_message ? "first" : "cont";
+  name += is_clip ? ".wav" : ".raw";
+  return name;
+}
+
+// Rewrites the status file in place: a reader may see half of it and tries again.
+void Vocastra::Impl::DumpStatus() {
+  if (status_file_path.empty()) {
+    return;
+  }
+  const OutputFile file = OpenForWriting(status_file_path);
+  if (!file) {
+    Debug(kDebugNormal, "Could not open \"%s\" for writing", status_file_path.c_str());
+    return;
+  }
+  XMLElement root("tts-status");
+  root.SetAttributeInteger("timestamp", status_timestamp++);
+  root.SetAttributeInteger("now-playing", active_message_id);
+  root.SetAttributeString("state", state);
+  root.SetAttributeInteger("output-bound", output_bound ? 1 : 0);
+  for (const auto& [id, directory] : id_to_directory) {
+    root.AddChild(directory->GetStatus());
+  }
+  root.Dump(file.get(), "");
+}
+
+Vocastra::Vocastra(const std::string& config_file_path_, const std::string& status_file_path_,
+                   const std::string& output_directory_path_,
+                   const std::string& translator_file_path_, const std::string& glossary_file_path_,
+                   const std::string&, const std::string&, int text_snippet_word_limit_,
+                   int output_file_count_limit_) {
+  auto player = std::make_unique<Impl>();
+  player->config_file_path = config_file_path_;
+  player->status_file_path = status_file_path_;
+  player->output_directory_path = output_directory_path_;
+  player->translator_file_path = translator_file_path_;
+  player->glossary_file_path = glossary_file_path_;
+  player->text_snippet_word_limit = text_snippet_word_limit_;
+  player->output_file_count_limit = output_file_count_limit_;
+  player->CreateResources();
+  impl = player.release();
+}
+
+Vocastra::~Vocastra() { delete impl; }
+
+void Vocastra::Run() { impl->Run(); }
