@@ -1,13 +1,17 @@
 #include "inputdirectory.h"
 
+#include <errno.h>
+#include <signal.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/types.h>
+#include <time.h>
 #include <unistd.h>
 #include <utf8.h>
 
-#include <cstdint>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "charencoding.h"
 #include "crc.h"
@@ -21,6 +25,10 @@ namespace {
 
 constexpr int kMaxMessageChars = 65536;  // Code points.
 constexpr int kMaxWordChars = 100;       // Code points.
+
+constexpr int kUpdateTimeout = 5;              // Seconds; for "ftp" the poll rate is added.
+constexpr unsigned int kHelperStopTime = 2;    // Seconds that a helper gets after SIGTERM.
+constexpr char kWatchPrefix[] = "/tmp/watch";  // Nothing else is ever removed as a whole.
 
 // The text without invalid UTF-8; empty if it cannot be mended.
 std::string ToValidUtf8(const std::string& text) {
@@ -93,15 +101,57 @@ void RemoveContents(const std::string& path) {
   RunCommand(Format("rm %s/* > /dev/null 2>&1", path.c_str()));
 }
 
+// Makes this forked child the helper. It starts as from a shell: signals that the daemon, or
+// whoever started it, catches, ignores or blocks are as usual again.
+[[noreturn]] void BecomeHelper(const char* kind, const std::vector<const char*>& arguments) {
+  for (int signal_number = 1; signal_number < NSIG; ++signal_number) {
+    signal(signal_number, SIG_DFL);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  execv(arguments[0], const_cast<char* const*>(arguments.data()));
+  Debug(kDebugNormal, "Unable to fork %s helper", kind);
+  _exit(255);
+}
+
+// Starts the helper; arguments[0] is its path. Returns its process id, 0 if it could not be forked.
+pid_t StartHelper(const char* kind, const std::vector<std::string>& arguments) {
+  // Everything that could fail is done before the fork.
+  std::vector<const char*> argument_pointers;
+  for (const std::string& argument : arguments) {
+    argument_pointers.push_back(argument.c_str());
+  }
+  argument_pointers.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    BecomeHelper(kind, argument_pointers);
+  }
+  if (pid < 0) {
+    // No process: -1 must not be kept, as a signal sent to it would end every process there is.
+    Debug(kDebugNormal, "Could not fork %s helper: %s", kind, strerror(errno));
+    return 0;
+  }
+  return pid;
+}
+
 }  // namespace
 
 struct InputDirectory::Impl {
-  Impl(const XMLElement& element_, int text_snippet_word_limit_);
+  Impl(const XMLElement& element_, const std::string& cifs_helper_script_path_,
+       const std::string& ftp_helper_app_path_, int text_snippet_word_limit_);
+  ~Impl();
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
 
   void ReadAttributes();
-  void OpenSource();
+  void OpenLocal();
+  void OpenCifs(const std::string& helper_path);
+  void OpenFtp(const std::string& helper_path);
+  bool IsRemote() const { return type == "cifs" || type == "ftp"; }
 
   void Process();
+  void CheckAvailability(const std::string& dirpath);
   void IndexFile(const std::string& dirpath, const std::string& name);
   void ForgetVanishedFiles();
   void ProcessCacheQueue(const std::string& dirpath);
@@ -137,6 +187,7 @@ struct InputDirectory::Impl {
   std::string dir_mode;
   int auto_delete = 0;
   bool available = false;                   // The directory currently delivers updates.
+  int ftp_poll_rate = 5;                    // Seconds.
   const FileParser* file_parser = nullptr;  // Not owned.
   bool active_message_first_play = true;
   int active_message_id = 0;  // 0: none.
@@ -146,21 +197,45 @@ struct InputDirectory::Impl {
   std::list<std::string>::iterator active_message_position = active_message_words.end();
   std::list<std::string> all_file_names;      // Of the last scan, in byte order.
   std::list<std::string> updated_file_names;  // To be taken, oldest first.
+  time_t last_timestamp_file_update = 0;      // When the helper's file last changed; 0: never.
+  uint16_t timestamp_file_crc = 0;            // Of the helper's file at that time.
   int preview = 0;
   std::map<std::string, uint16_t> file_map;  // Known files and the CRCs of their texts.
   bool first_pass = true;  // No scan has been completed while the directory was available.
+  pid_t helper_pid = 0;    // 0: none.
 };
 
 int InputDirectory::Impl::last_message_id = 0;
 
-InputDirectory::Impl::Impl(const XMLElement& element_, int text_snippet_word_limit_)
+InputDirectory::Impl::Impl(const XMLElement& element_, const std::string& cifs_helper_script_path_,
+                           const std::string& ftp_helper_app_path_, int text_snippet_word_limit_)
     : text_snippet_word_limit(text_snippet_word_limit_) {
   config = element_;
   ReadAttributes();
   if (!last_played_path.empty()) {
     RemoveContents(last_played_path);
   }
-  OpenSource();
+  type = config.GetAttributeString("type", "");
+  if (type == "local") {
+    OpenLocal();
+  } else if (type == "cifs") {
+    OpenCifs(cifs_helper_script_path_);
+  } else if (type == "ftp") {
+    OpenFtp(ftp_helper_app_path_);
+  }
+}
+
+// The helper is not waited for: one that does not end in time must not hold up the daemon.
+InputDirectory::Impl::~Impl() {
+  if (helper_pid != 0) {
+    Debug(kDebugNormal, "Sending SIGTERM to PID %u", static_cast<unsigned int>(helper_pid));
+    kill(helper_pid, SIGTERM);
+    sleep(kHelperStopTime);
+  }
+  if (IsRemote() && rootdir.compare(0, strlen(kWatchPrefix), kWatchPrefix) == 0) {
+    Debug(kDebugNormal, "Removing temporary directory %s", rootdir.c_str());
+    RunCommand(Format("rm -rf %s", rootdir.c_str()));
+  }
 }
 
 void InputDirectory::Impl::ReadAttributes() {
@@ -179,20 +254,47 @@ void InputDirectory::Impl::ReadAttributes() {
   silence_path = config.GetAttributeString("silence-path", "");
   dir_mode = config.GetAttributeString("dir-mode", "");
   auto_delete = config.GetAttributeInteger("auto-delete", 0);
+  ftp_poll_rate = config.GetAttributeInteger("ftp-poll-rate", 5);
 }
 
-void InputDirectory::Impl::OpenSource() {
-  type = config.GetAttributeString("type", "");
-  if (type == "local") {
-    rootdir = config.GetAttributeString("path", "");
-    if (!rootdir.empty()) {
-      RemoveContents(rootdir);
-    }
+void InputDirectory::Impl::OpenLocal() {
+  rootdir = config.GetAttributeString("path", "");
+  if (!rootdir.empty()) {
+    RemoveContents(rootdir);
   }
+}
+
+// The order of the helpers' arguments is their contract. It differs between the two.
+void InputDirectory::Impl::OpenCifs(const std::string& helper_path) {
+  if (helper_path.empty()) {
+    throw Format("Ignoring CIFS mount; no CIFS helper directory");
+  }
+  rootdir = CreateTemporaryDirectory("watch");
+  helper_pid = StartHelper(
+      "CIFS", {helper_path, config.GetAttributeString("path", ""),
+               config.GetAttributeString("username", ""), config.GetAttributeString("password", ""),
+               subdir, rootdir, config.GetAttributeString("mount-opts", ""),
+               Format("%u", static_cast<unsigned int>(auto_delete))});
+}
+
+void InputDirectory::Impl::OpenFtp(const std::string& helper_path) {
+  if (helper_path.empty()) {
+    throw Format("Ignoring FTP dir; no FTP helper directory");
+  }
+  rootdir = CreateTemporaryDirectory("watch");
+  helper_pid = StartHelper(
+      "FTP", {helper_path, config.GetAttributeString("path", ""), subdir,
+              config.GetAttributeString("username", ""), config.GetAttributeString("password", ""),
+              rootdir, Format("%u", static_cast<unsigned int>(auto_delete)),
+              Format("%u", static_cast<unsigned int>(ftp_poll_rate)),
+              config.GetAttributeString("ftp-mode", "passive")});
 }
 
 void InputDirectory::Impl::Process() {
   const std::string dirpath = AddTrailingSlash(rootdir) + AddTrailingSlash(subdir);
+  if (IsRemote()) {
+    CheckAvailability(dirpath);
+  }
   all_file_names = Directory(dirpath).GetFileNames();
   if (type == "local") {
     available = true;
@@ -214,6 +316,26 @@ void InputDirectory::Impl::Process() {
   }
   while (active_message_id == 0 && !updated_file_names.empty()) {
     TakeMessage(dirpath);
+  }
+}
+
+// A remote directory delivers updates as long as its helper rewrites the timestamp file with new
+// content. A missing or unreadable file, whose checksum is 0, is no update.
+void InputDirectory::Impl::CheckAvailability(const std::string& dirpath) {
+  const uint16_t crc = FileCRC(dirpath + ".helper.timestamp");
+  const time_t now = time(nullptr);
+  if (crc != 0 && (last_timestamp_file_update == 0 || crc != timestamp_file_crc)) {
+    last_timestamp_file_update = now;
+    timestamp_file_crc = crc;
+    if (!available) {
+      Debug(kDebugNormal, "Directory %s is receiving updates", dirpath.c_str());
+      available = true;
+    }
+  }
+  const time_t timeout = kUpdateTimeout + (type == "ftp" ? time_t{ftp_poll_rate} : 0);
+  if (available && now - last_timestamp_file_update > timeout) {
+    Debug(kDebugNormal, "Directory %s is no longer receiving updates", dirpath.c_str());
+    available = false;
   }
 }
 
@@ -380,8 +502,12 @@ int InputDirectory::Impl::CountUpdatedFiles() const {
   return last_played_path.empty() ? 0 : Directory(last_played_path).GetFileCountLocked();
 }
 
-InputDirectory::InputDirectory(const XMLElement& element_, int text_snippet_word_limit_)
-    : impl(new Impl(element_, text_snippet_word_limit_)) {}
+InputDirectory::InputDirectory(const XMLElement& element_,
+                               const std::string& cifs_helper_script_path_,
+                               const std::string& ftp_helper_app_path_,
+                               int text_snippet_word_limit_)
+    : impl(new Impl(element_, cifs_helper_script_path_, ftp_helper_app_path_,
+                    text_snippet_word_limit_)) {}
 
 InputDirectory::~InputDirectory() { delete impl; }
 

@@ -1,5 +1,9 @@
 // One source of messages: a directory whose files are scanned, queued, and spoken one by one.
 //
+// It is of type "local", a directory of this machine, or "cifs" or "ftp": a helper process then
+// mirrors the remote files into a private watch directory and shows that it is alive by rewriting
+// the file ".helper.timestamp" in there.
+//
 // Built from a "directory" element of the configuration. Each Process() is one scan; between
 // scans GetWords() hands out the active message a snippet at a time.
 #pragma once
@@ -12,9 +16,12 @@ class XMLElement;
 
 class InputDirectory {
  public:
-  // Empties the last-played directory and the directory itself: messages from before are not
-  // spoken. Throws a string if an attribute is unusable.
-  InputDirectory(const XMLElement& element_, int text_snippet_word_limit_);
+  // Empties the last-played directory and, if it is local, the directory itself: messages from
+  // before are not spoken. Starts the helper of a remote one.
+  // Throws a string if an attribute is unusable or the helper's path is empty but needed.
+  InputDirectory(const XMLElement& element_, const std::string& cifs_helper_script_path_,
+                 const std::string& ftp_helper_app_path_, int text_snippet_word_limit_);
+  // Stops the helper, which takes 2 seconds, and removes its watch directory.
   ~InputDirectory();
 
   InputDirectory(const InputDirectory&) = delete;

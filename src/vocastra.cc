@@ -17,12 +17,14 @@
 #include "inputdirectory.h"
 #include "textfileparser.h"
 #include "xml.h"
+#include "xmlfileparser.h"
 
 namespace {
 
 constexpr useconds_t kPassPause = 100000;  // Microseconds; the system's whole pacing.
 constexpr useconds_t kClipPause = 70000;   // Microseconds, after each clip.
 
+constexpr const char* kEncodings[] = {"ascii", "utf8", "utf16"};
 constexpr char kDefaultParser[] = "text-utf8";
 constexpr char kPauseTag[] = "\\pau=300\\ ";  // 300 ms of silence lead every message.
 
@@ -87,6 +89,8 @@ struct Vocastra::Impl {
   std::string output_directory_path;
   std::string translator_file_path;
   std::string glossary_file_path;
+  std::string cifs_helper_script_path;
+  std::string ftp_helper_app_path;
   int text_snippet_word_limit = 0;
   int output_file_count_limit = 0;
   bool configured = false;
@@ -186,7 +190,8 @@ void Vocastra::Impl::ConfigureDirectory(const XMLElement& element, const std::st
     }
     DeleteDirectory(id);
   }
-  id_to_directory[id] = std::make_unique<InputDirectory>(element, text_snippet_word_limit);
+  id_to_directory[id] = std::make_unique<InputDirectory>(
+      element, cifs_helper_script_path, ftp_helper_app_path, text_snippet_word_limit);
   Debug(kDebugNormal, "Created new input directory %s", id.c_str());
 }
 
@@ -217,7 +222,7 @@ void Vocastra::Impl::ConfigureParsers(const XMLElement& root) {
     directory->SetFileParser(nullptr);
   }
   ClearFileParsers();
-  for (const char* encoding : {"ascii", "utf8", "utf16"}) {
+  for (const char* encoding : kEncodings) {
     id_to_file_parser.emplace(std::string("text-") + encoding,
                               std::make_unique<TextFileParser>(encoding));
   }
@@ -235,8 +240,15 @@ void Vocastra::Impl::ConfigureParser(const XMLElement& element) {
     return;
   }
   const std::string type = element.GetAttributeString("type");
-  Debug(kDebugNormal, "Ignoring parser ID \"%s\"; type \"%s\" not supported", id.c_str(),
-        type.c_str());
+  if (type != "xml") {
+    Debug(kDebugNormal, "Ignoring parser ID \"%s\"; type \"%s\" not supported", id.c_str(),
+          type.c_str());
+    return;
+  }
+  for (const char* encoding : kEncodings) {
+    id_to_file_parser.emplace(id + "-" + encoding,
+                              std::make_unique<XMLFileParser>(&element, encoding));
+  }
 }
 
 void Vocastra::Impl::AttachParsers() {
@@ -455,7 +467,8 @@ void Vocastra::Impl::DumpStatus() {
 Vocastra::Vocastra(const std::string& config_file_path_, const std::string& status_file_path_,
                    const std::string& output_directory_path_,
                    const std::string& translator_file_path_, const std::string& glossary_file_path_,
-                   const std::string&, const std::string&, int text_snippet_word_limit_,
+                   const std::string& cifs_helper_script_path_,
+                   const std::string& ftp_helper_app_path_, int text_snippet_word_limit_,
                    int output_file_count_limit_) {
   auto player = std::make_unique<Impl>();
   player->config_file_path = config_file_path_;
@@ -463,6 +476,8 @@ Vocastra::Vocastra(const std::string& config_file_path_, const std::string& stat
   player->output_directory_path = output_directory_path_;
   player->translator_file_path = translator_file_path_;
   player->glossary_file_path = glossary_file_path_;
+  player->cifs_helper_script_path = cifs_helper_script_path_;
+  player->ftp_helper_app_path = ftp_helper_app_path_;
   player->text_snippet_word_limit = text_snippet_word_limit_;
   player->output_file_count_limit = output_file_count_limit_;
   player->CreateResources();

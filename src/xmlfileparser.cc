@@ -1,0 +1,196 @@
+#include "xmlfileparser.h"
+
+#include <ctype.h>
+
+#include <list>
+#include <memory>
+#include <vector>
+
+#include "debug.h"
+#include "xml.h"
+
+namespace {
+
+constexpr size_t kMaxTextBytes = 65536;
+
+// A rule: which children of an element are extracted.
+struct Field {
+  explicit Field(const XMLElement& element)
+      : parent(element.GetAttributeString("parent", "")),
+        tag(element.GetAttributeString("tag")),
+        attr(element.GetAttributeString("attr")),
+        attr_value(element.GetAttributeString("attr_value")) {}
+
+  std::string parent;  // If not empty, the holder of the child or an ancestor of it is so named.
+  std::string tag;     // The child's name. A rule without one is skipped.
+  std::string attr;    // Text mode: a condition, if not empty. Attribute mode: what is extracted.
+  std::string attr_value;  // Text mode: what attr must be.
+};
+
+// A field while a tree is walked.
+struct ActiveField {
+  const Field* field;
+  int parents_on_path;  // Elements from the root to the current one that are named field->parent.
+};
+
+// Logs if the text has no room for that many bytes more. One byte is counted for the separator,
+// though it has two.
+bool HasRoom(const std::string& text, size_t bytes) {
+  if (text.size() + bytes + 1 > kMaxTextBytes) {
+    Debug(kDebugNormal, "Too many characters, truncating");
+    return false;
+  }
+  return true;
+}
+
+void AppendPiece(std::string& text, const std::string& piece) {
+  if (!text.empty() && isspace(static_cast<unsigned char>(text.back())) == 0) {
+    text += ". ";
+  }
+  text += piece;
+}
+
+}  // namespace
+
+struct XMLFileParser::Impl {
+  Impl(const XMLElement& element, const std::string& encoding_);
+
+  void ParseElement(std::string& text_, const XMLElement* element_) const;
+  void ExtractFields(std::string& text, const XMLElement& element,
+                     const std::vector<ActiveField>& fields) const;
+  void ExtractChild(std::string& text, const XMLElement& child, const Field& field) const;
+
+  std::string id;
+  std::string type;
+  bool extractAttrValue;  // Fields yield attribute values instead of text.
+  std::list<Field> field_list;
+  std::string encoding;
+};
+
+XMLFileParser::Impl::Impl(const XMLElement& element, const std::string& encoding_)
+    : id(element.GetAttributeString("id")),
+      type(element.GetAttributeString("type")),
+      extractAttrValue(element.GetAttributeInteger("attr-mode", 0) != 0),
+      encoding(encoding_) {
+  for (const XMLElement* field : element.GetChildren("field")) {
+    field_list.emplace_back(*field);
+  }
+}
+
+// Walks the tree in document order, parents before children. The way back up is kept here and not
+// on the stack, and the ancestors' names are counted on the way: a document may be as deep as it
+// is long.
+void XMLFileParser::Impl::ParseElement(std::string& text_, const XMLElement* element_) const {
+  if (element_ == nullptr) {
+    Debug(kDebugNormal, "NULL element");
+    return;
+  }
+  std::vector<ActiveField> fields;
+  for (const Field& field : field_list) {
+    fields.push_back({&field, 0});
+  }
+  const auto count_on_path = [&fields](const XMLElement& element, int difference) {
+    const std::string name = element.GetName();
+    for (ActiveField& field : fields) {
+      field.parents_on_path += field.field->parent == name ? difference : 0;
+    }
+  };
+  struct Level {
+    const XMLElement* element;
+    std::list<const XMLElement*> children;  // Not visited yet.
+  };
+  std::vector<Level> path;
+  const auto enter = [&](const XMLElement* element) {
+    count_on_path(*element, 1);
+    ExtractFields(text_, *element, fields);
+    path.push_back({element, element->GetChildren("")});
+  };
+  enter(element_);
+  while (!path.empty()) {
+    Level& level = path.back();
+    if (level.children.empty()) {
+      count_on_path(*level.element, -1);
+      path.pop_back();
+    } else {
+      const XMLElement* child = level.children.front();
+      level.children.pop_front();
+      enter(child);
+    }
+  }
+}
+
+// Appends what the fields extract from the children of element.
+void XMLFileParser::Impl::ExtractFields(std::string& text, const XMLElement& element,
+                                        const std::vector<ActiveField>& fields) const {
+  Debug(kDebugTrace, "Checking Element %s", element.GetName().c_str());
+  for (const auto& [field, parents_on_path] : fields) {
+    Debug(kDebugTrace, "Checking Field %s/%s", field->parent.c_str(), field->tag.c_str());
+    if (field->tag.empty()) {
+      Debug(kDebugTrace, "Skipping due to empty tag");
+      continue;
+    }
+    for (const XMLElement* child : element.GetChildren(field->tag)) {
+      Debug(kDebugTrace, "Processing child \"%s\"", child->GetName().c_str());
+      if (!field->parent.empty() && parents_on_path == 0) {
+        Debug(kDebugTrace, "Skipping due to parent mismatch %s %s", element.GetName().c_str(),
+              field->parent.c_str());
+        continue;
+      }
+      ExtractChild(text, *child, *field);
+    }
+  }
+}
+
+// Appends the piece that field yields for child, if any.
+void XMLFileParser::Impl::ExtractChild(std::string& text, const XMLElement& child,
+                                       const Field& field) const {
+  const std::string child_text = child.GetText();
+  // Also in attribute mode, where the text is not used: one bound for a message in either mode.
+  if (!HasRoom(text, child_text.size())) {
+    return;
+  }
+  if (!child_text.empty()) {
+    Debug(kDebugTrace, "found text");
+  }
+  if (extractAttrValue) {
+    Debug(kDebugNormal, "extract attr value");
+    if (field.attr.empty()) {
+      return;
+    }
+    const std::string found_attr_value = child.GetAttributeString(field.attr, "");
+    if (HasRoom(text, found_attr_value.size())) {
+      AppendPiece(text, found_attr_value);
+    }
+    return;
+  }
+  if (!field.attr.empty()) {
+    const std::string found_attr_value = child.GetAttributeString(field.attr, "");
+    if (found_attr_value != field.attr_value) {
+      Debug(kDebugTrace, "Skipping due to attr mismatch key %s act %s", field.attr_value.c_str(),
+            found_attr_value.c_str());
+      return;
+    }
+  }
+  AppendPiece(text, child_text);
+}
+
+XMLFileParser::XMLFileParser(const XMLElement* element_, const std::string& encoding_)
+    : impl(new Impl(*element_, encoding_)) {}
+
+XMLFileParser::~XMLFileParser() { delete impl; }
+
+std::string XMLFileParser::ParseFile(const std::string& path_) const {
+  std::string text;
+  try {
+    const XMLDocument document(path_, impl->encoding);
+    const std::unique_ptr<XMLElement> root(document.GetRoot());
+    if (document.IsValidXML()) {
+      impl->ParseElement(text, root.get());
+    } else {
+      Debug(kDebugNormal, "Unable to read %s as XML document", path_.c_str());
+    }
+  } catch (const std::string& e) {
+    Debug(kDebugNormal, "Unable to read %s as XML document: %s", path_.c_str(), e.c_str());
+  }
+  return text;
+}
