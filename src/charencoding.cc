@@ -68,7 +68,7 @@ std::string ExtAsciiToUtf8Char(char c) {
   }
 }
 
-std::string ExtAsciiToUtf8String(const std::string orig) {
+std::string ExtAsciiToUtf8String(const std::string& orig) {
   std::string text;
   for (const char c : orig) {
     text += ExtAsciiToUtf8Char(c);

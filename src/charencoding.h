@@ -28,7 +28,7 @@ bool Utf8IsControl(uint32_t cp);
 std::string ExtAsciiToUtf8Char(char c);
 
 // ExtAsciiToUtf8Char of every byte, in order.
-std::string ExtAsciiToUtf8String(const std::string orig);
+std::string ExtAsciiToUtf8String(const std::string& orig);
 
 // True if text_ holds no invalid UTF-8 sequence.
 bool Utf8IsValid(const std::string& text_);

@@ -119,6 +119,7 @@ void RemoveContents(const std::string& path) {
 pid_t StartHelper(const char* kind, const std::vector<std::string>& arguments) {
   // Everything that could fail is done before the fork.
   std::vector<const char*> argument_pointers;
+  argument_pointers.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     argument_pointers.push_back(argument.c_str());
   }

@@ -175,7 +175,7 @@ Options ParseOptions(int argc, char** argv) {
 void OpenMissingStandardStreams() {
   int fd = 0;
   do {
-    fd = open("/dev/null", O_RDWR);
+    fd = open("/dev/null", O_RDWR);  // NOLINT(android-cloexec-open): children get these three.
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd >= 0) {
     close(fd);

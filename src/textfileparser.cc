@@ -55,7 +55,7 @@ std::string ToValidUtf8(const std::string& content) {
       return content;
     }
     Debug(kDebugNormal, "Re-encoding file to UTF-8");
-    const std::string text = Utf8ReplaceInvalid(content);
+    std::string text = Utf8ReplaceInvalid(content);
     Debug(kDebugNormal, "re-encode");
     DumpBytes(text);
     if (Utf8IsValid(text)) {
