@@ -18,6 +18,7 @@ namespace {
 
 constexpr size_t kPathSize = 4096;
 
+// The template of a temporary name, in the fixed buffer that the C library fills in.
 struct TemplatePath {
   explicit TemplatePath(const char* prefix) {
     safe_strncpy(text, sizeof(text), "/tmp/");
@@ -116,18 +117,20 @@ void RunCommand(const std::string& cmd_) {
 }
 
 std::string CreateTemporaryDirectory(const char* prefix_) {
-  TemplatePath path(prefix_);
+  const TemplatePath path_template(prefix_);
+  TemplatePath path = path_template;  // Overwritten, also on failure.
   if (mkdtemp(path.text) == nullptr) {
-    throw Format("Could not create temporary directory with template \"%s\"", path.text);
+    throw Format("Could not create temporary directory with template \"%s\"", path_template.text);
   }
   return path.text;
 }
 
 std::string CreateTemporaryFile(const char* prefix_) {
-  TemplatePath path(prefix_);
+  const TemplatePath path_template(prefix_);
+  TemplatePath path = path_template;
   const int fd = mkostemp(path.text, O_CLOEXEC);
   if (fd < 0) {
-    throw Format("Could not create temporary file with template \"%s\"", path.text);
+    throw Format("Could not create temporary file with template \"%s\"", path_template.text);
   }
   close(fd);
   return path.text;

@@ -1,0 +1,22 @@
+# Toolchain for 32-bit ARM (Debian armhf). The target's libraries come from a private sysroot that
+# tools/armhf fills; the machine's own packages are not touched.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+
+set(ARMHF_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot CACHE PATH "Target's libraries")
+get_filename_component(armhf_sysroot ${ARMHF_SYSROOT} ABSOLUTE)
+set(CMAKE_FIND_ROOT_PATH ${armhf_sysroot} /usr/arm-linux-gnueabihf)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+# Headers and CMake's package files of the sysroot come first; BOTH also finds the build directory.
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
+
+# Programs of the build tree find the sysroot's libraries by themselves.
+set(CMAKE_BUILD_RPATH ${armhf_sysroot}/lib/${CMAKE_LIBRARY_ARCHITECTURE}
+                      ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
+
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L /usr/arm-linux-gnueabihf)
