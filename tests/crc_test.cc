@@ -32,6 +32,13 @@ TEST(CRCTest, HasTheCataloguedCheckValues) {
   EXPECT_EQ(0x6F91, CRCOf(0xFFFF, "123456789"));
 }
 
+TEST(CRCTest, OfOneByteIsItsTableEntry) {
+  EXPECT_EQ(0x0000, CRCOf(0, std::string(1, '\x00')));
+  EXPECT_EQ(0x1189, CRCOf(0, "\x01"));
+  EXPECT_EQ(0x2312, CRCOf(0, "\x02"));
+  EXPECT_EQ(0x0F78, CRCOf(0, "\xFF"));
+}
+
 TEST(CRCTest, LeavesTheChecksumAloneForNoBytes) {
   EXPECT_EQ(0, CRC(0, nullptr, 0));
   EXPECT_EQ(0x1234, CRC(0x1234, nullptr, 0));
@@ -63,9 +70,27 @@ TEST(FileCRCTest, IsZeroForAnEmptyAndForAMissingFile) {
   EXPECT_EQ("", LogOf([&] { EXPECT_EQ(0, FileCRC(directory / "missing")); }, kDebugAvailable));
 }
 
+TEST(FileCRCTest, IsZeroForADirectory) {
+  const TemporaryDirectory directory;
+  EXPECT_EQ("", LogOf([&] { EXPECT_EQ(0, FileCRC(directory.path())); }, kDebugAvailable));
+}
+
+TEST(FileCRCTest, TakesTheBytesAsTheyAre) {
+  const TemporaryDirectory directory;
+  const std::string bytes("\r\n\n\r\x1A\0\xFF\xFE z", 10);
+  EXPECT_EQ(BitwiseCRC(0, bytes), FileCRC(directory.Write("file", bytes)));
+}
+
+TEST(FileCRCTest, ClosesTheFile) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("file", "text");
+  FileCRC(path);
+  EXPECT_THAT(DescriptorsOf(path), testing::IsEmpty());
+}
+
 TEST(FileCRCTest, CoversTheWholeFile) {
   const TemporaryDirectory directory;
-  for (const size_t length : {1, 1023, 1024, 1025, 16383, 16384, 16385, 100000}) {
+  for (const size_t length : {1U, 1023U, 1024U, 1025U, 16383U, 16384U, 16385U, 100000U}) {
     const std::string bytes = Bytes(length);
     EXPECT_EQ(CRCOf(0, bytes), FileCRC(directory.Write("file", bytes))) << length;
   }

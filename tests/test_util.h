@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "debug.h"
 #include "fileparser.h"
@@ -61,6 +62,20 @@ inline std::string ReadFile(const std::string& path) {
 }
 
 inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// This process's open descriptors of the file or directory at path.
+inline std::vector<int> DescriptorsOf(const std::string& path) {
+  struct stat wanted {};
+  EXPECT_EQ(0, stat(path.c_str(), &wanted)) << path;
+  std::vector<int> descriptors;
+  for (int fd = 0; fd < 1024; ++fd) {
+    struct stat found {};
+    if (fstat(fd, &found) == 0 && found.st_dev == wanted.st_dev && found.st_ino == wanted.st_ino) {
+      descriptors.push_back(fd);
+    }
+  }
+  return descriptors;
+}
 
 // What the action writes to standard error, that is, its log lines, with this debug mask.
 inline std::string LogOf(const std::function<void()>& action, unsigned int mask = kDebugDefault) {

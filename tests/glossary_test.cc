@@ -1,0 +1,258 @@
+#include "glossary.h"
+
+#include <random>
+#include <set>
+#include <type_traits>
+
+#include "test_util.h"
+
+namespace {
+
+static_assert(!std::is_copy_constructible_v<Glossary> && !std::is_copy_assignable_v<Glossary>);
+
+class GlossaryTest : public testing::Test {
+ protected:
+  const std::string& Write(const std::string& content) {
+    path_ = directory_.Write("glossary.xml", content);
+    return path_;
+  }
+  // A glossary of these entries: written word and speech text.
+  Glossary Load(const std::vector<std::pair<std::string, std::string>>& entries) {
+    std::string content = "<glossary>";
+    for (const auto& [text, speech] : entries) {
+      content += "<word text=\"" + text + "\" speech=\"" + speech + "\"/>";
+    }
+    return Glossary(Write(content + "</glossary>"));
+  }
+  // The failure to load this content, and the log of it.
+  void ExpectFailure(const std::string& reason, const std::string& content) {
+    const std::string& path = Write(content);
+    EXPECT_EQ(reason + "\n", LogOf([&] {
+                EXPECT_EQ("Reading glossary " + path + ": " + reason,
+                          ThrownText([&] { const Glossary glossary(path); }));
+              }))
+        << content;
+  }
+
+  const TemporaryDirectory directory_;
+  std::string path_;
+};
+
+TEST_F(GlossaryTest, ReplacesTheWordsThatItHas) {
+  const Glossary glossary = Load({{"Dr", "doctor"}, {"km/h", "kilometres per hour"}, {"é", "ä ö"}});
+  EXPECT_EQ("doctor", glossary.SubstituteSpeech("Dr"));
+  EXPECT_EQ("kilometres per hour", glossary.SubstituteSpeech("km/h"));
+  EXPECT_EQ("ä ö", glossary.SubstituteSpeech("é"));
+  EXPECT_EQ("other", glossary.SubstituteSpeech("other"));
+}
+
+TEST_F(GlossaryTest, KeepsThePointsAndCommasAroundAWord) {
+  const Glossary glossary = Load({{"Dr", "doctor"}});
+  const struct {
+    const char* word;
+    const char* spoken;
+  } rows[] = {{"Dr.,", "doctor.,"},         {"..Dr", "..doctor"}, {"Dr...", "doctor..."},
+              {",.,Dr.,.", ",.,doctor.,."}, {".Dr", ".doctor"},   {"Dr,", "doctor,"}};
+  for (const auto& [word, spoken] : rows) {
+    EXPECT_EQ(spoken, glossary.SubstituteSpeech(word)) << word;
+  }
+}
+
+TEST_F(GlossaryTest, ComparesExactly) {
+  const Glossary glossary = Load({{"Dr", "doctor"}, {"Dr!", "doctor!!"}});
+  EXPECT_EQ("doctor!!", glossary.SubstituteSpeech("Dr!"));
+  EXPECT_EQ(".doctor!!,", glossary.SubstituteSpeech(".Dr!,"));
+  for (const std::string word :
+       {"dr", "DR", "D", "Drs", " Dr", "Dr ", "Dr?", "(Dr)", "Dr.!", "D.r", "!Dr", "..dr..", ""}) {
+    EXPECT_EQ(word, glossary.SubstituteSpeech(word)) << '"' << word << '"';
+  }
+}
+
+TEST_F(GlossaryTest, LooksUpASinglePointOrCommaAsItIs) {
+  const Glossary glossary = Load({{".", "full stop"}, {",", "comma"}});
+  EXPECT_EQ("full stop", glossary.SubstituteSpeech("."));
+  EXPECT_EQ("comma", glossary.SubstituteSpeech(","));
+  // The last one is looked up and spoken in place of the first one.
+  EXPECT_EQ("full stop..", glossary.SubstituteSpeech("..."));
+  EXPECT_EQ(".comma", glossary.SubstituteSpeech(".,"));
+  EXPECT_EQ(",full stop", glossary.SubstituteSpeech(",."));
+}
+
+TEST_F(GlossaryTest, ReturnsPointsAndCommasWithoutAnEntry) {
+  const Glossary glossary = Load({{"Dr", "doctor"}});
+  for (const std::string word : {".", ",", "..", ",,", ".,.,"}) {
+    EXPECT_EQ(word, glossary.SubstituteSpeech(word));
+  }
+}
+
+TEST_F(GlossaryTest, ReplacesFromTheFirstByteThatTheKeyHasToo) {
+  const Glossary glossary = Load({{"a.b", "speech"}, {"x,y", "other"}});
+  EXPECT_EQ("speech", glossary.SubstituteSpeech("a.b"));
+  EXPECT_EQ("speechb", glossary.SubstituteSpeech(".a.b"));
+  EXPECT_EQ("speech.b", glossary.SubstituteSpeech("..a.b"));
+  EXPECT_EQ(",speech.", glossary.SubstituteSpeech(",a.b."));
+  EXPECT_EQ(".otherx,y", glossary.SubstituteSpeech(".,,,x,y"));
+}
+
+TEST_F(GlossaryTest, LooksUpAnEmptyWord) {
+  EXPECT_EQ("silence", Load({{"", "silence"}}).SubstituteSpeech(""));
+  EXPECT_EQ("", Load({{"Dr", "doctor"}}).SubstituteSpeech(""));
+  EXPECT_EQ(".", Load({{"", "silence"}}).SubstituteSpeech("."));
+}
+
+TEST_F(GlossaryTest, AcceptsAnEmptySpeech) {
+  const Glossary glossary = Load({{"uh", ""}});
+  EXPECT_EQ("", glossary.SubstituteSpeech("uh"));
+  EXPECT_EQ("..,", glossary.SubstituteSpeech("..uh,"));
+}
+
+TEST_F(GlossaryTest, KeepsTheFirstOfSeveralEntries) {
+  const Glossary glossary = Load({{"a", "first"}, {"b", "other"}, {"a", "second"}, {"a", ""}});
+  EXPECT_EQ("first", glossary.SubstituteSpeech("a"));
+  EXPECT_EQ("other", glossary.SubstituteSpeech("b"));
+}
+
+TEST_F(GlossaryTest, TakesWordsWithAnyBytes) {
+  const Glossary glossary = Load({{"a", "speech"}});
+  const std::string word("a\0b", 3);
+  EXPECT_EQ(word, glossary.SubstituteSpeech(word));
+  EXPECT_EQ("\xFF\xFE", glossary.SubstituteSpeech("\xFF\xFE"));
+}
+
+TEST_F(GlossaryTest, DoesNotSubstituteInWhatItSubstituted) {
+  const Glossary glossary = Load({{"a", "b"}, {"b", "c"}});
+  EXPECT_EQ("b", glossary.SubstituteSpeech("a"));
+}
+
+TEST_F(GlossaryTest, ReadsOnlyTheWordsBelowItsRoot) {
+  const Glossary glossary(
+      Write("<?xml version='1.0'?>\n<!-- words -->\n"
+            "<glossary version='2'>\n"
+            "  text <other text='b' speech='no'/>\n"
+            "  <word text='a' speech='&lt;A&gt; &amp; &quot;B&quot;' more='x'>ignored</word>\n"
+            "  <group><word text='c' speech='no'/><word/></group>\n"
+            "  <Word text='d' speech='no'/>\n"
+            "</glossary>\n"));
+  EXPECT_EQ("<A> & \"B\"", glossary.SubstituteSpeech("a"));
+  for (const std::string word : {"b", "c", "d"}) {
+    EXPECT_EQ(word, glossary.SubstituteSpeech(word));
+  }
+}
+
+TEST_F(GlossaryTest, LoadsAFileWithoutWords) {
+  const Glossary glossary(Write("<glossary/>"));
+  EXPECT_EQ("word", glossary.SubstituteSpeech("word"));
+}
+
+TEST_F(GlossaryTest, LoadsAFileThatEndsEarly) {
+  const Glossary glossary(Write("<glossary><word text='a' speech='b'/><word text='c'"));
+  EXPECT_EQ("b", glossary.SubstituteSpeech("a"));
+  EXPECT_EQ("c", glossary.SubstituteSpeech("c"));
+}
+
+TEST_F(GlossaryTest, MendsInvalidUtf8) {
+  const Glossary glossary(Write("<glossary><word text='a' speech='caf\xE9'/></glossary>"));
+  EXPECT_EQ("caf\uFFFD", glossary.SubstituteSpeech("a"));
+}
+
+TEST_F(GlossaryTest, LogsNothingInTheNormalClassWhenAllIsWell) {
+  Write("<glossary><word text='a' speech='b'/></glossary>");
+  EXPECT_EQ("", LogOf([&] { Glossary(path_).SubstituteSpeech("a"); }));
+}
+
+TEST_F(GlossaryTest, FailsWithoutAFile) {
+  const std::string path = directory_ / "missing";
+  const std::string reason = "Could not open \"" + path + "\" for reading";
+  EXPECT_EQ(reason + "\n", LogOf([&] {
+              EXPECT_EQ("Reading glossary " + path + ": " + reason,
+                        ThrownText([&] { const Glossary glossary(path); }));
+            }));
+}
+
+TEST_F(GlossaryTest, FailsWithoutItsRoot) {
+  for (const char* const content :
+       {"", " ", "<!-- no root -->", "<words/>", "<Glossary/>", "<words><glossary/></words>"}) {
+    ExpectFailure("No \"glossary\" root element", content);
+  }
+}
+
+TEST_F(GlossaryTest, FailsForAWordWithoutAnAttribute) {
+  ExpectFailure("Element word has no attribute text", "<glossary><word speech='b'/></glossary>");
+  ExpectFailure("Element word has no attribute speech", "<glossary><word text='a'/></glossary>");
+  ExpectFailure("Element word has no attribute text", "<glossary><word/></glossary>");
+  ExpectFailure("Element word has no attribute speech",
+                "<glossary><word text='a' speech='b'/><word text='c' Speech='d'/></glossary>");
+}
+
+TEST_F(GlossaryTest, FailsForMalformedXml) {
+  ExpectFailure("mismatched tag at line 2", "<glossary>\n<word text='a' speech='b'></glossary>");
+  ExpectFailure("duplicate attribute at line 1", "<glossary><word text='a' text='b'/></glossary>");
+  ExpectFailure("junk after document element at line 1", "<glossary/><glossary/>");
+  ExpectFailure("not well-formed (invalid token) at line 3", "<glossary>\n\n<word text=a/>");
+}
+
+TEST_F(GlossaryTest, NamesTheRootRatherThanTheErrorIfBothAreWrong) {
+  const std::string path = Write("<words>\n</glossary>");
+  EXPECT_EQ("mismatched tag at line 2\nNo \"glossary\" root element\n", LogOf([&] {
+              EXPECT_EQ("Reading glossary " + path + ": No \"glossary\" root element",
+                        ThrownText([&] { const Glossary glossary(path); }));
+            }));
+}
+
+// The rules once more, as plainly as they can be told.
+std::string Retold(const std::map<std::string, std::string>& entries, const std::string& word) {
+  std::string key = word;
+  while (key.size() >= 2 && (key[0] == '.' || key[0] == ',')) {
+    key = key.substr(1);
+  }
+  while (key.size() >= 2 && (key[key.size() - 1] == '.' || key[key.size() - 1] == ',')) {
+    key.pop_back();
+  }
+  if (entries.count(key) == 0) {
+    return word;
+  }
+  const std::set<char> key_bytes(key.begin(), key.end());
+  std::string before;
+  size_t i = 0;
+  while (i < word.size() && key_bytes.count(word[i]) == 0) {
+    before += word[i++];
+  }
+  if (i == word.size()) {
+    return entries.at(key);
+  }
+  std::string after;
+  for (i += key.size(); i < word.size(); ++i) {
+    after += word[i];
+  }
+  return before + entries.at(key) + after;
+}
+
+TEST_F(GlossaryTest, AgreesWithAPlainTellingOfItsRules) {
+  std::mt19937 random(20261120);
+  const auto random_text = [&random](const std::string& alphabet, size_t max_length) {
+    std::string text;
+    for (size_t length = random() % (max_length + 1); length > 0; --length) {
+      text += alphabet[random() % alphabet.size()];
+    }
+    return text;
+  };
+  size_t substituted = 0;
+  for (int round = 0; round < 20; ++round) {
+    std::vector<std::pair<std::string, std::string>> entries;
+    for (int i = 0; i < 60; ++i) {
+      entries.emplace_back(random_text("aabB.,!", 4), random_text("aX., ", 6));
+    }
+    // A map keeps the first of several entries, too.
+    const std::map<std::string, std::string> map(entries.begin(), entries.end());
+    const Glossary glossary = Load(entries);
+    for (int i = 0; i < 5000; ++i) {
+      const std::string word = random_text("aabB..,,!", 7);
+      const std::string spoken = glossary.SubstituteSpeech(word);
+      ASSERT_EQ(Retold(map, word), spoken) << "word \"" << word << "\" in " << path_;
+      substituted += spoken != word ? 1 : 0;
+    }
+  }
+  EXPECT_GT(substituted, 10000U);  // The words and entries do meet.
+}
+
+}  // namespace
