@@ -1,0 +1,57 @@
+// A glossary and words. First line: words, separated by blanks; the rest is the glossary.
+//
+// What is spoken is what a second telling of the rules says, or the glossary is refused with a
+// text.
+#include <memory>
+
+#include "debug.h"
+#include "fuzz.h"
+#include "glossary.h"
+#include "retelling.h"
+#include "xml.h"
+
+namespace {
+
+std::map<std::string, std::string> Entries(const std::string& path) {
+  const XMLDocument document(path, "utf8");
+  const std::unique_ptr<XMLElement> root(document.GetRoot());
+  std::map<std::string, std::string> entries;
+  for (const XMLElement* word : root->GetChildren("word")) {
+    entries.emplace(word->GetAttributeString("text"), word->GetAttributeString("speech"));
+  }
+  return entries;
+}
+
+void CheckWords(const Glossary& glossary, const std::map<std::string, std::string>& entries,
+                const std::string& words) {
+  size_t begin = 0;
+  while (begin <= words.size()) {
+    const size_t end = std::min(words.find(' ', begin), words.size());
+    const std::string word = words.substr(begin, end - begin);
+    fuzz::Require(glossary.SubstituteSpeech(word) == retelling::Speech(entries, word),
+                  "a word is spoken by the rules", word);
+    begin = end + 1;
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const fuzz::Scratch scratch;
+  SetDebugMask(0);
+  fuzz::Input input(data, size);
+  const std::string words = input.Line();
+  const std::string path = scratch.Write("glossary.xml", input.Rest());
+  try {
+    const Glossary glossary(path);
+    const auto entries = Entries(path);
+    CheckWords(glossary, entries, words);
+    for (const auto& [text, speech] : entries) {
+      CheckWords(glossary, {entries}, text + " ." + text + ", .." + text);
+    }
+  } catch (const std::string& text) {
+    fuzz::Require(text.rfind("Reading glossary " + path + ": ", 0) == 0, "a refusal names the file",
+                  text);
+  }
+  return 0;
+}

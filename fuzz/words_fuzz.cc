@@ -1,0 +1,75 @@
+// Text to words to snippets. First byte: the word limit, second byte: loops, the rest is the text
+// as a parser might return it, valid or not.
+//
+// Words and snippets are those of a second telling of the rules; no word is over its limit.
+#include <errno.h>
+#include <spawn.h>
+
+#include "debug.h"
+#include "fileparser.h"
+#include "fuzz.h"
+#include "inputdirectory.h"
+#include "retelling.h"
+#include "xml.h"
+
+namespace {
+
+class FixedText : public FileParser {
+ public:
+  std::string ParseFile(const std::string& /*path_*/) const override { return text; }
+  std::string text;
+};
+
+std::vector<uint32_t> CodePoints(const std::string& text) {
+  std::string mended;
+  utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(mended), 0xFFFD);
+  std::vector<uint32_t> code_points;
+  for (auto next = mended.begin(); next != mended.end();) {
+    code_points.push_back(utf8::next(next, mended.end()));
+  }
+  return code_points;
+}
+
+}  // namespace
+
+// No shell: the directory is known to be empty, and a process for each input would cost most of
+// the time.
+extern "C" int posix_spawn(pid_t* /*pid*/, const char* /*path*/,
+                           const posix_spawn_file_actions_t* /*actions*/,
+                           const posix_spawnattr_t* /*attributes*/, char* const* /*arguments*/,
+                           char* const* /*environment*/) {
+  return EAGAIN;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const fuzz::Scratch scratch;
+  SetDebugMask(0);
+  fuzz::Input input(data, size);
+  const int limit = static_cast<int8_t>(input.Byte());
+  const int loops = input.Byte() % 4;
+  FixedText parser;
+  parser.text = input.Rest();
+
+  XMLElement element("directory");
+  element.SetAttributeString("type", "local");
+  element.SetAttributeString("path", scratch.path());
+  element.SetAttributeInteger("loops", loops);
+  unlink((scratch.path() + "/message").c_str());  // An empty message is left lying.
+  InputDirectory directory(element, "", "", limit);
+  directory.SetFileParser(&parser);
+  directory.Process();
+  scratch.Write("message", "");
+  directory.Process();
+
+  const retelling::Splitting expected(CodePoints(parser.text));
+  const std::vector<std::string> words(expected.words.begin(), expected.words.end());
+  for (const std::string& word : words) {
+    fuzz::Require(utf8::distance(word.begin(), word.end()) <= 100, "no word is too long", word);
+  }
+  for (const retelling::Words& snippet : retelling::Snippets(words, limit, loops)) {
+    fuzz::Require(directory.GetActiveMessageID() != 0, "the message lasts", parser.text);
+    fuzz::Require(directory.GetWords() == snippet, "the snippet is that of the rules", parser.text);
+  }
+  fuzz::Require(directory.GetActiveMessageID() == 0, "the message ends", parser.text);
+  return 0;
+}
