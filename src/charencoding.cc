@@ -11,23 +11,26 @@ constexpr uint64_t kNotAscii = 0x8080808080808080;  // The bits that no ASCII by
 
 bool IsContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
-// Where the ASCII bytes from p on end. In blocks, whose bytes the compiler takes all at once:
-// message texts are mostly ASCII, and at a step a byte the check would cost more than the reading.
+// The number of ASCII bytes before the first other one in memory. REQUIRES: there is another one.
+size_t LeadingAscii(uint64_t word) {
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  return static_cast<size_t>(__builtin_ctzll(word & kNotAscii)) / 8;
+#else
+  return static_cast<size_t>(__builtin_clzll(word & kNotAscii)) / 8;
+#endif
+}
+
+// Where the ASCII bytes from p on end. In words: message texts are mostly ASCII, and at a step a
+// byte the check would cost more than the reading.
 const unsigned char* SkipAscii(const unsigned char* p, const unsigned char* end) {
-  uint64_t words[4];
+  uint64_t words[2];
   while (static_cast<size_t>(end - p) >= sizeof(words)) {
     memcpy(words, p, sizeof(words));
-    if (((words[0] | words[1] | words[2] | words[3]) & kNotAscii) != 0) {
-      break;
+    if (((words[0] | words[1]) & kNotAscii) != 0) {
+      return (words[0] & kNotAscii) != 0 ? p + LeadingAscii(words[0])
+                                         : p + sizeof(words[0]) + LeadingAscii(words[1]);
     }
     p += sizeof(words);
-  }
-  while (static_cast<size_t>(end - p) >= sizeof(words[0])) {
-    memcpy(words, p, sizeof(words[0]));
-    if ((words[0] & kNotAscii) != 0) {
-      break;
-    }
-    p += sizeof(words[0]);
   }
   while (p < end && *p < 0x80) {
     ++p;
@@ -35,27 +38,37 @@ const unsigned char* SkipAscii(const unsigned char* p, const unsigned char* end)
   return p;
 }
 
-// The length of the valid sequence of two to four bytes at p; 0 if there is none. Overlong forms,
+// Steps over one valid sequence of two to four bytes. False if there is none at p. Overlong forms,
 // surrogates and code points above U+10FFFF show in the second byte at the latest.
-size_t SequenceLength(const unsigned char* p, size_t available) {
+//
+// Each length has its own way out, so that the processor foresees where the next one starts.
+bool SkipSequence(const unsigned char*& p, const unsigned char* end) {
   const unsigned char lead = p[0];
+  const auto available = end - p;
   if (lead < 0xE0) {
-    return lead >= 0xC2 && available >= 2 && IsContinuation(p[1]) ? 2 : 0;
+    if (lead < 0xC2 || available < 2 || !IsContinuation(p[1])) {
+      return false;
+    }
+    p += 2;
+    return true;
   }
   if (lead < 0xF0) {
     const unsigned char lowest = lead == 0xE0 ? 0xA0 : 0x80;
     const unsigned char highest = lead == 0xED ? 0x9F : 0xBF;
-    return available >= 3 && p[1] >= lowest && p[1] <= highest && IsContinuation(p[2]) ? 3 : 0;
+    if (available < 3 || p[1] < lowest || p[1] > highest || !IsContinuation(p[2])) {
+      return false;
+    }
+    p += 3;
+    return true;
   }
-  if (lead < 0xF5) {
-    const unsigned char lowest = lead == 0xF0 ? 0x90 : 0x80;
-    const unsigned char highest = lead == 0xF4 ? 0x8F : 0xBF;
-    return available >= 4 && p[1] >= lowest && p[1] <= highest && IsContinuation(p[2]) &&
-                   IsContinuation(p[3])
-               ? 4
-               : 0;
+  const unsigned char lowest = lead == 0xF0 ? 0x90 : 0x80;
+  const unsigned char highest = lead == 0xF4 ? 0x8F : 0xBF;
+  if (lead > 0xF4 || available < 4 || p[1] < lowest || p[1] > highest || !IsContinuation(p[2]) ||
+      !IsContinuation(p[3])) {
+    return false;
   }
-  return 0;
+  p += 4;
+  return true;
 }
 
 void AppendExtAscii(std::string& text, char c) {
@@ -124,11 +137,12 @@ bool Utf8IsValid(const std::string& text_) {
   const unsigned char* const end = p + text_.size();
   while ((p = SkipAscii(p, end)) < end) {
     do {
-      const size_t length = SequenceLength(p, static_cast<size_t>(end - p));
-      if (length == 0) {
+      if (!SkipSequence(p, end)) {
         return false;
       }
-      p += length;
+      if (end - p >= 2 && p[0] < 0x80 && p[1] >= 0x80) {
+        ++p;  // A single space between words of another script is not worth a look at 16 bytes.
+      }
     } while (p < end && *p >= 0x80);
   }
   return true;

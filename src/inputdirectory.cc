@@ -27,7 +27,7 @@
 namespace {
 
 constexpr size_t kMaxMessageChars = 65536;  // Code points.
-constexpr int kMaxWordChars = 100;          // Code points.
+constexpr size_t kMaxWordChars = 100;       // Code points.
 
 constexpr int kUpdateTimeout = 5;              // Seconds; for "ftp" the poll rate is added.
 constexpr unsigned int kHelperStopTime = 2;    // Seconds that a helper gets after SIGTERM.
@@ -52,11 +52,11 @@ std::string ToValidUtf8(std::string text) {
   return "";
 }
 
-// What a character does to the word that is being read.
-enum class Kind : uint8_t {
+// What a character is to the word that is being read.
+enum class Kind {
   kLetter,       // Belongs to it.
   kPunctuation,  // Belongs to it and ends it.
-  kSeparator,    // A space: ends it.
+  kSpace,        // Ends it.
   kControl,      // Ends it.
 };
 
@@ -65,58 +65,75 @@ constexpr Kind KindOf(uint32_t cp) {
     return Kind::kControl;
   }
   if (Utf8IsSpace(cp)) {
-    return Kind::kSeparator;
+    return Kind::kSpace;
   }
   return Utf8IsBreak(cp) ? Kind::kPunctuation : Kind::kLetter;
 }
 
-constexpr uint32_t kFirstLetterOnly = 0x100;  // From here on there are only letters.
+// The first byte of U+0080 to U+00BF, the only characters beyond ASCII that may be no letters.
+constexpr unsigned char kMixedLead = 0xC2;
 
-constexpr std::array<Kind, kFirstLetterOnly> MakeKinds() {
-  std::array<Kind, kFirstLetterOnly> kinds{};
-  for (uint32_t cp = 0; cp < kFirstLetterOnly; ++cp) {
-    kinds[cp] = KindOf(cp);
+// Bytes of UTF-8 that are a letter or part of one.
+constexpr std::array<bool, 256> MakeLetterBytes() {
+  std::array<bool, 256> letters{};
+  for (uint32_t byte = 0; byte < letters.size(); ++byte) {
+    letters[byte] = byte < 0x80 ? KindOf(byte) == Kind::kLetter : byte != kMixedLead;
   }
-  return kinds;
+  return letters;
 }
 
-constexpr std::array<Kind, kFirstLetterOnly> kKinds = MakeKinds();
+constexpr std::array<bool, 256> kLetterBytes = MakeLetterBytes();
 
-// Steps over one character of valid UTF-8. Its first byte, and of the Latin-1 ones the second, tell
-// what is to be known; to decode every character took twice the time of the whole splitting.
+unsigned char ByteAt(const char* p) { return static_cast<unsigned char>(*p); }
+
+// Steps over one character of valid UTF-8.
 Kind NextKind(const char*& next) {
-  const auto byte = [next](int i) { return static_cast<unsigned char>(next[i]); };
-  const unsigned char lead = byte(0);
+  const unsigned char lead = ByteAt(next);
   if (lead < 0x80) {
     ++next;
-    return kKinds[lead];
+    return KindOf(lead);
   }
-  if (lead < 0xC4) {
-    const uint32_t cp = ((lead & 0x1Fu) << 6) | (byte(1) & 0x3Fu);
+  if (lead == kMixedLead) {
     next += 2;
-    return kKinds[cp];
+    return KindOf(ByteAt(next - 1));
   }
   next += lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
   return Kind::kLetter;
 }
 
-// The first kMaxMessageChars characters of valid UTF-8; every further one is logged.
-std::string_view LimitLength(std::string_view text) {
-  if (text.size() <= kMaxMessageChars) {
-    return text;
+// Where the letters from next on end. Valid UTF-8 need not be decoded for that, which took most of
+// the time of the splitting.
+const char* SkipLetters(const char* next, const char* end) {
+  for (;;) {
+    while (next < end && kLetterBytes[ByteAt(next)]) {
+      ++next;
+    }
+    const char* after = next;
+    if (next == end || ByteAt(next) != kMixedLead || NextKind(after) != Kind::kLetter) {
+      return next;
+    }
+    next = after;
+  }
+}
+
+// The first limit characters of valid UTF-8; every further one is logged with the message.
+std::string_view LimitCharacters(std::string_view text, size_t limit, const char* message) {
+  if (text.size() <= limit) {
+    return text;  // A character has a byte at least.
   }
   const char* const end = text.data() + text.size();
   const char* next = text.data();
-  for (size_t chars = 0; chars < kMaxMessageChars && next < end; ++chars) {
+  for (size_t chars = 0; chars < limit && next < end; ++chars) {
     NextKind(next);
   }
   const std::string_view limited = text.substr(0, static_cast<size_t>(next - text.data()));
   while (next < end) {
     NextKind(next);
-    Debug(kDebugNormal, "Too many characters");
+    Debug(kDebugNormal, "%s", message);
   }
   return limited;
 }
+
 // Splits valid UTF-8 into words, which are ranges of text. Breaks and control characters end a
 // word; punctuation stays at the end of the word that it follows. A lone punctuation mark that
 // comes right after another one, or first of all, is dropped: "Stop.." must not be read as "Stop.
@@ -126,37 +143,25 @@ std::string_view LimitLength(std::string_view text) {
 // looked at. Ranges, as a message may have tens of thousands of words, and each would be two
 // requests to the heap.
 std::vector<std::string_view> SplitIntoWords(std::string_view text) {
-  text = LimitLength(text);
+  text = LimitCharacters(text, kMaxMessageChars, "Too many characters");
   std::vector<std::string_view> words;
+  const auto add = [&words](const char* start, const char* end) {
+    const std::string_view word(start, static_cast<size_t>(end - start));
+    words.push_back(LimitCharacters(word, kMaxWordChars, "Word too long"));
+  };
   const char* const end = text.data() + text.size();
-  const char* word = nullptr;      // Where the current word starts and ends.
-  const char* word_end = nullptr;  // No further than kMaxWordChars.
-  int word_chars = 0;
   bool last_was_punctuation = true;
   for (const char* next = text.data(); next < end;) {
     const char* const start = next;
-    const Kind kind = NextKind(next);
-    if (kind == Kind::kLetter || kind == Kind::kPunctuation) {
-      if (word_chars == 0) {
-        word = start;
-      }
-      if (++word_chars > kMaxWordChars) {
-        Debug(kDebugNormal, "Word too long");
-      } else {
-        word_end = next;
-      }
-    }
-    if (kind != Kind::kLetter && word_chars > 0) {
-      const bool is_stray = kind != Kind::kControl && word_chars == 1 && last_was_punctuation;
-      if (!is_stray) {
-        words.emplace_back(word, word_end - word);
-      }
-      word_chars = 0;
+    const char* const letters_end = SkipLetters(next, end);
+    next = letters_end;
+    const Kind kind = next < end ? NextKind(next) : Kind::kControl;
+    if (letters_end > start) {
+      add(start, kind == Kind::kPunctuation ? next : letters_end);
+    } else if (kind == Kind::kPunctuation && !last_was_punctuation) {
+      add(start, next);
     }
     last_was_punctuation = kind == Kind::kPunctuation;
-  }
-  if (word_chars > 0) {
-    words.emplace_back(word, word_end - word);
   }
   return words;
 }
