@@ -1,83 +1,151 @@
 #include "charencoding.h"
 
+#include <string.h>
 #include <utf8.h>
 
 #include <iterator>
 
 namespace {
 
-bool IsBetween(uint32_t cp, uint32_t first, uint32_t last) { return cp >= first && cp <= last; }
+constexpr uint64_t kNotAscii = 0x8080808080808080;  // The bits that no ASCII byte has.
 
-}  // namespace
+bool IsContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
-bool Utf8IsLetterOrNum(uint32_t cp) {
-  return IsBetween(cp, 0x30, 0x3F) || IsBetween(cp, 0x41, 0x5A) || IsBetween(cp, 0x61, 0x7A) ||
-         IsBetween(cp, 0xC0, 0xD6) || IsBetween(cp, 0xD8, 0xF6) || IsBetween(cp, 0xF8, 0xFF);
+// The number of ASCII bytes before the first other one in memory. REQUIRES: there is another one.
+size_t LeadingAscii(uint64_t word) {
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  return static_cast<size_t>(__builtin_ctzll(word & kNotAscii)) / 8;
+#else
+  return static_cast<size_t>(__builtin_clzll(word & kNotAscii)) / 8;
+#endif
 }
 
-bool Utf8IsBreak(uint32_t cp) {
-  switch (cp) {
-    case ' ':
-    case '!':
-    case ',':
-    case '.':
-    case ':':
-    case ';':
-    case '?':
-    case 0xA0:
-      return true;
-    default:
+// Where the ASCII bytes from p on end. In words: message texts are mostly ASCII, and at a step a
+// byte the check would cost more than the reading.
+const unsigned char* SkipAscii(const unsigned char* p, const unsigned char* end) {
+  uint64_t words[2];
+  while (static_cast<size_t>(end - p) >= sizeof(words)) {
+    memcpy(words, p, sizeof(words));
+    if (((words[0] | words[1]) & kNotAscii) != 0) {
+      return (words[0] & kNotAscii) != 0 ? p + LeadingAscii(words[0])
+                                         : p + sizeof(words[0]) + LeadingAscii(words[1]);
+    }
+    p += sizeof(words);
+  }
+  while (p < end && *p < 0x80) {
+    ++p;
+  }
+  return p;
+}
+
+// Steps over one valid sequence of two to four bytes. False if there is none at p. Overlong forms,
+// surrogates and code points above U+10FFFF show in the second byte at the latest.
+//
+// Each length has its own way out, so that the processor foresees where the next one starts.
+bool SkipSequence(const unsigned char*& p, const unsigned char* end) {
+  const unsigned char lead = p[0];
+  const auto available = end - p;
+  if (lead < 0xE0) {
+    if (lead < 0xC2 || available < 2 || !IsContinuation(p[1])) {
       return false;
+    }
+    p += 2;
+    return true;
   }
+  if (lead < 0xF0) {
+    const unsigned char lowest = lead == 0xE0 ? 0xA0 : 0x80;
+    const unsigned char highest = lead == 0xED ? 0x9F : 0xBF;
+    if (available < 3 || p[1] < lowest || p[1] > highest || !IsContinuation(p[2])) {
+      return false;
+    }
+    p += 3;
+    return true;
+  }
+  const unsigned char lowest = lead == 0xF0 ? 0x90 : 0x80;
+  const unsigned char highest = lead == 0xF4 ? 0x8F : 0xBF;
+  if (lead > 0xF4 || available < 4 || p[1] < lowest || p[1] > highest || !IsContinuation(p[2]) ||
+      !IsContinuation(p[3])) {
+    return false;
+  }
+  p += 4;
+  return true;
 }
 
-bool Utf8IsSpace(uint32_t cp) { return cp == 0x20 || cp == 0xA0; }
-
-bool Utf8IsControl(uint32_t cp) { return cp <= 0x1F || IsBetween(cp, 0x7F, 0x9F); }
-
-std::string ExtAsciiToUtf8Char(char c) {
+void AppendExtAscii(std::string& text, char c) {
   const unsigned char byte = static_cast<unsigned char>(c);
-  if (byte == 0x00) {
-    return "";
-  }
   if (byte < 0x80) {
-    return std::string(1, c);
+    if (byte != 0x00) {
+      text += c;
+    }
+    return;
   }
   if (byte >= 0xC0) {
-    return {'\xC3', static_cast<char>(byte - 0x40)};
+    text += '\xC3';
+    text += static_cast<char>(byte - 0x40);
+    return;
   }
   switch (byte) {
     case 0xA0:
-      return "\xC3\xA1";  // a with acute
+      text += "\xC3\xA1";  // a with acute
+      break;
     case 0xA1:
-      return "\xC3\xAD";  // i with acute
+      text += "\xC3\xAD";  // i with acute
+      break;
     case 0xA2:
-      return "\xC3\xB3";  // o with acute
+      text += "\xC3\xB3";  // o with acute
+      break;
     case 0xA3:
-      return "\xC3\xBA";  // u with acute
+      text += "\xC3\xBA";  // u with acute
+      break;
     case 0xA4:
-      return "\xC3\xB1";  // n with tilde
+      text += "\xC3\xB1";  // n with tilde
+      break;
     case 0xA5:
-      return "\xC3\x91";  // N with tilde
+      text += "\xC3\x91";  // N with tilde
+      break;
     case 0xA8:
-      return "\xC2\xBF";  // inverted question mark
+      text += "\xC2\xBF";  // inverted question mark
+      break;
     case 0xAD:
-      return "\xC2\xA1";  // inverted exclamation mark
+      text += "\xC2\xA1";  // inverted exclamation mark
+      break;
     default:
-      return {'\xC2', static_cast<char>(byte - 0x20)};
+      text += '\xC2';
+      text += static_cast<char>(byte - 0x20);
   }
+}
+
+}  // namespace
+
+std::string ExtAsciiToUtf8Char(char c) {
+  std::string text;
+  AppendExtAscii(text, c);
+  return text;
 }
 
 std::string ExtAsciiToUtf8String(const std::string& orig) {
   std::string text;
+  text.reserve(orig.size());
   for (const char c : orig) {
-    text += ExtAsciiToUtf8Char(c);
+    AppendExtAscii(text, c);
   }
   return text;
 }
 
 bool Utf8IsValid(const std::string& text_) {
-  return utf8::find_invalid(text_.begin(), text_.end()) == text_.end();
+  const auto* p = reinterpret_cast<const unsigned char*>(text_.data());
+  const unsigned char* const end = p + text_.size();
+  while ((p = SkipAscii(p, end)) < end) {
+    do {
+      if (!SkipSequence(p, end)) {
+        return false;
+      }
+      if (end - p >= 2 && p[0] < 0x80 && p[1] >= 0x80) {
+        ++p;  // A single space between words of another script is not worth a look at 16 bytes.
+      }
+    } while (p < end && *p >= 0x80);
+  }
+  return true;
 }
 
 std::string Utf8ReplaceInvalid(const std::string& text_) {

@@ -24,24 +24,47 @@ void WriteWhole(const char* data, size_t length) {
   }
 }
 
+// The longest texts that are logged as a rule are those of whole message files, 64 KiB.
+constexpr size_t kLineSize = 72 * 1024;
+
+// In one write. The newline takes the place of the terminating zero, which what is written does
+// not need. On the stack, which spares every line some requests to the heap, and which is touched
+// only as far as the line goes; only lines that do not fit are formatted a second time.
+__attribute__((format(printf, 1, 0))) void WriteLine(const char* format, va_list args) {
+  char line[kLineSize];
+  va_list args_again;
+  va_copy(args_again, args);
+  const int result = vsnprintf(line, sizeof(line), format, args);
+  const size_t length = static_cast<size_t>(result);
+  if (result >= 0 && length < sizeof(line)) {
+    line[length] = '\n';
+    WriteWhole(line, length + 1);
+  } else if (result >= 0) {
+    char* long_line = static_cast<char*>(malloc(length + 1));
+    if (long_line != nullptr) {
+      vsnprintf(long_line, length + 1, format, args_again);
+      long_line[length] = '\n';
+      WriteWhole(long_line, length + 1);
+      free(long_line);
+    }
+  }
+  va_end(args_again);
+}
+
 }  // namespace
 
 void SetDebugMask(unsigned int mask) { debug_mask = mask; }
 
+bool IsDebugEnabled(unsigned int mask) { return (mask & debug_mask) != 0; }
+
 void Debug(unsigned int mask, const char* format, ...) {
-  if ((mask & debug_mask) == 0) {
+  if (!IsDebugEnabled(mask)) {
     return;
   }
   const int saved_errno = errno;  // Callers log in the middle of handling an error.
   va_list args;
   va_start(args, format);
-  char* line = nullptr;
-  const int length = vasprintf(&line, format, args);
+  WriteLine(format, args);
   va_end(args);
-  if (length >= 0) {
-    line[length] = '\n';  // In place of the terminating zero: what is written needs none.
-    WriteWhole(line, static_cast<size_t>(length) + 1);
-    free(line);
-  }
   errno = saved_errno;
 }

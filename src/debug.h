@@ -14,6 +14,9 @@ constexpr unsigned int kDebugDefault = kDebugNormal;
 // Replaces the mask; the old one is not merged in.
 void SetDebugMask(unsigned int mask);
 
+// True if Debug writes messages of this mask. For callers whose arguments are costly to make.
+bool IsDebugEnabled(unsigned int mask);
+
 // Writes the message, formatted as by printf, and a newline if any bit of mask is set in the
 // process's mask. The line reaches standard error in one write, so that lines of the daemon and
 // of the programs it starts never mix. Failures to write are ignored: there is nowhere to tell.

@@ -9,10 +9,10 @@
 #include <unistd.h>
 
 #include <memory>
+#include <vector>
 
 #include "debug.h"
 #include "format.h"
-#include "safe_strncpycat.h"
 
 namespace {
 
@@ -40,8 +40,16 @@ size_t CountFiles(const Listing& listing) {
   return count;
 }
 
+// Cut to what a slot holds.
+void CopyName(char* slot, const char* name) {
+  const size_t length = strnlen(name, kSlotSize - 1);
+  memcpy(slot, name, length);
+  slot[length] = '\0';
+}
+
+// Compares two slots by their addresses.
 int CompareSlots(const void* a, const void* b) {
-  return strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
+  return strcmp(*static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
 }
 
 }  // namespace
@@ -57,6 +65,7 @@ struct Directory::Impl {
   int GetFileCount() const;
   std::list<std::string> GetFileNames();
   bool ReserveSlots(size_t count);
+  size_t FillSlots(const Listing& listing, size_t count);
   void RunIntoDirectory(const char* command, const std::string& current_path,
                         const std::string& new_name) const;
   void Clear();
@@ -113,26 +122,46 @@ std::list<std::string> Directory::Impl::GetFileNames() {
     Unlock();
     return names;
   }
-  rewinddir(listing.get());
-  size_t copied = 0;
-  const dirent* entry = nullptr;
-  while (copied < count && (entry = NextFile(listing)) != nullptr) {
-    safe_strncat(file_name_buffer + copied * kSlotSize, kSlotSize, entry->d_name);
-    ++copied;
+  const size_t copied = FillSlots(listing, count);
+  // Not the slots themselves: that would move two pages of memory for every file.
+  std::vector<const char*> sorted(count);
+  for (size_t i = 0; i < count; ++i) {
+    sorted[i] = file_name_buffer + i * kSlotSize;
   }
   // All slots are sorted, and the first ones taken: of files that vanished between the passes
   // the empty slots come first and push as many names off the end. The next listing has them.
   if (count > 0) {
-    qsort(file_name_buffer, count, kSlotSize, CompareSlots);
+    qsort(sorted.data(), count, sizeof(sorted[0]), CompareSlots);
   }
   for (size_t i = 0; i < copied; ++i) {
-    names.emplace_back(file_name_buffer + i * kSlotSize);
+    names.emplace_back(sorted[i]);
   }
   Unlock();
   return names;
 }
 
-// Makes room for count empty slots. False, with a log line, if there is no memory.
+// Writes the names of a second pass over the listing into the slots, of which there are count, and
+// makes the others empty. Returns how many names there were.
+//
+// What follows the name in its slot is left as it is. To zero it cost more than to read the file:
+// 4 KiB of memory for each, in every scan.
+size_t Directory::Impl::FillSlots(const Listing& listing, size_t count) {
+  size_t copied = 0;
+  if (count > 0) {
+    rewinddir(listing.get());
+    const dirent* entry = nullptr;
+    while (copied < count && (entry = NextFile(listing)) != nullptr) {
+      CopyName(file_name_buffer + copied * kSlotSize, entry->d_name);
+      ++copied;
+    }
+  }
+  for (size_t i = copied; i < count; ++i) {
+    file_name_buffer[i * kSlotSize] = '\0';
+  }
+  return copied;
+}
+
+// Makes room for count slots. False, with a log line, if there is no memory.
 bool Directory::Impl::ReserveSlots(size_t count) {
   const size_t size = count * kSlotSize;
   if (file_name_buffer_chars < size) {
@@ -144,9 +173,6 @@ bool Directory::Impl::ReserveSlots(size_t count) {
       return false;
     }
     file_name_buffer_chars = size;
-  }
-  if (size > 0) {
-    memset(file_name_buffer, 0, size);
   }
   return true;
 }

@@ -9,8 +9,11 @@
 #include <unistd.h>
 #include <utf8.h>
 
+#include <array>
 #include <map>
 #include <memory>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "charencoding.h"
@@ -23,15 +26,15 @@
 
 namespace {
 
-constexpr int kMaxMessageChars = 65536;  // Code points.
-constexpr int kMaxWordChars = 100;       // Code points.
+constexpr size_t kMaxMessageChars = 65536;  // Code points.
+constexpr size_t kMaxWordChars = 100;       // Code points.
 
 constexpr int kUpdateTimeout = 5;              // Seconds; for "ftp" the poll rate is added.
 constexpr unsigned int kHelperStopTime = 2;    // Seconds that a helper gets after SIGTERM.
 constexpr char kWatchPrefix[] = "/tmp/watch";  // Nothing else is ever removed as a whole.
 
 // The text without invalid UTF-8; empty if it cannot be mended.
-std::string ToValidUtf8(const std::string& text) {
+std::string ToValidUtf8(std::string text) {
   try {
     if (Utf8IsValid(text)) {
       Debug(kDebugTrace, "Original is valid UTF-8");
@@ -49,52 +52,125 @@ std::string ToValidUtf8(const std::string& text) {
   return "";
 }
 
-// Splits valid UTF-8 into words. Breaks and control characters end a word; punctuation stays at
-// the end of the word that it follows. A lone punctuation mark that comes right after another
-// one, or first of all, is dropped: "Stop.." must not be read as "Stop. point".
-//
-// There is no limit on the number of words: each takes at least one of the kMaxMessageChars code
-// points that are looked at.
-std::list<std::string> SplitIntoWords(const std::string& text) {
-  std::list<std::string> words;
-  std::string word;
-  int message_chars = 0;
-  int word_chars = 0;
-  bool last_was_punctuation = true;
-  for (auto next = text.begin(); next != text.end();) {
-    const auto start = next;
-    const uint32_t cp = utf8::next(next, text.end());
-    if (++message_chars > kMaxMessageChars) {
-      Debug(kDebugNormal, "Too many characters");
-      continue;
-    }
-    const bool is_space = Utf8IsSpace(cp);
-    const bool is_control = Utf8IsControl(cp);
-    const bool is_break = Utf8IsBreak(cp);
-    if (!is_space && !is_control) {
-      if (++word_chars > kMaxWordChars) {
-        Debug(kDebugNormal, "Word too long");
-      } else {
-        word.append(start, next);
-      }
-    }
-    if ((is_break || is_control) && !word.empty()) {
-      const bool is_stray = is_break && word_chars == 1 && last_was_punctuation;
-      if (!is_stray) {
-        words.push_back(word);
-      }
-      word.clear();
-      word_chars = 0;
-    }
-    last_was_punctuation = is_break && !is_space;
+// What a character is to the word that is being read.
+enum class Kind {
+  kLetter,       // Belongs to it.
+  kPunctuation,  // Belongs to it and ends it.
+  kSpace,        // Ends it.
+  kControl,      // Ends it.
+};
+
+constexpr Kind KindOf(uint32_t cp) {
+  if (Utf8IsControl(cp)) {
+    return Kind::kControl;
   }
-  if (!word.empty()) {
-    words.push_back(word);
+  if (Utf8IsSpace(cp)) {
+    return Kind::kSpace;
+  }
+  return Utf8IsBreak(cp) ? Kind::kPunctuation : Kind::kLetter;
+}
+
+// The first byte of U+0080 to U+00BF, the only characters beyond ASCII that may be no letters.
+constexpr unsigned char kMixedLead = 0xC2;
+
+// Bytes of UTF-8 that are a letter or part of one.
+constexpr std::array<bool, 256> MakeLetterBytes() {
+  std::array<bool, 256> letters{};
+  for (uint32_t byte = 0; byte < letters.size(); ++byte) {
+    letters[byte] = byte < 0x80 ? KindOf(byte) == Kind::kLetter : byte != kMixedLead;
+  }
+  return letters;
+}
+
+constexpr std::array<bool, 256> kLetterBytes = MakeLetterBytes();
+
+unsigned char ByteAt(const char* p) { return static_cast<unsigned char>(*p); }
+
+// Steps over one character of valid UTF-8.
+Kind NextKind(const char*& next) {
+  const unsigned char lead = ByteAt(next);
+  if (lead < 0x80) {
+    ++next;
+    return KindOf(lead);
+  }
+  if (lead == kMixedLead) {
+    next += 2;
+    return KindOf(ByteAt(next - 1));
+  }
+  next += lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  return Kind::kLetter;
+}
+
+// Where the letters from next on end. Valid UTF-8 need not be decoded for that, which took most of
+// the time of the splitting.
+const char* SkipLetters(const char* next, const char* end) {
+  for (;;) {
+    while (next < end && kLetterBytes[ByteAt(next)]) {
+      ++next;
+    }
+    const char* after = next;
+    if (next == end || ByteAt(next) != kMixedLead || NextKind(after) != Kind::kLetter) {
+      return next;
+    }
+    next = after;
+  }
+}
+
+// The first limit characters of valid UTF-8; every further one is logged with the message.
+std::string_view LimitCharacters(std::string_view text, size_t limit, const char* message) {
+  if (text.size() <= limit) {
+    return text;  // A character has a byte at least.
+  }
+  const char* const end = text.data() + text.size();
+  const char* next = text.data();
+  for (size_t chars = 0; chars < limit && next < end; ++chars) {
+    NextKind(next);
+  }
+  const std::string_view limited = text.substr(0, static_cast<size_t>(next - text.data()));
+  while (next < end) {
+    NextKind(next);
+    Debug(kDebugNormal, "%s", message);
+  }
+  return limited;
+}
+
+// Splits valid UTF-8 into words, which are ranges of text. Breaks and control characters end a
+// word; punctuation stays at the end of the word that it follows. A lone punctuation mark that
+// comes right after another one, or first of all, is dropped: "Stop.." must not be read as "Stop.
+// point".
+//
+// There is no limit on the number of words: each takes at least one of the characters that are
+// looked at. Ranges, as a message may have tens of thousands of words, and each would be two
+// requests to the heap.
+std::vector<std::string_view> SplitIntoWords(std::string_view text) {
+  text = LimitCharacters(text, kMaxMessageChars, "Too many characters");
+  std::vector<std::string_view> words;
+  const auto add = [&words](const char* start, const char* end) {
+    const std::string_view word(start, static_cast<size_t>(end - start));
+    words.push_back(LimitCharacters(word, kMaxWordChars, "Word too long"));
+  };
+  const char* const end = text.data() + text.size();
+  bool last_was_punctuation = true;
+  for (const char* next = text.data(); next < end;) {
+    const char* const start = next;
+    const char* const letters_end = SkipLetters(next, end);
+    next = letters_end;
+    const Kind kind = next < end ? NextKind(next) : Kind::kControl;
+    if (letters_end > start) {
+      add(start, kind == Kind::kPunctuation ? next : letters_end);
+    } else if (kind == Kind::kPunctuation && !last_was_punctuation) {
+      add(start, next);
+    }
+    last_was_punctuation = kind == Kind::kPunctuation;
   }
   return words;
 }
 
-bool EndsSnippet(const std::string& word) { return word.back() == '.' || word.back() == ','; }
+bool EndsSnippet(std::string_view word) { return word.back() == '.' || word.back() == ','; }
+
+std::string WordsToString(const std::vector<std::string_view>& words) {
+  return ListToString(std::list<std::string>(words.begin(), words.end()));
+}
 
 void RemoveContents(const std::string& path) {
   Debug(kDebugNormal, "Removing contents of directory %s", path.c_str());
@@ -139,6 +215,8 @@ pid_t StartHelper(const char* kind, const std::vector<std::string>& arguments) {
 }  // namespace
 
 struct InputDirectory::Impl {
+  using FileMap = std::map<std::string, uint16_t>;  // Known files and the CRCs of their texts.
+
   Impl(const XMLElement& element_, const std::string& cifs_helper_script_path_,
        const std::string& ftp_helper_app_path_, int text_snippet_word_limit_);
   ~Impl();
@@ -153,7 +231,8 @@ struct InputDirectory::Impl {
 
   void Process();
   void CheckAvailability(const std::string& dirpath);
-  void IndexFile(const std::string& dirpath, const std::string& name);
+  void IndexFiles(const std::string& dirpath);
+  void IndexFile(const std::string& path, const std::string& name, FileMap::iterator& known);
   void ForgetVanishedFiles();
   void ProcessCacheQueue(const std::string& dirpath);
   void TakeMessage(const std::string& dirpath);
@@ -193,15 +272,16 @@ struct InputDirectory::Impl {
   bool active_message_first_play = true;
   int active_message_id = 0;  // 0: none.
   std::string active_message_filename;
-  int active_message_plays = 0;  // Completed plays.
-  std::list<std::string> active_message_words;
-  std::list<std::string>::iterator active_message_position = active_message_words.end();
-  std::list<std::string> all_file_names;      // Of the last scan, in byte order.
-  std::list<std::string> updated_file_names;  // To be taken, oldest first.
-  time_t last_timestamp_file_update = 0;      // When the helper's file last changed; 0: never.
-  uint16_t timestamp_file_crc = 0;            // Of the helper's file at that time.
+  int active_message_plays = 0;                        // Completed plays.
+  std::string active_message_text;                     // Valid UTF-8.
+  std::vector<std::string_view> active_message_words;  // Ranges of active_message_text.
+  size_t active_message_position = 0;                  // Of the next word.
+  std::list<std::string> all_file_names;               // Of the last scan, in byte order.
+  std::list<std::string> updated_file_names;           // To be taken, oldest first.
+  time_t last_timestamp_file_update = 0;  // When the helper's file last changed; 0: never.
+  uint16_t timestamp_file_crc = 0;        // Of the helper's file at that time.
   int preview = 0;
-  std::map<std::string, uint16_t> file_map;  // Known files and the CRCs of their texts.
+  FileMap file_map;
   bool first_pass = true;  // No scan has been completed while the directory was available.
   pid_t helper_pid = 0;    // 0: none.
 };
@@ -301,9 +381,7 @@ void InputDirectory::Impl::Process() {
     available = true;
   }
   if (file_parser != nullptr) {
-    for (const std::string& name : all_file_names) {
-      IndexFile(dirpath, name);
-    }
+    IndexFiles(dirpath);
   }
   ForgetVanishedFiles();
   if (available) {
@@ -340,20 +418,37 @@ void InputDirectory::Impl::CheckAvailability(const std::string& dirpath) {
   }
 }
 
-// Notes the file's checksum and queues it if its text is new or has changed.
-void InputDirectory::Impl::IndexFile(const std::string& dirpath, const std::string& name) {
+// Names and known files are both in byte order, so the files are found by one merge, and the path
+// is built in one place: with thousands of files, look-ups and heap requests for each would cost
+// more than their reading.
+void InputDirectory::Impl::IndexFiles(const std::string& dirpath) {
+  std::string path = dirpath;
+  auto known = file_map.begin();
+  for (const std::string& name : all_file_names) {
+    path.replace(dirpath.size(), std::string::npos, name);
+    IndexFile(path, name, known);
+  }
+}
+
+// Notes the file's checksum and queues it if its text is new or has changed. known is moved on to
+// the file's entry, or to where it would stand. REQUIRES: known is not past that.
+void InputDirectory::Impl::IndexFile(const std::string& path, const std::string& name,
+                                     FileMap::iterator& known) {
   std::string text;
   try {
-    text = file_parser->ParseFile(dirpath + name);
+    text = file_parser->ParseFile(path);
   } catch (const std::string& e) {
     Debug(kDebugNormal, "Indexing %s", e.c_str());
     return;
   }
   const uint16_t new_crc = CRC(0, reinterpret_cast<const uint8_t*>(text.data()), text.size());
-  const auto known = file_map.find(name);
-  if (known == file_map.end()) {
+  int order = -1;
+  while (known != file_map.end() && (order = known->first.compare(name)) < 0) {
+    ++known;
+  }
+  if (known == file_map.end() || order > 0) {
     Debug(kDebugNormal, "Adding %s %u to file_map", name.c_str(), unsigned{new_crc});
-    file_map.emplace(name, new_crc);
+    known = file_map.emplace_hint(known, name, new_crc);
   } else if (known->second != new_crc || (preview != 0 && type == "local")) {
     Debug(kDebugNormal, "Updating %s in file_map", name.c_str());
     known->second = new_crc;
@@ -397,8 +492,8 @@ void InputDirectory::Impl::ProcessCacheQueue(const std::string& dirpath) {
 void InputDirectory::Impl::TakeMessage(const std::string& dirpath) {
   const std::string name = updated_file_names.front();
   const std::string path = dirpath + name;
-  if (ParseMessage(path)) {
-    Debug(kDebugTrace, "From %s: %s", path.c_str(), ListToString(active_message_words).c_str());
+  if (ParseMessage(path) && IsDebugEnabled(kDebugTrace)) {
+    Debug(kDebugTrace, "From %s: %s", path.c_str(), WordsToString(active_message_words).c_str());
   }
   if (!DisposeOfMessageFile(path, name)) {
     // It would come back with the next change or restart: better unheard than heard for ever.
@@ -410,7 +505,7 @@ void InputDirectory::Impl::TakeMessage(const std::string& dirpath) {
     active_message_filename = name;
     active_message_plays = 0;
   }
-  active_message_position = active_message_words.begin();
+  active_message_position = 0;
   updated_file_names.pop_front();
 }
 
@@ -427,7 +522,8 @@ bool InputDirectory::Impl::ParseMessage(const std::string& path) {
     }
     Debug(kDebugTrace, "Parser returned: \"%s\"", text.c_str());
   }
-  active_message_words = SplitIntoWords(ToValidUtf8(text));
+  active_message_text = ToValidUtf8(std::move(text));
+  active_message_words = SplitIntoWords(active_message_text);
   return true;
 }
 
@@ -467,12 +563,12 @@ std::list<std::string> InputDirectory::Impl::GetWords() {
   const int64_t limit = text_snippet_word_limit;
   const int64_t stretched_limit = 2 * limit;
   bool ended = false;
-  while (!ended && active_message_position != active_message_words.end()) {
-    snippet.push_back(*active_message_position++);
+  while (!ended && active_message_position < active_message_words.size()) {
+    snippet.emplace_back(active_message_words[active_message_position++]);
     const int64_t taken = static_cast<int64_t>(snippet.size());
     ended = taken > limit && (taken >= stretched_limit || EndsSnippet(snippet.back()));
   }
-  if (active_message_position == active_message_words.end()) {
+  if (active_message_position == active_message_words.size()) {
     ++active_message_plays;
     if (active_message_plays < loops) {
       RestartMessage();
@@ -483,16 +579,14 @@ std::list<std::string> InputDirectory::Impl::GetWords() {
   return snippet;
 }
 
-void InputDirectory::Impl::RestartMessage() {
-  active_message_position = active_message_words.begin();
-}
+void InputDirectory::Impl::RestartMessage() { active_message_position = 0; }
 
 void InputDirectory::Impl::StopMessage() {
   active_message_id = 0;
   active_message_filename.clear();
   active_message_plays = 0;
   active_message_words.clear();
-  active_message_position = active_message_words.end();
+  active_message_position = 0;
 }
 
 // In cache mode the queue is empty after every scan; what was kept is counted instead.

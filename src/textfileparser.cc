@@ -5,6 +5,7 @@
 #include <utf8.h>
 
 #include <iterator>
+#include <utility>
 #include <vector>
 
 #include "charencoding.h"
@@ -48,7 +49,7 @@ void DumpBytes(const std::string& text) {
   fflush(stdout);
 }
 
-std::string ToValidUtf8(const std::string& content) {
+std::string ToValidUtf8(std::string content) {
   try {
     if (Utf8IsValid(content)) {
       Debug(kDebugNormal, "Original is valid UTF-8");
@@ -80,7 +81,7 @@ std::string TextFileParser::ParseFile(const std::string& path_) const {
     if (encoding == "ascii") {
       text = ExtAsciiToUtf8String(text);
     }
-    text = ToValidUtf8(text);
+    text = ToValidUtf8(std::move(text));
   }
   Debug(kDebugNormal, "From %s: %s", path_.c_str(), text.c_str());
   return text;

@@ -1,0 +1,116 @@
+// A message from its file to its words beside one pass over its code points, and the listing of a
+// directory beside its plain reading and sorting.
+
+#include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utf8.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "bench_util.h"
+#include "directory.h"
+#include "inputdirectory.h"
+#include "textfileparser.h"
+#include "xml.h"
+
+namespace {
+
+constexpr size_t kMessageBytes = 50000;
+
+// Log lines are formatted and written as in the daemon, but to nowhere, while this lives.
+class LogToNowhere {
+ public:
+  LogToNowhere() : saved(dup(STDERR_FILENO)) {
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDERR_FILENO);
+    close(null);
+  }
+  ~LogToNowhere() {
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+  }
+  LogToNowhere(const LogToNowhere&) = delete;
+  LogToNowhere& operator=(const LogToNowhere&) = delete;
+
+ private:
+  int saved;
+};
+
+// One scan that finds the file, takes it and splits it: read and checked twice, logged, summed,
+// removed.
+void Words_Daemon(benchmark::State& state) {
+  const LogToNowhere log;
+  const ScratchDirectory scratch;
+  const TextFileParser parser("utf8");
+  XMLElement element("directory");
+  element.SetAttributeString("type", "local");
+  element.SetAttributeString("path", scratch.path());
+  InputDirectory directory(element, "", "", 10);
+  directory.SetFileParser(&parser);
+  directory.Process();
+  const std::string text = NaturalText(kMessageBytes);
+  int number = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    directory.StopMessage();
+    scratch.Write(std::to_string(number++), text);
+    state.ResumeTiming();
+    directory.Process();
+    if (directory.GetActiveMessageID() == 0) {
+      state.SkipWithError("the message did not become active");
+      break;
+    }
+  }
+}
+
+void Words_CodePoints(benchmark::State& state) {
+  const std::string text = NaturalText(kMessageBytes);
+  for (auto _ : state) {
+    uint32_t sum = 0;
+    for (auto next = text.begin(); next != text.end();) {
+      sum += utf8::next(next, text.end());
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+}
+
+void FillDirectory(const ScratchDirectory& scratch, int64_t count) {
+  for (int64_t i = 0; i < count; ++i) {
+    scratch.Write("message-" + std::to_string(i * 7919 % count) + ".txt", "text");
+  }
+}
+
+void Listing_Daemon(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  FillDirectory(scratch, state.range(0));
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(Directory(scratch.path()).GetFileNames());
+  }
+}
+
+void Listing_ReaddirAndSort(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  FillDirectory(scratch, state.range(0));
+  for (auto _ : state) {
+    std::vector<std::string> names;
+    DIR* dir = opendir(scratch.path().c_str());
+    while (const dirent* entry = readdir(dir)) {
+      if (entry->d_type == DT_REG && entry->d_name[0] != '.') {
+        names.emplace_back(entry->d_name);
+      }
+    }
+    closedir(dir);
+    std::sort(names.begin(), names.end());
+    benchmark::DoNotOptimize(names);
+  }
+}
+
+BENCHMARK(Words_Daemon);
+BENCHMARK(Words_CodePoints);
+BENCHMARK(Listing_Daemon)->Arg(100)->Arg(1000);
+BENCHMARK(Listing_ReaddirAndSort)->Arg(100)->Arg(1000);
+
+}  // namespace
