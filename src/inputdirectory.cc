@@ -116,8 +116,8 @@ const char* SkipLetters(const char* next, const char* end) {
   }
 }
 
-// The first limit characters of valid UTF-8; every further one is logged with the message.
-std::string_view LimitCharacters(std::string_view text, size_t limit, const char* message) {
+// The first limit characters of valid UTF-8.
+std::string_view FirstCharacters(std::string_view text, size_t limit) {
   if (text.size() <= limit) {
     return text;  // A character has a byte at least.
   }
@@ -126,12 +126,16 @@ std::string_view LimitCharacters(std::string_view text, size_t limit, const char
   for (size_t chars = 0; chars < limit && next < end; ++chars) {
     NextKind(next);
   }
-  const std::string_view limited = text.substr(0, static_cast<size_t>(next - text.data()));
-  while (next < end) {
+  return text.substr(0, static_cast<size_t>(next - text.data()));
+}
+
+// Logs the message once for each of the characters, which were dropped.
+void LogDropped(std::string_view characters, const char* message) {
+  const char* const end = characters.data() + characters.size();
+  for (const char* next = characters.data(); next < end;) {
     NextKind(next);
     Debug(kDebugNormal, "%s", message);
   }
-  return limited;
 }
 
 // Splits valid UTF-8 into words, which are ranges of text. Breaks and control characters end a
@@ -142,12 +146,13 @@ std::string_view LimitCharacters(std::string_view text, size_t limit, const char
 // There is no limit on the number of words: each takes at least one of the characters that are
 // looked at. Ranges, as a message may have tens of thousands of words, and each would be two
 // requests to the heap.
-std::vector<std::string_view> SplitIntoWords(std::string_view text) {
-  text = LimitCharacters(text, kMaxMessageChars, "Too many characters");
+std::vector<std::string_view> SplitIntoWords(std::string_view whole_text) {
+  const std::string_view text = FirstCharacters(whole_text, kMaxMessageChars);
   std::vector<std::string_view> words;
   const auto add = [&words](const char* start, const char* end) {
-    const std::string_view word(start, static_cast<size_t>(end - start));
-    words.push_back(LimitCharacters(word, kMaxWordChars, "Word too long"));
+    const std::string_view whole_word(start, static_cast<size_t>(end - start));
+    words.push_back(FirstCharacters(whole_word, kMaxWordChars));
+    LogDropped(whole_word.substr(words.back().size()), "Word too long");
   };
   const char* const end = text.data() + text.size();
   bool last_was_punctuation = true;
@@ -163,6 +168,7 @@ std::vector<std::string_view> SplitIntoWords(std::string_view text) {
     }
     last_was_punctuation = kind == Kind::kPunctuation;
   }
+  LogDropped(whole_text.substr(text.size()), "Too many characters");
   return words;
 }
 

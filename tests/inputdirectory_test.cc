@@ -366,6 +366,12 @@ TEST(InputDirectoryTest, OfAnUnknownTypeScansItsSubdirectoryAsItStandsAndQueuesN
       StatusOf(*input));
 }
 
+TEST(InputDirectoryTest, CannotBeScannedWithoutAPath) {
+  for (const char* type : {"", "local"}) {
+    EXPECT_EQ("Could not open directory ", ThrownText([&] { Build({{"type", type}})->Process(); }));
+  }
+}
+
 // --- Helpers of remote directories ---
 
 struct RemoteType {
@@ -987,6 +993,18 @@ TEST_F(LocalDirectoryTest, ScansItsSubdirectory) {
   EXPECT_EQ("Adding n " + CRCText("below") + " to file_map\n", Scan());
   EXPECT_EQ("n", input_->GetActiveMessageFilename());
   EXPECT_TRUE(Exists(Path()));
+}
+
+TEST_F(LocalDirectoryTest, AcceptsSlashesAtTheEndsOfItsPaths) {
+  directory_.MakeDirectory("sub");
+  const std::string path = directory_ / "";
+  LogOf([&] { input_ = Build({{"type", "local"}, {"path", path}, {"subdir", "sub/"}}); });
+  input_->SetFileParser(&parser_);
+  Scan();
+  directory_.Write("sub/m", "text");
+  EXPECT_EQ(
+      "From " + path + "sub/m: text\n",
+      Scan(kDebugTrace).substr(strlen("Parser returned: \"text\"\nOriginal is valid UTF-8\n")));
 }
 
 TEST_F(LocalDirectoryTest, IgnoresHiddenFilesDirectoriesAndLinks) {
@@ -1700,7 +1718,14 @@ TEST_F(SplitterTest, KeepsTheWordThatThe65536thCharacterCuts) {
   EXPECT_EQ("Too many characters\n", log_);
 }
 
-// The splitter's rules once more, step by step as they were agreed on and without any library.
+TEST_F(SplitterTest, LogsWhatItDropsInTheOrderOfTheText) {
+  EXPECT_EQ(101U,
+            Split(Repeat("x", 101) + Repeat(" y", 100) + Repeat(" ", 65235) + "zzzz", kDebugDefault)
+                .size());
+  EXPECT_EQ("Word too long\n" + Repeat("Too many characters\n", 4), log_);
+}
+
+// The splitter's rules once more, step by step in their plainest form and without any library.
 class Retelling {
  public:
   explicit Retelling(const std::vector<uint32_t>& text) {
