@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -448,6 +449,30 @@ TEST(InputFileTest, FillsABlockFromAWriterThatDribbles) {
   char block[64];
   EXPECT_EQ(30U, file.Read(block, sizeof(block)));
   writer.join();
+}
+
+TEST(InputFileTest, ReadsOnInSpiteOfSignals) {
+  const TemporaryDirectory directory;
+  const std::string path = directory / "fifo";
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  struct sigaction interrupt {};
+  struct sigaction saved {};
+  interrupt.sa_handler = [](int) {};  // No SA_RESTART.
+  sigaction(SIGUSR1, &interrupt, &saved);
+  std::thread writer([&path, reader = pthread_self()] {
+    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    for (int i = 0; i < 10; ++i) {
+      usleep(2000);
+      pthread_kill(reader, SIGUSR1);
+      EXPECT_EQ(1, write(fd, "x", 1));
+    }
+    close(fd);
+  });
+  InputFile file(path);
+  char block[64];
+  EXPECT_EQ(10U, file.Read(block, sizeof(block)));
+  writer.join();
+  sigaction(SIGUSR1, &saved, nullptr);
 }
 
 TEST(InputFileTest, KeepsItsDescriptorFromChildrenAndClosesIt) {

@@ -456,7 +456,7 @@ struct Rule {
   std::string parent, tag, attr, attr_value;
 };
 
-// The rules as they were agreed on, step by step, with all the recursion that they have there.
+// The rules once more, step by step in their plainest form, recursion and all.
 class Retelling {
  public:
   Retelling(const std::vector<Rule>& rules, bool attribute_mode, const Node& root)

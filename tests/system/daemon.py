@@ -20,6 +20,7 @@ shell does, so that an emulator can stand in front; without it, build/release/vo
 """
 
 import contextlib
+import ctypes
 import fcntl
 import os
 import re
@@ -34,6 +35,9 @@ from pathlib import Path
 from xml.sax.saxutils import quoteattr
 
 HERE = Path(__file__).resolve().parent
+
+LIBC = ctypes.CDLL(None)
+PR_SET_PDEATHSIG = 1
 
 # Seconds until a wait gives up. Far above what any step takes, even emulated.
 LIMIT = 60
@@ -205,9 +209,6 @@ class HelperRun:
         self.arguments = [os.fsdecode(argument) for argument in arguments]
         self.environment = (records / f"{pid}.environment").read_text().splitlines()
         self.descriptors = descriptors(records / f"{pid}.descriptors")
-        self.signals = dict(
-            line.split() for line in (records / f"{pid}.signals").read_text().splitlines()
-        )
         self.watch = Path(self.arguments[4])
 
 
@@ -351,11 +352,19 @@ class Daemon:
 
     # Its life.
 
-    def start(self, wait=True, env=None, **options):
+    def start(self, wait=True, env=None, preexec_fn=None, **options):
         """Starts the daemon. With wait, returns after its first complete status.
 
         By then the local directories are scanned, so what is dropped from now on is spoken.
+        env adds to the environment; preexec_fn and options are those of subprocess.Popen.
         """
+
+        def prepare():
+            # A test run that is killed takes its daemons with it.
+            LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGINT)
+            if preexec_fn:
+                preexec_fn()
+
         env = environment(**(env or {}))
         env["PATH"] = f"{self.bin}:{env['PATH']}"
         with open(self.log_path, "ab") as log, open(self.stdout_path, "ab") as stdout:
@@ -365,6 +374,7 @@ class Daemon:
                 program() + [str(argument) for argument in self.arguments],
                 env=env,
                 cwd=self.root,
+                preexec_fn=prepare,
                 **settings,
             )
         if wait:

@@ -11,7 +11,7 @@ import struct
 from pathlib import Path
 
 import pytest
-from daemon import HERE, PAUSE, is_alive, publish, wait_until
+from daemon import HERE, LIBC, PAUSE, is_alive, publish, wait_until
 
 
 def children(pid):
@@ -155,23 +155,43 @@ def test_argument_zero_is_the_path_given(make_daemon, tmp_path):
 # What it starts with.
 
 
-def test_helper_starts_as_from_a_shell(make_daemon):
+def test_helper_inherits_the_environment(make_daemon):
     daemon = make_daemon()
     daemon.configure(remote(daemon, "r", "cifs"))
+    daemon.start(env={"VOCASTRA_TEST_MARK": "handed on"})
+    run = daemon.wait_helper_runs(1)[0]
+    assert "VOCASTRA_TEST_MARK=handed on" in run.environment
+    daemon.stop()
+
+
+def test_helper_starts_with_default_signals(make_daemon, tmp_path):
+    # Not a shell: some set their signals right themselves. This one waits for ever and complains
+    # about the arguments that are no files.
+    program = tmp_path / "helper"
+    program.symlink_to("/usr/bin/tail")
+    daemon = make_daemon(helpers=False, arguments=["-i", program])
+    daemon.configure(remote(daemon, "r", "cifs", path="-f", username="/dev/null"))
 
     def disturb():
         # What a daemon may find itself with, depending on who starts it.
-        signal.signal(signal.SIGHUP, signal.SIG_IGN)
-        signal.signal(signal.SIGUSR2, signal.SIG_IGN)
-        signal.signal(signal.SIGPIPE, signal.SIG_IGN)
+        for ignored in (signal.SIGHUP, signal.SIGUSR2, signal.SIGPIPE):
+            signal.signal(ignored, signal.SIG_IGN)
         signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM, signal.SIGUSR1})
 
-    daemon.start(env={"VOCASTRA_TEST_MARK": "handed on"}, preexec_fn=disturb)
-    run = daemon.wait_helper_runs(1)[0]
-    assert run.signals == {"SigBlk:": "0" * 16, "SigIgn:": "0" * 16}
-    assert "VOCASTRA_TEST_MARK=handed on" in run.environment
+    daemon.start(preexec_fn=disturb)
+
+    def signals():
+        for pid in children(daemon.process.pid):
+            if Path(f"/proc/{pid}/cmdline").read_bytes().startswith(os.fsencode(program)):
+                text = Path(f"/proc/{pid}/status").read_text()
+                return re.findall(r"^(Sig(?:Blk|Ign|Cgt)):\s*(\w+)$", text, re.MULTILINE)
+        return None
+
+    found = daemon.wait(signals, "the helper")
+    assert found == [("SigBlk", "0" * 16), ("SigIgn", "0" * 16), ("SigCgt", "0" * 16)]
+    pids = children(daemon.process.pid)
     daemon.stop()
-    assert not is_alive(run.pid)
+    assert not any(is_alive(pid) for pid in pids)
 
 
 @pytest.mark.core
@@ -414,10 +434,9 @@ def refuse_fork():
     )
     buffer = ctypes.create_string_buffer(code)
     rules = ctypes.create_string_buffer(struct.pack("HP", len(code) // 8, ctypes.addressof(buffer)))
-    libc = ctypes.CDLL(None, use_errno=True)
     set_no_new_privileges, set_seccomp, filter_mode = 38, 22, 2
-    assert libc.prctl(set_no_new_privileges, 1, 0, 0, 0) == 0
-    assert libc.prctl(set_seccomp, filter_mode, rules, 0, 0) == 0
+    assert LIBC.prctl(set_no_new_privileges, 1, 0, 0, 0) == 0
+    assert LIBC.prctl(set_seccomp, filter_mode, rules, 0, 0) == 0
 
 
 def test_helper_that_cannot_be_forked(make_daemon):

@@ -122,19 +122,19 @@ def test_texts_are_split_into_words(make_daemon):
     assert daemon.log().count("Word too long") == 51
 
 
+ENCODED = {
+    "ascii": ("ascii", b"caf\xe9 \xa8Qu\xe9? \xa4o", "caf\u00e9 \u00bfQu\u00e9? \u00f1o"),
+    "ascii mended": ("ascii", b"a\0b \x85", "ab \ufffde"),
+    "utf8": ("utf8", "caf\u00e9 \u20ac".encode(), "caf\u00e9 \u20ac"),
+    "utf8 mended": ("utf8", b"a\xffb caf\xe9", "a\ufffdb caf\ufffd"),
+    "utf16": ("utf16", "caf\u00e9 \U0001f525".encode("utf-16-le"), "caf\u00e9 \U0001f525"),
+    "utf16 with mark": ("utf16", "\ufeffAB".encode("utf-16-le"), "\ufeffAB"),
+    "utf16 cut": ("utf16", b"A\0B", "AB"),
+}
+
+
 @pytest.mark.core
-@pytest.mark.parametrize(
-    "encoding, data, text",
-    [
-        ("ascii", b"caf\xe9 \xa8Qu\xe9? \xa4o", "caf\u00e9 \u00bfQu\u00e9? \u00f1o"),
-        ("ascii", b"a\0b \x85", "ab \ufffde"),
-        ("utf8", "caf\u00e9 \u20ac".encode(), "caf\u00e9 \u20ac"),
-        ("utf8", b"a\xffb caf\xe9", "a\ufffdb caf\ufffd"),
-        ("utf16", "caf\u00e9 \U0001f525".encode("utf-16-le"), "caf\u00e9 \U0001f525"),
-        ("utf16", "\ufeffAB".encode("utf-16-le"), "\ufeffAB"),
-        ("utf16", b"A\0B", "AB"),
-    ],
-)
+@pytest.mark.parametrize("encoding, data, text", ENCODED.values(), ids=ENCODED)
 def test_encodings_of_text_files(make_daemon, encoding, data, text):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a", parser="text", encoding=encoding))

@@ -279,20 +279,36 @@ def test_whole_trace_of_an_xml_message(make_daemon):
     ]
 
 
+ENCODED = {
+    "ascii": (
+        "ascii",
+        b"<m><t>caf\xe9 \xa8Qu\xe9? \x85</t></m>",
+        "caf\u00e9 \u00bfQu\u00e9? \ufffde",
+    ),
+    "utf8": ("utf8", "<m><t>caf\u00e9 \u20ac</t></m>".encode(), "caf\u00e9 \u20ac"),
+    "utf8 mended": ("utf8", b"<m><t>a\xffb</t></m>", "a\ufffdb"),
+    "utf8 with mark": ("utf8", "\ufeff<m><t>mark</t></m>".encode(), "mark"),
+    # What the document says about itself does not count.
+    "declared otherwise": (
+        "utf8",
+        "<?xml version='1.0' encoding='latin1'?><m><t>\u00e9</t></m>".encode(),
+        "\u00e9",
+    ),
+    "utf16 little-endian": (
+        "utf16",
+        "\ufeff<m><t>caf\u00e9 \U0001f525</t></m>".encode("utf-16-le"),
+        "caf\u00e9 \U0001f525",
+    ),
+    "utf16 big-endian": (
+        "utf16",
+        "\ufeff<m><t>caf\u00e9</t></m>".encode("utf-16-be"),
+        "caf\u00e9",
+    ),
+}
+
+
 @pytest.mark.core
-@pytest.mark.parametrize(
-    "encoding, document, spoken",
-    [
-        ("ascii", b"<m><t>caf\xe9 \xa8Qu\xe9? \x85</t></m>", "caf\u00e9 \u00bfQu\u00e9? \ufffde"),
-        ("utf8", "<m><t>caf\u00e9 \u20ac</t></m>".encode(), "caf\u00e9 \u20ac"),
-        ("utf8", b"<m><t>a\xffb</t></m>", "a\ufffdb"),
-        ("utf8", "\ufeff<m><t>mark</t></m>".encode(), "mark"),
-        # What the document says about itself does not count.
-        ("utf8", "<?xml version='1.0' encoding='latin1'?><m><t>\u00e9</t></m>".encode(), "\u00e9"),
-        ("utf16", "\ufeff<m><t>\u00e9 \U0001f525</t></m>".encode("utf-16-le"), "\u00e9 \U0001f525"),
-        ("utf16", "\ufeff<m><t>caf\u00e9</t></m>".encode("utf-16-be"), "caf\u00e9"),
-    ],
-)
+@pytest.mark.parametrize("encoding, document, spoken", ENCODED.values(), ids=ENCODED)
 def test_encodings_of_documents(make_daemon, encoding, document, spoken):
     daemon = make_daemon()
     daemon.configure(

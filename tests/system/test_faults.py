@@ -1,0 +1,559 @@
+"""What goes wrong around the daemon: it survives, says so, and recovers without a restart.
+
+Each test ends with a message that is spoken as ever, the same descriptors as at the start, no
+zombie and a clean stop.
+"""
+
+import contextlib
+import os
+import resource
+import shutil
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+import pytest
+from daemon import PAUSE, Daemon, crc16, element, locked, program, publish, wait_until
+
+SMALL = 64 * 1024  # Bytes of the file system that fills up.
+
+
+def open_descriptors(daemon):
+    return sorted(os.readlink(path) for path in Path(f"/proc/{daemon.process.pid}/fd").iterdir())
+
+
+def settled_descriptors(daemon):
+    """The descriptors that are open between two passes: those seen in several looks alike."""
+    looks = []
+
+    def is_settled():
+        looks.append(open_descriptors(daemon))
+        return len(looks) >= 5 and looks[-5:] == [looks[-1]] * 5
+
+    daemon.wait(is_settled, "the same descriptors five times")
+    return looks[-1]
+
+
+def zombies(daemon):
+    children = Path(f"/proc/{daemon.process.pid}/task/{daemon.process.pid}/children").read_text()
+    states = []
+    for pid in children.split():
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            states.append(Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0])
+    return states.count("Z")
+
+
+class Station:
+    """A running daemon with one directory "a" that is checked to be well at the end."""
+
+    def __init__(self, daemon, **attributes):
+        self.daemon = daemon
+        self.count = 0
+        self.attributes = attributes
+        daemon.configure(daemon.directory("a", **attributes))
+        daemon.start()
+        self.say()
+        self.descriptors = len(settled_descriptors(daemon))
+
+    def say(self):
+        """Drops a message and waits until it is heard, whole and once."""
+        self.count += 1
+        name, before = f"well{self.count}", len(self.daemon.translator_runs())
+        self.daemon.drop("a", name, f"all is well {self.count}")
+        self.daemon.wait(lambda: [run for run in self.daemon.translator_runs()[before:]
+                                  if run.message == name], "the message")
+        said = [run.text.decode() for run in self.daemon.translator_runs() if run.message == name]
+        assert said == [f"{PAUSE}all is well {self.count} "]
+
+    def end(self):
+        self.say()
+        self.daemon.take()
+        # Found again by the path: a directory that was replaced has another target.
+        assert len(settled_descriptors(self.daemon)) == self.descriptors
+        self.daemon.wait(lambda: zombies(self.daemon) == 0, "no zombie")
+        self.daemon.stop()
+
+
+@pytest.fixture
+def small_file_system(tmp_path):
+    """A directory on a file system of its own that holds SMALL bytes."""
+    path = tmp_path / "small"
+    path.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={SMALL}", "tmpfs", path], check=True)
+    yield path
+    subprocess.run(["umount", "-l", path], check=True)
+
+
+# Where not, the tests on a full file system are not there; a limit on files stands in.
+can_mount = os.geteuid() == 0 and subprocess.run(
+    ["unshare", "-m", "true"], check=False, stderr=subprocess.DEVNULL).returncode == 0
+
+
+class UnprivilegedDaemon(Daemon):
+    """A daemon for which permission bits count, also when the tests run as root."""
+
+    def start(self, **options):
+        if os.geteuid() == 0:
+            for path in [self.root, *self.root.rglob("*")]:
+                os.chown(path, 65534, 65534, follow_symlinks=False)
+            options.update(user=65534, group=65534, extra_groups=[])
+        super().start(**options)
+
+
+@pytest.fixture
+def make_unprivileged():
+    # Not below pytest's own directory, which is closed to others; and with copies of what is
+    # started, as the project may be closed to others too.
+    root = Path(tempfile.mkdtemp(prefix="vocastra-test-"))
+    root.chmod(0o755)
+    daemons = []
+
+    def make(**options):
+        daemon = UnprivilegedDaemon(root / "d", **options)
+        daemons.append(daemon)
+        for link in (daemon.translator, daemon.cifs_helper, daemon.ftp_helper):
+            target = link.resolve()
+            link.unlink()
+            shutil.copy(target, link)
+        return daemon
+
+    yield make
+    for daemon in daemons:
+        daemon.close()
+    shutil.rmtree(root)
+
+
+@pytest.fixture
+def copied_program(monkeypatch, tmp_path_factory):
+    """VOCASTRA names a copy that any user may start."""
+    words = program()
+    root = Path(tempfile.mkdtemp(prefix="vocastra-test-"))
+    root.chmod(0o755)
+    words[-1] = shutil.copy(words[-1], root / "vocastra")
+    monkeypatch.setenv("VOCASTRA", " ".join(str(word) for word in words))
+    yield
+    shutil.rmtree(root)
+
+
+# --- Directories ---
+
+
+def test_output_replaced_by_a_file(make_daemon):
+    station = Station(make_daemon())
+    daemon = station.daemon
+    daemon.take()
+    shutil.rmtree(daemon.output)
+    daemon.output.write_text("in the way")
+    daemon.drop("a", "m", "unheard")
+    daemon.wait(lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
+                "the copy to fail")
+    assert any(line.startswith(f'Could not open "{daemon.output}/" for counting: ')
+               for line in daemon.log())
+    daemon.output.unlink()
+    daemon.output.mkdir()
+    station.say()
+    daemon.wait_outputs(1)
+    station.end()
+
+
+def test_output_that_may_not_be_written(make_unprivileged, copied_program):
+    station = Station(make_unprivileged())
+    daemon = station.daemon
+    daemon.take()
+    daemon.output.chmod(0o555)
+    daemon.drop("a", "m", "unheard")
+    daemon.wait(lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
+                "the copy to fail")
+    daemon.output.chmod(0o755)
+    station.end()
+
+
+def test_output_that_may_not_be_read(make_unprivileged, copied_program):
+    station = Station(make_unprivileged())
+    daemon = station.daemon
+    daemon.output.chmod(0o300)
+    daemon.wait_log(f'Could not open "{daemon.output}/" for counting: Permission denied')
+    station.say()
+    daemon.output.chmod(0o755)
+    station.end()
+
+
+def test_audio_over_the_limit_of_a_file(make_daemon):
+    """Stands in for a full file system where none can be mounted."""
+    daemon = make_daemon()
+    daemon.behave("fake:big=200000")
+    daemon.configure(daemon.directory("a"))
+    daemon.start(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (100000, 100000)))
+    daemon.drop("a", "m", "too big")
+    daemon.wait_translator_runs(1)
+    daemon.behave()
+    daemon.drop("a", "n", "small again")
+    daemon.wait_translator_runs(2)
+    daemon.stop()
+
+
+if can_mount:
+
+    def test_output_on_a_full_file_system(make_daemon, small_file_system):
+        daemon = make_daemon(output=False, arguments=["-o", small_file_system])
+        daemon.output.rmdir()
+        daemon.output = small_file_system
+        station = Station(daemon)
+        daemon.take()
+        ballast = small_file_system / ".ballast"
+        with contextlib.suppress(OSError):
+            ballast.write_bytes(bytes(2 * SMALL))
+        daemon.drop("a", "m", "no room")
+        daemon.wait(lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
+                    "the copy to fail")
+        ballast.unlink()
+        station.say()
+        daemon.wait(lambda: any(content.endswith(b"all is well 2 ") for _, content in daemon.take()),
+                    "the audio")
+        station.end()
+
+
+def test_input_replaced_by_a_file(make_daemon):
+    station = Station(make_daemon())
+    daemon = station.daemon
+    path = daemon.input("a")
+    path.rmdir()
+    path.write_text("in the way")
+    daemon.wait_log(f"Could not open directory {path}/")
+    path.unlink()
+    path.mkdir()
+    daemon.wait_passes(2)
+    station.end()
+
+
+def test_input_that_may_not_be_read(make_unprivileged, copied_program):
+    station = Station(make_unprivileged())
+    daemon = station.daemon
+    daemon.input("a").chmod(0)
+    daemon.wait_log(f"Could not open directory {daemon.input('a')}/")
+    daemon.input("a").chmod(0o755)
+    daemon.wait_passes(2)
+    station.end()
+
+
+def test_message_that_cannot_be_removed_is_not_spoken(make_unprivileged, copied_program):
+    station = Station(make_unprivileged())
+    daemon = station.daemon
+    before = len(daemon.translator_runs())
+    path = daemon.input("a") / "m"
+    publish(daemon.root / "m", "must not be said for ever")
+    # In one step with the loss of permission: the file is there, and nothing can be removed.
+    os.rename(daemon.root / "m", daemon.input("a") / ".m")
+    with locked(daemon.input("a")):
+        os.rename(daemon.input("a") / ".m", path)
+        daemon.input("a").chmod(0o555)
+    daemon.wait_log(f"Could not remove {path}")
+    daemon.wait_passes(3)
+    assert len(daemon.translator_runs()) == before
+    daemon.input("a").chmod(0o755)
+    path.write_text("said once it is changed and can be removed")
+    daemon.wait_translator_runs(before + 1)
+    assert not path.exists()
+    station.end()
+
+
+@pytest.mark.parametrize("obstacle", ["missing", "file"])
+def test_last_played_directory_in_trouble(make_daemon, obstacle):
+    daemon = make_daemon()
+    last = daemon.root / "last"
+    last.mkdir()
+    station = Station(daemon, last_played_path=last, auto_delete=1)
+    shutil.rmtree(last)
+    if obstacle == "file":
+        last.write_text("in the way")
+    station.say()
+    if obstacle == "file":
+        last.unlink()
+    last.mkdir()
+    station.say()
+    assert [path.name for path in last.iterdir()] == [f"well{station.count}"]
+    station.end()
+
+
+def test_cache_without_its_directory_fails_every_pass_until_it_is_there(make_daemon):
+    daemon = make_daemon()
+    last = daemon.root / "last"
+    last.mkdir()
+    station = Station(daemon)
+    daemon.reconfigure(daemon.directory("a"),
+                       daemon.directory("c", dir_mode="cache", last_played_path=last))
+    last.rmdir()
+    daemon.wait_log(f"Could not open directory {last}/", 2)
+    last.mkdir()
+    daemon.wait_passes(2)
+    station.end()
+
+
+@pytest.mark.parametrize("obstacle", ["missing", "directory in its place"])
+def test_status_file_in_trouble(make_daemon, obstacle):
+    daemon = make_daemon(status=False)
+    status_directory = daemon.root / "run"
+    status_directory.mkdir()
+    daemon.status_path = status_directory / "status.xml"
+    daemon.arguments += ["-s", daemon.status_path]
+    station = Station(daemon)
+    before = daemon.timestamp()
+    if obstacle == "missing":
+        status_directory.rename(daemon.root / "away")
+    else:
+        # Until the daemon is between two writes.
+        wait_until(lambda: daemon.status_path.exists(), "the status file")
+        daemon.status_path.unlink()
+        wait_until(lambda: make_directory(daemon.status_path), "a directory in its place")
+    daemon.wait_log(f'Could not open "{daemon.status_path}" for writing')
+    daemon.drop("a", "m", "spoken all the same")
+    daemon.wait(lambda: daemon.spoken()[-1][0] == "m", "the message")
+    if obstacle == "missing":
+        (daemon.root / "away").rename(status_directory)
+    else:
+        daemon.status_path.rmdir()
+    daemon.wait(lambda: (daemon.timestamp() or 0) > before, "a status")
+    station.end()
+
+
+def make_directory(path):
+    with contextlib.suppress(FileExistsError):
+        path.mkdir()
+        return True
+    path.unlink(missing_ok=True)
+    return False
+
+
+if can_mount:
+
+    def test_status_on_a_full_file_system(make_daemon, small_file_system):
+        daemon = make_daemon(status=False)
+        daemon.status_path = small_file_system / "status.xml"
+        daemon.arguments += ["-s", daemon.status_path]
+        station = Station(daemon)
+        ballast = small_file_system / "ballast"
+
+        def fill():
+            # The daemon gives its block back and takes it again with every write.
+            with contextlib.suppress(OSError), open(ballast, "ab", buffering=0) as file:
+                file.write(bytes(SMALL))
+            return daemon.status_path.read_bytes() == b""
+
+        daemon.wait(fill, "no room for a status")
+        daemon.drop("a", "m", "spoken all the same")
+        daemon.wait(lambda: daemon.spoken()[-1][0] == "m", "the message")
+        ballast.unlink()
+        daemon.wait_passes(2)
+        station.end()
+
+
+# --- Files ---
+
+
+def test_files_that_come_and_go_during_the_scans(make_daemon):
+    station = Station(make_daemon(files=100000))
+    daemon = station.daemon
+    goal = daemon.timestamp() + 20
+    number = 0
+    while (daemon.timestamp() or 0) < goal:
+        for _ in range(50):
+            path = daemon.input("a") / f"flash{number % 7}"
+            path.write_text("")
+            path.unlink(missing_ok=True)
+            number += 1
+    assert not any(run.message.startswith("flash") for run in daemon.translator_runs())
+    station.end()
+
+
+def test_file_that_grows_is_taken_as_it_was(make_daemon):
+    station = Station(make_daemon())
+    daemon = station.daemon
+    before = len(daemon.translator_runs())
+    daemon.hold()
+    daemon.drop("a", "first", "first")
+    daemon.wait_translator_runs(before + 1)
+    # Waits behind the first one, and is read again when it is taken.
+    path = daemon.input("a") / "growing"
+    with open(path, "w") as file:
+        file.write("one ")
+        file.flush()
+        daemon.release()
+        daemon.wait(lambda: not path.exists(), "the file to be taken")
+        file.write("two")
+    daemon.wait(lambda: daemon.spoken()[-1][0] == "growing", "the message")
+    assert [text for name, text in daemon.spoken() if name == "growing"] == [PAUSE + "one "]
+    station.end()
+
+
+# --- Configuration and glossary ---
+
+
+def test_configuration_written_bit_by_bit(make_daemon):
+    station = Station(make_daemon())
+    daemon = station.daemon
+    whole = element("tts-config", [daemon.directory("a"), daemon.directory("b")], state="run")
+    with open(daemon.config, "w", buffering=1) as file:
+        for character in whole:
+            file.write(character)
+            file.flush()
+            time.sleep(0.002)
+    daemon.wait_log("Created new input directory b")
+    daemon.wait_passes(2)
+    daemon.drop("b", "m", "from b")
+    daemon.wait(lambda: ("m", PAUSE + "from b ") in daemon.spoken(), "the message")
+    station.end()
+
+
+def test_configuration_swapped_a_thousand_times(make_daemon):
+    station = Station(make_daemon())
+    daemon = station.daemon
+    texts = [element("tts-config", [daemon.directory("a"), daemon.directory(name)], state="run")
+             for name in ("b", "c")]
+    assert crc16(texts[0].encode()) != crc16(texts[1].encode())
+    for i in range(1000):
+        publish(daemon.config, texts[i % 2])
+    daemon.wait(lambda: 'id="c"' in (daemon.status() or "") and 'id="b"' not in daemon.status(),
+                "the last configuration")
+    assert "Deleted input directory a" not in daemon.log()
+    station.end()
+
+
+def test_glossary_swapped_a_thousand_times(make_daemon):
+    daemon = make_daemon(glossary=True)
+    daemon.write_glossary(("other", "word"))
+    station = Station(daemon)
+    texts = [element("glossary", [element("word", text="it", speech=f"speech{i}")])
+             for i in range(2)]
+    for i in range(1000):
+        publish(daemon.glossary, texts[i % 2])
+    daemon.wait_passes(2)
+    daemon.drop("a", "m", "it")
+    daemon.wait(lambda: ("m", PAUSE + "speech1 ") in daemon.spoken(), "the newest speech")
+    assert not any(line.startswith("Reading glossary") for line in daemon.log())
+    station.end()
+
+
+def test_huge_configuration_and_glossary(make_daemon):
+    daemon = make_daemon(glossary=True)
+    daemon.write_glossary(*((f"word{i}", f"speech {i}") for i in range(5000)))
+    fields = "".join(f'<field tag="t{i}" attr="" attr_value=""/>' for i in range(10))
+    parsers = [f'<parser id="p{i}" type="xml">{fields}</parser>' for i in range(50)]
+    station = Station(daemon)
+    directories = [daemon.directory(f"d{i}", priority=i) for i in range(200)]
+    daemon.reconfigure(daemon.directory("a"), *directories, *parsers)
+    daemon.drop("d199", "m", "word0 word4999 word5000")
+    daemon.wait(lambda: ("m", PAUSE + "speech 0 speech 4999 word5000 ") in daemon.spoken(),
+                "the message")
+    daemon.reconfigure(daemon.directory("a"))
+    station.end()
+
+
+# --- Translator ---
+
+
+def test_translator_that_writes_50_mb(make_daemon):
+    station = Station(make_daemon())
+    daemon = station.daemon
+    daemon.take()
+    daemon.behave("fake:big=50000000")
+    daemon.drop("a", "m", "much to say")
+    daemon.wait_outputs(1)
+    daemon.behave()
+    ((_, audio),) = daemon.take()
+    assert len(audio) == 50000000
+    station.end()
+
+
+# --- Log ---
+
+
+def test_closed_standard_error(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    # Its number must not be given to another file, which log lines would then go to.
+    daemon.start(preexec_fn=lambda: os.close(2))
+    daemon.drop("a", "m", "without a log")
+    daemon.wait_outputs(1)
+    assert daemon.take() == [
+        ("0_a.text_live_first.raw", b"audio 1\n" + PAUSE.encode() + b"without a log ")]
+    assert os.readlink(f"/proc/{daemon.process.pid}/fd/2") == "/dev/null"
+    daemon.stop()
+
+
+def test_log_whose_reader_is_gone(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    reader, writer = os.pipe()
+    daemon.start(stderr=writer)
+    os.close(writer)
+    os.close(reader)
+    daemon.wait_passes(2)
+    daemon.drop("a", "m", "without a reader")
+    daemon.wait_outputs(1)
+    daemon.stop()
+
+
+# --- Signals ---
+
+
+@pytest.mark.parametrize("batch", range(10))
+def test_interrupt_at_any_moment(make_daemon, batch):
+    for i in range(30):
+        daemon = make_daemon(files=1000)
+        daemon.configure(daemon.directory("a"), daemon.directory("b"))
+        daemon.start(wait=False)
+        # From before the first pass to the middle of a message, in steps of 3 ms.
+        deadline = time.monotonic() + (batch * 30 + i) * 0.003
+        if batch >= 3:
+            daemon.wait(lambda: daemon.timestamp() is not None, "the first status")
+            daemon.drop("a", "m", "one two three " * 20)
+        while time.monotonic() < deadline:
+            time.sleep(0.001)
+        if batch == 0 and i < 20:
+            # Not before the handler is there: until then the signal ends any program.
+            daemon.wait(lambda: "Processing configuration" in daemon.log_text(), "the first pass")
+        else:
+            daemon.wait(lambda: daemon.log_text() != "", "the first line")
+        daemon.stop()
+        assert daemon.log().count("Now in \"run\" state") <= 1
+
+
+def test_kill_leaves_temporary_files_that_disturb_nobody(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"), daemon.directory("r", type="ftp", path="host"))
+    daemon.start()
+    watch = daemon.wait_helper_runs(1)[0].watch
+    daemon.drop("a", "m", "last words")
+    (run,) = daemon.wait_translator_runs(1)
+    daemon.process.kill()
+    assert daemon.process.wait() == -signal.SIGKILL
+    assert Path(run.text_path).exists() and Path(run.audio_path).exists() and watch.exists()
+    again = make_daemon()
+    again.configure(again.directory("a"), again.directory("r", type="ftp", path="host"))
+    station = again
+    station.start()
+    station.drop("a", "m", "as ever")
+    station.wait_spoken(("m", PAUSE + "as ever "))
+    station.stop()
+    assert Path(run.text_path).exists() and watch.exists()  # Whoever kills it clears up.
+
+
+def test_locks_held_for_seconds_delay_nothing_else(make_daemon):
+    station = Station(make_daemon())
+    daemon = station.daemon
+    daemon.take()
+    released = threading.Event()
+
+    def hold():
+        with locked(daemon.output):
+            released.wait(2)
+
+    holder = threading.Thread(target=hold)
+    holder.start()
+    daemon.drop("a", "m", "after the lock")
+    holder.join()
+    daemon.wait_outputs(1)
+    station.end()
