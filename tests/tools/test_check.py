@@ -2,10 +2,14 @@
 
 import os
 import re
+import shutil
+import subprocess
+import tempfile
+from pathlib import Path
 
 import pytest
 from daemon import PAUSE, publish
-from tools import run
+from tools import run, tool
 
 
 class World:
@@ -434,6 +438,29 @@ def test_permissions(world, name, what):
     found = err.replace(f"{world.config}:", "config:", 1).replace(str(world.root), "@").splitlines()
     assert found == [what]
     assert status == (2 if ": error: " in what else 1)
+
+
+def test_sticky_directory(world):
+    """In /tmp only the owner may remove a file. Neither tool nor test need lie in public places."""
+    if os.geteuid() != 0:
+        status, found = world.check(directory('last-played-path="@/last" path="/tmp"'))
+    else:
+        public = Path(tempfile.mkdtemp(prefix="vocastra-test-"))
+        try:
+            public.chmod(0o755)
+            (public / "config.xml").write_text(directory('path="/tmp"').replace("@/in", "/tmp/none"))
+            shutil.copy(tool("vocastra-check"), public)
+            user = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+            command = [*user, public / "vocastra-check", public / "config.xml"]
+            done = subprocess.run(command, capture_output=True, text=True, timeout=60, check=False)
+        finally:
+            shutil.rmtree(public)
+        status, found = done.returncode, done.stderr.replace(f"{public}/config.xml", "config").split("\n")
+    assert status == 2
+    assert (
+        WARNING + '"/tmp" is sticky: files of others cannot be removed, and are then not spoken. '
+        "Take its sticky bit away, or give it to the daemon's user."
+    ) in found
 
 
 # The command line.

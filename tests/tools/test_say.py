@@ -423,6 +423,23 @@ def test_wait_goes_on_while_output_bound(bound):
     daemon.stop()
 
 
+def test_wait_goes_on_until_there_is_room_again(make_daemon):
+    """What was just delivered has been said when the player has taken it."""
+    daemon = make_daemon(words=1, files=1)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    process = start(
+        "vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "--wait", "one two"
+    )
+    status = daemon.wait_status(lambda root: root.get("output-bound") == "1")
+    assert [record.tag for record in status.iter()] == ["tts-status", "directory"]
+    daemon.wait_passes(10)
+    assert process.poll() is None
+    daemon.take()
+    assert finish(process) == (0, "", "")
+    daemon.stop()
+
+
 def test_stop_drops_the_message(bound):
     daemon, process = bound
     daemon.configure(daemon.directory("a"), state="stop")
