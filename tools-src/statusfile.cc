@@ -1,0 +1,193 @@
+#include "statusfile.h"
+
+#include <errno.h>
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+
+#include "format.h"
+
+namespace {
+
+constexpr double kHalfFileLimit = 2;        // Seconds.
+constexpr int kHalfFilePause = 10;          // Milliseconds.
+constexpr size_t kMaxFileBytes = 16 << 20;  // Far above any status; a device file has no end.
+
+constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyz-";
+
+// Reads a status from front to back. Every step returns false at the first byte that is not as
+// the daemon writes it, which is also how the end of half a file is noticed.
+class StatusParser {
+ public:
+  explicit StatusParser(const std::string& text) : text_(text) {}
+
+  // Null if the text is no whole document.
+  std::unique_ptr<XMLElement> Parse() {
+    do {
+      while (Take(" ")) {
+      }
+      if (!(Take("</") ? EndTag() : StartTag())) {
+        return nullptr;
+      }
+    } while (last_ != nullptr);
+    if (position_ != text_.size()) {
+      return nullptr;
+    }
+    return std::move(root_);
+  }
+
+ private:
+  bool Take(const char* expected) {
+    const size_t length = strlen(expected);
+    if (text_.compare(position_, length, expected) != 0) {
+      return false;
+    }
+    position_ += length;
+    return true;
+  }
+
+  std::string Name() {
+    const size_t start = position_;
+    position_ = std::min(text_.find_first_not_of(kNameCharacters, start), text_.size());
+    return text_.substr(start, position_ - start);
+  }
+
+  bool StartTag() {
+    if (!Take("<")) {
+      return false;
+    }
+    auto element = std::make_unique<XMLElement>(Name().c_str());
+    while (Take(" ")) {
+      const std::string name = Name();
+      std::string value;
+      if (!Take("=\"") || !Value(value)) {
+        return false;
+      }
+      element->SetAttributeString(name, value);
+    }
+    const bool is_empty = Take("/>\n");
+    if (!is_empty && !Take(">\n")) {
+      return false;
+    }
+    XMLElement* const added = element.get();
+    if (last_ != nullptr) {
+      last_->AddChild(element.release());
+    } else {
+      root_ = std::move(element);
+    }
+    if (!is_empty) {
+      last_ = added;
+    }
+    return true;
+  }
+
+  // A value may hold anything. It ends at the first quote that is followed by what follows values.
+  bool Value(std::string& value) {
+    for (size_t quote = text_.find('"', position_); quote != std::string::npos;
+         quote = text_.find('"', quote + 1)) {
+      if (IsAfterValue(quote + 1)) {
+        value = text_.substr(position_, quote - position_);
+        position_ = quote + 1;
+        return true;
+      }
+    }
+    return false;
+  }
+
+  bool IsAfterValue(size_t position) const {
+    if (text_.compare(position, 2, ">\n") == 0 || text_.compare(position, 3, "/>\n") == 0) {
+      return true;
+    }
+    const size_t end = text_.find_first_not_of(kNameCharacters, position + 1);
+    return text_.compare(position, 1, " ") == 0 && end > position + 1 && end != std::string::npos &&
+           text_.compare(end, 2, "=\"") == 0;
+  }
+
+  bool EndTag() {
+    if (last_ == nullptr || Name() != last_->GetName() || !Take(">\n")) {
+      return false;
+    }
+    last_ = last_->GetParent();
+    return true;
+  }
+
+  const std::string& text_;
+  size_t position_ = 0;
+  std::unique_ptr<XMLElement> root_;
+  XMLElement* last_ = nullptr;  // The innermost open element.
+};
+
+// True if everything is there that the daemon reports.
+bool IsStatus(const XMLElement& root) {
+  try {
+    for (const char* name : {"timestamp", "now-playing", "output-bound"}) {
+      root.GetAttributeInteger(name);
+    }
+    root.GetAttributeString("state");
+    for (const XMLElement* directory : root.GetChildren("directory")) {
+      for (const char* name : {"id", "status", "path"}) {
+        directory->GetAttributeString(name);
+      }
+      directory->GetAttributeInteger("total-file-count");
+      directory->GetAttributeInteger("updated-file-count");
+      for (const XMLElement* message : directory->GetChildren("message")) {
+        message->GetAttributeInteger("id");
+        message->GetAttributeInteger("plays");
+        message->GetAttributeString("filename");
+      }
+    }
+  } catch (const std::string&) {
+    return false;
+  }
+  return root.GetName() == "tts-status";
+}
+
+std::string ReadWhole(const std::string& path) {
+  InputFile file(path);
+  if (!file.IsOpen()) {
+    throw Format("%s: %s", path.c_str(), strerror(errno));
+  }
+  std::string text;
+  char block[65536];
+  size_t length = 0;
+  while (text.size() < kMaxFileBytes && (length = file.Read(block, sizeof(block))) > 0) {
+    text.append(block, length);
+  }
+  return text;
+}
+
+}  // namespace
+
+std::unique_ptr<XMLElement> ParseStatus(const std::string& text_) {
+  std::unique_ptr<XMLElement> root = StatusParser(text_).Parse();
+  if (!root || !IsStatus(*root)) {
+    return nullptr;
+  }
+  return root;
+}
+
+std::unique_ptr<XMLElement> ReadStatus(const std::string& path_) {
+  const double deadline = Now() + kHalfFileLimit;
+  do {
+    const std::string text = ReadWhole(path_);
+    std::unique_ptr<XMLElement> root = ParseStatus(text);
+    // The second look makes sure that the first did not join the pieces of two statuses.
+    if (root && ReadWhole(path_) == text) {
+      return root;
+    }
+    Nap(kHalfFilePause);
+  } while (Now() < deadline);
+  throw Format("%s: holds no whole status", path_.c_str());
+}
+
+void Nap(int milliseconds_) {
+  const timespec duration = {milliseconds_ / 1000, milliseconds_ % 1000 * 1000000L};
+  nanosleep(&duration, nullptr);
+}
+
+double Now() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}

@@ -1,0 +1,24 @@
+// Reading the daemon's status file, which is rewritten in place about ten times a second, without
+// a lock and without escaping values.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "xml.h"
+
+// The tree of the status text, which must be one whole document as the daemon writes it, with every
+// attribute that it reports, so that reading those cannot fail; null if it is not. Values are taken
+// byte for byte: a file name with a quote or an ampersand, which makes the text ill-formed as XML,
+// arrives as it is.
+std::unique_ptr<XMLElement> ParseStatus(const std::string& text_);
+
+// The tree of the status file at path_, which is read again while it holds half a status.
+// Throws a string if the file cannot be read, or after 2 seconds without a whole status.
+std::unique_ptr<XMLElement> ReadStatus(const std::string& path_);
+
+// Sleeps that long.
+void Nap(int milliseconds_);
+
+// Seconds from an arbitrary start, unaffected by changes of the clock.
+double Now();
