@@ -72,6 +72,19 @@ def test_xml_in_the_manuals(name, schema, tmp_path):
     is_valid(schema, block.replace("\\e\n", ""), tmp_path)
 
 
+def test_every_configuration_and_glossary_fits_its_schema():
+    roots = {"tts-config": 0, "glossary": 0}
+    for pattern in ("**/*.xml", "**/*.conf"):
+        for path in ROOT.glob(pattern):
+            if {"build", ".git", "tests", "fuzz"} & set(path.relative_to(ROOT).parts):
+                continue  # Made, or wrong on purpose.
+            root = re.search(r"<([a-z][\w-]*)", path.read_text(errors="replace"))
+            if root and root[1] in roots:
+                roots[root[1]] += 1
+                assert validate(root[1], path) == ""
+    assert min(roots.values()) >= 3
+
+
 def test_functions_in_the_design_exist():
     text = (ROOT / "doc/design.md").read_text()
     sources = "".join(path.read_text() for path in (ROOT / "src").glob("*.cc"))
