@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 
-from docs import LIMIT, program, run, validate
+from docs import LIMIT, ROOT, program, run, validate
 
 # Notes its arguments and what it is to say.
 TRANSLATOR = """#!/bin/sh
@@ -62,7 +62,7 @@ class Daemon:
     def drop(self, name, text):
         path = self.path / "in" / name
         hidden = path.with_name(".new")
-        hidden.write_text(text)
+        hidden.write_bytes(text.encode() if isinstance(text, str) else text)
         hidden.rename(path)
 
     def status(self):
@@ -86,7 +86,7 @@ class Daemon:
     def runs(self):
         """For each run of the translator: text file, audio file, message, words."""
         path = self.path / "spoken"
-        lines = path.read_text().splitlines() if path.exists() else []
+        lines = path.read_text().split("\n")[:-1] if path.exists() else []
         return [line.split("\t") for line in lines]
 
     def said(self):
@@ -210,6 +210,54 @@ def test_words(daemon, text, words):
     daemon.drop("a/one", text)
     daemon.wait(lambda: daemon.runs())
     assert daemon.said() == ["\\pau=300\\ " + words]
+
+
+MESSAGES = (ROOT / "man/vocastra-messages.7").read_text()
+
+
+def words_of(daemon, text, **attributes):
+    """The words of a message, spoken in one piece."""
+    daemon.configure(daemon.local("a", **attributes))
+    daemon.start("-w", "100000")
+    daemon.drop("a/one", text)
+    daemon.wait(daemon.runs)
+    return daemon.said()[0].replace("\\pau=300\\ ", "").split(" ")[:-1]
+
+
+def test_marks_that_end_a_word(daemon):
+    """Those that the manual lists, and no other of ASCII."""
+    line = re.search(r"^\.Ql (\\&! .*)$", MESSAGES, re.MULTILINE)[1]
+    told = set(re.sub(r"\\&| ", "", line))
+    marks = [chr(cp) for cp in range(0x21, 0x7F) if not chr(cp).isalnum()]
+    assert told < set(marks)
+    expected = []
+    for mark in marks:
+        expected += [f"x{mark}", "y"] if mark in told else [f"x{mark}y"]
+    assert words_of(daemon, "\n".join(f"x{mark}y" for mark in marks)) == expected
+
+
+def test_the_table_of_ascii(daemon):
+    """Every byte becomes what the manual's table says."""
+    singles = dict(re.findall(r"^\.It ([A-F\d]{2}) Ta (\S)$", MESSAGES, re.MULTILINE))
+    assert len(singles) == 8
+    expected = []
+    for byte in range(0x80, 0x100):
+        if f"{byte:02X}" in singles:
+            letter = singles[f"{byte:02X}"]
+        elif byte >= 0xC0:
+            letter = chr(byte)
+        elif byte <= 0x9F:
+            letter = "\ufffd" + chr(byte - 0x20)
+        else:
+            letter = chr(byte - 0x20)
+        # A control character, which DEL is as well, ends a word and vanishes.
+        expected += re.sub("[\x7f-\x9f]", " ", f"x{letter}y").split(" ")
+    text = b"\n".join(b"x" + bytes([byte]) + b"y" for byte in range(0x80, 0x100)) + b"\nx\0y"
+    assert words_of(daemon, text, parser="text", encoding="ascii") == expected + ["xy"]
+
+
+def test_the_rest_of_a_long_file_is_ignored(daemon):
+    assert words_of(daemon, "x " * 32768 + "tail") == ["x"] * 32768
 
 
 def test_exit_status_of_a_daemon_that_cannot_start(tmp_path):
