@@ -11,7 +11,7 @@ CALLS = [
     r"Debug\(\s*kDebug\w+,\s*\"%s\",\s*\w+\s*\?\s*" + TEXT,
     r"Debug\(\s*kDebug\w+,\s*\"%s\",\s*\w+\s*\?\s*" + TEXT.replace("(", "(?:", 1) + r"\s*:\s*" + TEXT,
     r"(?:throw|Logged\()\s*(?:Logged\()?Format\(\s*" + TEXT,
-    r"Logged\(\s*" + TEXT,
+    r"\bLog\w+\([^;\"]*" + TEXT,
 ]
 
 
