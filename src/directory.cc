@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
@@ -118,7 +119,7 @@ std::list<std::string> Directory::Impl::GetFileNames() {
   }
   const size_t count = CountFiles(listing);
   std::list<std::string> names;
-  if (!ReserveSlots(count)) {
+  if (count == 0 || !ReserveSlots(count)) {
     Unlock();
     return names;
   }
@@ -130,9 +131,7 @@ std::list<std::string> Directory::Impl::GetFileNames() {
   }
   // All slots are sorted, and the first ones taken: of files that vanished between the passes
   // the empty slots come first and push as many names off the end. The next listing has them.
-  if (count > 0) {
-    qsort(sorted.data(), count, sizeof(sorted[0]), CompareSlots);
-  }
+  qsort(sorted.data(), count, sizeof(sorted[0]), CompareSlots);
   for (size_t i = 0; i < copied; ++i) {
     names.emplace_back(sorted[i]);
   }
@@ -147,13 +146,11 @@ std::list<std::string> Directory::Impl::GetFileNames() {
 // 4 KiB of memory for each, in every scan.
 size_t Directory::Impl::FillSlots(const Listing& listing, size_t count) {
   size_t copied = 0;
-  if (count > 0) {
-    rewinddir(listing.get());
-    const dirent* entry = nullptr;
-    while (copied < count && (entry = NextFile(listing)) != nullptr) {
-      CopyName(file_name_buffer + copied * kSlotSize, entry->d_name);
-      ++copied;
-    }
+  rewinddir(listing.get());
+  const dirent* entry = nullptr;
+  while (copied < count && (entry = NextFile(listing)) != nullptr) {
+    CopyName(file_name_buffer + copied * kSlotSize, entry->d_name);
+    ++copied;
   }
   for (size_t i = copied; i < count; ++i) {
     file_name_buffer[i * kSlotSize] = '\0';
@@ -163,11 +160,12 @@ size_t Directory::Impl::FillSlots(const Listing& listing, size_t count) {
 
 // Makes room for count slots. False, with a log line, if there is no memory.
 bool Directory::Impl::ReserveSlots(size_t count) {
-  const size_t size = count * kSlotSize;
+  const bool fits = count <= SIZE_MAX / kSlotSize;  // 32-bit: up to a million files.
+  const size_t size = fits ? count * kSlotSize : SIZE_MAX;
   if (file_name_buffer_chars < size) {
     free(file_name_buffer);
     file_name_buffer_chars = 0;
-    file_name_buffer = static_cast<char*>(malloc(size));
+    file_name_buffer = fits ? static_cast<char*>(malloc(size)) : nullptr;
     if (file_name_buffer == nullptr) {
       Debug(kDebugNormal, "Could not allocate %zu bytes for sorting files", size);
       return false;

@@ -30,7 +30,9 @@ class Directory {
 
   // Names (without directory) of the listed files in byte order: "B" before "a", "10" before
   // "9". Throws a string if the directory is unreadable; the lock is held then until Unlock or
-  // the end of the object.
+  // the end of the object. Empty, with a log line, if there is no memory.
+  // If files vanish meanwhile, empty names stand at the head and as many names are missing at the
+  // end; the next listing has them.
   std::list<std::string> GetFileNames();
 
   // Move or copy the file at current_path_ into the directory as new_name_, through the shell

@@ -23,7 +23,7 @@ std::string AddTrailingSlash(const std::string& s_);
 std::string ListToString(const std::list<std::string>& words_);
 
 // Runs cmd_ through /bin/sh and waits for its end. Returns the status as waitpid gives it, or -1
-// if no shell could be started.
+// if no shell could be started or its status was lost.
 //
 // Not system(): that discards a SIGINT which arrives while it sets up. Here SIGINT is blocked, so
 // that a stop request stays pending until the command has ended; the command inherits the block,

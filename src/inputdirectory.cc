@@ -144,8 +144,8 @@ void LogDropped(std::string_view characters, const char* message) {
 // point".
 //
 // There is no limit on the number of words: each takes at least one of the characters that are
-// looked at. Ranges, as a message may have tens of thousands of words, and each would be two
-// requests to the heap.
+// looked at. Ranges, as a message may have tens of thousands of words, and each would be a
+// request or two to the heap.
 std::vector<std::string_view> SplitIntoWords(std::string_view whole_text) {
   const std::string_view text = FirstCharacters(whole_text, kMaxMessageChars);
   std::vector<std::string_view> words;

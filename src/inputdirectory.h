@@ -18,7 +18,8 @@ class InputDirectory {
  public:
   // Empties the last-played directory and, if it is local, the directory itself: messages from
   // before are not spoken. Starts the helper of a remote one.
-  // Throws a string if an attribute is unusable or the helper's path is empty but needed.
+  // Throws a string if an attribute is unusable, if the helper's path is empty but needed, or if
+  // the watch directory cannot be made.
   InputDirectory(const XMLElement& element_, const std::string& cifs_helper_script_path_,
                  const std::string& ftp_helper_app_path_, int text_snippet_word_limit_);
   // Stops the helper, which takes 2 seconds, and removes its watch directory.
@@ -50,6 +51,7 @@ class InputDirectory {
   // in cache mode cannot be opened.
   XMLElement* GetStatus() const;
 
+  // The attributes of the element, or their defaults. A path that is not configured is empty.
   int GetPriority() const;
   // Unique among all directories of the process; 0 if there is no active message.
   int GetActiveMessageID() const;
@@ -64,8 +66,9 @@ class InputDirectory {
   std::string GetParserID() const;
   std::string GetEncoding() const;
 
-  // Sets the parser that reads this directory's files; null for none, and then no file is looked
-  // at. REQUIRES: it outlives its use by this object, which does not own it.
+  // Sets the parser that reads this directory's files; null for none: no file is looked at
+  // then, and those that wait are dropped unspoken.
+  // REQUIRES: it outlives its use by this object, which does not own it.
   void SetFileParser(const FileParser* file_parser_);
 
  private:

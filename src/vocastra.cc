@@ -94,6 +94,7 @@ struct Vocastra::Impl {
   int text_snippet_word_limit = 0;
   int output_file_count_limit = 0;
   bool configured = false;
+  bool half_applied = false;     // A load failed after it had begun to change things.
   uint16_t config_file_crc = 0;  // Of the configuration last applied.
   std::map<std::string, std::unique_ptr<InputDirectory>> id_to_directory;
   std::multimap<int, std::string> priority_to_directory_id;
@@ -119,7 +120,9 @@ void Vocastra::Impl::CreateResources() {
 }
 
 Vocastra::Impl::~Impl() {
-  id_to_directory.clear();
+  while (!id_to_directory.empty()) {  // In ascending order, which clear() does not promise.
+    id_to_directory.erase(id_to_directory.begin());
+  }
   ClearFileParsers();
   unlink(temp_input_path.c_str());
   unlink(temp_output_path.c_str());
@@ -143,20 +146,23 @@ void Vocastra::Impl::Run() {
 }
 
 // Applies the configuration file if it has changed. A string thrown before anything is changed
-// leaves the old configuration in force; either way the file is tried again in the next pass.
+// leaves the old configuration in force; either way the file is tried again in the next pass, and
+// so it is when it is put back as it was after a load that failed halfway.
 void Vocastra::Impl::Configure() {
   const uint16_t new_config_file_crc = FileCRC(config_file_path);
-  if (configured && config_file_crc == new_config_file_crc) {
+  if (configured && !half_applied && config_file_crc == new_config_file_crc) {
     return;
   }
   const std::unique_ptr<XMLElement> root = LoadXMLTree(config_file_path, "tts-config");
   Debug(kDebugNormal, "Processing configuration %s", config_file_path.c_str());
   const std::string new_state = root->GetAttributeString("state");
+  half_applied = true;
   ConfigureDirectories(*root);
   RankDirectories();
   ConfigureParsers(*root);
   AttachParsers();
   ApplyState(new_state);
+  half_applied = false;
   configured = true;
   config_file_crc = new_config_file_crc;
 }
@@ -190,8 +196,9 @@ void Vocastra::Impl::ConfigureDirectory(const XMLElement& element, const std::st
     }
     DeleteDirectory(id);
   }
-  id_to_directory[id] = std::make_unique<InputDirectory>(
-      element, cifs_helper_script_path, ftp_helper_app_path, text_snippet_word_limit);
+  id_to_directory.emplace(
+      id, std::make_unique<InputDirectory>(element, cifs_helper_script_path, ftp_helper_app_path,
+                                           text_snippet_word_limit));
   Debug(kDebugNormal, "Created new input directory %s", id.c_str());
 }
 

@@ -88,7 +88,7 @@ class XMLDocument {
   XMLDocument(const XMLDocument&) = delete;
   XMLDocument& operator=(const XMLDocument&) = delete;
 
-  // The root; null for an empty file.
+  // The root; null if the file has no start tag before its end or its first error.
   XMLElement* GetRoot() const;
   // The root; logs and throws a string if there is none of that name.
   XMLElement* GetRoot(const std::string& name_) const;

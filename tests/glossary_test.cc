@@ -4,6 +4,7 @@
 #include <set>
 #include <type_traits>
 
+#include "retelling.h"
 #include "test_util.h"
 
 namespace {
@@ -199,34 +200,6 @@ TEST_F(GlossaryTest, NamesTheRootRatherThanTheErrorIfBothAreWrong) {
             }));
 }
 
-// The rules once more, as plainly as they can be told.
-std::string Retold(const std::map<std::string, std::string>& entries, const std::string& word) {
-  std::string key = word;
-  while (key.size() >= 2 && (key[0] == '.' || key[0] == ',')) {
-    key = key.substr(1);
-  }
-  while (key.size() >= 2 && (key[key.size() - 1] == '.' || key[key.size() - 1] == ',')) {
-    key.pop_back();
-  }
-  if (entries.count(key) == 0) {
-    return word;
-  }
-  const std::set<char> key_bytes(key.begin(), key.end());
-  std::string before;
-  size_t i = 0;
-  while (i < word.size() && key_bytes.count(word[i]) == 0) {
-    before += word[i++];
-  }
-  if (i == word.size()) {
-    return entries.at(key);
-  }
-  std::string after;
-  for (i += key.size(); i < word.size(); ++i) {
-    after += word[i];
-  }
-  return before + entries.at(key) + after;
-}
-
 TEST_F(GlossaryTest, AgreesWithAPlainTellingOfItsRules) {
   std::mt19937 random(20261120);
   const auto random_text = [&random](const std::string& alphabet, size_t max_length) {
@@ -248,7 +221,7 @@ TEST_F(GlossaryTest, AgreesWithAPlainTellingOfItsRules) {
     for (int i = 0; i < 5000; ++i) {
       const std::string word = random_text("aabB..,,!", 7);
       const std::string spoken = glossary.SubstituteSpeech(word);
-      ASSERT_EQ(Retold(map, word), spoken) << "word \"" << word << "\" in " << path_;
+      ASSERT_EQ(retelling::Speech(map, word), spoken) << "word \"" << word << "\" in " << path_;
       substituted += spoken != word ? 1 : 0;
     }
   }

@@ -21,6 +21,7 @@
 
 #include "crc.h"
 #include "directory.h"
+#include "retelling.h"
 #include "test_util.h"
 
 namespace {
@@ -1725,80 +1726,98 @@ TEST_F(SplitterTest, LogsWhatItDropsInTheOrderOfTheText) {
   EXPECT_EQ("Word too long\n" + Repeat("Too many characters\n", 4), log_);
 }
 
-// The splitter's rules once more, step by step in their plainest form and without any library.
-class Retelling {
- public:
-  explicit Retelling(const std::vector<uint32_t>& text) {
-    for (const uint32_t cp : text) {
-      Take(cp);
-    }
-    if (!word_.empty()) {
-      words.push_back(word_);
-    }
-  }
-  Words words;
-  std::string log;
-
-  static std::string Encode(uint32_t cp) {
-    const auto trail = [cp](int shift) { return static_cast<char>(0x80 | (cp >> shift & 0x3F)); };
-    if (cp < 0x80) {
-      return {static_cast<char>(cp)};
-    }
-    if (cp < 0x800) {
-      return {static_cast<char>(0xC0 | cp >> 6), trail(0)};
-    }
-    if (cp < 0x10000) {
-      return {static_cast<char>(0xE0 | cp >> 12), trail(6), trail(0)};
-    }
-    return {static_cast<char>(0xF0 | cp >> 18), trail(12), trail(6), trail(0)};
-  }
-
- private:
-  static bool IsSpace(uint32_t cp) { return cp == 0x20 || cp == 0xA0; }
-  static bool IsControl(uint32_t cp) { return cp < 0x20 || (cp >= 0x7F && cp < 0xA0); }
-  static bool IsBreak(uint32_t cp) {
-    return IsSpace(cp) || (cp < 0x80 && strchr("!,.:;?", static_cast<int>(cp)) && cp != 0);
-  }
-
-  void Take(uint32_t cp) {
-    message_chars_ += 1;
-    if (message_chars_ > 65536) {
-      log += "Too many characters\n";
-      return;
-    }
-    if (!IsSpace(cp) && !IsControl(cp)) {
-      word_chars_ += 1;
-      if (word_chars_ == 2) {
-        word_is_single_char_ = false;
-      }
-      if (word_chars_ > 100) {
-        log += "Word too long\n";
-      } else {
-        word_ += Encode(cp);
-      }
-    }
-    if ((IsBreak(cp) || IsControl(cp)) && !word_.empty()) {
-      if (!(word_is_single_char_ && last_char_not_break_ && IsBreak(cp))) {
-        words.push_back(word_);
-      }
-      word_.clear();
-      word_is_single_char_ = true;
-      word_chars_ = 0;
-    }
-    last_char_not_break_ = IsBreak(cp) && !IsSpace(cp);
-  }
-
-  std::string word_;
-  int message_chars_ = 0;
-  int word_chars_ = 0;
-  bool word_is_single_char_ = true;
-  bool last_char_not_break_ = true;
-};
-
 using Random = std::mt19937;
 
 int Below(Random& random, int bound) {
   return static_cast<int>(random() % static_cast<unsigned int>(bound));
+}
+
+// The scan told once more, with a look-up for every file.
+TEST_F(LocalDirectoryTest, AgreesWithARetellingOfItsScan) {
+  const std::vector<std::string> names = {"!",  "0", "10", "9",    "A",        "a",
+                                          "aa", "b", "n",  "\x7F", "\xC3\xA9", "\xFF"};
+  const std::vector<std::string> texts = {"", "one", "two", "three"};
+  for (const bool preview : {false, true}) {
+    OpenWithLastPlayed({{"preview", preview ? "1" : "0"}});
+    parser_.texts = {{"m", "word"}};
+    Activate("word");
+    std::map<std::string, std::string> known = {{"m", "word"}};
+    std::set<std::string> present = {"m"};
+    Words queue;
+    Random random(20261120);
+    for (int scan = 0; scan < 25; ++scan) {
+      parser_.thrown.clear();
+      for (const std::string& name : names) {
+        parser_.texts[name] = texts[random() % texts.size()];
+        if (Below(random, 6) == 0) {
+          parser_.thrown[name] = name + " is bad";
+        }
+        if (Below(random, 3) > 0) {
+          directory_.Write(name, "");
+          present.insert(name);
+        } else if (present.erase(name) > 0) {
+          ASSERT_EQ(0, unlink(Path(name).c_str()));
+        }
+      }
+      std::string log;
+      for (const std::string& name : present) {
+        const std::string& text = parser_.texts[name];
+        if (parser_.thrown.count(name) != 0) {
+          log += "Indexing " + name + " is bad\n";
+          continue;
+        }
+        const bool is_new = known.count(name) == 0;
+        if (!is_new && !preview && known[name] == text) {
+          continue;
+        }
+        log += is_new ? "Adding " + name + " " + CRCText(text) + " to file_map\n"
+                      : "Updating " + name + " in file_map\n";
+        known[name] = text;
+        if (!text.empty()) {
+          queue.push_back(name);
+        }
+      }
+      for (auto entry = known.begin(); entry != known.end();) {
+        if (present.count(entry->first) != 0) {
+          ++entry;
+          continue;
+        }
+        log += "Erasing " + entry->first + " from file_map\n";
+        entry = known.erase(entry);
+      }
+      ASSERT_EQ(log, Scan(kDebugAvailable)) << scan;
+    }
+    // Without files nothing is queued any more; the waiting names are taken all the same.
+    parser_.thrown.clear();
+    for (const std::string& name : present) {
+      ASSERT_EQ(0, unlink(Path(name).c_str()));
+    }
+    for (auto& [name, text] : parser_.texts) {
+      text = "word";
+    }
+    for (const std::string& name : queue) {
+      input_->StopMessage();
+      Scan();
+      ASSERT_EQ(name, input_->GetActiveMessageFilename());
+    }
+    EXPECT_EQ("0", Queued());
+  }
+}
+
+TEST_F(LocalDirectoryTest, PassesOverAFileThatCannotBeIndexedBetweenKnownOnes) {
+  OpenWithLastPlayed();
+  for (const char* name : {"a", "b", "c"}) {
+    directory_.Write(name, name);
+  }
+  Scan();
+  directory_.Write("c", "changed");
+  directory_.Write("d", "d");
+  parser_.thrown["b"] = "bad file";
+  EXPECT_EQ(
+      "Indexing bad file\nUpdating c in file_map\nAdding d " + CRCText("d") + " to file_map\n",
+      Scan(kDebugAvailable));
+  parser_.thrown.clear();
+  EXPECT_EQ(kNoLog, Scan(kDebugAvailable));
 }
 
 std::vector<uint32_t> RandomText(Random& random, const std::vector<uint32_t>& alphabet,
@@ -1808,14 +1827,6 @@ std::vector<uint32_t> RandomText(Random& random, const std::vector<uint32_t>& al
     cp = alphabet[random() % alphabet.size()];
   }
   return text;
-}
-
-std::string EncodeText(const std::vector<uint32_t>& text) {
-  std::string encoded;
-  for (const uint32_t cp : text) {
-    encoded += Retelling::Encode(cp);
-  }
-  return encoded;
 }
 
 TEST_F(SplitterTest, AgreesWithTheRetellingOfItsRules) {
@@ -1834,38 +1845,44 @@ TEST_F(SplitterTest, AgreesWithTheRetellingOfItsRules) {
   for (const std::vector<uint32_t>& alphabet : alphabets) {
     for (int i = 0; i < 6000; ++i) {
       const std::vector<uint32_t> text = RandomText(random, alphabet, 24);
-      const std::string encoded = EncodeText(text);
-      ASSERT_EQ(Retelling(text).words, Split(encoded)) << testing::PrintToString(encoded);
+      const std::string encoded = retelling::EncodeText(text);
+      ASSERT_EQ(retelling::Splitting(text).words, Split(encoded))
+          << testing::PrintToString(encoded);
     }
   }
 }
 
-TEST_F(SplitterTest, AgreesWithTheRetellingForLongWords) {
-  std::vector<uint32_t> alphabet(60, 'x');
-  for (const uint32_t cp : {uint32_t{' '}, uint32_t{'.'}, uint32_t{'\n'}}) {
-    alphabet.push_back(cp);
+// Words of a few hundred characters, of one to four bytes each.
+std::vector<uint32_t> LongWordAlphabet() {
+  std::vector<uint32_t> alphabet = {' ', '.', '\n'};
+  for (const uint32_t cp : {uint32_t{'x'}, uint32_t{0xB5}, uint32_t{0x20AC}, uint32_t{0x1F600}}) {
+    alphabet.insert(alphabet.end(), 40, cp);
   }
-  alphabet.insert(alphabet.end(), 60, 0x20AC);
+  return alphabet;
+}
+
+TEST_F(SplitterTest, AgreesWithTheRetellingForLongWords) {
   Random random(1);
   for (int i = 0; i < 1000; ++i) {
-    const std::vector<uint32_t> text = RandomText(random, alphabet, 600);
-    const Retelling retelling(text);
-    const std::string encoded = EncodeText(text);
-    ASSERT_EQ(retelling.words, Split(encoded, kDebugDefault)) << encoded;
-    ASSERT_EQ(retelling.log, log_) << encoded;
+    const std::vector<uint32_t> text = RandomText(random, LongWordAlphabet(), 600);
+    const retelling::Splitting expected(text);
+    const std::string encoded = retelling::EncodeText(text);
+    ASSERT_EQ(expected.words, Split(encoded, kDebugDefault)) << encoded;
+    ASSERT_EQ(expected.log, log_) << encoded;
   }
 }
 
 TEST_F(SplitterTest, AgreesWithTheRetellingForLongMessages) {
-  const std::vector<uint32_t> alphabet = {'x', 'y', 'z', ' ', '.', 0x20AC};
+  const std::vector<uint32_t> short_words = {'x', 'y', 'z', ' ', '.', 0x20AC};
   Random random(2);
-  for (int i = 0; i < 10; ++i) {
-    std::vector<uint32_t> text = RandomText(random, alphabet, 100);
-    text.insert(text.begin(), 65500, i % 2 == 0 ? ' ' : '.');
-    const Retelling retelling(text);
-    const std::string encoded = EncodeText(text);
-    ASSERT_EQ(retelling.words, Split(encoded, kDebugDefault)) << i;
-    ASSERT_EQ(retelling.log, log_) << i;
+  for (int i = 0; i < 20; ++i) {
+    std::vector<uint32_t> text = i % 2 == 0 ? RandomText(random, short_words, 100)
+                                            : RandomText(random, LongWordAlphabet(), 800);
+    text.insert(text.begin(), i % 2 == 0 ? 65500 : 65200, i % 4 < 2 ? ' ' : '.');
+    const retelling::Splitting expected(text);
+    const std::string encoded = retelling::EncodeText(text);
+    ASSERT_EQ(expected.words, Split(encoded, kDebugDefault)) << i;
+    ASSERT_EQ(expected.log, log_) << i;
   }
 }
 
@@ -2027,34 +2044,6 @@ TEST_F(SnippetTest, CountsPlaysAnewForTheMessageAfterAStoppedOne) {
   EXPECT_EQ(0, input_->GetActiveMessageID());
 }
 
-// The rules for snippets once more: all that the plays of a message yield.
-std::vector<Words> RetoldSnippets(const std::vector<std::string>& words, int limit, int loops) {
-  std::vector<Words> snippets;
-  for (int plays = 0; plays == 0 || plays < loops; ++plays) {
-    size_t position = 0;
-    while (position < words.size()) {
-      Words snippet;
-      for (int64_t number = 1; position < words.size(); ++number) {
-        const std::string& word = words[position];
-        ++position;
-        snippet.push_back(word);
-        if (limit <= 0) {
-          break;
-        }
-        if (number <= limit) {
-          continue;
-        }
-        const char last = word[word.size() - 1];
-        if (last == '.' || last == ',' || number == int64_t{2} * limit) {
-          break;
-        }
-      }
-      snippets.push_back(snippet);
-    }
-  }
-  return snippets;
-}
-
 TEST_F(SnippetTest, AgreesWithTheRetellingOfItsRules) {
   const std::vector<std::string> vocabulary = {"a", "bb", "c.", "dd,", "e!", "\xC3\xA9"};
   Random random(3);
@@ -2081,7 +2070,7 @@ TEST_F(SnippetTest, AgreesWithTheRetellingOfItsRules) {
         while (input_->GetActiveMessageID() != 0) {
           snippets.push_back(input_->GetWords());
         }
-        ASSERT_EQ(RetoldSnippets(words, limit, loops), snippets)
+        ASSERT_EQ(retelling::Snippets(words, limit, loops), snippets)
             << limit << " " << loops << " " << parser_.texts["m"];
       }
     }

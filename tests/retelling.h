@@ -1,5 +1,5 @@
 // The rules for words, snippets and glossary told a second time: plainly, step by step, and
-// without any of the daemon's code. Unit tests and fuzzers hold the daemon against them.
+// without any of the daemon's code, for tests and fuzzers to hold the daemon against.
 #pragma once
 
 #include <stdint.h>

@@ -932,6 +932,48 @@ TEST_F(VocastraTest, EmptiesTheOutputDirectoryIfItStartsStopped) {
   EXPECT_THAT(Delivered(), ElementsAre("old"));
 }
 
+TEST_F(VocastraTest, AppliesTheOldConfigurationAnewAfterAParserFailed) {
+  Start(Element("a") + Element("b"));
+  const std::string good = ReadFile(settings_.config);
+  Configure(Element("a") + Element("c") + "<parser/>");
+  RunToFailure();
+  tree_.Write("config.xml", good);
+  EXPECT_EQ(
+      Processing() + Created("b") + "Deleted input directory c\n" + Attached("a") + Attached("b"),
+      Run());
+  EXPECT_EQ(kNoLog, Run());
+  Drop("a", "text");
+  Run();
+  EXPECT_THAT(Delivered(), ElementsAre("0_a.text_live_first.raw"));
+}
+
+TEST_F(VocastraTest, AppliesTheOldConfigurationAnewAfterAStopFailed) {
+  Start(Element("a"));
+  const std::string good = ReadFile(settings_.config);
+  ASSERT_EQ(0, rmdir(settings_.output.c_str()));
+  Configure(Element("b"), "stop");
+  RunToFailure();
+  ASSERT_EQ(0, mkdir(settings_.output.c_str(), 0777));
+  tree_.Write("config.xml", good);
+  EXPECT_EQ(Processing() + Created("a") + "Deleted input directory b\n" + Attached("a"), Run());
+}
+
+TEST_F(VocastraTest, EndsItsDirectoriesInOrderOfTheirIDs) {
+  settings_.cifs_helper = "/bin/true";
+  std::string elements;
+  for (const std::string id : {"d", "b", "a", "c", "e"}) {
+    elements += "<directory id='" + id + "' type='cifs'/>";
+  }
+  Start(elements, "stop");
+  std::string expected;
+  const auto status = ParseXML(Status());
+  for (const XMLElement* directory : status->GetChildren("directory")) {
+    expected += "Sending SIGTERM to PID [0-9]+\nRemoving temporary directory " +
+                directory->GetAttributeString("path") + "\n";
+  }
+  EXPECT_THAT(LogOf([&] { player_.reset(); }, kDebugAvailable), MatchesRegex(expected));
+}
+
 TEST_F(VocastraTest, RetriesToStopUntilTheOutputDirectoryCanBeEmptied) {
   Start("");
   ASSERT_EQ(0, rmdir(settings_.output.c_str()));

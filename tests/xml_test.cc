@@ -983,11 +983,6 @@ TEST_F(XMLDocumentTest, AcceptsUtf16ThatEndsEarly) {
   });
 }
 
-TEST_F(XMLDocumentTest, AnUnpairedSurrogateIsMalformed) {
-  Load(Utf16(u"\uFEFF<a>\xD800y</a>", false), "utf16");
-  EXPECT_EQ("not well-formed (invalid token) at line 1", error_);
-}
-
 // --- An expat that goes astray ---
 
 TEST_F(XMLDocumentTest, ThrowsForASecondRoot) {

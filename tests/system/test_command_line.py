@@ -58,6 +58,10 @@ BAD_OPTIONS = [
     (["-m", "3"], "-m"),
     (["-b"], "-b"),
     (["-m3"], "-m"),
+    # The first long option, which is there to be refused, and what getopt makes of odd ones.
+    (["---=x"], "---"),
+    (["--=x"], "-\0"),
+    (["--h=x"], "--help"),
     # A short option without its value.
     (["-d"], "-d"),
     (["-c"], "-c"),
