@@ -39,6 +39,7 @@ static_assert(kTables[0][1] == 0x1189 && kTables[0][2] == 0x2312 && kTables[0][2
 uint32_t Step(uint32_t crc, const uint8_t* data) {
   uint32_t next =
       kTables[kSlices - 1][(crc ^ data[0]) & 0xFF] ^ kTables[kSlices - 2][(crc >> 8) ^ data[1]];
+#pragma GCC unroll 8
   for (size_t i = 2; i < kSlices; ++i) {
     next ^= kTables[kSlices - 1 - i][data[i]];
   }
