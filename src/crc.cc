@@ -7,8 +7,8 @@
 namespace {
 
 // How many bytes are taken at a step, each by a table of its own: the look-ups of a step do not
-// wait for one another, which makes it 7 times as fast as a step a byte. The tables take 8 KiB, or
-// 4 KiB where pointers have 32 bits: the small ARM cores have 16 or 32 KiB of data cache.
+// wait for one another, which makes it 7 times as fast as a step a byte on 64 bits. The tables take
+// 8 KiB, or 4 KiB where pointers have 32 bits: the small ARM cores have 16 or 32 KiB of data cache.
 constexpr size_t kSlices = sizeof(void*) >= 8 ? 8 : 4;
 
 using Table = std::array<uint32_t, 256>;
@@ -39,6 +39,7 @@ static_assert(kTables[0][1] == 0x1189 && kTables[0][2] == 0x2312 && kTables[0][2
 uint32_t Step(uint32_t crc, const uint8_t* data) {
   uint32_t next =
       kTables[kSlices - 1][(crc ^ data[0]) & 0xFF] ^ kTables[kSlices - 2][(crc >> 8) ^ data[1]];
+#pragma GCC unroll 8  // At -O2 it would stay a loop.
   for (size_t i = 2; i < kSlices; ++i) {
     next ^= kTables[kSlices - 1 - i][data[i]];
   }

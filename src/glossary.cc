@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "format.h"
 #include "xml.h"
@@ -14,10 +15,14 @@ struct Glossary::Impl {
 
 void Glossary::Impl::Load(const std::string& path) {
   const std::unique_ptr<XMLElement> root = LoadXMLTree(path, "glossary");
-  for (const XMLElement* word : root->GetChildren("word")) {
-    const std::string text = word->GetAttributeString("text");
-    const std::string speech = word->GetAttributeString("speech");
-    speech_map.emplace(text, speech);
+  for (const XMLElement* word = root->GetFirstChild(); word != nullptr;
+       word = word->GetNextSibling()) {
+    if (word->HasName("word")) {
+      std::string text = word->GetAttributeString("text");
+      std::string speech = word->GetAttributeString("speech");
+      // Glossaries are mostly kept in order: then each entry belongs behind all others.
+      speech_map.emplace_hint(speech_map.end(), std::move(text), std::move(speech));
+    }
   }
 }
 

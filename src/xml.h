@@ -5,11 +5,13 @@
 // character data of an element is one text.
 #pragma once
 
+#include <stddef.h>
 #include <stdio.h>
 
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 
 // A named element with text, attributes and owned children. Strings are byte strings.
 // Neither building, writing nor deleting a tree recurses: depth costs no stack.
@@ -25,7 +27,7 @@ class XMLElement {
 
   XMLElement(const XMLElement&) = delete;
   // Copies the name and replaces the attributes; text, parent and children stay as they are.
-  // The counterpart of operator==.
+  // The counterpart of operator==. The memory of the old ones is kept until the element ends.
   XMLElement& operator=(const XMLElement& rhs_);
   // Compares name and attributes only: an input directory counts as unchanged when its
   // element's attributes are, whatever stands inside the element.
@@ -35,6 +37,7 @@ class XMLElement {
   // REQUIRES: child_ has no parent and is no ancestor of this element.
   void AddChild(XMLElement* child_);
   void AppendText(const std::string& s_);
+  void AppendText(const char* s_, size_t length_);
 
   // All character data in document order, untrimmed.
   std::string GetText() const;
@@ -49,6 +52,12 @@ class XMLElement {
   // The direct children of that name, or all if name_ is empty, in document order.
   // They stay owned by this element.
   std::list<const XMLElement*> GetChildren(const std::string& name_) const;
+
+  // The same one by one, for whoever visits many: the first child, and the next one of the same
+  // parent; null if there is none.
+  const XMLElement* GetFirstChild() const;
+  const XMLElement* GetNextSibling() const;
+  bool HasName(std::string_view name_) const;
 
   // The attribute's value. Logs and throws a string if it is absent.
   std::string GetAttributeString(const std::string& name_) const;
@@ -69,8 +78,14 @@ class XMLElement {
   void Dump(FILE* file_, std::string indent_) const;
 
  private:
+  friend class XMLDocument;
   struct Impl;
-  Impl* impl;  // Owned.
+
+  explicit XMLElement(Impl* impl_);
+  // A new child in the pool of this element's tree.
+  XMLElement* AddPooledChild(const char* name_, const char** attrs_);
+
+  Impl* impl;  // Owned, or in the pool of the tree.
 };
 
 // A whole XML file, read at once. The document does not own the tree: whoever takes the root

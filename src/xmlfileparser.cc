@@ -90,47 +90,49 @@ void XMLFileParser::Impl::ParseElement(std::string& text_, const XMLElement* ele
     fields.push_back({&field, 0});
   }
   const auto count_on_path = [&fields](const XMLElement& element, int difference) {
-    const std::string name = element.GetName();
     for (ActiveField& field : fields) {
-      field.parents_on_path += field.field->parent == name ? difference : 0;
+      field.parents_on_path += element.HasName(field.field->parent) ? difference : 0;
     }
   };
-  struct Level {
-    const XMLElement* element;
-    std::list<const XMLElement*> children;  // Not visited yet.
-  };
-  std::vector<Level> path;
-  const auto enter = [&](const XMLElement* element) {
+  const XMLElement* element = element_;
+  while (element != nullptr) {
     count_on_path(*element, 1);
     ExtractFields(text_, *element, fields);
-    path.push_back({element, element->GetChildren("")});
-  };
-  enter(element_);
-  while (!path.empty()) {
-    Level& level = path.back();
-    if (level.children.empty()) {
-      count_on_path(*level.element, -1);
-      path.pop_back();
-    } else {
-      const XMLElement* child = level.children.front();
-      level.children.pop_front();
-      enter(child);
+    if (element->GetFirstChild() != nullptr) {
+      element = element->GetFirstChild();
+      continue;
     }
+    // Leaves what ends here, up to an element that has a next one beside it.
+    while (element != element_ && element->GetNextSibling() == nullptr) {
+      count_on_path(*element, -1);
+      element = element->GetParent();
+    }
+    count_on_path(*element, -1);
+    element = element == element_ ? nullptr : element->GetNextSibling();
   }
 }
 
 // Appends what the fields extract from the children of element.
 void XMLFileParser::Impl::ExtractFields(std::string& text, const XMLElement& element,
                                         const std::vector<ActiveField>& fields) const {
-  Debug(kDebugTrace, "Checking Element %s", element.GetName().c_str());
+  const bool is_traced = IsDebugEnabled(kDebugTrace);  // The names are copies.
+  if (is_traced) {
+    Debug(kDebugTrace, "Checking Element %s", element.GetName().c_str());
+  }
   for (const auto& [field, parents_on_path] : fields) {
     Debug(kDebugTrace, "Checking Field %s/%s", field->parent.c_str(), field->tag.c_str());
     if (field->tag.empty()) {
       Debug(kDebugTrace, "Skipping due to empty tag");
       continue;
     }
-    for (const XMLElement* child : element.GetChildren(field->tag)) {
-      Debug(kDebugTrace, "Processing child \"%s\"", child->GetName().c_str());
+    for (const XMLElement* child = element.GetFirstChild(); child != nullptr;
+         child = child->GetNextSibling()) {
+      if (!child->HasName(field->tag)) {
+        continue;
+      }
+      if (is_traced) {
+        Debug(kDebugTrace, "Processing child \"%s\"", child->GetName().c_str());
+      }
       if (!field->parent.empty() && parents_on_path == 0) {
         Debug(kDebugTrace, "Skipping due to parent mismatch %s %s", element.GetName().c_str(),
               field->parent.c_str());

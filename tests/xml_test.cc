@@ -983,6 +983,41 @@ TEST_F(XMLDocumentTest, AcceptsUtf16ThatEndsEarly) {
   });
 }
 
+TEST(XMLElementTest, TakesOverTheTreesOfDocuments) {
+  auto outer = std::make_unique<XMLElement>("outer");
+  XMLElement* const a = ParseXML("<a><b><c/></b></a>").release();
+  outer->AddChild(a);
+  const_cast<XMLElement*>(OnlyChild(*a))->AddChild(ParseXML("<d><e/></d>").release());
+  a->AddChild(new XMLElement("f"));
+  outer->AddChild(new XMLElement("g"));
+  EXPECT_EQ("outer[]a[]b[]c[]d[]e[]f[]g[]", TextsOf(*outer));
+  outer.reset();
+}
+
+TEST(XMLElementTest, AssignsFromWithinItsOwnTree) {
+  const auto root = ParseXML("<a x='1'><b y='2' z='3'/></a>");
+  *root = *OnlyChild(*root);
+  root->SetAttributeString("y", "kept out");
+  root->SetAttributeString("x", "new");
+  EXPECT_EQ(
+      "<b x=\"new\" y=\"2\" z=\"3\">\n"
+      "    <b y=\"2\" z=\"3\"/>\n"
+      "</b>\n",
+      DumpOf(*root));
+}
+
+TEST(XMLElementTest, AnAssignedElementOutlivesItsSource) {
+  XMLElement target;
+  target = *ParseXML("<d id='1' path='/x'/>");
+  EXPECT_EQ("<d id=\"1\" path=\"/x\"/>\n", DumpOf(target));
+}
+
+TEST(XMLElementTest, SortsAnArrayOfAttributesByBytesAndKeepsTheFirst) {
+  const char* attributes[] = {"\xC3\xA9", "1", "b",        "2", "B",    "3",
+                              "b",        "4", "\xC3\xA9", "5", nullptr};
+  EXPECT_EQ("<e B=\"3\" b=\"2\" \xC3\xA9=\"1\"/>\n", DumpOf(XMLElement("e", attributes)));
+}
+
 // --- An expat that goes astray ---
 
 TEST_F(XMLDocumentTest, ThrowsForASecondRoot) {
