@@ -1,0 +1,117 @@
+"""What can be said about the package without building it: units, versions, what is installed."""
+
+import os
+import re
+import shlex
+import shutil
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+PROGRAM = shlex.split(os.environ.get("VOCASTRA", str(ROOT / "build/release/vocastra")))
+UNITS = {
+    "vocastra": ROOT / "debian/vocastra.service",
+    "vocastra-player": ROOT / "debian/vocastra.vocastra-player.service",
+}
+
+
+def run(*command):
+    """Exit status and all output."""
+    result = subprocess.run(
+        [str(word) for word in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+    )
+    return result.returncode, result.stdout
+
+
+@pytest.fixture(scope="module")
+def staged(tmp_path_factory):
+    """What CMake and debian/*.install bring into a system."""
+    system = tmp_path_factory.mktemp("system")
+    build = Path(PROGRAM[-1]).parent
+    status, output = run("cmake", "--install", build, "--prefix", system / "usr")
+    assert status == 0, output
+    shutil.copytree(ROOT / "debian/conf", system / "etc/vocastra")
+    shutil.copytree(ROOT / "debian/default", system / "etc/default")
+    return system
+
+
+@pytest.fixture(params=UNITS)
+def unit(request, staged, tmp_path):
+    """A unit under its installed name, whose programs are those that were staged."""
+    path = tmp_path / f"{request.param}.service"
+    path.write_text(re.sub("/usr/(sbin|libexec)/", rf"{staged}\g<0>", UNITS[request.param].read_text()))
+    return path
+
+
+def test_units_are_without_fault(unit):
+    assert run("systemd-analyze", "verify", "--man=no", unit) == (0, "")
+
+
+def test_exposure_is_at_most_1_5(unit):
+    status, output = run("systemd-analyze", "security", "--offline=yes", "--threshold=15", unit)
+    assert status == 0, output
+
+
+@pytest.mark.parametrize("name", UNITS)
+def test_units_name_files_that_are_installed(name, staged):
+    text = UNITS[name].read_text()
+    paths = set(re.findall(r"(?<![\w/])/(?:usr|etc)/[\w./-]+", text)) - {"/etc/vocastra", "/etc/default"}
+    assert paths
+    assert [path for path in sorted(paths) if not (staged / path[1:]).is_file()] == []
+
+
+def test_program_notes_and_package_have_one_version():
+    program = re.search(r"project\(vocastra VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())
+    notes = re.search(r"^## (\S+)", (ROOT / "CHANGES.md").read_text(), re.MULTILINE)
+    package = re.match(r"vocastra \((\S+)\)", (ROOT / "debian/changelog").read_text())
+    assert program[1] == notes[1] == package[1]
+
+
+@pytest.mark.parametrize("helper", ["ftp", "cifs"])
+def test_installed_helpers_find_what_they_share(helper, staged, tmp_path):
+    """A source that makes no sense is refused by a helper that has come as far as reading it."""
+    script = staged / "usr/libexec/vocastra/helpers" / helper
+    arguments = {
+        "ftp": ["a b", "", "", "", tmp_path / "watch", "0", "5", "passive"],
+        "cifs": ["a b", "", "", "", tmp_path / "watch", "", "0"],
+    }[helper]
+    status, output = run(script, *arguments)
+    assert status == 1
+    assert output.startswith(f"{helper} helper: ")
+    assert output.count("\n") == 1
+
+
+def test_daemon_takes_up_the_configuration(staged, tmp_path):
+    config = tmp_path / "vocastra.conf"
+    spool = tmp_path / "spool"
+    text = (staged / "etc/vocastra/vocastra.conf").read_text()
+    config.write_text(text.replace("/var/spool/vocastra", str(spool)))
+    for name in ("announcements", "alarms", "out"):
+        (spool / name).mkdir(parents=True)
+    log = tmp_path / "log"
+    glossary = staged / "etc/vocastra/glossary.xml"
+    with open(log, "wb") as stream:
+        daemon = subprocess.Popen(
+            [*PROGRAM, "-c", config, "-g", glossary, "-o", spool / "out"], stderr=stream
+        )
+    try:
+        deadline = time.monotonic() + 30
+        while 'Now in "run" state' not in log.read_text() and time.monotonic() < deadline:
+            time.sleep(0.05)
+    finally:
+        daemon.send_signal(signal.SIGINT)
+        assert daemon.wait(30) == 1
+    lines = [line for line in log.read_text().splitlines() if not line.startswith("Could not execute")]
+    directories = ["alarms", "announcements"]
+    created = []
+    for name in directories:
+        created += [f"Removing contents of directory {spool}/{name}", f"Created new input directory {name}"]
+    assert lines[: 1 + len(created)] == [f"Processing configuration {config}", *created]
+    assert lines[-1] == 'Now in "run" state'
+    for name in directories:
+        using = f'Directory "{name}" using parser 0x[0-9a-f]+ text-utf8'
+        assert any(re.fullmatch(using, line) for line in lines)
