@@ -511,4 +511,18 @@ TEST(InputFileTest, KeepsItsDescriptorFromChildrenAndClosesIt) {
   EXPECT_THAT(DescriptorsOf(path), testing::IsEmpty());
 }
 
+TEST(InputFileTest, ClosesTheDescriptorNumberedZeroToo) {
+  const int saved = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  {
+    const InputFile file("/dev/null");
+    EXPECT_NE(-1, fcntl(STDIN_FILENO, F_GETFD));
+  }
+  EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));
+  if (saved >= 0) {
+    EXPECT_EQ(STDIN_FILENO, dup2(saved, STDIN_FILENO));
+    close(saved);
+  }
+}
+
 }  // namespace
