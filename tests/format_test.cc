@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -473,6 +474,26 @@ TEST(InputFileTest, FillsABlockFromAWriterThatDribbles) {
   char block[64];
   EXPECT_EQ(30U, file.Read(block, sizeof(block)));
   writer.join();
+}
+
+TEST(InputFileTest, PutsWhatIsReadLaterBehindWhatWasReadFirst) {
+  int ends[2];
+  ASSERT_EQ(0, pipe(ends));
+  InputFile file("/proc/self/fd/" + std::to_string(ends[0]));
+  ASSERT_EQ(2, write(ends[1], "ab", 2));
+  std::thread writer([&] {
+    int waiting = 0;
+    while (ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting > 0) {
+      usleep(1000);
+    }
+    EXPECT_EQ(2, write(ends[1], "cd", 2));
+    close(ends[1]);
+  });
+  char buffer[6] = "-----";
+  EXPECT_EQ(4U, file.Read(buffer + 1, 4));
+  EXPECT_STREQ("-abcd", buffer);
+  writer.join();
+  close(ends[0]);
 }
 
 TEST(InputFileTest, ReadsOnInSpiteOfSignals) {
