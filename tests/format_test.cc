@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -475,6 +476,26 @@ TEST(InputFileTest, FillsABlockFromAWriterThatDribbles) {
   writer.join();
 }
 
+TEST(InputFileTest, PutsWhatIsReadLaterBehindWhatWasReadFirst) {
+  int ends[2];
+  ASSERT_EQ(0, pipe(ends));
+  InputFile file("/proc/self/fd/" + std::to_string(ends[0]));
+  ASSERT_EQ(2, write(ends[1], "ab", 2));
+  std::thread writer([&] {
+    int waiting = 0;
+    while (ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting > 0) {
+      usleep(1000);
+    }
+    EXPECT_EQ(2, write(ends[1], "cd", 2));
+    close(ends[1]);
+  });
+  char buffer[6] = "-----";
+  EXPECT_EQ(4U, file.Read(buffer + 1, 4));
+  EXPECT_STREQ("-abcd", buffer);
+  writer.join();
+  close(ends[0]);
+}
+
 TEST(InputFileTest, ReadsOnInSpiteOfSignals) {
   const TemporaryDirectory directory;
   const std::string path = directory / "fifo";
@@ -509,6 +530,20 @@ TEST(InputFileTest, KeepsItsDescriptorFromChildrenAndClosesIt) {
     EXPECT_EQ(FD_CLOEXEC, fcntl(descriptors[0], F_GETFD));
   }
   EXPECT_THAT(DescriptorsOf(path), testing::IsEmpty());
+}
+
+TEST(InputFileTest, ClosesTheDescriptorNumberedZeroToo) {
+  const int saved = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  {
+    const InputFile file("/dev/null");
+    EXPECT_NE(-1, fcntl(STDIN_FILENO, F_GETFD));
+  }
+  EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));
+  if (saved >= 0) {
+    EXPECT_EQ(STDIN_FILENO, dup2(saved, STDIN_FILENO));
+    close(saved);
+  }
 }
 
 }  // namespace

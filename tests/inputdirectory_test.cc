@@ -1695,7 +1695,9 @@ TEST_F(SplitterTest, CutsAWordToItsFirst100Characters) {
 }
 
 TEST_F(SplitterTest, CountsCharactersNotBytesOfAWord) {
-  for (const char* character : {"\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80"}) {
+  // The last ones of two and three bytes, and the first ones of three and four, among them.
+  for (const char* character : {"\xC3\xA9", "\xDF\xBF", "\xE0\xA0\x80", "\xE2\x82\xAC",
+                                "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF0\x9F\x98\x80"}) {
     EXPECT_THAT(Split(Repeat(character, 103), kDebugDefault), ElementsAre(Repeat(character, 100)));
     EXPECT_EQ(Repeat("Word too long\n", 3), log_);
   }

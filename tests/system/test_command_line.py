@@ -85,6 +85,7 @@ BAD_OPTIONS = [
     (["--words"], "--words"),
     (["--files"], "--files"),
     (["--wor"], "--words"),
+    (["--w"], "--words"),
     (["--help=now"], "--help"),
     (["--config", "none", "--words"], "--words"),
     (["-c", "none", "--words"], "--words"),
@@ -136,6 +137,29 @@ def test_words_are_read_as_strtol_does(make_daemon, arguments, limit):
     first = PAUSE + "".join(word + " " for word in words[: 2 * limit])
     assert daemon.wait_translator_runs(1)[0].text.decode() == first
     daemon.stop()
+
+
+def test_long_options_mean_what_short_ones_do(make_daemon):
+    daemon = make_daemon(words=1, debug=4, glossary=True)
+    letters = {"-c": "--config", "-s": "--status", "-o": "--output", "-t": "--translator",
+               "-g": "--glossary", "-i": "--cifs-helper", "-p": "--ftp-helper", "-w": "--words",
+               "-d": "--debug"}  # fmt: skip
+    daemon.arguments = [letters.get(argument, argument) for argument in daemon.arguments]
+    assert set(letters.values()) <= set(daemon.arguments)
+    daemon.write_glossary(("Dr", "doctor"))
+    daemon.configure(
+        daemon.directory("a"),
+        daemon.directory("c", type="cifs", path="//host/share"),
+        daemon.directory("f", type="ftp", path="ftp://host/"),
+    )
+    daemon.start()
+    daemon.drop("a", "m.txt", "Dr Who")
+    daemon.wait_spoken(("m.txt", PAUSE + "doctor Who "))
+    daemon.wait_outputs(1)
+    assert {run.kind for run in daemon.wait_helper_runs(2)} == {"cifs", "ftp"}
+    daemon.stop()
+    assert "Directory a reports an active message ID of 1" in daemon.log()
+    assert "calling engine" not in daemon.log()
 
 
 @pytest.mark.parametrize("limit", ["x", "0", "-3", "-2147483648"])
