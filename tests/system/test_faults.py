@@ -333,21 +333,27 @@ if can_mount:
         daemon = make_daemon(status=False)
         daemon.status_path = small_file_system / "status.xml"
         daemon.arguments += ["-s", daemon.status_path]
-        station = Station(daemon)
+        daemon.status_path.write_text("")
         ballast = small_file_system / "ballast"
+        with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
+            while True:
+                file.write(bytes(4096))
+        daemon.configure(daemon.directory("a"))
+        daemon.start(wait=False)
+        # Rewritten in every pass, and empty all the same.
+        times = set()
 
-        def fill():
-            # The daemon gives its block back and takes it again with every write.
-            with contextlib.suppress(OSError), open(ballast, "ab", buffering=0) as file:
-                file.write(bytes(SMALL))
-            return daemon.status_path.read_bytes() == b""
+        def is_rewritten():
+            times.add(daemon.status_path.stat().st_mtime_ns)
+            return len(times) > 3
 
-        daemon.wait(fill, "no room for a status")
+        daemon.wait(is_rewritten, "three passes")
         daemon.drop("a", "m", "spoken all the same")
-        daemon.wait(lambda: daemon.spoken()[-1][0] == "m", "the message")
+        daemon.wait_spoken(("m", PAUSE + "spoken all the same "))
+        assert daemon.status_path.read_bytes() == b""
         ballast.unlink()
-        daemon.wait_passes(2)
-        station.end()
+        daemon.wait(lambda: daemon.timestamp() is not None, "a status")
+        daemon.stop()
 
 
 # --- Files ---
