@@ -136,14 +136,23 @@ bool Utf8IsValid(const std::string& text_) {
   const auto* p = reinterpret_cast<const unsigned char*>(text_.data());
   const unsigned char* const end = p + text_.size();
   while ((p = SkipAscii(p, end)) < end) {
-    do {
-      if (!SkipSequence(p, end)) {
-        return false;
+    // Other scripts come in runs of words with a single space between them, which is not worth a
+    // look at 16 bytes. Most of their words are of sequences of two bytes.
+    bool is_run = true;
+    while (is_run) {
+      while (end - p >= 2 && p[0] >= 0xC2 && p[0] < 0xE0 && IsContinuation(p[1])) {
+        p += 2;
       }
       if (end - p >= 2 && p[0] < 0x80 && p[1] >= 0x80) {
-        ++p;  // A single space between words of another script is not worth a look at 16 bytes.
+        ++p;
+      } else if (p < end && *p >= 0x80) {
+        if (!SkipSequence(p, end)) {
+          return false;
+        }
+      } else {
+        is_run = false;
       }
-    } while (p < end && *p >= 0x80);
+    }
   }
   return true;
 }

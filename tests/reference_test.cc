@@ -169,6 +169,14 @@ TEST(ReferenceTest, WordsAgreeAtTheLimits) {
   }
 }
 
+// Lines that just fit the place where lines are formatted, and those that just do not.
+TEST(ReferenceTest, LogLinesAreWholeWhateverTheirLength) {
+  for (size_t length = 72 * 1024 - 3; length <= 72 * 1024 + 3; ++length) {
+    const std::string text(length, 'x');
+    EXPECT_EQ(text + "\n", LogOf([&] { Debug(kDebugNormal, "%s", text.c_str()); })) << length;
+  }
+}
+
 // As qsort sorts whole slots.
 TEST(ReferenceTest, NamesAreInByteOrderAndWhole) {
   const TemporaryDirectory directory;
