@@ -247,6 +247,24 @@ TEST_F(DirectoryTest, CutsANameToTheSlotThatItHas) {
   }
 }
 
+// Network shares hand out such numbers; a 32-bit program built for 32-bit ones fails at them.
+TEST_F(DirectoryTest, ListsFilesWithInodeNumbersOf64Bits) {
+  static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8 && sizeof(dirent::d_ino) == 8);
+  dirent entry = {};
+  entry.d_ino = ino_t{1} << 40;
+  entry.d_type = DT_REG;
+  strcpy(entry.d_name, "far");
+  bool is_read = false;
+  next_entry = [&] {
+    is_read = !is_read;
+    return is_read ? &entry : nullptr;
+  };
+  before_rewinddir = [&] { is_read = false; };
+  EXPECT_THAT(directory_.GetFileNames(), ElementsAre("far"));
+  is_read = false;
+  EXPECT_EQ(1, directory_.GetFileCountLocked());
+}
+
 TEST_F(DirectoryTest, ListsTheLongestNameOfADisk) {
   WriteFiles({std::string(255, 'n'), "short"});
   EXPECT_THAT(directory_.GetFileNames(), ElementsAre(std::string(255, 'n'), "short"));

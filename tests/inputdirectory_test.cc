@@ -834,6 +834,21 @@ TEST_F(RemoteDirectoryTest, StaysAvailableWhileTheTimestampChanges) {
   }
 }
 
+// At 03:14:07 on 19 January 2038 a 32-bit count of seconds overflows; devices outlive it.
+TEST_F(RemoteDirectoryTest, FollowsItsHelperBeyondJanuary2038) {
+  static_assert(sizeof(time_t) == 8);
+  TheSystem().now = 0x7FFFFFFF;
+  Open("cifs");
+  Beat("1");
+  EXPECT_EQ(Receiving(), Scan());
+  TheSystem().now += 5;
+  EXPECT_EQ(kNoLog, Scan());
+  TheSystem().now += 1;
+  EXPECT_EQ(NotReceiving(), Scan());
+  Beat("2");
+  EXPECT_EQ(Receiving(), Scan());
+}
+
 TEST_F(RemoteDirectoryTest, TakesARewrittenButEqualTimestampForNone) {
   Open("cifs");
   Beat("same");

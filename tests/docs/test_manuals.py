@@ -80,7 +80,7 @@ def test_defaults_of_options():
         for name in ("kDefaultWords", "kDefaultFiles")
     )
     text = rendered("vocastra.8")
-    assert f"The default is {files}. With 0 or less nothing is ever produced." in text
+    assert f"The default is {files}. With 0 or less nothing is ever produced, unless there is" in text
     assert f"The default is {words}; with 0 or less it is one word." in text
     assert re.search(rf"^\| `-w`.*\| {words} \|$", readme(), re.MULTILINE)
     assert re.search(rf"^\| `-f`.*\| {files} \|$", readme(), re.MULTILINE)
