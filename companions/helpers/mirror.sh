@@ -65,7 +65,7 @@ troubles=$newline # those that were reported and are not over, in lines "KEY TEX
 # Prints a line about this source on standard error.
 say() {
   printf '%s helper: %s: %s\n' "$kind" "$source" \
-    "$(printf '%s' "$1" | tr -c '[:print:]' '?')" >&2 || :
+    "$(printf '%s' "$1" | tr -c '[:print:]' '?')" >&3 || :
 }
 
 # Reports something that cannot get better and ends.
@@ -107,7 +107,7 @@ set_troubles() {
 # a shell runs no trap before its foreground command has ended.
 await() {
   child=$!
-  wait "$child" 2>/dev/null
+  wait "$child"
   status=$?
   child=
   return "$status"
@@ -118,7 +118,7 @@ run() {
   (
     # The locale is for directories and passwords that are not ASCII.
     ulimit -f "$write_limit" && exec timeout -s KILL "$time_limit" env LC_ALL=C.UTF-8 "$@"
-  ) </dev/null >"$state/out" 2>"$state/err" &
+  ) </dev/null >"$state/out" 2>"$state/err" 3>&- &
   await
 }
 
@@ -134,7 +134,7 @@ why() {
 stop() {
   trap '' TERM HUP
   # timeout makes itself and its command a process group.
-  [ -z "$child" ] || kill -s KILL -- "-$child" 2>/dev/null || kill -s KILL "$child" 2>/dev/null
+  [ -z "$child" ] || kill -s KILL -- "-$child" || kill -s KILL "$child"
   exit 0
 }
 
@@ -154,6 +154,8 @@ parent_lives() {
 # is the local directory. $state becomes a private directory for the helper's own files.
 begin() {
   kind=$1 source=$2 dest=$3
+  # Messages go where standard error went. What tools say of a full disk, at each pass, does not.
+  exec 3>&2 2>/dev/null
   cd "$dest" || give_up "no directory $dest"
   trap '' INT PIPE
   trap stop TERM HUP
@@ -280,7 +282,7 @@ fetch() {
   else
     # Remembered first: what is delivered and then not remembered would be spoken again.
     remember "$@" || return
-    if ! mv -f "$part" "$1" 2>/dev/null; then
+    if ! mv -f "$part" "$1"; then
       remember "$1"
       return 1
     fi
@@ -293,8 +295,8 @@ fetch() {
 # them and takes 0 for a missing file: theirs are distinct and none is 0.
 beat() {
   beats=$(((beats + 1) % 100))
-  printf 'alive %02d\n' "$beats" 2>/dev/null >.helper.timestamp.new &&
-    mv -f .helper.timestamp.new .helper.timestamp 2>/dev/null
+  printf 'alive %02d\n' "$beats" >.helper.timestamp.new &&
+    mv -f .helper.timestamp.new .helper.timestamp
 }
 
 # Deals with a listing; false if the pass has to be given up.

@@ -91,7 +91,7 @@ class Server:
     def try_start(self):
         with open(self.root / "server.log", "ab") as log:
             self.process = subprocess.Popen(
-                self.command(),
+                ["setpriv", "--pdeathsig", "KILL", *self.command()],  # ends with a test that is killed
                 stdin=subprocess.DEVNULL,
                 stdout=log,
                 stderr=log,

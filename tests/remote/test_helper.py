@@ -172,6 +172,7 @@ def test_listing_that_is_cut_counts_for_nothing(server, make_helper, what):
         program,
         f"if [ -e {helper.root}/cut ]; then\n"
         f"  echo >>{helper.root}/cuts\n"
+        "  echo noise >&2\n"
         f'  /usr/bin/{program} "$@" | head -c 7\n'
         f"  exit {status}\n"
         "fi",
