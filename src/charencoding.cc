@@ -38,19 +38,15 @@ const unsigned char* SkipAscii(const unsigned char* p, const unsigned char* end)
   return p;
 }
 
-// Steps over one valid sequence of two to four bytes. False if there is none at p. Overlong forms,
-// surrogates and code points above U+10FFFF show in the second byte at the latest.
+// Steps over one valid sequence of three or four bytes. False if there is none at p. Overlong
+// forms, surrogates and code points above U+10FFFF show in the second byte at the latest.
 //
 // Each length has its own way out, so that the processor foresees where the next one starts.
-bool SkipSequence(const unsigned char*& p, const unsigned char* end) {
+bool SkipLongSequence(const unsigned char*& p, const unsigned char* end) {
   const unsigned char lead = p[0];
   const auto available = end - p;
   if (lead < 0xE0) {
-    if (lead < 0xC2 || available < 2 || !IsContinuation(p[1])) {
-      return false;
-    }
-    p += 2;
-    return true;
+    return false;
   }
   if (lead < 0xF0) {
     const unsigned char lowest = lead == 0xE0 ? 0xA0 : 0x80;
@@ -146,7 +142,7 @@ bool Utf8IsValid(const std::string& text_) {
       if (end - p >= 2 && p[0] < 0x80 && p[1] >= 0x80) {
         ++p;
       } else if (p < end && *p >= 0x80) {
-        if (!SkipSequence(p, end)) {
+        if (!SkipLongSequence(p, end)) {
           return false;
         }
       } else {
