@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <string.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 #include <utf8.h>
@@ -312,12 +313,15 @@ InputDirectory::Impl::Impl(const XMLElement& element_, const std::string& cifs_h
   }
 }
 
-// The helper is not waited for: one that does not end in time must not hold up the daemon.
+// The helper is not waited for: one that does not end in time must not hold up the daemon. One that
+// has ended is collected, or every reload would add a zombie; no earlier than here, as its number
+// could then be another process's by the time of the signal.
 InputDirectory::Impl::~Impl() {
   if (helper_pid != 0) {
     Debug(kDebugNormal, "Sending SIGTERM to PID %u", static_cast<unsigned int>(helper_pid));
     kill(helper_pid, SIGTERM);
     sleep(kHelperStopTime);
+    waitpid(helper_pid, nullptr, WNOHANG);
   }
   if (IsRemote() && rootdir.compare(0, strlen(kWatchPrefix), kWatchPrefix) == 0) {
     Debug(kDebugNormal, "Removing temporary directory %s", rootdir.c_str());

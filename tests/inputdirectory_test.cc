@@ -37,6 +37,7 @@ struct System {
   std::vector<pid_t> children;                 // Forked, oldest first.
   std::vector<std::pair<pid_t, int>> signals;  // Sent with kill().
   std::vector<unsigned int> sleeps;            // Seconds.
+  std::vector<pid_t> collected;                // Whose end was asked for without waiting.
   std::function<void()> on_sleep = [] {};
 };
 
@@ -87,6 +88,15 @@ int kill(pid_t pid, int signal_number) noexcept {
   }
   errno = ESRCH;
   return -1;
+}
+
+// Without waiting, nothing has ended yet: that is left to the tests, which wait.
+pid_t waitpid(pid_t pid, int* status, int options) {
+  if (options == WNOHANG) {
+    TheSystem().collected.push_back(pid);
+    return 0;
+  }
+  return Real<pid_t(pid_t, int*, int)>("waitpid")(pid, status, options);
 }
 
 char* mkdtemp(char* path) noexcept {
@@ -655,12 +665,14 @@ TEST_F(HelperTest, IsStoppedBySigtermTwoSecondsBeforeItsDirectoryGoes) {
     const std::string watch = StatusAttribute(*input, "path");
     TheSystem().on_sleep = [&] {
       EXPECT_THAT(TheSystem().signals, ElementsAre(Pair(pid, SIGTERM)));
+      EXPECT_THAT(TheSystem().collected, IsEmpty());
       EXPECT_TRUE(Exists(watch));
     };
     EXPECT_EQ(
         "Sending SIGTERM to PID " + Number(pid) + "\nRemoving temporary directory " + watch + "\n",
         LogOf([&] { input.reset(); }, kDebugAvailable));
     EXPECT_THAT(TheSystem().sleeps, ElementsAre(2));
+    EXPECT_THAT(TheSystem().collected, ElementsAre(pid));
     EXPECT_FALSE(Exists(watch));
     const int status = ReapChild();
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
@@ -675,7 +687,9 @@ TEST_F(HelperTest, ThatIgnoresSigtermIsLeftBehind) {
   }
   ASSERT_EQ("ready\n", Output());
   Destroy(input);
-  EXPECT_EQ(0, waitpid(TheSystem().children.back(), nullptr, WNOHANG)) << "still running";
+  EXPECT_EQ(0,
+            Real<pid_t(pid_t, int*, int)>("waitpid")(TheSystem().children.back(), nullptr, WNOHANG))
+      << "still running";
 }
 
 TEST_F(HelperTest, LosesItsWatchDirectoryWithAllThatIsInIt) {

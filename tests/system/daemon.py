@@ -504,6 +504,17 @@ class Daemon:
         self.wait(lambda: len(self.helper_runs()) >= count, f"{count} helpers")
         return self.helper_runs()
 
+    def zombies(self):
+        """Process ids of its children that have ended and were not collected."""
+        pid = self.process.pid
+        zombies = set()
+        for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split():
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                stat = Path(f"/proc/{child}/stat").read_text()
+                if stat.rpartition(")")[2].split()[0] == "Z":
+                    zombies.add(int(child))
+        return zombies
+
     def temporaries(self):
         """This daemon's paths below /tmp, as far as the translator and the helpers were told."""
         paths = set()

@@ -6,6 +6,7 @@ zombie and a clean stop.
 
 import contextlib
 import os
+import re
 import resource
 import shutil
 import signal
@@ -37,13 +38,10 @@ def settled_descriptors(daemon):
     return looks[-1]
 
 
-def zombies(daemon):
-    children = Path(f"/proc/{daemon.process.pid}/task/{daemon.process.pid}/children").read_text()
-    states = []
-    for pid in children.split():
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-            states.append(Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0])
-    return states.count("Z")
+def cpu_time(daemon):
+    """Seconds of processor time that the daemon has used, without its children."""
+    stat = Path(f"/proc/{daemon.process.pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(stat[11]) + int(stat[12])) / os.sysconf("SC_CLK_TCK")
 
 
 class Station:
@@ -73,7 +71,7 @@ class Station:
         self.daemon.take()
         # Found again by the path: a directory that was replaced has another target.
         assert len(settled_descriptors(self.daemon)) == self.descriptors
-        self.daemon.wait(lambda: zombies(self.daemon) == 0, "no zombie")
+        self.daemon.wait(lambda: not self.daemon.zombies(), "no zombie")
         self.daemon.stop()
 
 
@@ -93,14 +91,30 @@ can_mount = os.geteuid() == 0 and subprocess.run(
 
 
 class UnprivilegedDaemon(Daemon):
-    """A daemon for which permission bits count, also when the tests run as root."""
+    """A daemon for which permission bits count, also when the tests run as root.
+
+    Then it has a user number of its own, by which what it leaves behind can be told.
+    """
+
+    user = 100000 + os.getpid() if os.geteuid() == 0 else os.geteuid()
 
     def start(self, **options):
         if os.geteuid() == 0:
             for path in [self.root, *self.root.rglob("*")]:
-                os.chown(path, 65534, 65534, follow_symlinks=False)
-            options.update(user=65534, group=65534, extra_groups=[])
+                os.chown(path, self.user, self.user, follow_symlinks=False)
+            options.update(user=self.user, group=self.user, extra_groups=[])
         super().start(**options)
+
+    @classmethod
+    def left_behind(cls):
+        """Processes and temporary files of its user."""
+        names = r"/proc/\d+|/tmp/(text|speech|watch)\w+"
+        left = []
+        for path in (*Path("/proc").iterdir(), *Path("/tmp").iterdir()):
+            with contextlib.suppress(OSError):
+                if re.fullmatch(names, str(path)) and path.stat().st_uid == cls.user:
+                    left.append(path)
+        return left
 
 
 @pytest.fixture
@@ -112,7 +126,7 @@ def make_unprivileged():
     daemons = []
 
     def make(**options):
-        daemon = UnprivilegedDaemon(root / "d", **options)
+        daemon = UnprivilegedDaemon(root / f"d{len(daemons)}", **options)
         daemons.append(daemon)
         for link in (daemon.translator, daemon.cifs_helper, daemon.ftp_helper):
             target = link.resolve()
@@ -229,6 +243,26 @@ def test_input_replaced_by_a_file(make_daemon):
     station.end()
 
 
+def test_input_that_goes_while_its_message_is_spoken(make_daemon):
+    station = Station(make_daemon())
+    daemon = station.daemon
+    before = len(daemon.translator_runs())
+    text = " ".join(f"word{i}" for i in range(50))
+    daemon.hold()
+    daemon.drop("a", "m", text)
+    daemon.wait_translator_runs(before + 1)
+    path = daemon.input("a")
+    path.rename(daemon.root / "away")
+    daemon.release()
+    daemon.wait_log(f"Could not open directory {path}/", 3)
+    (daemon.root / "away").rename(path)
+    daemon.wait(lambda: daemon.spoken()[-1][1].endswith(" word49 "), "the end of the message")
+    said = [said for _, said in daemon.spoken()[before:]]
+    assert len(said) > 1
+    assert "".join(said) == f"{PAUSE}{text} "
+    station.end()
+
+
 def test_input_that_may_not_be_read(make_unprivileged, copied_program):
     station = Station(make_unprivileged())
     daemon = station.daemon
@@ -278,6 +312,21 @@ def test_last_played_directory_in_trouble(make_daemon, obstacle):
     station.end()
 
 
+@pytest.mark.parametrize("mode", [0o555, 0])
+def test_last_played_directory_that_may_not_be_written(make_unprivileged, copied_program, mode):
+    daemon = make_unprivileged()
+    last = daemon.root / "last"
+    last.mkdir()
+    station = Station(daemon, last_played_path=last, auto_delete=1)
+    last.chmod(mode)
+    station.say()
+    last.chmod(0o755)
+    assert [path.name for path in last.iterdir()] == ["well1"]
+    station.say()
+    assert [path.name for path in last.iterdir()] == [f"well{station.count}"]
+    station.end()
+
+
 def test_cache_without_its_directory_fails_every_pass_until_it_is_there(make_daemon):
     daemon = make_daemon()
     last = daemon.root / "last"
@@ -317,6 +366,34 @@ def test_status_file_in_trouble(make_daemon, obstacle):
         daemon.status_path.rmdir()
     daemon.wait(lambda: (daemon.timestamp() or 0) > before, "a status")
     station.end()
+
+
+@pytest.mark.parametrize("mode", [0o555, 0])
+def test_status_directory_that_may_not_be_written(make_unprivileged, copied_program, mode):
+    daemon = make_unprivileged(status=False)
+    status_directory = daemon.root / "run"
+    status_directory.mkdir()
+    daemon.status_path = status_directory / "status.xml"
+    daemon.arguments += ["-s", daemon.status_path]
+    station = Station(daemon)
+    before = daemon.timestamp()
+    # An old file that may be written would still be: it is rewritten in place.
+    status_directory.chmod(0o755)
+    wait_until(lambda: remove(daemon.status_path, status_directory, mode), "the file to be gone")
+    daemon.wait_log(f'Could not open "{daemon.status_path}" for writing')
+    daemon.drop("a", "m", "spoken all the same")
+    daemon.wait(lambda: daemon.spoken()[-1][0] == "m", "the message")
+    status_directory.chmod(0o755)
+    daemon.wait(lambda: (daemon.timestamp() or 0) > before, "a status")
+    station.end()
+
+
+def remove(path, directory, mode):
+    """Closes the directory to new files with that one gone; false if it came back before that."""
+    directory.chmod(0o755)
+    path.unlink(missing_ok=True)
+    directory.chmod(mode)
+    return not path.exists()
 
 
 def make_directory(path):
@@ -502,29 +579,123 @@ def test_log_whose_reader_is_gone(make_daemon):
     daemon.stop()
 
 
+# --- Trouble that lasts ---
+
+
+@contextlib.contextmanager
+def away(path):
+    hidden = path.with_name(path.name + ".away")
+    path.rename(hidden)
+    yield
+    hidden.rename(path)
+
+
+@contextlib.contextmanager
+def replaced(path, text):
+    """The file has another text, or the directory is a file with that text."""
+    with away(path):
+        path.write_text(text)
+        yield
+        path.unlink()
+
+
+@contextlib.contextmanager
+def failing_translator(daemon):
+    daemon.behave("fake:exit=1")
+    daemon.drop("a", "unheard", "one two three " * 200)
+    yield
+    daemon.wait(lambda: 'now-playing="0"' in (daemon.status() or ""), "the end of the message")
+    daemon.behave()
+
+
+@contextlib.contextmanager
+def lost_helper(daemon, behaviour):
+    daemon.tell_helpers(behaviour)
+    daemon.reconfigure(daemon.directory("a"),
+                       daemon.directory("r", type="ftp", path="host", ftp_poll_rate=1))
+    yield
+    daemon.reconfigure(daemon.directory("a"))
+
+
+# What brings the trouble, how the lines begin that the daemon logs in every pass for it, and how
+# many these are. Without such lines the statuses count the passes.
+TROUBLES = {
+    "none": (lambda d: contextlib.nullcontext(), None, 1),
+    "no configuration": (lambda d: away(d.config), 'Could not open "{0.config}" for reading', 2),
+    "broken configuration": (lambda d: replaced(d.config, "<tts-config></oops>"), "mismatched", 2),
+    "no state": (lambda d: replaced(d.config, "<tts-config></tts-config>"), "Processing conf", 1),
+    "broken glossary": (lambda d: replaced(d.glossary, "<glossary></oops>"), "Reading glossary", 1),
+    "no input": (lambda d: away(d.input("a")), "Could not open directory {0.root}/in/a/", 1),
+    "file as input": (lambda d: replaced(d.input("a"), ""), "Could not open directory", 1),
+    "no output": (lambda d: away(d.output), 'Could not open "{0.output}/" for counting: ', 1),
+    "file as output": (lambda d: replaced(d.output, ""), 'Could not open "{0.output}/" for ', 1),
+    "no status": (lambda d: away(d.status_path.parent), 'Could not open "{0.status_path}" for', 1),
+    "failing translator": (failing_translator, 'Could not execute "{0.translator} ', 1),
+    "silent helper": (lambda d: lost_helper(d, "silent"), None, 1),
+    "dead helper": (lambda d: lost_helper(d, "quit"), None, 1),
+    "helper without news": (lambda d: lost_helper(d, "same"), None, 1),
+}
+
+
+@pytest.mark.parametrize("trouble, line, lines", TROUBLES.values(), ids=TROUBLES)
+def test_lasting_trouble_burns_no_time(make_daemon, trouble, line, lines):
+    daemon = make_daemon(files=100000, glossary=True, status=False)
+    daemon.status_path = daemon.root / "run/status.xml"
+    daemon.status_path.parent.mkdir()
+    daemon.arguments += ["-s", daemon.status_path]
+    daemon.write_glossary(("other", "word"))
+    station = Station(daemon)
+
+    def passes():
+        if line is None:
+            return daemon.timestamp() or 0
+        return sum(text.startswith(line.format(daemon)) for text in daemon.log()) // lines
+
+    begin = passes()
+    with trouble(daemon):
+        daemon.wait(lambda: passes() > begin, "the trouble")
+        started, count, burnt = time.monotonic(), passes(), cpu_time(daemon)
+        daemon.wait(lambda: passes() >= count + 20, "20 passes")
+        count, burnt = passes() - count, cpu_time(daemon) - burnt
+        seconds = time.monotonic() - started
+    # A pass rests for 100 ms, however it ends, and takes a small part of that.
+    assert count <= seconds / 0.1 + 1
+    assert burnt <= seconds / 4
+    station.end()
+
+
 # --- Signals ---
 
 
 @pytest.mark.parametrize("batch", range(10))
-def test_interrupt_at_any_moment(make_daemon, batch):
-    for i in range(30):
-        daemon = make_daemon(files=1000)
-        daemon.configure(daemon.directory("a"), daemon.directory("b"))
+def test_interrupt_at_any_moment(make_unprivileged, copied_program, batch):
+    daemons = []
+    for moment in range(batch, 300, 10):
+        daemon = make_unprivileged(files=1000)
+        daemons.append(daemon)
+        daemon.configure(daemon.directory("a"), daemon.directory("b"),
+                         daemon.directory("r", type="ftp", path="host"))
         daemon.start(wait=False)
         # From before the first pass to the middle of a message, in steps of 3 ms.
-        deadline = time.monotonic() + (batch * 30 + i) * 0.003
-        if batch >= 3:
+        deadline = time.monotonic() + moment * 0.003
+        if moment >= 90:
             daemon.wait(lambda: daemon.timestamp() is not None, "the first status")
             daemon.drop("a", "m", "one two three " * 20)
         while time.monotonic() < deadline:
             time.sleep(0.001)
-        if batch == 0 and i < 20:
+        if moment < 20:
             # Not before the handler is there: until then the signal ends any program.
             daemon.wait(lambda: "Processing configuration" in daemon.log_text(), "the first pass")
         else:
             daemon.wait(lambda: daemon.log_text() != "", "the first line")
-        daemon.stop()
+        assert daemon.process.poll() is None, daemon.describe()
+        daemon.process.send_signal(signal.SIGINT)
+    # Each takes two seconds to end its helper; all together do, too.
+    for daemon in daemons:
+        daemon.wait_exit(1)
         assert daemon.log().count("Now in \"run\" state") <= 1
+    if os.geteuid() == 0:
+        wait_until(lambda: UnprivilegedDaemon.left_behind() == [], "nothing to be left")
 
 
 def test_kill_leaves_temporary_files_that_disturb_nobody(make_daemon):
