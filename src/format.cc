@@ -41,6 +41,9 @@ class SigintBlock {
   SigintBlock(const SigintBlock&) = delete;
   SigintBlock& operator=(const SigintBlock&) = delete;
 
+  // What was blocked before.
+  const sigset_t& SavedMask() const { return saved_mask; }
+
  private:
   sigset_t saved_mask;
 };
@@ -95,8 +98,14 @@ int RunShell(const std::string& cmd_) {
   char shell[] = "sh";
   char option[] = "-c";
   char* const arguments[] = {shell, option, command.data(), nullptr};
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setsigmask(&attributes, &block.SavedMask());
   pid_t pid = 0;
-  if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, arguments, environ) != 0) {
+  const int error = posix_spawn(&pid, "/bin/sh", nullptr, &attributes, arguments, environ);
+  posix_spawnattr_destroy(&attributes);
+  if (error != 0) {
     return -1;
   }
   int status = 0;

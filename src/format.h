@@ -26,7 +26,8 @@ std::string ListToString(const std::list<std::string>& words_);
 // if no shell could be started or its status was lost.
 //
 // Not system(): that discards a SIGINT which arrives while it sets up. Here SIGINT is blocked, so
-// that a stop request stays pending until the command has ended. The shell unblocks it for itself.
+// that a stop request stays pending until the command has ended. The command has the caller's
+// signal mask, as with system(): a Ctrl-C at the terminal reaches it as well, and ends it.
 int RunShell(const std::string& cmd_);
 
 // True if status, a result of RunShell, says that nothing ran or that the command exited with a
