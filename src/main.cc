@@ -93,15 +93,15 @@ void PrintUsage() {
 // The long option that argument (an element of argv) stands for, in full or abbreviated and
 // perhaps with a value, if getopt_long matched it to the entry with that value; else null.
 // getopt_long leaves its index variable alone when such an option lacks its value or was given
-// one that it does not take.
+// one that it does not take. The first entry is never named, see above.
 const option* FindMatchedOption(const char* argument, int value) {
   if (strncmp(argument, "--", 2) != 0) {
     return nullptr;
   }
   const char* name = argument + 2;
   const size_t length = strcspn(name, "=");
-  for (const option* entry = kLongOptions; entry->name != nullptr; ++entry) {
-    if (length > 0 && entry->val == value && strncmp(entry->name, name, length) == 0) {
+  for (const option* entry = kLongOptions + 1; entry->name != nullptr; ++entry) {
+    if (entry->val == value && strncmp(entry->name, name, length) == 0) {
       return entry;
     }
   }

@@ -59,7 +59,8 @@ BAD_OPTIONS = [
     (["-b"], "-b"),
     (["-m3"], "-m"),
     # The first long option, which is there to be refused, and what getopt makes of odd ones.
-    (["---=x"], "---"),
+    (["---=x"], "-\0"),
+    (["--words", "3", "---=x"], "--words"),
     (["--=x"], "-\0"),
     (["--h=x"], "--help"),
     # A short option without its value.
