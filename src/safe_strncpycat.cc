@@ -6,7 +6,7 @@ char* safe_strncpy(char* dst_, size_t n_, const char* src_) {
   if (dst_ == nullptr || n_ == 0) {
     return dst_;
   }
-  if (n_ == 1 || src_ == nullptr) {
+  if (src_ == nullptr) {
     dst_[0] = '\0';
     return dst_;
   }
@@ -17,10 +17,6 @@ char* safe_strncpy(char* dst_, size_t n_, const char* src_) {
 
 char* safe_strncat(char* dst_, size_t n_, const char* src_) {
   if (dst_ == nullptr || n_ == 0) {
-    return dst_;
-  }
-  if (n_ == 1) {
-    dst_[0] = '\0';
     return dst_;
   }
   dst_[n_ - 1] = '\0';

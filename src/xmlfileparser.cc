@@ -193,6 +193,7 @@ std::string XMLFileParser::ParseFile(const std::string& path_) const {
     }
   } catch (const std::string& e) {
     Debug(kDebugNormal, "Unable to read %s as XML document: %s", path_.c_str(), e.c_str());
+    return "";
   }
   return text;
 }
