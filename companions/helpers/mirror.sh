@@ -65,7 +65,7 @@ troubles=$newline # those that were reported and are not over, in lines "KEY TEX
 # Prints a line about this source on standard error.
 say() {
   printf '%s helper: %s: %s\n' "$kind" "$source" \
-    "$(printf '%s' "$1" | tr -c '[:print:]' '?')" >&3 || :
+    "$(printf '%s' "$1" | tr -c '\040-\176' '?')" >&3 || :
 }
 
 # Reports something that cannot get better and ends.
@@ -175,14 +175,16 @@ begin() {
 # lacks would be forgotten, fetched once more and spoken again. So each is tested, and the pass is
 # given up.
 
+# (Not by "grep -f": with an empty list, that of some small systems finds every line.)
+
 # both FILE FILE2: the lines of FILE2 that are lines of FILE, too.
 both() {
-  grep -Fx -f "$1" "$2" || [ $? -eq 1 ]
+  awk 'FILENAME == ARGV[1] { listed[$0]; next } $0 in listed' "$1" "$2"
 }
 
 # without FILE: the lines of the standard input that are no lines of FILE.
 without() {
-  grep -Fxv -f "$1" || [ $? -eq 1 ]
+  awk 'FILENAME == ARGV[1] { listed[$0]; next } !($0 in listed)' "$1" -
 }
 
 # Lists the remote directory. If that fails it is a trouble of the server.
@@ -203,7 +205,7 @@ read_listing() {
   awk -v safe="$safe" '$0 ~ safe && !seen[$3]++ { print $3, $1, $2 }' "$state/listed" |
     sort >"$state/now" || return
   awk -v safe="$safe" '$0 !~ safe' "$state/listed" | sed 's/^[0-9]* [0-9]* //' |
-    tr -c '[:print:]\n' '?' | sort -u >"$state/unsafe"
+    tr -c '\040-\176\n' '?' | sort -u >"$state/unsafe"
 }
 
 # Reports the unsafe names that two listings show; reported has those that were, as long as they

@@ -357,6 +357,27 @@ def test_helper_in_another_place(server, make_helper, tmp_path):
     helper.stop()
 
 
+def test_with_the_tools_of_a_small_system(server, make_helper):
+    busybox = shutil.which("busybox")
+    helper = make_helper(server, auto_delete=1)
+    for name in subprocess.check_output([busybox, "--list"], text=True).split():
+        (helper.bin / name).symlink_to(busybox)
+    helper.command = [busybox, "sh", *helper.command]
+    for name in ["a.txt", "b.txt", "a b", "t\u00fcr"]:
+        server.put(name, name[0])
+    helper.start()
+    helper.wait_files(a="a", b="b")
+    helper.wait_beats(2)
+    (helper.local / "a.txt").unlink()
+    helper.wait(lambda: "a.txt" not in server.names(), "the end of what was taken")
+    server.put("c.txt", "c")
+    helper.wait_files(b="b", c="c")
+    server.remove("b.txt")
+    helper.wait_files(c="c")
+    assert sorted(helper.messages()) == ['refused the name "a b"', 'refused the name "t??r"']
+    helper.stop()
+
+
 def test_wrong_number_of_arguments(server):
     done = subprocess.run([HELPERS / server.kind, "x"], capture_output=True, check=False)
     assert done.returncode == 2
