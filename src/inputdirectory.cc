@@ -509,13 +509,15 @@ void InputDirectory::Impl::TakeMessage(const std::string& dirpath) {
     // It would come back with the next change or restart: better unheard than heard for ever.
     active_message_words.clear();
   }
-  if (!active_message_words.empty()) {
+  if (active_message_words.empty()) {
+    StopMessage();  // Gives back what the text took.
+  } else {
     active_message_first_play = true;
     active_message_id = ++last_message_id;
     active_message_filename = name;
     active_message_plays = 0;
+    active_message_position = 0;
   }
-  active_message_position = 0;
   updated_file_names.pop_front();
 }
 
@@ -595,7 +597,9 @@ void InputDirectory::Impl::StopMessage() {
   active_message_id = 0;
   active_message_filename.clear();
   active_message_plays = 0;
-  active_message_words.clear();
+  // With their memory: the words of a long message take half a megabyte, in each directory.
+  std::vector<std::string_view>().swap(active_message_words);
+  std::string().swap(active_message_text);
   active_message_position = 0;
 }
 

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <malloc.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdint.h>
@@ -13,6 +14,7 @@
 #include <time.h>
 
 #include <list>
+#include <new>
 #include <random>
 #include <set>
 #include <tuple>
@@ -52,6 +54,31 @@ Function* Real(const char* name) {
 }
 
 }  // namespace
+
+// Bytes that objects on the heap take.
+size_t held_bytes = 0;
+
+// Not inline: where g++ sees just one of the two, it warns of malloc with delete.
+__attribute__((noinline)) void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  void* const block = malloc(size);
+  held_bytes += malloc_usable_size(block);
+  return block;
+}
+
+void* operator new(size_t size) {
+  void* const block = operator new(size, std::nothrow);
+  if (block == nullptr) {
+    throw std::bad_alloc();
+  }
+  return block;
+}
+
+__attribute__((noinline)) void operator delete(void* block) noexcept {
+  held_bytes -= malloc_usable_size(block);
+  free(block);
+}
+
+void operator delete(void* block, size_t /*size*/) noexcept { operator delete(block); }
 
 time_t time(time_t* result) noexcept {
   if (result != nullptr) {
@@ -835,6 +862,18 @@ TEST_F(RemoteDirectoryTest, TimesOutAfterMoreThanItsTime) {
     TheSystem().now += 1;
     EXPECT_EQ(kNoLog, Scan(kDebugAvailable)) << type << timeout;
   }
+}
+
+TEST_F(RemoteDirectoryTest, TimesOutEvenIfItCannotBeListed) {
+  Open("cifs", {{"subdir", "sub"}});
+  ASSERT_EQ(0, mkdir((watch_ + "/sub").c_str(), 0700));
+  Write("sub/.helper.timestamp", "1");
+  Scan();
+  ASSERT_EQ(0, rename((watch_ + "/sub").c_str(), (watch_ + "/away").c_str()));
+  TheSystem().now += 6;
+  EXPECT_EQ("Directory " + watch_ + "/sub/ is no longer receiving updates\n",
+            LogOf([&] { ThrownText([&] { input_->Process(); }); }, kDebugAvailable));
+  EXPECT_EQ("0", StatusAttribute(*input_, "status"));
 }
 
 TEST_F(RemoteDirectoryTest, StaysAvailableWhileTheTimestampChanges) {
@@ -2061,6 +2100,31 @@ TEST_F(SnippetTest, ComesNoMoreAfterAStop) {
   EXPECT_EQ("", input_->GetActiveMessageFilename());
   EXPECT_THAT(input_->GetWords(), IsEmpty());
   EXPECT_EQ("Erasing m from file_map\n", Scan(kDebugAvailable)) << "and the message is not resumed";
+}
+
+// Hundreds of directories may each have had a long message.
+TEST_F(SnippetTest, GivesBackTheMemoryOfAMessageThatIsOver) {
+  Open({}, INT_MAX);
+  const std::function<void(const std::string&)> ways[] = {
+      [this](const std::string& text) {
+        Activate(text);
+        input_->GetWords();
+      },
+      [this](const std::string& text) {
+        Activate(text);
+        input_->StopMessage();
+      },
+      [this](const std::string& text) {
+        Write(std::string(text.size(), '.'));  // Has no words.
+        Scan();
+      },
+  };
+  for (const auto& use : ways) {
+    use("short");
+    const size_t before = held_bytes;
+    use(Repeat("a ", 32768));
+    EXPECT_LT(held_bytes, before + 4096);
+  }
 }
 
 TEST_F(SnippetTest, CountsPlaysAnewForTheMessageAfterAStoppedOne) {

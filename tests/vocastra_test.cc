@@ -483,6 +483,15 @@ TEST_F(VocastraTest, LooksAtAnUnchangedConfigurationOnlyOnce) {
   EXPECT_EQ(kNoLog, Run(0x3)) << "written again with the same bytes";
 }
 
+TEST_F(VocastraTest, NoticesAConfigurationThatChangesWhileItIsApplied) {
+  settings_.cifs_helper = "/bin/true";
+  Start("<directory id='r' type='cifs'/>");
+  TheSystem().on_long_pause = [&] { Configure(Element("b")); };  // While the helper is stopped.
+  Configure(Element("a"));
+  Run();
+  EXPECT_EQ(Processing() + Created("b") + "Deleted input directory a\n" + Attached("b"), Run());
+}
+
 TEST_F(VocastraTest, HandsTheHelpersAndTheWordLimitToItsDirectories) {
   settings_.words = 2;
   settings_.cifs_helper = tree_ / "missing-cifs";
