@@ -1,6 +1,7 @@
 // Option lines: the arguments, separated by zero bytes.
 //
-// Parsing ends with options, with the usage and status 0, or with a bad option and status 1.
+// Parsing ends with options whose values stand in the arguments, with the usage and status 0, or
+// with a bad option and status 1; without an option, with the defaults.
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
@@ -9,6 +10,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "fuzz.h"
@@ -48,10 +50,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   argv.push_back(nullptr);
   optind = 0;  // Starts the C library's parser anew.
+  // Every value is a whole argument or the end of one: of "-cfile", "--config=file" or "file".
+  const auto is_end = [&arguments](const std::string& value) {
+    return std::any_of(arguments.begin() + 1, arguments.end(), [&](const std::string& whole) {
+      return whole.size() >= value.size() &&
+             whole.compare(whole.size() - value.size(), value.size(), value) == 0;
+    });
+  };
+  const bool has_option = std::any_of(arguments.begin() + 1, arguments.end(),
+                                      [](const std::string& text) { return text[0] == '-'; });
   try {
     const Options options = ParseOptions(static_cast<int>(arguments.size()), argv.data());
-    fuzz::Require(optind >= 1, "options were looked at", options.config_file_path);
+    for (const std::string& path :
+         {options.config_file_path, options.status_file_path, options.output_directory_path,
+          options.translator_file_path, options.glossary_file_path, options.cifs_helper_script_path,
+          options.ftp_helper_app_path}) {
+      fuzz::Require(path.empty() || (has_option && is_end(path)), "a path stands in an argument",
+                    path);
+    }
+    fuzz::Require(has_option || (options.text_snippet_word_limit == kDefaultWords &&
+                                 options.output_file_count_limit == kDefaultFiles),
+                  "limits have their defaults without an option");
   } catch (const Exit& e) {
+    fuzz::Require(has_option, "only an option ends the program");
     fuzz::Require(e.status == 0 || e.status == 1, "the exit status is 0 or 1");
   }
   SetDebugMask(kDebugDefault);

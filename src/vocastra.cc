@@ -296,7 +296,7 @@ void Vocastra::Impl::ApplyState(const std::string& new_state) {
 void Vocastra::Impl::ClearFileParsers() { id_to_file_parser.clear(); }
 
 // Rebuilds the glossary. As glossary_file_crc always stays 0, that is done in every pass, but for
-// a file whose checksum is 0: an edit is heard in the next snippet even if its checksum happens
+// a file whose checksum is 0: an edit is heard from the next pass on even if its checksum happens
 // to equal the old one.
 void Vocastra::Impl::CheckGlossary() {
   if (glossary_file_path.empty()) {

@@ -71,6 +71,12 @@ def test_program_notes_and_package_have_one_version():
     assert program[1] == notes[1] == package[1]
 
 
+def test_nobody_else_can_lock_what_the_daemon_locks():
+    rows = re.findall(r"^d (\S+) +(\d{4}) ", (ROOT / "debian/vocastra.tmpfiles").read_text(), re.MULTILINE)
+    modes = {path: int(mode, 8) & 0o7 for path, mode in rows if path.count("/") > 3 or path.endswith("/out")}
+    assert set(modes.values()) == {0} and len(modes) == 3
+
+
 @pytest.mark.parametrize("helper", ["ftp", "cifs"])
 def test_installed_helpers_find_what_they_share(helper, staged, tmp_path):
     """A source that makes no sense is refused by a helper that has come as far as reading it."""

@@ -184,6 +184,18 @@ def test_words_limit_may_be_the_largest_number(make_daemon):
     daemon.stop()
 
 
+def test_words_limit_that_is_no_int(make_daemon):
+    """strtol stops at the end of long, and what is left of that as an int counts."""
+    is_32_bit = Path(program()[-1]).read_bytes()[4] == 1  # Of the ELF header.
+    daemon = make_daemon(words=2**32 + 1)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "a b c d e")
+    first = "a b c d e " if is_32_bit else "a b "
+    assert daemon.wait_translator_runs(1)[0].text.decode() == PAUSE + first
+    daemon.stop()
+
+
 @pytest.mark.parametrize(
     "arguments, limit",
     [(["-f", "3x"], 3), (["--files", "0x2"], 2), (["-f", "02", "-f", "1"], 1)],
