@@ -72,6 +72,8 @@ class Station:
         # Found again by the path: a directory that was replaced has another target.
         assert len(settled_descriptors(self.daemon)) == self.descriptors
         self.daemon.wait(lambda: not self.daemon.zombies(), "no zombie")
+        said = self.daemon.spoken()
+        assert len(said) == len(set(said)), "said twice"
         self.daemon.stop()
 
 
@@ -602,7 +604,7 @@ def replaced(path, text):
 @contextlib.contextmanager
 def failing_translator(daemon):
     daemon.behave("fake:exit=1")
-    daemon.drop("a", "unheard", "one two three " * 200)
+    daemon.drop("a", "unheard", " ".join(f"word{i}" for i in range(600)))
     yield
     daemon.wait(lambda: 'now-playing="0"' in (daemon.status() or ""), "the end of the message")
     daemon.behave()
