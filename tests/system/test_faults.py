@@ -12,12 +12,11 @@ import shutil
 import signal
 import subprocess
 import tempfile
-import threading
 import time
 from pathlib import Path
 
 import pytest
-from daemon import PAUSE, Daemon, crc16, element, locked, program, publish, wait_until
+from daemon import PAUSE, Daemon, crc16, element, locked, program, publish, wait_until, waits_for_lock
 
 SMALL = 64 * 1024  # Bytes of the file system that fills up.
 
@@ -206,8 +205,10 @@ def test_audio_over_the_limit_of_a_file(make_daemon):
     daemon.drop("a", "m", "too big")
     daemon.wait_translator_runs(1)
     daemon.behave()
+    daemon.take()
     daemon.drop("a", "n", "small again")
-    daemon.wait_translator_runs(2)
+    daemon.wait(lambda: any(content.endswith(b"small again ") for _, content in daemon.take()),
+                "the audio")
     daemon.stop()
 
 
@@ -720,19 +721,14 @@ def test_kill_leaves_temporary_files_that_disturb_nobody(make_daemon):
     assert Path(run.text_path).exists() and watch.exists()  # Whoever kills it clears up.
 
 
-def test_locks_held_for_seconds_delay_nothing_else(make_daemon):
+def test_lock_held_for_seconds_delays_delivery_and_loses_nothing(make_daemon):
     station = Station(make_daemon())
     daemon = station.daemon
     daemon.take()
-    released = threading.Event()
-
-    def hold():
-        with locked(daemon.output):
-            released.wait(2)
-
-    holder = threading.Thread(target=hold)
-    holder.start()
-    daemon.drop("a", "m", "after the lock")
-    holder.join()
+    with locked(daemon.output):
+        daemon.drop("a", "m", "after the lock")
+        daemon.wait(lambda: waits_for_lock(daemon.process.pid), "the daemon to wait")
+        time.sleep(2)
+        assert daemon.outputs() == []
     daemon.wait_outputs(1)
     station.end()
