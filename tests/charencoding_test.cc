@@ -84,6 +84,17 @@ TEST(ExtAsciiToUtf8CharTest, ConvertsAll256Bytes) {
   }
 }
 
+// char is signed on x86 and unsigned on ARM.
+TEST(ExtAsciiToUtf8CharTest, DoesNotCareWhetherCharIsSigned) {
+  for (int byte = 0x80; byte <= 0xFF; ++byte) {
+    const char from_unsigned = static_cast<char>(static_cast<unsigned char>(byte));
+    const char from_signed = static_cast<char>(static_cast<signed char>(byte - 0x100));
+    EXPECT_EQ(Hex(Expected(static_cast<unsigned int>(byte))),
+              Hex(ExtAsciiToUtf8Char(from_unsigned)));
+    EXPECT_EQ(Hex(Expected(static_cast<unsigned int>(byte))), Hex(ExtAsciiToUtf8Char(from_signed)));
+  }
+}
+
 TEST(ExtAsciiToUtf8CharTest, HitsTheEdgesOfItsRanges) {
   const struct {
     char byte;

@@ -64,6 +64,20 @@ TEST(CRCTest, PiecesGiveTheSameAsTheWhole) {
   }
 }
 
+// char is signed on x86 and unsigned on ARM; with its sign extended, a byte would spoil the rest.
+TEST(CRCTest, DoesNotCareWhetherCharIsSigned) {
+  const unsigned char bytes[] = {0x80, 0xFF, 0x7F, 0xC3, 0xA9, 0x00, 0xFE};
+  const std::string text(reinterpret_cast<const char*>(bytes), sizeof(bytes));
+  uint16_t crc = 0;
+  for (const unsigned char byte : bytes) {
+    crc = static_cast<uint16_t>(crc ^ byte);
+    for (int bit = 0; bit < 8; ++bit) {
+      crc = static_cast<uint16_t>((crc >> 1) ^ ((crc & 1) != 0 ? 0x8408 : 0));
+    }
+  }
+  EXPECT_EQ(crc, CRCOf(0, text));
+}
+
 TEST(FileCRCTest, IsZeroForAnEmptyAndForAMissingFile) {
   const TemporaryDirectory directory;
   EXPECT_EQ(0, FileCRC(directory.Write("empty", "")));

@@ -46,6 +46,14 @@ def test_paths_in_the_table_of_the_readme_exist():
     assert names and all((ROOT / name).exists() for name in names), names
 
 
+def test_figures_of_the_arm_program_in_the_readme():
+    figures = (ROOT / "doc/armhf.md").read_text()
+    size = int(re.search(r"^\| stripped size \| (\d+) bytes", figures, re.MULTILINE)[1])
+    memory = int(re.search(r"^\| peak resident memory .* \| (\d+) KiB", figures, re.MULTILINE)[1])
+    text = " ".join((ROOT / "README.md").read_text().split())
+    assert f"has {size:,} bytes when stripped and takes {memory:,} KiB of memory" in text
+
+
 def test_xml_in_the_readme(tmp_path):
     text = (ROOT / "README.md").read_text()
     blocks = fenced(ROOT / "README.md", "xml") + re.findall(

@@ -330,6 +330,26 @@ def test_last_played_directory_that_may_not_be_written(make_unprivileged, copied
     station.end()
 
 
+if can_mount:
+
+    def test_last_played_on_a_full_file_system(make_daemon, small_file_system):
+        station = Station(make_daemon(), last_played_path=small_file_system, auto_delete=1)
+        daemon = station.daemon
+        ballast = small_file_system / ".ballast"
+        with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
+            while True:
+                file.write(bytes(4096))
+        # Larger than the place that the last one frees.
+        words = [f"{i:090d}" for i in range(60)]
+        daemon.drop("a", "m", " ".join(words))
+        daemon.wait(lambda: daemon.spoken()[-1][1].endswith(words[-1] + " "), "all of the message")
+        assert any("No space left on device" in line for line in daemon.log())  # By cp.
+        ballast.unlink()
+        station.say()
+        assert (small_file_system / f"well{station.count}").read_text() == "all is well 2"
+        station.end()
+
+
 def test_cache_without_its_directory_fails_every_pass_until_it_is_there(make_daemon):
     daemon = make_daemon()
     last = daemon.root / "last"
@@ -490,6 +510,22 @@ def test_configuration_written_bit_by_bit(make_daemon):
     daemon.wait_passes(2)
     daemon.drop("b", "m", "from b")
     daemon.wait(lambda: ("m", PAUSE + "from b ") in daemon.spoken(), "the message")
+    station.end()
+
+
+def test_glossary_written_bit_by_bit(make_daemon):
+    daemon = make_daemon(glossary=True)
+    daemon.write_glossary(("other", "word"))
+    station = Station(daemon)
+    whole = element("glossary", [element("word", text="it", speech="that thing")])
+    with open(daemon.glossary, "w", buffering=1) as file:
+        for character in whole:
+            file.write(character)
+            file.flush()
+            time.sleep(0.005)
+    daemon.wait_passes(2)
+    daemon.drop("a", "m", "it")
+    daemon.wait(lambda: ("m", PAUSE + "that thing ") in daemon.spoken(), "the new speech")
     station.end()
 
 
