@@ -1,15 +1,21 @@
-// Configurations, loaded twice by one player: two documents separated by a line "====".
+// Configurations, two documents separated by a line "====", loaded one after the other.
 //
 // Whatever they say, no command runs, no process starts and nothing outside the scratch directory
-// is listed: those calls are replaced below. A load ends normally or throws a text.
+// is listed: those calls are replaced below. A load ends normally or throws a text, and what a
+// reload leads to is what a start with the new document leads to.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdarg.h>
 #include <string.h>
 #include <sys/types.h>
 
+#include <fstream>
+
+#include "crc.h"
 #include "debug.h"
 #include "fuzz.h"
 #include "vocastra.h"
@@ -25,6 +31,7 @@ Function* Real(const char* name, Function* /*replacement*/) {
 }
 
 const fuzz::Scratch scratch;
+const fuzz::Scratch empty_directory;  // Stands for every directory that is listed.
 
 }  // namespace
 
@@ -51,17 +58,65 @@ char* mkdtemp(char* path) noexcept {
   return is_running ? watch : Real("mkdtemp", mkdtemp)(path);
 }
 
+int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = va_arg(arguments, mode_t);  // Whatever stands there if there is none.
+  va_end(arguments);
+  const bool is_ours = strncmp(path, scratch.path().c_str(), scratch.path().size()) == 0;
+  return Real("open", open)(is_running && !is_ours ? empty_directory.path().c_str() : path, flags,
+                            mode);
+}
+
 DIR* opendir(const char* path) {
-  if (is_running && strncmp(path, scratch.path().c_str(), scratch.path().size()) != 0) {
-    errno = EACCES;
-    return nullptr;
-  }
-  return Real("opendir", opendir)(path);
+  return Real("opendir", opendir)(is_running ? empty_directory.path().c_str() : path);
 }
 
 int usleep(useconds_t /*microseconds*/) { return 0; }
 
 }  // extern "C"
+
+namespace {
+
+uint16_t CRCOf(const std::string& text) {
+  return CRC(0, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+// A player with its configuration and status in the scratch directory.
+class Station {
+ public:
+  // Hands the document over and runs one pass. True if it came to its end.
+  bool Run(const std::string& config) {
+    scratch.Write("config.xml", config);
+    is_running = true;
+    bool is_done = false;
+    try {
+      player_.Run();
+      is_done = true;
+    } catch (const std::string& e) {
+      fuzz::Require(!e.empty(), "a failure says what it is");
+    }
+    is_running = false;
+    return is_done;
+  }
+  static std::string Status() {
+    std::ifstream file(scratch.path() + "/status.xml");
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+ private:
+  Vocastra player_{scratch.path() + "/config.xml",
+                   scratch.path() + "/status.xml",
+                   "",
+                   "",
+                   "",
+                   "cifs-helper",
+                   "ftp-helper",
+                   10,
+                   10};
+};
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static FILE* const silenced = freopen("/dev/null", "w", stdout);
@@ -70,19 +125,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   const std::string separator = "\n====\n";
   const size_t middle = std::min(text.find(separator), text.size());
-  const std::string path = scratch.Write("config.xml", text.substr(0, middle));
-  Vocastra player(path, "", "", "", "", "cifs-helper", "ftp-helper", 10, 10);
-  const auto run = [&player] {
-    is_running = true;
-    try {
-      player.Run();
-    } catch (const std::string& e) {
-      fuzz::Require(!e.empty(), "a failure says what it is");
-    }
-    is_running = false;
-  };
-  run();
-  scratch.Write("config.xml", middle < text.size() ? text.substr(middle + separator.size()) : "");
-  run();
+  const std::string old_config = text.substr(0, middle);
+  const std::string config = middle < text.size() ? text.substr(middle + separator.size()) : "";
+
+  Station reloaded;
+  const bool had_status = reloaded.Run(old_config);
+  if (!reloaded.Run(config) || CRCOf(config) == CRCOf(old_config)) {
+    return 0;  // A change that the checksum does not show is not noticed, by design.
+  }
+  const std::string status = Station::Status();
+  Station started;
+  if (had_status) {
+    started.Run(config);  // The status is counted.
+  }
+  fuzz::Require(started.Run(config), "what a reload takes a start takes, too", config);
+  fuzz::Require(Station::Status() == status, "a reload leads to what a start leads to",
+                status + Station::Status());
   return 0;
 }
