@@ -45,6 +45,16 @@ def test_manual_page_has_every_option(name):
     assert options <= documented
 
 
+def test_check_takes_every_option_of_the_daemon(tmp_path):
+    (tmp_path / "config.xml").write_text('<tts-config state="run"/>')
+    usage = run_program("-h").stdout.decode()
+    options = re.findall(r"^  (-\w), (--[a-z-]+) <", usage, re.MULTILINE)
+    assert len(options) == 10
+    for option in sum(options, ()):
+        _, _, err = run("vocastra-check", tmp_path / "config.xml", option, tmp_path / "config.xml")
+        assert "option '" not in err and "option requires" not in err, err
+
+
 # Completion.
 
 
