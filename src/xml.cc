@@ -365,8 +365,7 @@ std::string ReadWholeFile(const std::string& path) {
   }
   std::string text;
   char block[16384];
-  size_t length = 0;
-  while ((length = file.Read(block, sizeof(block))) > 0) {
+  while (const size_t length = file.Read(block, sizeof(block))) {
     text.append(block, length);
   }
   return text;
