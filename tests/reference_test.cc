@@ -155,6 +155,31 @@ TEST(ReferenceTest, WordsAgreeOnRandomTexts) {
   }
 }
 
+// Longer than what is looked at as a piece, 512 bytes.
+TEST(ReferenceTest, WordsAgreeOnLongRandomTexts) {
+  std::mt19937 random(1);
+  for (size_t characters = 300; characters < 3000; characters += 29) {
+    const std::string text = RandomText(random, characters);
+    EXPECT_EQ(PlainWords(text), WordsOf(text)) << text;
+  }
+}
+
+TEST(ReferenceTest, WordsAgreeWhereverTheirEndsStand) {
+  for (const std::string end :
+       {" ", ".", "..", ", ", "\n", "\xC2\xA0", "\xC2\xA1", "\xC2\x80", ".\xC2\xA0.", " \xC2\xA1.",
+        "\xC3\xA0", "\xE2\x82\xAC", "\xF0\x9F\x9A\x86"}) {
+    for (size_t before = 500; before <= 515; ++before) {
+      std::string text = "Trains go to the north. ";
+      while (text.size() < before) {
+        text += text;
+      }
+      text.resize(before);
+      text += end + "Platform 9";
+      EXPECT_EQ(PlainWords(text), WordsOf(text)) << before << end;
+    }
+  }
+}
+
 TEST(ReferenceTest, WordsAgreeAtTheLimits) {
   for (const size_t length :
        std::initializer_list<size_t>{1, 99, 100, 101, 102, 65535, 65536, 65537, 65600}) {
