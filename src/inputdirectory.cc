@@ -190,7 +190,7 @@ std::vector<std::string_view> SplitIntoWords(std::string_view whole_text) {
   const std::string_view text = FirstCharacters(whole_text, kMaxMessageChars);
   std::vector<std::string_view> words = FindWords(text);
   for (std::string_view& word : words) {
-    if (word.size() > kMaxWordChars) {  // In bytes; characters are fewer.
+    if (word.size() > kMaxWordChars) {  // Bytes: no more characters than these.
       const std::string_view whole_word = word;
       word = FirstCharacters(whole_word, kMaxWordChars);
       LogDropped(whole_word.substr(word.size()), "Word too long");
