@@ -86,6 +86,13 @@ def small_file_system(tmp_path):
     subprocess.run(["umount", "-l", path], check=True)
 
 
+def fill(path):
+    """Writes into the file until its file system is full."""
+    with contextlib.suppress(OSError), open(path, "wb", buffering=0) as file:
+        while True:
+            file.write(bytes(4096))
+
+
 # Where not, the tests on a full file system are not there; a limit on files stands in.
 can_mount = os.geteuid() == 0 and subprocess.run(
     ["unshare", "-m", "true"], check=False, stderr=subprocess.DEVNULL).returncode == 0
@@ -221,8 +228,7 @@ if can_mount:
         station = Station(daemon)
         daemon.take()
         ballast = small_file_system / ".ballast"
-        with contextlib.suppress(OSError):
-            ballast.write_bytes(bytes(2 * SMALL))
+        fill(ballast)
         daemon.drop("a", "m", "no room")
         daemon.wait(lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
                     "the copy to fail")
@@ -336,9 +342,7 @@ if can_mount:
         station = Station(make_daemon(), last_played_path=small_file_system, auto_delete=1)
         daemon = station.daemon
         ballast = small_file_system / ".ballast"
-        with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
-            while True:
-                file.write(bytes(4096))
+        fill(ballast)
         # Larger than the place that the last one frees.
         words = [f"{i:090d}" for i in range(60)]
         daemon.drop("a", "m", " ".join(words))
@@ -435,9 +439,7 @@ if can_mount:
         daemon.arguments += ["-s", daemon.status_path]
         daemon.status_path.write_text("")
         ballast = small_file_system / "ballast"
-        with contextlib.suppress(OSError), open(ballast, "wb", buffering=0) as file:
-            while True:
-                file.write(bytes(4096))
+        fill(ballast)
         daemon.configure(daemon.directory("a"))
         daemon.start(wait=False)
         # Rewritten in every pass, and empty all the same.
