@@ -1,5 +1,5 @@
-// Character classes used when message text is cut into words, conversion of single-byte message
-// files, and the checking and mending of UTF-8.
+// Character classes, the cutting of message text into words by them, conversion of single-byte
+// message files, and the checking and mending of UTF-8.
 //
 // The classifiers take a code point; none above 0xFF belongs to any class.
 #pragma once
@@ -7,6 +7,8 @@
 #include <stdint.h>
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 // 0x30-0x3F (digits, but also : ; < = > ?), A-Z, a-z and the Latin-1 letters without the
 // multiplication sign 0xD7 and the division sign 0xF7.
@@ -41,3 +43,11 @@ bool Utf8IsValid(const std::string& text_);
 
 // text_ with every invalid sequence replaced by U+FFFD. May throw utf8::exception.
 std::string Utf8ReplaceInvalid(const std::string& text_);
+
+// The words of text_, which is valid UTF-8, as ranges of it: a message may have tens of thousands,
+// and each would be a request or two to the heap.
+//
+// Breaks and control characters end a word; punctuation stays at the end of the word that it
+// follows. A lone punctuation mark that comes right after another one, or first of all, is dropped:
+// "Stop.." must not be read as "Stop. point".
+std::vector<std::string_view> Utf8FindWords(std::string_view text_);
