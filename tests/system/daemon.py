@@ -250,7 +250,8 @@ class Daemon:
     """A daemon in its scratch tree. Not started by construction; close() ends it in any case.
 
     words, files and debug become -w, -f and -d. status is True for status.xml, "stream" for a
-    FIFO whose every document is kept (see statuses()), or False for no -s. output, glossary and
+    FIFO whose every document is kept (see statuses()), "apart" for a file in a directory of its
+    own, or False for no -s. output, glossary and
     helpers say whether -o, -g, and -i with -p are given. arguments are put behind all of these.
     """
 
@@ -290,6 +291,9 @@ class Daemon:
         self.ftp_helper.symlink_to(HERE / "fake_helper")
 
         self.arguments = ["-c", self.config, "-t", self.translator]
+        if status == "apart":
+            self.status_path = self.root / "run/status.xml"
+            self.status_path.parent.mkdir(exist_ok=True)
         if status:
             self.arguments += ["-s", self.status_path]
         if status == "stream":

@@ -370,11 +370,8 @@ def test_cache_without_its_directory_fails_every_pass_until_it_is_there(make_dae
 
 @pytest.mark.parametrize("obstacle", ["missing", "directory in its place"])
 def test_status_file_in_trouble(make_daemon, obstacle):
-    daemon = make_daemon(status=False)
-    status_directory = daemon.root / "run"
-    status_directory.mkdir()
-    daemon.status_path = status_directory / "status.xml"
-    daemon.arguments += ["-s", daemon.status_path]
+    daemon = make_daemon(status="apart")
+    status_directory = daemon.status_path.parent
     station = Station(daemon)
     before = daemon.timestamp()
     if obstacle == "missing":
@@ -397,11 +394,8 @@ def test_status_file_in_trouble(make_daemon, obstacle):
 
 @pytest.mark.parametrize("mode", [0o555, 0])
 def test_status_directory_that_may_not_be_written(make_unprivileged, copied_program, mode):
-    daemon = make_unprivileged(status=False)
-    status_directory = daemon.root / "run"
-    status_directory.mkdir()
-    daemon.status_path = status_directory / "status.xml"
-    daemon.arguments += ["-s", daemon.status_path]
+    daemon = make_unprivileged(status="apart")
+    status_directory = daemon.status_path.parent
     station = Station(daemon)
     before = daemon.timestamp()
     # An old file that may be written would still be: it is rewritten in place.
@@ -680,10 +674,7 @@ TROUBLES = {
 
 @pytest.mark.parametrize("trouble, line, lines", TROUBLES.values(), ids=TROUBLES)
 def test_lasting_trouble_burns_no_time(make_daemon, trouble, line, lines):
-    daemon = make_daemon(files=100000, glossary=True, status=False)
-    daemon.status_path = daemon.root / "run/status.xml"
-    daemon.status_path.parent.mkdir()
-    daemon.arguments += ["-s", daemon.status_path]
+    daemon = make_daemon(files=100000, glossary=True, status="apart")
     daemon.write_glossary(("other", "word"))
     station = Station(daemon)
 
