@@ -66,13 +66,15 @@ void RawExpat(const std::string& path) {
   }
   fclose(file);
   XML_Parser parser = XML_ParserCreate("UTF-8");
-#ifdef HAVE_XML_SET_REPARSE_DEFERRAL_ENABLED
-  XML_SetReparseDeferralEnabled(parser, XML_FALSE);
-#endif
   XML_SetElementHandler(parser, Start, End);
   XML_SetCharacterDataHandler(parser, Text);
   for (size_t fed = 0; fed < text.size(); fed += kFeedBytes) {
     const size_t piece = std::min(kFeedBytes, text.size() - fed);
+#ifdef HAVE_XML_SET_REPARSE_DEFERRAL_ENABLED
+    if (fed + piece == text.size()) {
+      XML_SetReparseDeferralEnabled(parser, XML_FALSE);
+    }
+#endif
     if (XML_Parse(parser, text.data() + fed, static_cast<int>(piece), XML_FALSE) != XML_STATUS_OK) {
       abort();
     }

@@ -6,6 +6,8 @@
 #include <array>
 #include <iterator>
 
+#include "debug.h"
+
 namespace {
 
 constexpr uint64_t kNotAscii = 0x8080808080808080;  // The bits that no ASCII byte has.
@@ -229,9 +231,31 @@ bool Utf8IsValid(const std::string& text_) {
 }
 
 std::string Utf8ReplaceInvalid(const std::string& text_) {
-  std::string mended;
-  utf8::replace_invalid(text_.begin(), text_.end(), std::back_inserter(mended), 0xFFFD);
-  return mended;
+  std::string valid;
+  utf8::replace_invalid(text_.begin(), text_.end(), std::back_inserter(valid), 0xFFFD);
+  return valid;
+}
+
+std::string ToValidUtf8(std::string text_, unsigned int mask_, const char* reencoding_,
+                        void (*inspect_)(const std::string&)) {
+  try {
+    if (Utf8IsValid(text_)) {
+      Debug(mask_, "Original is valid UTF-8");
+      return text_;
+    }
+    Debug(mask_, "%s", reencoding_);
+    text_ = Utf8ReplaceInvalid(text_);
+    if (inspect_ != nullptr) {
+      inspect_(text_);
+    }
+    if (Utf8IsValid(text_)) {
+      return text_;
+    }
+    Debug(kDebugNormal, "Unable to re-encode as UTF-8");
+  } catch (const utf8::exception& e) {
+    Debug(kDebugNormal, "Error checking encoding: %s", e.what());
+  }
+  return "";
 }
 
 std::vector<std::string_view> Utf8FindWords(std::string_view text_) {

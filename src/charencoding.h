@@ -44,6 +44,12 @@ bool Utf8IsValid(const std::string& text_);
 // text_ with every invalid sequence replaced by U+FFFD. May throw utf8::exception.
 std::string Utf8ReplaceInvalid(const std::string& text_);
 
+// text_ if it is valid UTF-8, else Utf8ReplaceInvalid of it; empty, with the reason logged, if that
+// is not possible. Logs at class mask_ that the text is valid, or reencoding_ before it replaces
+// anything. inspect_, if given, is called with the text after the replacement.
+std::string ToValidUtf8(std::string text_, unsigned int mask_, const char* reencoding_,
+                        void (*inspect_)(const std::string&) = nullptr);
+
 // The words of text_, which is valid UTF-8, as ranges of it: a message may have tens of thousands,
 // and each would be a request or two to the heap.
 //

@@ -61,6 +61,16 @@ struct Directory::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
+  // Releases the lock at the end of a block, also when there is no memory.
+  struct UnlockAtEnd {
+    explicit UnlockAtEnd(const Impl& directory_) : directory(directory_) {}
+    ~UnlockAtEnd() { directory.Unlock(); }
+    UnlockAtEnd(const UnlockAtEnd&) = delete;
+    UnlockAtEnd& operator=(const UnlockAtEnd&) = delete;
+
+    const Impl& directory;
+  };
+
   void Lock() const;
   void Unlock() const;
   int GetFileCount() const;
@@ -100,27 +110,26 @@ void Directory::Impl::Unlock() const { flock(dirfd, LOCK_UN); }
 
 int Directory::Impl::GetFileCount() const {
   Lock();
+  const UnlockAtEnd unlock(*this);
   const Listing listing(opendir(path.c_str()));
   if (!listing) {
     Debug(kDebugNormal, "Could not open \"%s\" for counting: %s", path.c_str(), strerror(errno));
-    Unlock();
     return 0;
   }
-  const size_t count = CountFiles(listing);
-  Unlock();
-  return static_cast<int>(count);
+  return static_cast<int>(CountFiles(listing));
 }
 
 std::list<std::string> Directory::Impl::GetFileNames() {
   Lock();
   const Listing listing(opendir(path.c_str()));
   if (!listing) {
+    // The lock stays taken; the next operation or the end of the object releases it.
     throw Format("Could not open \"%s\" for enumeration: %s", path.c_str(), strerror(errno));
   }
+  const UnlockAtEnd unlock(*this);
   const size_t count = CountFiles(listing);
   std::list<std::string> names;
   if (count == 0 || !ReserveSlots(count)) {
-    Unlock();
     return names;
   }
   const size_t copied = FillSlots(listing, count);
@@ -135,7 +144,6 @@ std::list<std::string> Directory::Impl::GetFileNames() {
   for (size_t i = 0; i < copied; ++i) {
     names.emplace_back(sorted[i]);
   }
-  Unlock();
   return names;
 }
 
@@ -178,8 +186,8 @@ bool Directory::Impl::ReserveSlots(size_t count) {
 void Directory::Impl::RunIntoDirectory(const char* command, const std::string& current_path,
                                        const std::string& new_name) const {
   Lock();
+  const UnlockAtEnd unlock(*this);
   RunCommand(Format("%s %s %s%s", command, current_path.c_str(), path.c_str(), new_name.c_str()));
-  Unlock();
 }
 
 void Directory::Impl::Clear() {

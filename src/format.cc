@@ -18,15 +18,14 @@ namespace {
 
 constexpr size_t kPathSize = 4096;
 
-// The template of a temporary name, in the fixed buffer that the C library fills in.
-struct TemplatePath {
-  explicit TemplatePath(const char* prefix) {
-    safe_strncpy(text, sizeof(text), "/tmp/");
-    safe_strncat(text, sizeof(text), prefix);
-    safe_strncat(text, sizeof(text), "XXXXXX");
-  }
+// The template of a temporary name.
+std::string TemplatePath(const char* prefix) {
   char text[kPathSize];
-};
+  safe_strncpy(text, sizeof(text), "/tmp/");
+  safe_strncat(text, sizeof(text), prefix);
+  safe_strncat(text, sizeof(text), "XXXXXX");
+  return text;
+}
 
 // Holds SIGINT back for the lifetime of the object.
 class SigintBlock {
@@ -126,23 +125,24 @@ void RunCommand(const std::string& cmd_) {
 }
 
 std::string CreateTemporaryDirectory(const char* prefix_) {
-  const TemplatePath path_template(prefix_);
-  TemplatePath path = path_template;  // Overwritten, also on failure.
-  if (mkdtemp(path.text) == nullptr) {
-    throw Format("Could not create temporary directory with template \"%s\"", path_template.text);
+  const std::string path_template = TemplatePath(prefix_);
+  std::string path = path_template;  // Overwritten, also on failure.
+  if (mkdtemp(path.data()) == nullptr) {
+    throw Format("Could not create temporary directory with template \"%s\"",
+                 path_template.c_str());
   }
-  return path.text;
+  return path;
 }
 
 std::string CreateTemporaryFile(const char* prefix_) {
-  const TemplatePath path_template(prefix_);
-  TemplatePath path = path_template;
-  const int fd = mkostemp(path.text, O_CLOEXEC);
+  const std::string path_template = TemplatePath(prefix_);
+  std::string path = path_template;
+  const int fd = mkostemp(path.data(), O_CLOEXEC);
   if (fd < 0) {
-    throw Format("Could not create temporary file with template \"%s\"", path_template.text);
+    throw Format("Could not create temporary file with template \"%s\"", path_template.c_str());
   }
   close(fd);
-  return path.text;
+  return path;
 }
 
 InputFile::InputFile(const std::string& path_) : fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC)) {}

@@ -1,5 +1,6 @@
 #include "glossary.h"
 
+#include <exception>
 #include <map>
 #include <memory>
 #include <utility>
@@ -51,6 +52,8 @@ Glossary::Glossary(const std::string& path_) {
     loading->Load(path_);
   } catch (const std::string& e) {
     throw Format("Reading glossary %s: %s", path_.c_str(), e.c_str());
+  } catch (const std::exception& e) {
+    throw Format("Reading glossary %s: %s", path_.c_str(), e.what());
   }
   impl = loading.release();
 }

@@ -8,8 +8,8 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
-#include <utf8.h>
 
+#include <exception>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -32,25 +32,6 @@ constexpr size_t kMaxWordChars = 100;       // Code points.
 constexpr int kUpdateTimeout = 5;              // Seconds; for "ftp" the poll rate is added.
 constexpr unsigned int kHelperStopTime = 2;    // Seconds that a helper gets after SIGTERM.
 constexpr char kWatchPrefix[] = "/tmp/watch";  // Nothing else is ever removed as a whole.
-
-// The text without invalid UTF-8; empty if it cannot be mended.
-std::string ToValidUtf8(std::string text) {
-  try {
-    if (Utf8IsValid(text)) {
-      Debug(kDebugTrace, "Original is valid UTF-8");
-      return text;
-    }
-    Debug(kDebugTrace, "Re-encoding invalid parser output to UTF-8");
-    std::string mended = Utf8ReplaceInvalid(text);
-    if (Utf8IsValid(mended)) {
-      return mended;
-    }
-    Debug(kDebugNormal, "Unable to re-encode as UTF-8");
-  } catch (const utf8::exception& e) {
-    Debug(kDebugNormal, "Error checking encoding: %s", e.what());
-  }
-  return "";
-}
 
 // Where the character of valid UTF-8 at p ends.
 const char* NextCharacter(const char* p) {
@@ -158,6 +139,7 @@ struct InputDirectory::Impl {
   void OpenLocal();
   void OpenCifs(const std::string& helper_path);
   void OpenFtp(const std::string& helper_path);
+  void RemoveWatchDirectory() const;
   bool IsRemote() const { return type == "cifs" || type == "ftp"; }
 
   void Process();
@@ -228,12 +210,17 @@ InputDirectory::Impl::Impl(const XMLElement& element_, const std::string& cifs_h
     RemoveContents(last_played_path);
   }
   type = config.GetAttributeString("type", "");
-  if (type == "local") {
-    OpenLocal();
-  } else if (type == "cifs") {
-    OpenCifs(cifs_helper_script_path_);
-  } else if (type == "ftp") {
-    OpenFtp(ftp_helper_app_path_);
+  try {
+    if (type == "local") {
+      OpenLocal();
+    } else if (type == "cifs") {
+      OpenCifs(cifs_helper_script_path_);
+    } else if (type == "ftp") {
+      OpenFtp(ftp_helper_app_path_);
+    }
+  } catch (...) {
+    RemoveWatchDirectory();
+    throw;
   }
 }
 
@@ -247,9 +234,18 @@ InputDirectory::Impl::~Impl() {
     sleep(kHelperStopTime);
     waitpid(helper_pid, nullptr, WNOHANG);
   }
-  if (IsRemote() && rootdir.compare(0, strlen(kWatchPrefix), kWatchPrefix) == 0) {
-    Debug(kDebugNormal, "Removing temporary directory %s", rootdir.c_str());
+  RemoveWatchDirectory();
+}
+
+void InputDirectory::Impl::RemoveWatchDirectory() const {
+  if (!IsRemote() || rootdir.compare(0, strlen(kWatchPrefix), kWatchPrefix) != 0) {
+    return;
+  }
+  Debug(kDebugNormal, "Removing temporary directory %s", rootdir.c_str());
+  try {
     RunCommand(Format("rm -rf %s", rootdir.c_str()));
+  } catch (const std::exception& e) {  // No memory. A destructor must not throw.
+    Debug(kDebugNormal, "%s", e.what());
   }
 }
 
@@ -380,18 +376,23 @@ void InputDirectory::Impl::IndexFile(const std::string& path, const std::string&
   while (known != file_map.end() && (order = known->first.compare(name)) < 0) {
     ++known;
   }
-  if (known == file_map.end() || order > 0) {
-    Debug(kDebugNormal, "Adding %s %u to file_map", name.c_str(), unsigned{new_crc});
-    known = file_map.emplace_hint(known, name, new_crc);
-  } else if (known->second != new_crc || (preview != 0 && type == "local")) {
+  const bool is_known = known != file_map.end() && order == 0;
+  if (is_known && known->second == new_crc && (preview == 0 || type != "local")) {
+    return;
+  }
+  // Made first: a file that is noted as known but not queued, for lack of memory, would be lost.
+  std::list<std::string> queued;
+  if (!first_pass && !text.empty()) {
+    queued.push_back(name);
+  }
+  if (is_known) {
     Debug(kDebugNormal, "Updating %s in file_map", name.c_str());
     known->second = new_crc;
   } else {
-    return;
+    Debug(kDebugNormal, "Adding %s %u to file_map", name.c_str(), unsigned{new_crc});
+    known = file_map.emplace_hint(known, name, new_crc);
   }
-  if (!first_pass && !text.empty()) {
-    updated_file_names.push_back(name);
-  }
+  updated_file_names.splice(updated_file_names.end(), queued);
 }
 
 void InputDirectory::Impl::ForgetVanishedFiles() {
@@ -424,7 +425,7 @@ void InputDirectory::Impl::ProcessCacheQueue(const std::string& dirpath) {
 
 // Consumes the front of the queue. It becomes the active message if it has words.
 void InputDirectory::Impl::TakeMessage(const std::string& dirpath) {
-  const std::string name = updated_file_names.front();
+  std::string name = updated_file_names.front();
   const std::string path = dirpath + name;
   if (ParseMessage(path) && IsDebugEnabled(kDebugTrace)) {
     Debug(kDebugTrace, "From %s: %s", path.c_str(), WordsToString(active_message_words).c_str());
@@ -433,12 +434,13 @@ void InputDirectory::Impl::TakeMessage(const std::string& dirpath) {
     // It would come back with the next change or restart: better unheard than heard for ever.
     active_message_words.clear();
   }
+  // Nothing from here on needs memory: the file is gone, and its message must not be lost.
   if (active_message_words.empty()) {
     StopMessage();  // Gives back what the text took.
   } else {
     active_message_first_play = true;
     active_message_id = ++last_message_id;
-    active_message_filename = name;
+    active_message_filename.swap(name);
     active_message_plays = 0;
     active_message_position = 0;
   }
@@ -458,7 +460,8 @@ bool InputDirectory::Impl::ParseMessage(const std::string& path) {
     }
     Debug(kDebugTrace, "Parser returned: \"%s\"", text.c_str());
   }
-  active_message_text = ToValidUtf8(std::move(text));
+  active_message_text =
+      ToValidUtf8(std::move(text), kDebugTrace, "Re-encoding invalid parser output to UTF-8");
   active_message_words = SplitIntoWords(active_message_text);
   return true;
 }
@@ -489,9 +492,9 @@ void InputDirectory::Impl::CopyToLastPlayed(const std::string& path,
 }
 
 std::list<std::string> InputDirectory::Impl::GetWords() {
-  active_message_first_play = false;
   std::list<std::string> snippet;
   if (active_message_words.empty()) {
+    active_message_first_play = false;
     StopMessage();
     return snippet;
   }
@@ -499,11 +502,14 @@ std::list<std::string> InputDirectory::Impl::GetWords() {
   const int64_t limit = text_snippet_word_limit;
   const int64_t stretched_limit = 2 * limit;
   bool ended = false;
-  while (!ended && active_message_position < active_message_words.size()) {
-    snippet.emplace_back(active_message_words[active_message_position++]);
+  size_t position = active_message_position;
+  while (!ended && position < active_message_words.size()) {
+    snippet.emplace_back(active_message_words[position++]);
     const int64_t taken = static_cast<int64_t>(snippet.size());
     ended = taken > limit && (taken >= stretched_limit || EndsSnippet(snippet.back()));
   }
+  active_message_first_play = false;
+  active_message_position = position;
   if (active_message_position == active_message_words.size()) {
     ++active_message_plays;
     if (active_message_plays < loops) {

@@ -9,6 +9,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -186,11 +187,11 @@ void OpenMissingStandardStreams() {
   }
 }
 
-// What a pass releases, the next one needs again: up to kKeptHeap of it stays with the process, as
-// to give it back and to fetch it anew took a tenth of a pass that reads a glossary. Larger blocks,
-// such as the names of a directory with more than 1,000 files, are given back at once. Without this
-// the C library would in time keep blocks of up to 32 MiB on 64 bits. On 32 bits its own bound is
-// kept.
+// Keeps up to kKeptHeap of free memory, since each pass needs again what the last one released: to
+// return it and to ask for it again took a tenth of a pass that reads a glossary. Blocks of
+// kLargeBlock and more, such as the names of 1,024 files (128 on 32 bits), go back to the system at
+// once. On 64 bits the C library would raise that bound to 32 MiB by itself; on 32 bits it is the C
+// library's own highest.
 void LimitHeap() {
   mallopt(M_TRIM_THRESHOLD, kKeptHeap);
   mallopt(M_MMAP_THRESHOLD, kLargeBlock);
@@ -212,8 +213,10 @@ std::unique_ptr<Vocastra> BuildPlayer(const Options& options) {
                                       options.output_file_count_limit);
   } catch (const std::string& text) {
     Debug(kDebugNormal, "%s", text.c_str());
-    return nullptr;
+  } catch (const std::exception& e) {
+    Debug(kDebugNormal, "%s", e.what());
   }
+  return nullptr;
 }
 
 // Returns when an exit was requested. Prints the date after every 101 passes that succeeded, so
@@ -223,15 +226,16 @@ void RunUntilExitRequest(Vocastra& player) {
   while (exit_request == 0) {
     try {
       player.Run();
+      if (counter < kPassesBetweenDates) {
+        ++counter;
+      } else {
+        RunShell("date");
+        counter = 0;
+      }
     } catch (const std::string& text) {
       Debug(kDebugNormal, "%s", text.c_str());
-      continue;
-    }
-    if (counter < kPassesBetweenDates) {
-      ++counter;
-    } else {
-      RunShell("date");
-      counter = 0;
+    } catch (const std::exception& e) {  // No memory, mostly: the next pass may find some again.
+      Debug(kDebugNormal, "%s", e.what());
     }
   }
 }

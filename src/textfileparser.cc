@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <utf8.h>
 
+#include <exception>
 #include <iterator>
 #include <utility>
 #include <vector>
@@ -49,24 +50,20 @@ void DumpBytes(const std::string& text) {
   fflush(stdout);
 }
 
-std::string ToValidUtf8(std::string content) {
-  try {
-    if (Utf8IsValid(content)) {
-      Debug(kDebugNormal, "Original is valid UTF-8");
-      return content;
-    }
-    Debug(kDebugNormal, "Re-encoding file to UTF-8");
-    std::string text = Utf8ReplaceInvalid(content);
-    Debug(kDebugNormal, "re-encode");
-    DumpBytes(text);
-    if (Utf8IsValid(text)) {
-      return text;
-    }
-    Debug(kDebugNormal, "Unable to re-encode as UTF-8");
-  } catch (const utf8::exception& e) {
-    Debug(kDebugNormal, "Error checking encoding: %s", e.what());
+void ShowReencoded(const std::string& text) {
+  Debug(kDebugNormal, "re-encode");
+  DumpBytes(text);
+}
+
+std::string ReadText(const std::string& path, const std::string& encoding) {
+  std::string content = ReadContent(path);
+  if (encoding == "utf16") {
+    return FromUtf16(content);
   }
-  return "";
+  if (encoding == "ascii") {
+    content = ExtAsciiToUtf8String(content);
+  }
+  return ToValidUtf8(std::move(content), kDebugNormal, "Re-encoding file to UTF-8", ShowReencoded);
 }
 
 }  // namespace
@@ -74,14 +71,12 @@ std::string ToValidUtf8(std::string content) {
 TextFileParser::TextFileParser(const std::string& encoding_) : encoding(encoding_) {}
 
 std::string TextFileParser::ParseFile(const std::string& path_) const {
-  std::string text = ReadContent(path_);
-  if (encoding == "utf16") {
-    text = FromUtf16(text);
-  } else {
-    if (encoding == "ascii") {
-      text = ExtAsciiToUtf8String(text);
-    }
-    text = ToValidUtf8(std::move(text));
+  std::string text;
+  try {
+    text = ReadText(path_, encoding);
+  } catch (const std::exception& e) {
+    Debug(kDebugNormal, "Unable to read %s: %s", path_.c_str(), e.what());
+    return "";
   }
   Debug(kDebugNormal, "From %s: %s", path_.c_str(), text.c_str());
   return text;

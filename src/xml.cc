@@ -1,6 +1,8 @@
 #include "xml.h"
 
+#include <dlfcn.h>
 #include <expat.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>
@@ -20,13 +22,53 @@
 namespace {
 
 constexpr size_t kFeedBytes = 1024;  // What expat gets at once.
-constexpr char kIndent[] = "    ";   // One level.
+
+// The bound on a document's tree and text: a fixed part, and a multiple of the size of its file. No
+// tree without entities and attribute defaults needs more than 55 times its file (<a/> again and
+// again on 64 bits); with them 700 bytes can stand for hundreds of megabytes.
+constexpr size_t kFixedTreeBytes = 4 << 20;
+constexpr size_t kTreeBytesPerFileByte = 64;
+
+size_t TreeLimit(size_t file_size) {
+  return file_size > (SIZE_MAX - kFixedTreeBytes) / kTreeBytesPerFileByte
+             ? SIZE_MAX
+             : kFixedTreeBytes + kTreeBytesPerFileByte * file_size;
+}
+
+constexpr char kIndent[] = "    ";  // One level.
 
 // Logs text and hands it back to be thrown.
 std::string Logged(const std::string& text) {
   Debug(kDebugNormal, "%s", text.c_str());
   return text;
 }
+
+// The heap, up to a limit in bytes.
+class BoundedHeap : public std::pmr::memory_resource {
+ public:
+  explicit BoundedHeap(size_t limit_) : remaining(limit_) {}
+
+ private:
+  void* do_allocate(size_t bytes, size_t alignment) override {
+    if (bytes > remaining) {
+      throw std::bad_alloc();
+    }
+    void* const block = std::pmr::new_delete_resource()->allocate(bytes, alignment);
+    remaining -= bytes;
+    return block;
+  }
+  void do_deallocate(void* block, size_t bytes, size_t alignment) override {
+    std::pmr::new_delete_resource()->deallocate(block, bytes, alignment);
+    remaining += bytes;
+  }
+  bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override {
+    return this == &other;
+  }
+
+  size_t remaining;
+};
+
+constexpr size_t kPoolBytes = 512;  // To begin with.
 
 }  // namespace
 
@@ -35,7 +77,13 @@ std::string Logged(const std::string& text) {
 // loading and dropping a glossary 2.6 times; from a pool of memory that grows and is released as a
 // whole it takes 1.3 and 1.9 times.
 struct XMLElement::Impl {
-  using Pool = std::pmr::monotonic_buffer_resource;
+  // Throws std::bad_alloc when it would take more than limit_ bytes from the heap.
+  struct Pool {
+    explicit Pool(size_t limit_) : heap(limit_), resource(kPoolBytes, &heap) {}
+
+    BoundedHeap heap;
+    std::pmr::monotonic_buffer_resource resource;
+  };
 
   // Both in the pool, each with a zero behind it.
   struct Attribute {
@@ -70,8 +118,6 @@ struct XMLElement::Impl {
 
 namespace {
 
-constexpr size_t kPoolBytes = 512;  // To begin with.
-
 template <typename Attribute>
 bool IsNameLess(const Attribute& a, const Attribute& b) {
   return a.name < b.name;
@@ -90,18 +136,22 @@ bool IsSame(const Attribute& a, const Attribute& b) {
 }  // namespace
 
 XMLElement::Impl::Impl(std::unique_ptr<Pool> pool_, const char* name_, const char** attrs_)
-    : own_pool(std::move(pool_)), pool(*own_pool), name(Keep(name_)), text(&pool), attrs(&pool) {
+    : own_pool(std::move(pool_)),
+      pool(*own_pool),
+      name(Keep(name_)),
+      text(&pool.resource),
+      attrs(&pool.resource) {
   ReadAttributes(attrs_);
 }
 
 XMLElement::Impl::Impl(Pool& pool_, const char* name_, const char** attrs_)
-    : pool(pool_), name(Keep(name_)), text(&pool), attrs(&pool) {
+    : pool(pool_), name(Keep(name_)), text(&pool.resource), attrs(&pool.resource) {
   ReadAttributes(attrs_);
 }
 
 // A copy in the pool.
 std::string_view XMLElement::Impl::Keep(std::string_view s) {
-  char* const copy = static_cast<char*>(pool.allocate(s.size() + 1, 1));
+  char* const copy = static_cast<char*>(pool.resource.allocate(s.size() + 1, 1));
   memcpy(copy, s.data(), s.size());
   copy[s.size()] = '\0';
   return {copy, s.size()};
@@ -167,15 +217,19 @@ XMLElement::XMLElement() : XMLElement("") {}
 XMLElement::XMLElement(const char* name_) : XMLElement(name_, nullptr) {}
 
 XMLElement::XMLElement(const char* name_, const char** attrs_)
-    : impl(new Impl(std::make_unique<Impl::Pool>(kPoolBytes), name_, attrs_)) {}
+    : XMLElement(name_, attrs_, SIZE_MAX) {}
+
+XMLElement::XMLElement(const char* name_, const char** attrs_, size_t memory_limit_)
+    : impl(new Impl(std::make_unique<Impl::Pool>(memory_limit_), name_, attrs_)) {}
 
 XMLElement::XMLElement(Impl* impl_) : impl(impl_) {}
 
 XMLElement* XMLElement::AddPooledChild(const char* name_, const char** attrs_) {
   Impl::Pool& pool = impl->pool;
-  Impl* const parts = new (pool.allocate(sizeof(Impl), alignof(Impl))) Impl(pool, name_, attrs_);
+  Impl* const parts =
+      new (pool.resource.allocate(sizeof(Impl), alignof(Impl))) Impl(pool, name_, attrs_);
   auto* const child =
-      new (pool.allocate(sizeof(XMLElement), alignof(XMLElement))) XMLElement(parts);
+      new (pool.resource.allocate(sizeof(XMLElement), alignof(XMLElement))) XMLElement(parts);
   AddChild(child);
   return child;
 }
@@ -329,7 +383,9 @@ struct XMLDocument::Impl {
   void Load(const std::string& path);
   const char* Prepare(std::string& text) const;
   void Parse(const char* expat_encoding, const std::string& text);
-  bool Feed(const char* data, size_t length);
+  size_t IncompleteBytes(size_t fed) const;
+  void Feed(const char* data, size_t length);
+  void ReportError(XML_Error code);
 
   void StartElement(const char* name_, const char** atts_);
   void EndElement(const char* name_);
@@ -343,11 +399,13 @@ struct XMLDocument::Impl {
   void Guard(Body body);
 
   XMLElement* root = nullptr;
+  size_t tree_limit = 0;       // Bytes.
   XMLElement* last = nullptr;  // The innermost open element.
   std::string encoding;
   bool valid_xml = true;
   std::string error;            // What made valid_xml false.
   XML_Parser parser = nullptr;  // While parsing.
+  bool out_of_memory = false;   // A handler found no memory for the tree.
   std::exception_ptr failure;   // Thrown in a handler, to be thrown again outside expat.
 };
 
@@ -371,24 +429,25 @@ std::string ReadWholeFile(const std::string& path) {
   return text;
 }
 
-std::string ToValidUtf8(std::string text) {
-  if (Utf8IsValid(text)) {
-    Debug(kDebugTrace, "Original is valid UTF-8");
-    return text;
-  }
-  Debug(kDebugTrace, "Re-encoding invalid parser output to UTF-8");
-  std::string mended = Utf8ReplaceInvalid(text);
-  if (!Utf8IsValid(mended)) {
-    Debug(kDebugNormal, "Unable to re-encode as UTF-8");
-    mended.clear();
-  }
-  return mended;
+// expat looks again at a token that is incomplete at the end of a feed, from its start, with every
+// further feed: a long token would take time quadratic in its length. Reparse deferral prevents
+// that and holds the token back until much more input has come. As no feed is ever marked as the
+// last one, deferral has to end before the last feed, or the end of the document would be lost.
+//
+// Null if the library has no deferral. It is looked up in the library that the program runs with:
+// distributions port it back to older releases, so neither headers nor version tell.
+using SetReparseDeferral = XML_Bool (*)(XML_Parser, XML_Bool);
+SetReparseDeferral FindSetReparseDeferral() {
+  static const auto function =
+      reinterpret_cast<SetReparseDeferral>(dlsym(RTLD_DEFAULT, "XML_SetReparseDeferralEnabled"));
+  return function;
 }
 
 }  // namespace
 
 void XMLDocument::Impl::Load(const std::string& path) {
   std::string text = ReadWholeFile(path);
+  tree_limit = TreeLimit(text.size());
   const char* expat_encoding = Prepare(text);
   if (!text.empty()) {
     Parse(expat_encoding, text);
@@ -403,7 +462,7 @@ const char* XMLDocument::Impl::Prepare(std::string& text) const {
   if (encoding == "ascii") {
     text = ExtAsciiToUtf8String(text);
   }
-  text = ToValidUtf8(std::move(text));
+  text = ToValidUtf8(std::move(text), kDebugTrace, "Re-encoding invalid parser output to UTF-8");
   return "UTF-8";
 }
 
@@ -413,41 +472,54 @@ void XMLDocument::Impl::Parse(const char* expat_encoding, const std::string& tex
     throw std::bad_alloc();
   }
   parser = handle.get();
-#ifdef HAVE_XML_SET_REPARSE_DEFERRAL_ENABLED
-  // Deferral holds back a token that is incomplete at the end of a feed until much more input
-  // has come. As no feed is ever marked as the last one, the end of the document would be lost.
-  XML_SetReparseDeferralEnabled(parser, XML_FALSE);
-#endif
   XML_SetUserData(parser, this);
   XML_SetElementHandler(parser, start_element_handler, end_element_handler);
   XML_SetCharacterDataHandler(parser, character_data_handler);
-  for (size_t fed = 0; fed < text.size(); fed += kFeedBytes) {
-    if (!Feed(text.data() + fed, std::min(kFeedBytes, text.size() - fed))) {
-      break;
+  const SetReparseDeferral set_reparse_deferral = FindSetReparseDeferral();
+  size_t fed = 0;
+  while (valid_xml && fed < text.size()) {
+    // Without deferral an incomplete token gets as many bytes more as it has already.
+    const size_t wanted = set_reparse_deferral == nullptr ? IncompleteBytes(fed) : 0;
+    const size_t length = std::min(std::max(kFeedBytes, wanted), text.size() - fed);
+    if (set_reparse_deferral != nullptr && fed + length == text.size()) {
+      set_reparse_deferral(parser, XML_FALSE);
     }
+    Feed(text.data() + fed, length);
+    fed += length;
   }
 }
 
-// False after an error in the XML. No feed is marked as the final one: a document that merely
-// ends early is accepted, so that what came of it can be used.
-bool XMLDocument::Impl::Feed(const char* data, size_t length) {
+// How many of the bytes fed so far belong to a token that is incomplete.
+size_t XMLDocument::Impl::IncompleteBytes(size_t fed) const {
+  const XML_Index token_start = XML_GetCurrentByteIndex(parser);  // -1 before the first token.
+  return token_start < 0 ? fed : fed - static_cast<size_t>(token_start);
+}
+
+// No feed is marked as the final one: a document that merely ends early is accepted, so that what
+// came of it can be used.
+void XMLDocument::Impl::Feed(const char* data, size_t length) {
   const XML_Status status = XML_Parse(parser, data, static_cast<int>(length), XML_FALSE);
   if (failure) {
     std::rethrow_exception(failure);
   }
-  if (status != XML_STATUS_OK) {
-    error = Logged(Format("%s at line %d", XML_ErrorString(XML_GetErrorCode(parser)),
-                          static_cast<int>(XML_GetCurrentLineNumber(parser))));
-    valid_xml = false;
+  if (out_of_memory) {
+    ReportError(XML_ERROR_NO_MEMORY);
+  } else if (status != XML_STATUS_OK) {
+    ReportError(XML_GetErrorCode(parser));
   }
-  return valid_xml;
+}
+
+void XMLDocument::Impl::ReportError(XML_Error code) {
+  valid_xml = false;
+  error = Logged(Format("%s at line %d", XML_ErrorString(code),
+                        static_cast<int>(XML_GetCurrentLineNumber(parser))));
 }
 
 void XMLDocument::Impl::StartElement(const char* name_, const char** atts_) {
   if (last != nullptr) {
     last = last->AddPooledChild(name_, atts_);
   } else if (root == nullptr) {
-    last = root = new XMLElement(name_, atts_);
+    last = root = new XMLElement(name_, atts_, tree_limit);
   } else {
     throw Logged("Root element must be a singleton");
   }
@@ -467,15 +539,18 @@ void XMLDocument::Impl::CharacterData(const char* s_, int len_) {
   }
 }
 
-// Runs the body of a handler. expat's frames are C and cannot be unwound, so what the body throws
+// Runs the body of a handler. expat's frames are C and cannot be unwound, so the body's exception
 // is kept, and parsing is stopped; the handlers that expat still calls then do nothing.
 template <typename Body>
 void XMLDocument::Impl::Guard(Body body) {
-  if (failure) {
+  if (failure || out_of_memory) {
     return;
   }
   try {
     body();
+  } catch (const std::bad_alloc&) {
+    out_of_memory = true;
+    XML_StopParser(parser, XML_FALSE);
   } catch (...) {
     failure = std::current_exception();
     XML_StopParser(parser, XML_FALSE);
@@ -530,11 +605,15 @@ void XMLDocument::Dump(FILE* file_) const {
 }
 
 std::unique_ptr<XMLElement> LoadXMLTree(const std::string& path_, const std::string& root_name_) {
-  const XMLDocument document(path_, "utf8");
-  std::unique_ptr<XMLElement> root(document.GetRoot());
-  document.GetRoot(root_name_);
-  if (!document.IsValidXML()) {
-    throw document.GetError();
+  try {
+    const XMLDocument document(path_, "utf8");
+    std::unique_ptr<XMLElement> root(document.GetRoot());
+    document.GetRoot(root_name_);
+    if (!document.IsValidXML()) {
+      throw document.GetError();
+    }
+    return root;
+  } catch (const std::exception& e) {
+    throw std::string(e.what());
   }
-  return root;
 }

@@ -82,6 +82,8 @@ class XMLElement {
   struct Impl;
 
   explicit XMLElement(Impl* impl_);
+  // A root whose tree takes at most memory_limit_ bytes; beyond, std::bad_alloc is thrown.
+  XMLElement(const char* name_, const char** attrs_, size_t memory_limit_);
   // A new child in the pool of this element's tree.
   XMLElement* AddPooledChild(const char* name_, const char** attrs_);
 
@@ -93,10 +95,12 @@ class XMLElement {
 class XMLDocument {
  public:
   // encoding_ is "utf16" (byte order is expat's to find), "ascii" (see ExtAsciiToUtf8Char), or
-  // anything else for UTF-8. Invalid UTF-8 is mended with U+FFFD before parsing.
+  // anything else for UTF-8. Invalid UTF-8 is replaced by U+FFFD before parsing.
   // A document that merely ends early is valid. One that is malformed is logged; the part of
-  // the tree before the error stays reachable.
-  // Logs and throws a string if the file cannot be opened.
+  // the tree before the error stays reachable. A document is malformed ("out of memory") from where
+  // its tree would take more than 4 MiB and 64 times the size of its file, or more than there is.
+  // Logs and throws a string if the file cannot be opened; throws std::bad_alloc if there is no
+  // memory for its bytes.
   XMLDocument(const std::string& path_, const std::string& encoding_);
   ~XMLDocument();
 
@@ -120,5 +124,6 @@ class XMLDocument {
 };
 
 // Reads the UTF-8 document at path_, whose root must be named root_name_, and hands over the
-// tree. Throws a string if the file cannot be opened, has no such root or is malformed.
+// tree. Throws a string if the file cannot be opened, has no such root or is malformed, or if there
+// is no memory for it.
 std::unique_ptr<XMLElement> LoadXMLTree(const std::string& path_, const std::string& root_name_);

@@ -2,6 +2,7 @@
 
 #include <ctype.h>
 
+#include <exception>
 #include <list>
 #include <memory>
 #include <vector>
@@ -50,6 +51,10 @@ void AppendPiece(std::string& text, const std::string& piece) {
   text += piece;
 }
 
+void LogUnreadable(const std::string& path, const char* reason) {
+  Debug(kDebugNormal, "Unable to read %s as XML document: %s", path.c_str(), reason);
+}
+
 }  // namespace
 
 struct XMLFileParser::Impl {
@@ -77,9 +82,8 @@ XMLFileParser::Impl::Impl(const XMLElement& element, const std::string& encoding
   }
 }
 
-// Walks the tree in document order, parents before children. The way back up is kept here and not
-// on the stack, and the ancestors' names are counted on the way: a document may be as deep as it
-// is long.
+// Walks the tree in document order, parents before children. A document may be as deep as it is
+// long, so the walk does not recurse; it counts the ancestors' names on its way down and up.
 void XMLFileParser::Impl::ParseElement(std::string& text_, const XMLElement* element_) const {
   if (element_ == nullptr) {
     Debug(kDebugNormal, "NULL element");
@@ -192,7 +196,10 @@ std::string XMLFileParser::ParseFile(const std::string& path_) const {
       Debug(kDebugNormal, "Unable to read %s as XML document", path_.c_str());
     }
   } catch (const std::string& e) {
-    Debug(kDebugNormal, "Unable to read %s as XML document: %s", path_.c_str(), e.c_str());
+    LogUnreadable(path_, e.c_str());
+    return "";
+  } catch (const std::exception& e) {
+    LogUnreadable(path_, e.what());
     return "";
   }
   return text;

@@ -1018,6 +1018,49 @@ TEST(XMLElementTest, SortsAnArrayOfAttributesByBytesAndKeepsTheFirst) {
   EXPECT_EQ("<e B=\"3\" b=\"2\" \xC3\xA9=\"1\"/>\n", DumpOf(XMLElement("e", attributes)));
 }
 
+// --- Memory ---
+
+// Few bytes with a large tree: each "&e;" becomes ten elements.
+std::string DocumentOfElements(int count) {
+  return "<!DOCTYPE a [<!ENTITY e \"" + Repeated(10, "<b/>") + "\">]>\n<a>" +
+         Repeated(count / 10, "&e;") + "</a>";
+}
+
+TEST_F(XMLDocumentTest, StopsWhereTheTreeExceedsItsLimit) {
+  // 10,000 elements take less than 4 MiB, 100,000 more than that and 64 times their 30 KB.
+  Load(DocumentOfElements(10000));
+  ExpectValid();
+  EXPECT_EQ(10000u, root_->GetChildren("b").size());
+
+  Load(DocumentOfElements(100000));
+  EXPECT_FALSE(valid_);
+  EXPECT_EQ("out of memory at line 2", error_);
+  EXPECT_EQ("out of memory at line 2\n", log_);
+  EXPECT_LT(10000u, root_->GetChildren("b").size());  // Stays reachable, as after any error.
+  EXPECT_GT(100000u, root_->GetChildren("b").size());
+}
+
+TEST_F(XMLDocumentTest, StopsWhereTheTextExceedsItsLimit) {
+  Load("<!DOCTYPE a [<!ENTITY e \"" + std::string(1000, 'x') + "\">]><a>" + Repeated(8000, "&e;") +
+       "</a>");
+  EXPECT_EQ("out of memory at line 1\n", log_);
+  EXPECT_FALSE(valid_);
+}
+
+TEST_F(XMLDocumentTest, HoldsEveryTreeWithoutEntities) {
+  const std::string elements = Repeated(1000000, "<b/>");  // The largest tree for its bytes.
+  Load("<a>" + elements + "</a>");
+  ExpectValid();
+  EXPECT_EQ(1000000u, root_->GetChildren("b").size());
+}
+
+TEST_F(XMLDocumentTest, CountsEachDocumentOnItsOwn) {
+  Load(DocumentOfElements(10000));
+  const std::unique_ptr<const XMLElement> first = std::move(root_);
+  Load(DocumentOfElements(10000));
+  ExpectValid();
+}
+
 // --- An expat that goes astray ---
 
 TEST_F(XMLDocumentTest, ThrowsForASecondRoot) {

@@ -156,13 +156,15 @@ static void FeedExpat(const char* text, size_t length) {
     exit(2);
   }
   XML_Parser parser = XML_ParserCreate("UTF-8");
-#ifdef HAVE_XML_SET_REPARSE_DEFERRAL_ENABLED
-  XML_SetReparseDeferralEnabled(parser, XML_FALSE);
-#endif
   XML_SetElementHandler(parser, Start, End);
   XML_SetCharacterDataHandler(parser, Text);
   for (size_t fed = 0; fed < length; fed += kFeedBytes) {
     const size_t rest = length - fed;
+#ifdef HAVE_XML_SET_REPARSE_DEFERRAL_ENABLED
+    if (rest <= kFeedBytes) {
+      XML_SetReparseDeferralEnabled(parser, XML_FALSE);
+    }
+#endif
     if (XML_Parse(parser, text + fed, (int)(rest < kFeedBytes ? rest : kFeedBytes), XML_FALSE) !=
         XML_STATUS_OK) {
       fputs("malformed XML\n", stderr);
