@@ -180,7 +180,8 @@ std::string ReadText(const Options& options) {
   return text;
 }
 
-// True if there is more than spaces and punctuation, of which the daemon makes no message.
+// True if there is more than spaces, control characters and punctuation. The daemon makes a message
+// of a lone mark after a space, but there is nothing in it to say.
 bool HasWords(const std::string& text) {
   for (auto next = text.begin(); next != text.end();) {
     const uint32_t cp = utf8::next(next, text.end());
