@@ -260,6 +260,51 @@ def test_the_rest_of_a_long_file_is_ignored(daemon):
     assert words_of(daemon, "x " * 32768 + "tail") == ["x"] * 32768
 
 
+@pytest.mark.parametrize("victim, delivered", [("$$", 1), ("$PPID", 2)])
+def test_words_of_a_translator_that_is_killed_are_lost(daemon, victim, delivered):
+    """Unless its shell is killed, too, which counts as done."""
+    kill = f'case $(cat "$1") in *One.*) kill -KILL {victim} ;; esac\n'
+    daemon.translator.write_text(TRANSLATOR + kill)
+    daemon.configure(daemon.local("a"))
+    daemon.start("-w", "0")
+    daemon.drop("a/one", "One. Two.")
+    daemon.wait(lambda: daemon.log().count("copying") == delivered)
+    daemon.wait_status('now-playing="0"')
+    assert daemon.said() == ["\\pau=300\\ One. ", "Two. "]
+    assert len(list((daemon.path / "output").iterdir())) == delivered
+    complaints = re.findall(r'Could not execute "\./translator ', daemon.log())
+    assert len(complaints) == 2 - delivered
+
+
+def test_the_same_text_under_a_name_that_was_just_taken_is_not_spoken(daemon):
+    daemon.translator.write_text(TRANSLATOR + "until [ -e go ]; do sleep 0.02; done\n")
+    daemon.configure(daemon.local("a"))
+    daemon.start()
+    daemon.drop("a/one", "Same.")
+    daemon.wait(daemon.runs)  # Taken. There is no scan before the translator ends.
+    daemon.drop("a/one", "Same.")
+    (daemon.path / "go").touch()
+    daemon.wait_status('now-playing="0"', 'total-file-count="1"')
+    daemon.drop("a/two", "Two.")
+    daemon.wait(lambda: len(daemon.runs()) > 1)
+    assert daemon.said() == ["\\pau=300\\ Same. ", "\\pau=300\\ Two. "]
+    assert (daemon.path / "in/a/one").exists()
+
+
+def test_a_malformed_configuration_silences_all_until_it_is_fixed(daemon):
+    element = daemon.local("a")
+    daemon.configure(element)
+    daemon.start()
+    daemon.configure("<directory></wrong>")
+    daemon.wait(lambda: "mismatched tag at line 1" in daemon.log())
+    daemon.drop("a/one", "One.")
+    seen = daemon.log().count("mismatched tag at line 1")
+    daemon.wait(lambda: daemon.log().count("mismatched tag at line 1") > seen + 3)
+    assert daemon.said() == [] and (daemon.path / "in/a/one").exists()
+    daemon.configure(element)
+    daemon.wait(lambda: daemon.said() == ["\\pau=300\\ One. "])
+
+
 def test_exit_status_of_a_daemon_that_cannot_start(tmp_path):
     done = run(*program(), "-o", tmp_path / "missing")
     assert (done.returncode, done.stdout) == (0, f"Could not open directory {tmp_path}/missing/\n")
