@@ -216,6 +216,27 @@ TEST(RunShellTest, WaitsInSpiteOfSignals) {
   EXPECT_EQ(3, WEXITSTATUS(status));
 }
 
+TEST(RunShellTest, GivesTheCommandTheSignalMaskOfTheCaller) {
+  const auto signals_that_end_it = [] {
+    std::string names;
+    for (const char* name : {"INT", "QUIT", "TERM", "USR1"}) {
+      if (WIFSIGNALED(RunShell(Format("kill -%s $$; exit 3", name)))) {
+        names += std::string(name) + " ";
+      }
+    }
+    return names;
+  };
+  EXPECT_EQ("INT QUIT TERM USR1 ", signals_that_end_it());
+  sigset_t mask;
+  sigset_t saved_mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGINT);
+  sigaddset(&mask, SIGUSR1);
+  sigprocmask(SIG_BLOCK, &mask, &saved_mask);
+  EXPECT_EQ("QUIT TERM ", signals_that_end_it());
+  sigprocmask(SIG_SETMASK, &saved_mask, nullptr);
+}
+
 // A SIGINT handler that notes whether the command had ended when it ran.
 class RunShellSigintTest : public testing::Test {
  protected:

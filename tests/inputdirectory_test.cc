@@ -1269,6 +1269,15 @@ TEST_F(LocalDirectoryTest, LooksAtNoFileWithoutAParser) {
   EXPECT_THAT(input_->GetWords(), ElementsAre("text"));
 }
 
+TEST_F(LocalDirectoryTest, ForgetsFilesThatAreGoneWithoutAParserToo) {
+  OpenWithLastPlayed();
+  Activate("text");
+  input_->SetFileParser(nullptr);
+  EXPECT_EQ(kNoLog, Scan(kDebugAvailable));
+  ASSERT_EQ(0, unlink(Path().c_str()));
+  EXPECT_EQ("Erasing m from file_map\n", Scan(kDebugAvailable));
+}
+
 TEST_F(LocalDirectoryTest, ConsumesQueuedFilesWithoutAParser) {
   Open();
   Activate("text");

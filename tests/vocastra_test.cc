@@ -445,6 +445,18 @@ TEST_F(VocastraTest, EndsThePassIfTheGlossaryCannotBeRead) {
   EXPECT_FALSE(Exists(settings_.status));
 }
 
+TEST_F(VocastraTest, ScansNoDirectoryWhileTheGlossaryIsBroken) {
+  settings_.glossary = tree_.Write("glossary.xml", Glossary("doctor"));
+  Start(Element("a"));
+  tree_.Write("glossary.xml", "<glossary></oops>");
+  Drop("a", "Dr");
+  EXPECT_EQ("mismatched tag at line 1\n", RunToFailure()) << "the file is not indexed";
+  EXPECT_TRUE(Exists(Input("a") + "/m")) << "nor taken";
+  tree_.Write("glossary.xml", Glossary("drive"));
+  Run();
+  EXPECT_EQ(kPauseTag + std::string("drive "), DeliveredFile("0_a.text_live_first.raw"));
+}
+
 TEST_F(VocastraTest, DropsTheOldGlossaryIfTheNewOneIsMalformed) {
   settings_.glossary = tree_.Write("glossary.xml", Glossary("doctor"));
   Start(Element("a"));
@@ -996,6 +1008,25 @@ TEST_F(VocastraTest, RetriesToStopUntilTheOutputDirectoryCanBeEmptied) {
   EXPECT_EQ(Processing() + "Now in \"stop\" state\n", Run());
 }
 
+TEST_F(VocastraTest, StopsNoMessageUntilTheOutputDirectoryCanBeEmptied) {
+  settings_.words = 1;
+  settings_.files = 1;
+  Start(Element("a"));
+  Drop("a", "1 2 3 4");
+  Run();
+  const std::string running = ReadFile(settings_.config);
+  ASSERT_EQ(0, unlink((settings_.output + "/0_a.text_live_first.raw").c_str()));
+  ASSERT_EQ(0, rmdir(settings_.output.c_str()));
+  Configure(Element("a"), "stop");
+  RunToFailure();
+  EXPECT_EQ("Could not open \"" + settings_.output + "/\" for enumeration: " + strerror(ENOENT),
+            thrown_);
+  ASSERT_EQ(0, mkdir(settings_.output.c_str(), 0777));
+  tree_.Write("config.xml", running);
+  Run();
+  EXPECT_EQ("3 4 ", DeliveredFile("1_a.text_live_cont.raw"));
+}
+
 TEST_F(VocastraTest, StopsWithoutAnOutputDirectory) {
   settings_.output = "";
   Start(Element("a"));
@@ -1412,6 +1443,17 @@ TEST_F(VocastraTest, ShowsTheMessageThatIsPlayedAndThoseThatWait) {
   EXPECT_EQ(status(6, id + 2, none + "/>\n", none + "/>\n"), states[6]) << "after o";
   Run();
   EXPECT_EQ(status(7, 0, none + "/>\n", none + "/>\n"), Status());
+}
+
+TEST_F(VocastraTest, ShowsNoMessageOnceTheWordsOfTheLastOneAreLost) {
+  UseTranslator("exit 3\n");
+  Start(Element("a"));
+  Drop("a", "text");
+  const int id = NextMessageID();
+  Run();
+  EXPECT_EQ(Number(id), StatusAttribute("now-playing"));
+  Run();
+  EXPECT_EQ("0", StatusAttribute("now-playing"));
 }
 
 TEST_F(VocastraTest, HasNoDirectoriesInItsStatusIfNoneIsConfigured) {
