@@ -89,12 +89,10 @@ void RemoveContents(const std::string& path) {
   RunCommand(Format("rm %s/* > /dev/null 2>&1", path.c_str()));
 }
 
-// Makes this forked child the helper. It starts as from a shell: signals that the daemon, or
-// whoever started it, catches, ignores or blocks are as usual again.
+// Makes this forked child the helper. No signal is blocked, whatever the daemon was started with;
+// exec makes those that the daemon catches as usual again. Those that were ignored when the daemon
+// started, as under nohup, stay ignored.
 [[noreturn]] void BecomeHelper(const char* kind, const std::vector<const char*>& arguments) {
-  for (int signal_number = 1; signal_number < NSIG; ++signal_number) {
-    signal(signal_number, SIG_DFL);
-  }
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
