@@ -27,24 +27,42 @@ std::string TemplatePath(const char* prefix) {
   return text;
 }
 
-// Holds SIGINT back for the lifetime of the object.
-class SigintBlock {
+// While it exists, SIGINT is held back and SIGQUIT ignored.
+class CommandSignals {
  public:
-  SigintBlock() {
+  CommandSignals() {
     sigset_t sigint;
     sigemptyset(&sigint);
     sigaddset(&sigint, SIGINT);
     sigprocmask(SIG_BLOCK, &sigint, &saved_mask);
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGQUIT, &ignore, &saved_sigquit);
   }
-  ~SigintBlock() { sigprocmask(SIG_SETMASK, &saved_mask, nullptr); }
-  SigintBlock(const SigintBlock&) = delete;
-  SigintBlock& operator=(const SigintBlock&) = delete;
+  ~CommandSignals() {
+    sigaction(SIGQUIT, &saved_sigquit, nullptr);
+    sigprocmask(SIG_SETMASK, &saved_mask, nullptr);
+  }
+  CommandSignals(const CommandSignals&) = delete;
+  CommandSignals& operator=(const CommandSignals&) = delete;
 
-  // What was blocked before.
-  const sigset_t& SavedMask() const { return saved_mask; }
+  // Has the command start with the signals as they were before.
+  void SpareCommand(posix_spawnattr_t* attributes) const {
+    short flags = POSIX_SPAWN_SETSIGMASK;
+    posix_spawnattr_setsigmask(attributes, &saved_mask);
+    if (saved_sigquit.sa_handler != SIG_IGN) {
+      sigset_t sigquit;
+      sigemptyset(&sigquit);
+      sigaddset(&sigquit, SIGQUIT);
+      posix_spawnattr_setsigdefault(attributes, &sigquit);
+      flags |= POSIX_SPAWN_SETSIGDEF;
+    }
+    posix_spawnattr_setflags(attributes, flags);
+  }
 
  private:
   sigset_t saved_mask;
+  struct sigaction saved_sigquit {};
 };
 
 }  // namespace
@@ -92,15 +110,14 @@ std::string ListToString(const std::list<std::string>& words_) {
 }
 
 int RunShell(const std::string& cmd_) {
-  const SigintBlock block;
+  const CommandSignals signals;
   std::string command = cmd_;
   char shell[] = "sh";
   char option[] = "-c";
   char* const arguments[] = {shell, option, command.data(), nullptr};
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  posix_spawnattr_setsigmask(&attributes, &block.SavedMask());
+  signals.SpareCommand(&attributes);
   pid_t pid = 0;
   const int error = posix_spawn(&pid, "/bin/sh", nullptr, &attributes, arguments, environ);
   posix_spawnattr_destroy(&attributes);

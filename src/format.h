@@ -26,13 +26,18 @@ std::string ListToString(const std::list<std::string>& words_);
 // if no shell could be started or its status was lost.
 //
 // Not system(): that discards a SIGINT which arrives while it sets up. Here SIGINT is blocked, so
-// that a stop request stays pending until the command has ended. The command has the caller's
-// signal mask, as with system(): a Ctrl-C at the terminal reaches it as well, and ends it.
+// that a stop request stays pending until the command has ended. In all else the caller gets what
+// system() gives: SIGQUIT is ignored meanwhile, and the command starts with the caller's signal
+// mask and disposition of SIGQUIT, so that a Ctrl-C or Ctrl-\ at the terminal ends the command.
 int RunShell(const std::string& cmd_);
 
-// True if status, a result of RunShell, says that nothing ran or that the command exited with a
-// code other than 0. A command ended by a signal counts as done: translators that are stopped
-// from outside must not cost the rest of a pass.
+// True if status_, a result of RunShell, says that nothing ran or that the command exited with a
+// code other than 0.
+//
+// A command counts as done if a signal ends the shell itself. If a signal ends a program that the
+// shell waits for, the shell exits with 128 plus the signal's number, and the command counts as
+// failed. dash waits for every program. Other shells may become the program if it is all of the
+// command, as busybox does for a translator; then the command counts as done.
 bool CommandFailed(int status_);
 
 // Runs cmd_ through RunShell and logs it if it failed.

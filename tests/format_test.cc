@@ -216,24 +216,28 @@ TEST(RunShellTest, WaitsInSpiteOfSignals) {
   EXPECT_EQ(3, WEXITSTATUS(status));
 }
 
-TEST(RunShellTest, GivesTheCommandTheSignalMaskOfTheCaller) {
-  const auto signals_that_end_it = [] {
-    std::string names;
-    for (const char* name : {"INT", "QUIT", "TERM", "USR1"}) {
-      if (WIFSIGNALED(RunShell(Format("kill -%s $$; exit 3", name)))) {
-        names += std::string(name) + " ";
-      }
+// The signals of a few that end the command.
+std::vector<int> SignalsThatEndACommand() {
+  std::vector<int> numbers;
+  for (const int number : {SIGINT, SIGQUIT, SIGUSR1, SIGTERM}) {
+    const auto saved = signal(number, SIG_DFL);
+    if (RunShell(Format("ulimit -c 0; kill -%d $$; exit 3", number)) == number) {
+      numbers.push_back(number);
     }
-    return names;
-  };
-  EXPECT_EQ("INT QUIT TERM USR1 ", signals_that_end_it());
+    signal(number, saved);
+  }
+  return numbers;
+}
+
+TEST(RunShellTest, GivesTheCommandTheSignalMaskOfTheCaller) {
+  EXPECT_THAT(SignalsThatEndACommand(), testing::ElementsAre(SIGINT, SIGQUIT, SIGUSR1, SIGTERM));
   sigset_t mask;
   sigset_t saved_mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGINT);
   sigaddset(&mask, SIGUSR1);
   sigprocmask(SIG_BLOCK, &mask, &saved_mask);
-  EXPECT_EQ("QUIT TERM ", signals_that_end_it());
+  EXPECT_THAT(SignalsThatEndACommand(), testing::ElementsAre(SIGQUIT, SIGTERM));
   sigprocmask(SIG_SETMASK, &saved_mask, nullptr);
 }
 
@@ -298,6 +302,67 @@ TEST_F(RunShellSigintTest, TheCommandCanBeInterrupted) {
   EXPECT_EQ(SIGINT, WTERMSIG(status));
 }
 
+// With several dispositions of SIGQUIT, which is put back as it was at the end.
+class RunShellSigquitTest : public testing::Test {
+ protected:
+  RunShellSigquitTest() {
+    deliveries = 0;
+    sigaction(SIGQUIT, nullptr, &saved_);
+  }
+  ~RunShellSigquitTest() override { sigaction(SIGQUIT, &saved_, nullptr); }
+
+  static void Note(int /*signal_number*/) { ++deliveries; }
+  static void SetDisposition(void (*disposition)(int)) {
+    struct sigaction action {};
+    action.sa_handler = disposition;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGQUIT, &action, nullptr);
+  }
+
+  static volatile sig_atomic_t deliveries;
+  struct sigaction saved_ {};
+};
+volatile sig_atomic_t RunShellSigquitTest::deliveries;
+
+TEST_F(RunShellSigquitTest, IsIgnoredWhileTheCommandRuns) {
+  for (const auto disposition : {SIG_DFL, SIG_IGN, Note}) {
+    SetDisposition(disposition);
+    const int status = RunShell("kill -QUIT $PPID; exit 3");
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(3, WEXITSTATUS(status));
+  }
+  EXPECT_EQ(0, deliveries);
+}
+
+TEST_F(RunShellSigquitTest, IsAsBeforeWhenTheCommandHasEndedOrCouldNotBeStarted) {
+  for (const auto disposition : {SIG_DFL, SIG_IGN, Note}) {
+    for (const bool can_start : {true, false}) {
+      SetDisposition(disposition);
+      processes_can_start = can_start;
+      EXPECT_EQ(can_start ? 0 : -1, RunShell("exit 0"));
+      processes_can_start = true;
+      struct sigaction found {};
+      sigaction(SIGQUIT, nullptr, &found);
+      EXPECT_EQ(disposition, found.sa_handler);
+      EXPECT_NE(0, found.sa_flags & SA_RESTART);
+    }
+  }
+}
+
+TEST_F(RunShellSigquitTest, EndsTheCommandUnlessItWasIgnoredBefore) {
+  const std::string command = "ulimit -c 0; kill -QUIT $$; exit 3";
+  for (const auto disposition : {SIG_DFL, Note}) {
+    SetDisposition(disposition);
+    const int status = RunShell(command);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(SIGQUIT, WTERMSIG(status));
+  }
+  SetDisposition(SIG_IGN);
+  const int status = RunShell(command);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(3, WEXITSTATUS(status));
+}
+
 TEST(CommandFailedTest, LooksAtTheExitCodeOnly) {
   const struct {
     int status;
@@ -320,6 +385,13 @@ TEST(RunCommandTest, SaysNothingOfSuccessAndOfSignals) {
   for (const std::string command : {"exit 0", "", "false; true", "kill -9 $$", "kill -15 $$"}) {
     EXPECT_EQ("", LogOf([&] { RunCommand(command); }, kDebugAvailable)) << command;
   }
+}
+
+TEST(RunCommandTest, LogsACommandWhoseProgramWasEndedByASignalUnlessTheShellBecameIt) {
+  const std::string program = "sh -c 'kill -9 $$'";
+  const std::string command = "exec 2>/dev/null; " + program + "; exit $?";
+  EXPECT_EQ("Could not execute \"" + command + "\"\n", LogOf([&] { RunCommand(command); }));
+  EXPECT_EQ("", LogOf([&] { RunCommand("exec " + program); }, kDebugAvailable));
 }
 
 TEST(RunCommandTest, LogsACommandThatCouldNotBeStarted) {
