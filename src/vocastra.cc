@@ -1,13 +1,17 @@
 #include "vocastra.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <list>
 #include <map>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "crc.h"
 #include "debug.h"
@@ -24,18 +28,59 @@ namespace {
 constexpr useconds_t kPassPause = 100000;  // Microseconds; the system's whole pacing.
 constexpr useconds_t kClipPause = 70000;   // Microseconds, after each clip.
 
+constexpr mode_t kStatusFileMode = 0666;  // Less the umask: for everybody to read.
+
 constexpr const char* kEncodings[] = {"ascii", "utf8", "utf16"};
 constexpr char kDefaultParser[] = "text-utf8";
 constexpr char kPauseTag[] = "\\pau=300\\ ";  // 300 ms of silence lead every message.
 
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using OutputFile = std::unique_ptr<FILE, FileCloser>;
+// A file that is truncated in place and written once. Closed on exec.
+class OutputFile {
+ public:
+  // flags and mode as for open. A FIFO is not waited for: without a reader it cannot be opened.
+  OutputFile(const std::string& path, int flags, mode_t mode)
+      : fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags,
+                mode)) {}
+  ~OutputFile() {
+    if (fd >= 0) {
+      close(fd);
+    }
+  }
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
 
-// Truncates the file in place; null on failure. Closed on exec.
-OutputFile OpenForWriting(const std::string& path) {
-  return OutputFile(fopen(path.c_str(), "wte"));
+  bool IsOpen() const { return fd >= 0; }
+
+  // Writes the text and closes the file. False if not all of it could be written.
+  bool Write(const std::string& text) {
+    size_t written = 0;
+    while (written < text.size()) {
+      const ssize_t count = write(fd, text.data() + written, text.size() - written);
+      if (count > 0) {
+        written += static_cast<size_t>(count);
+      } else if (count == 0 || errno != EINTR) {
+        return false;
+      }
+    }
+    return close(std::exchange(fd, -1)) == 0;
+  }
+
+ private:
+  int fd;
+};
+
+// The tree as Dump writes it; empty if there is no memory for it.
+std::string DumpToString(const XMLElement& root) {
+  char* buffer = nullptr;
+  size_t size = 0;
+  FILE* const stream = open_memstream(&buffer, &size);
+  if (stream == nullptr) {
+    return "";
+  }
+  root.Dump(stream, "");
+  fclose(stream);
+  const std::unique_ptr<char, decltype(&free)> owner(buffer, free);
+  return std::string(buffer, size);
 }
 
 // A pass that fails takes its time like any other: a missing configuration must neither spin the
@@ -378,18 +423,19 @@ InputDirectory* Vocastra::Impl::ChooseDirectory() {
   return nullptr;
 }
 
+// False if the translator would find no text or a cut one. The name is known to others and in a
+// directory where everybody may write: a link in the file's place is not followed, and if the file
+// was removed, the new one is as private as the first.
 bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words, bool is_start) {
-  const OutputFile file = OpenForWriting(temp_input_path);
-  if (!file) {
+  std::string text = is_start ? kPauseTag : "";
+  for (const std::string& word : words) {
+    text += word + " ";
+  }
+  OutputFile file(temp_input_path, O_NOFOLLOW, S_IRUSR | S_IWUSR);
+  if (!file.IsOpen() || !file.Write(text)) {
     Debug(kDebugNormal, "Could not open temporary file \"%s\" for writing",
           temp_input_path.c_str());
     return false;
-  }
-  if (is_start) {
-    fputs(kPauseTag, file.get());
-  }
-  for (const std::string& word : words) {
-    fprintf(file.get(), "%s ", word.c_str());
   }
   return true;
 }
@@ -455,8 +501,8 @@ void Vocastra::Impl::DumpStatus() {
   if (status_file_path.empty()) {
     return;
   }
-  const OutputFile file = OpenForWriting(status_file_path);
-  if (!file) {
+  OutputFile file(status_file_path, 0, kStatusFileMode);
+  if (!file.IsOpen()) {
     Debug(kDebugNormal, "Could not open \"%s\" for writing", status_file_path.c_str());
     return;
   }
@@ -468,7 +514,7 @@ void Vocastra::Impl::DumpStatus() {
   for (const auto& [id, directory] : id_to_directory) {
     root.AddChild(directory->GetStatus());
   }
-  root.Dump(file.get(), "");
+  file.Write(DumpToString(root));  // What there is no room for is written in a later pass.
 }
 
 Vocastra::Vocastra(const std::string& config_file_path_, const std::string& status_file_path_,

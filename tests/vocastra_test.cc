@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -21,6 +22,11 @@ namespace {
 // What the functions below, which stand in for those of the C library, do and what they saw.
 struct System {
   std::string failing_template;                 // mkostemp() fails for it.
+  std::string full_file;                        // write() has little room there:
+  size_t room = 0;                              // This many bytes.
+  size_t piece = 1000;                          // No more at once.
+  int interruptions = 0;                        // So often write() fails there first.
+  std::string unclosable_file;                  // close() fails for it.
   std::vector<std::string> temporary_files;     // Made by mkostemp(), oldest first.
   std::vector<useconds_t> pauses;               // Microseconds; nothing here really waits.
   std::function<void()> on_pause = [] {};       // What others do meanwhile.
@@ -32,7 +38,42 @@ System& TheSystem() {
   return system;
 }
 
+bool LeadsTo(int fd, const std::string& path) {
+  struct stat wanted {};
+  struct stat found {};
+  return !path.empty() && stat(path.c_str(), &wanted) == 0 && fstat(fd, &found) == 0 &&
+         found.st_dev == wanted.st_dev && found.st_ino == wanted.st_ino;
+}
+
 }  // namespace
+
+ssize_t write(int fd, const void* data, size_t size) {
+  static const auto real =
+      reinterpret_cast<ssize_t (*)(int, const void*, size_t)>(dlsym(RTLD_NEXT, "write"));
+  System& system = TheSystem();
+  if (!LeadsTo(fd, system.full_file)) {
+    return real(fd, data, size);
+  }
+  if (system.interruptions > 0 || system.room == 0) {
+    errno = system.interruptions > 0 ? EINTR : ENOSPC;
+    --system.interruptions;
+    return -1;
+  }
+  const ssize_t written = real(fd, data, std::min({size, system.room, system.piece}));
+  system.room -= static_cast<size_t>(written);
+  return written;
+}
+
+int close(int fd) {
+  static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
+  const bool fails = LeadsTo(fd, TheSystem().unclosable_file);
+  const int result = real(fd);
+  if (fails) {
+    errno = EIO;
+    return -1;
+  }
+  return result;
+}
 
 int mkostemp(char* path, int flags) {
   if (path == TheSystem().failing_template) {
@@ -61,6 +102,7 @@ unsigned int sleep(unsigned int) {
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::StartsWith;
@@ -202,6 +244,12 @@ class VocastraTest : public testing::Test {
   std::string Status() const { return ReadFile(settings_.status); }
   std::string StatusAttribute(const std::string& name) const {
     return ParseXML(Status())->GetAttributeString(name);
+  }
+
+  static unsigned int ModeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
+    return status.st_mode;
   }
 
   // What parsers and directories log about a file with valid text.
@@ -1262,6 +1310,79 @@ TEST_F(VocastraTest, LosesTheWordsForWhichTheTextFileCannotBeOpened) {
   EXPECT_EQ("3 4 ", DeliveredFile("0_a.text_live_cont.raw"));
 }
 
+TEST_F(VocastraTest, LosesTheWordsForWhichTheTextFileHasNoRoom) {
+  settings_.words = 1;
+  Start(Element("a"));
+  const std::string text = kPauseTag + std::string("1 2 ");
+  for (const size_t room : {size_t{0}, size_t{5}, text.size() - 1}) {
+    TheSystem().full_file = TextFile();
+    TheSystem().room = room;
+    Drop("a", "1 2 3 4", "m" + std::to_string(room));
+    const std::string log = Run();
+    EXPECT_THAT(log,
+                EndsWith("\nCould not open temporary file \"" + TextFile() + "\" for writing\n"));
+    EXPECT_EQ(std::string::npos, log.find("calling engine")) << room;
+    EXPECT_EQ(text.substr(0, room), ReadFile(TextFile()));
+    TheSystem().full_file = "";
+    Run();
+    ASSERT_EQ(1U, Delivered().size()) << room;
+    EXPECT_EQ("3 4 ", DeliveredFile(Delivered().front()));
+    ASSERT_EQ(0, unlink((settings_.output + "/" + Delivered().front()).c_str()));
+  }
+}
+
+TEST_F(VocastraTest, LosesTheWordsForWhichTheTextFileCannotBeClosed) {
+  Start(Element("a"));
+  Drop("a", "text");
+  TheSystem().unclosable_file = TextFile();
+  EXPECT_THAT(Run(),
+              EndsWith("\nCould not open temporary file \"" + TextFile() + "\" for writing\n"));
+  EXPECT_EQ("", TranslatorCalls());
+}
+
+TEST_F(VocastraTest, WritesItsTextFileWholeInSpiteOfSignals) {
+  Start(Element("a"));
+  Drop("a", "some words");
+  TheSystem().full_file = TextFile();
+  TheSystem().room = 1000;
+  TheSystem().piece = 3;
+  TheSystem().interruptions = 2;
+  Run();
+  EXPECT_EQ(kPauseTag + std::string("some words "), DeliveredFile("0_a.text_live_first.raw"));
+}
+
+TEST_F(VocastraTest, FollowsNoLinkInThePlaceOfItsTextFile) {
+  Start(Element("a"));
+  const std::string other = tree_.Write("other", "precious");
+  ASSERT_EQ(0, unlink(TextFile().c_str()));
+  ASSERT_EQ(0, symlink(other.c_str(), TextFile().c_str()));
+  Drop("a", "text");
+  EXPECT_THAT(Run(),
+              EndsWith("\nCould not open temporary file \"" + TextFile() + "\" for writing\n"));
+  EXPECT_EQ("precious", ReadFile(other));
+  EXPECT_EQ("", TranslatorCalls());
+}
+
+TEST_F(VocastraTest, DoesNotWaitForAReaderOfAFifoInThePlaceOfItsTextFile) {
+  Start(Element("a"));
+  ASSERT_EQ(0, unlink(TextFile().c_str()));
+  ASSERT_EQ(0, mkfifo(TextFile().c_str(), 0600));
+  Drop("a", "text");
+  EXPECT_THAT(Run(),
+              EndsWith("\nCould not open temporary file \"" + TextFile() + "\" for writing\n"));
+}
+
+TEST_F(VocastraTest, MakesAPrivateTextFileIfSomebodyHasRemovedIt) {
+  Start(Element("a"));
+  ASSERT_EQ(0, unlink(TextFile().c_str()));
+  Drop("a", "text");
+  const mode_t saved = umask(0);
+  Run();
+  umask(saved);
+  EXPECT_EQ(kPauseTag + std::string("text "), DeliveredFile("0_a.text_live_first.raw"));
+  EXPECT_EQ(S_IFREG | 0600U, ModeOf(TextFile()));
+}
+
 TEST_F(VocastraTest, CountsASnippetAsMadeIfItsAudioCannotBeCopied) {
   settings_.words = 1;
   UseTranslator("rm -f \"$2\"\n");
@@ -1484,6 +1605,37 @@ TEST_F(VocastraTest, LogsAStatusFileThatCannotBeOpenedAndDoesNotCountIt) {
   ASSERT_EQ(0, rmdir(settings_.status.c_str()));
   EXPECT_EQ(kNoLog, Run());
   EXPECT_EQ("0", StatusAttribute("timestamp"));
+}
+
+TEST_F(VocastraTest, DoesNotWaitForAReaderOfItsStatus) {
+  settings_.status = tree_ / "fifo";
+  ASSERT_EQ(0, mkfifo(settings_.status.c_str(), 0600));
+  Start("");
+  EXPECT_EQ("Could not open \"" + settings_.status + "\" for writing\n", Run());
+  const int reader = open(settings_.status.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  EXPECT_EQ(kNoLog, Run());
+  char text[1000] = "";
+  const ssize_t length = read(reader, text, sizeof(text) - 1);
+  close(reader);
+  EXPECT_EQ("<tts-status now-playing=\"0\" output-bound=\"0\" state=\"run\" timestamp=\"0\"/>\n",
+            std::string(text, static_cast<size_t>(std::max<ssize_t>(length, 0))));
+}
+
+TEST_F(VocastraTest, MakesAStatusFileThatTheUmaskAllowsOthersToRead) {
+  for (const mode_t mask : {0U, 027U}) {
+    unlink(settings_.status.c_str());
+    const mode_t saved = umask(mask);
+    Start("");
+    umask(saved);
+    EXPECT_EQ(S_IFREG | (0666U & ~mask), ModeOf(settings_.status));
+  }
+}
+
+TEST_F(VocastraTest, FollowsALinkToItsStatusFile) {
+  ASSERT_EQ(0, symlink("elsewhere", settings_.status.c_str()));
+  Start("");
+  EXPECT_EQ("0", StatusAttribute("timestamp"));
+  EXPECT_TRUE(Exists(tree_ / "elsewhere"));
 }
 
 TEST_F(VocastraTest, RewritesTheStatusFileInPlace) {
