@@ -1,10 +1,8 @@
 #include "vocastra.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <list>
@@ -34,53 +32,27 @@ constexpr const char* kEncodings[] = {"ascii", "utf8", "utf16"};
 constexpr char kDefaultParser[] = "text-utf8";
 constexpr char kPauseTag[] = "\\pau=300\\ ";  // 300 ms of silence lead every message.
 
-// A file that is truncated in place and written once. Closed on exec.
-class OutputFile {
- public:
-  // flags and mode as for open. A FIFO is not waited for: without a reader it cannot be opened.
-  OutputFile(const std::string& path, int flags, mode_t mode)
-      : fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags,
-                mode)) {}
-  ~OutputFile() {
-    if (fd >= 0) {
-      close(fd);
-    }
-  }
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-
-  bool IsOpen() const { return fd >= 0; }
-
-  // Writes the text and closes the file. False if not all of it could be written.
-  bool Write(const std::string& text) {
-    size_t written = 0;
-    while (written < text.size()) {
-      const ssize_t count = write(fd, text.data() + written, text.size() - written);
-      if (count > 0) {
-        written += static_cast<size_t>(count);
-      } else if (count == 0 || errno != EINTR) {
-        return false;
-      }
-    }
-    return close(std::exchange(fd, -1)) == 0;
-  }
-
- private:
-  int fd;
+struct FileCloser {
+  void operator()(FILE* file) const { fclose(file); }
 };
+using OutputFile = std::unique_ptr<FILE, FileCloser>;
 
-// The tree as Dump writes it; empty if there is no memory for it.
-std::string DumpToString(const XMLElement& root) {
-  char* buffer = nullptr;
-  size_t size = 0;
-  FILE* const stream = open_memstream(&buffer, &size);
-  if (stream == nullptr) {
-    return "";
+// Truncates the file in place, or creates it; null on failure. flags and mode as for open(). Closed
+// on exec. A FIFO is not waited for: without a reader it cannot be opened.
+OutputFile OpenForWriting(const std::string& path, int flags, mode_t mode) {
+  const int fd =
+      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags, mode);
+  FILE* const file = fd < 0 ? nullptr : fdopen(fd, "w");
+  if (fd >= 0 && file == nullptr) {
+    close(fd);
   }
-  root.Dump(stream, "");
-  fclose(stream);
-  const std::unique_ptr<char, decltype(&free)> owner(buffer, free);
-  return std::string(buffer, size);
+  return OutputFile(file);
+}
+
+// False if not all that was written has reached the file.
+bool Close(OutputFile file) {
+  const bool is_sound = ferror(file.get()) == 0;
+  return fclose(file.release()) == 0 && is_sound;
 }
 
 // A pass that fails takes its time like any other: a missing configuration must neither spin the
@@ -427,17 +399,18 @@ InputDirectory* Vocastra::Impl::ChooseDirectory() {
 // directory where everybody may write: a link in the file's place is not followed, and if the file
 // was removed, the new one is as private as the first.
 bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words, bool is_start) {
-  std::string text = is_start ? kPauseTag : "";
-  for (const std::string& word : words) {
-    text += word + " ";
+  OutputFile file = OpenForWriting(temp_input_path, O_NOFOLLOW, S_IRUSR | S_IWUSR);
+  if (file) {
+    fputs(is_start ? kPauseTag : "", file.get());
+    for (const std::string& word : words) {
+      fprintf(file.get(), "%s ", word.c_str());
+    }
+    if (Close(std::move(file))) {
+      return true;
+    }
   }
-  OutputFile file(temp_input_path, O_NOFOLLOW, S_IRUSR | S_IWUSR);
-  if (!file.IsOpen() || !file.Write(text)) {
-    Debug(kDebugNormal, "Could not open temporary file \"%s\" for writing",
-          temp_input_path.c_str());
-    return false;
-  }
-  return true;
+  Debug(kDebugNormal, "Could not open temporary file \"%s\" for writing", temp_input_path.c_str());
+  return false;
 }
 
 bool Vocastra::Impl::Translate(const std::string& arguments,
@@ -445,8 +418,9 @@ bool Vocastra::Impl::Translate(const std::string& arguments,
   const std::string command = Format(
       "%s %s %s %s \"%s\" > /dev/null 2>&1", translator_file_path.c_str(), temp_input_path.c_str(),
       temp_output_path.c_str(), arguments.c_str(), message_filename.c_str());
+  // The empty text, which Format returns when there is no memory, would count as done.
   Debug(kDebugNormal, "calling engine");
-  const int status = RunShell(command);
+  const int status = command.empty() ? -1 : RunShell(command);
   Debug(kDebugNormal, "done calling engine");
   if (CommandFailed(status)) {
     Debug(kDebugNormal, "Could not execute \"%s\"", command.c_str());
@@ -501,8 +475,8 @@ void Vocastra::Impl::DumpStatus() {
   if (status_file_path.empty()) {
     return;
   }
-  OutputFile file(status_file_path, 0, kStatusFileMode);
-  if (!file.IsOpen()) {
+  const OutputFile file = OpenForWriting(status_file_path, 0, kStatusFileMode);
+  if (!file) {
     Debug(kDebugNormal, "Could not open \"%s\" for writing", status_file_path.c_str());
     return;
   }
@@ -514,7 +488,7 @@ void Vocastra::Impl::DumpStatus() {
   for (const auto& [id, directory] : id_to_directory) {
     root.AddChild(directory->GetStatus());
   }
-  file.Write(DumpToString(root));  // What there is no room for is written in a later pass.
+  root.Dump(file.get(), "");
 }
 
 Vocastra::Vocastra(const std::string& config_file_path_, const std::string& status_file_path_,
