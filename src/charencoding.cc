@@ -3,7 +3,6 @@
 #include <string.h>
 #include <utf8.h>
 
-#include <array>
 #include <iterator>
 
 #include "debug.h"
@@ -114,80 +113,6 @@ void AppendExtAscii(std::string& text, char c) {
   }
 }
 
-// What a character is to the word that is being read.
-enum class Kind : unsigned char {
-  kLetter,       // Belongs to it.
-  kPunctuation,  // Belongs to it and ends it.
-  kGap,          // A space or control character: ends it.
-};
-
-constexpr bool IsGap(uint32_t cp) { return Utf8IsSpace(cp) || Utf8IsControl(cp); }
-
-constexpr Kind KindOf(uint32_t cp) {
-  if (IsGap(cp)) {
-    return Kind::kGap;
-  }
-  return Utf8IsBreak(cp) ? Kind::kPunctuation : Kind::kLetter;
-}
-
-// The first byte of U+0080 to U+00BF, the only characters beyond ASCII that may be no letters.
-constexpr unsigned char kMixedLead = 0xC2;
-
-// The kinds of the bytes of UTF-8. What is not ASCII is a letter or part of one, but kMixedLead may
-// begin a gap, and so counts as one.
-constexpr std::array<Kind, 256> MakeKinds() {
-  std::array<Kind, 256> kinds{};
-  for (uint32_t byte = 0; byte < 0x80; ++byte) {
-    kinds[byte] = KindOf(byte);
-  }
-  kinds[kMixedLead] = Kind::kGap;
-  return kinds;
-}
-
-constexpr std::array<Kind, 256> kKinds = MakeKinds();
-
-unsigned char ByteAt(const char* p) { return static_cast<unsigned char>(*p); }
-
-constexpr size_t kBlockBytes = 512;  // Looked at as one. Its ends take 1 KiB of stack.
-
-// Finds the characters of the block at which a word may end: stores their places in ends and
-// returns how many there are.
-//
-// No processor foresees the ends of words, and branches on them took most of the time of the
-// splitting. So each place is stored, and the next one is stored over it unless it is an end.
-size_t FindEnds(std::string_view block, uint16_t (&ends)[kBlockBytes]) {
-  size_t count = 0;
-  for (size_t i = 0; i < block.size(); ++i) {
-    ends[count] = static_cast<uint16_t>(i);
-    count += kKinds[ByteAt(&block[i])] != Kind::kLetter ? 1 : 0;
-  }
-  return count;
-}
-
-// Reads the words of a text, from each place where one may end to the next such place.
-struct WordReader {
-  // Stores the word that ends with the character at end, or before it, and returns true. False if
-  // there is no such word: what was stored is to be stored over then, as above.
-  bool Read(const char* end, std::string_view& word) {
-    const char* next = end + 1;
-    if (ByteAt(end) == kMixedLead) {
-      if (!IsGap(ByteAt(next))) {
-        return false;
-      }
-      ++next;
-    }
-    const bool is_punctuation = kKinds[ByteAt(end)] == Kind::kPunctuation;
-    const bool is_word = (end > start) | (is_punctuation & !last_was_punctuation);
-    word = {start, static_cast<size_t>(end - start) + (is_punctuation ? 1 : 0)};
-    start = next;
-    last_was_punctuation = is_punctuation;
-    return is_word;
-  }
-
-  const char* start;  // Of the next word.
-  bool last_was_punctuation = true;
-};
-
 }  // namespace
 
 std::string ExtAsciiToUtf8Char(char c) {
@@ -256,26 +181,4 @@ std::string ToValidUtf8(std::string text_, unsigned int mask_, const char* reenc
     Debug(kDebugNormal, "Error checking encoding: %s", e.what());
   }
   return "";
-}
-
-std::vector<std::string_view> Utf8FindWords(std::string_view text_) {
-  std::vector<std::string_view> words;
-  words.reserve(text_.size() / 4);  // Mostly enough. What is too much is never touched.
-  WordReader reader{text_.data()};
-  for (size_t done = 0; done < text_.size(); done += kBlockBytes) {
-    const std::string_view block = text_.substr(done, kBlockBytes);
-    uint16_t ends[kBlockBytes];
-    const size_t end_count = FindEnds(block, ends);
-    size_t word_count = words.size();
-    words.resize(word_count + end_count);  // As many as there may be.
-    for (size_t i = 0; i < end_count; ++i) {
-      word_count += reader.Read(block.data() + ends[i], words[word_count]) ? 1 : 0;
-    }
-    words.resize(word_count);
-  }
-  const std::string_view rest = text_.substr(static_cast<size_t>(reader.start - text_.data()));
-  if (!rest.empty()) {
-    words.push_back(rest);
-  }
-  return words;
 }

@@ -1,5 +1,4 @@
-// Character classes, the cutting of message text into words by them, conversion of single-byte
-// message files, and the checking and mending of UTF-8.
+// Character classes, conversion of single-byte message files, and the checking and repair of UTF-8.
 //
 // The classifiers take a code point; none above 0xFF belongs to any class.
 #pragma once
@@ -7,8 +6,6 @@
 #include <stdint.h>
 
 #include <string>
-#include <string_view>
-#include <vector>
 
 // 0x30-0x3F (digits, but also : ; < = > ?), A-Z, a-z and the Latin-1 letters without the
 // multiplication sign 0xD7 and the division sign 0xF7.
@@ -31,8 +28,8 @@ constexpr bool Utf8IsControl(uint32_t cp) { return cp <= 0x1F || (cp >= 0x7F && 
 
 // The UTF-8 text of one byte of an extended-ASCII file: ISO 8859-1 in 0xC0-0xFF, the Spanish
 // characters of code page 437 at 0xA0-0xA5, 0xA8 and 0xAD. A zero byte yields nothing. The other
-// bytes 0x80-0xBF become 0xC2 and the byte less 0x20, which for 0x80-0x9F is not valid UTF-8:
-// readers mend it to U+FFFD and that second byte, an ASCII character.
+// bytes 0x80-0xBF become 0xC2 and the byte less 0x20. For 0x80-0x9F that is not valid UTF-8: readers
+// replace the 0xC2 by U+FFFD and keep the second byte, an ASCII character.
 std::string ExtAsciiToUtf8Char(char c);
 
 // ExtAsciiToUtf8Char of every byte, in order.
@@ -49,11 +46,3 @@ std::string Utf8ReplaceInvalid(const std::string& text_);
 // anything. inspect_, if given, is called with the text after the replacement.
 std::string ToValidUtf8(std::string text_, unsigned int mask_, const char* reencoding_,
                         void (*inspect_)(const std::string&) = nullptr);
-
-// The words of text_, which is valid UTF-8, as ranges of it: a message may have tens of thousands,
-// and each would be a request or two to the heap.
-//
-// Breaks and control characters end a word; punctuation stays at the end of the word that it
-// follows. A lone punctuation mark that comes right after another one, or first of all, is dropped:
-// "Stop.." must not be read as "Stop. point".
-std::vector<std::string_view> Utf8FindWords(std::string_view text_);

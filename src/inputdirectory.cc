@@ -8,10 +8,12 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+#include <utf8.h>
 
 #include <exception>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -33,510 +35,579 @@ constexpr int kUpdateTimeout = 5;              // Seconds; for "ftp" the poll ra
 constexpr unsigned int kHelperStopTime = 2;    // Seconds that a helper gets after SIGTERM.
 constexpr char kWatchPrefix[] = "/tmp/watch";  // Nothing else is ever removed as a whole.
 
-// Where the character of valid UTF-8 at p ends.
-const char* NextCharacter(const char* p) {
-  const auto lead = static_cast<unsigned char>(*p);
-  return p + (lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4);
+int last_message_id = 0;  // The last id handed out by any directory.
+
+void RemoveContents(const std::string& path_) {
+  Debug(kDebugNormal, "Removing contents of directory %s", path_.c_str());
+  RunCommand(Format("rm %s/* > /dev/null 2>&1", path_.c_str()));
 }
 
-// The first limit characters of valid UTF-8.
-std::string_view FirstCharacters(std::string_view text, size_t limit) {
-  if (text.size() <= limit) {
-    return text;  // A character has a byte at least.
+// False, with a log line, if the file is still there.
+bool RemoveFile(const std::string& path_) {
+  if (unlink(path_.c_str()) == 0) {
+    return true;
   }
-  const char* const end = text.data() + text.size();
-  const char* next = text.data();
-  for (size_t chars = 0; chars < limit && next < end; ++chars) {
-    next = NextCharacter(next);
-  }
-  return text.substr(0, static_cast<size_t>(next - text.data()));
+  Debug(kDebugNormal, "Could not remove %s", path_.c_str());
+  return false;
 }
 
-// Logs the message once for each of the characters, which were dropped.
-void LogDropped(std::string_view characters, const char* message) {
-  const char* const end = characters.data() + characters.size();
-  for (const char* next = characters.data(); next < end; next = NextCharacter(next)) {
-    Debug(kDebugNormal, "%s", message);
-  }
-}
+// The attributes of a "directory" element, or their defaults, in the order in which they are read:
+// the first unusable one is reported.
+struct Attributes {
+  explicit Attributes(const XMLElement& element_)
+      : id(element_.GetAttributeString("id", "")),
+        display_id(element_.GetAttributeString("display-id", id)),
+        parser_id(element_.GetAttributeString("parser", "")),
+        encoding(element_.GetAttributeString("encoding", "")),
+        priority(element_.GetAttributeInteger("priority", 0)),
+        loops(element_.GetAttributeInteger("loops", 1)),
+        subdir(element_.GetAttributeString("subdir", "")),
+        conv_opts(element_.GetAttributeString("conv-opts", "")),
+        preview(element_.GetAttributeInteger("preview", 0)),
+        last_played_path(element_.GetAttributeString("last-played-path", "")),
+        bumper_path(element_.GetAttributeString("bumper-path", "")),
+        spacer_path(element_.GetAttributeString("spacer-path", "")),
+        silence_path(element_.GetAttributeString("silence-path", "")),
+        dir_mode(element_.GetAttributeString("dir-mode", "")),
+        auto_delete(element_.GetAttributeInteger("auto-delete", 0)),
+        ftp_poll_rate(element_.GetAttributeInteger("ftp-poll-rate", 5)),
+        type(element_.GetAttributeString("type", "")),
+        path(element_.GetAttributeString("path", "")),
+        username(element_.GetAttributeString("username", "")),
+        password(element_.GetAttributeString("password", "")),
+        mount_opts(element_.GetAttributeString("mount-opts", "")),
+        ftp_mode(element_.GetAttributeString("ftp-mode", "passive")) {}
 
-// Splits valid UTF-8 into words within the limits.
-//
-// There is no limit on the number of words: each takes at least one of the characters that are
-// looked at.
-std::vector<std::string_view> SplitIntoWords(std::string_view whole_text) {
-  const std::string_view text = FirstCharacters(whole_text, kMaxMessageChars);
-  std::vector<std::string_view> words = Utf8FindWords(text);
-  for (std::string_view& word : words) {
-    if (word.size() > kMaxWordChars) {  // Bytes: no more characters than these.
-      const std::string_view whole_word = word;
-      word = FirstCharacters(whole_word, kMaxWordChars);
-      LogDropped(whole_word.substr(word.size()), "Word too long");
-    }
-  }
-  LogDropped(whole_text.substr(text.size()), "Too many characters");
-  return words;
-}
+  bool IsLocal() const { return type == "local"; }
+  bool IsCifs() const { return type == "cifs"; }
+  bool IsFtp() const { return type == "ftp"; }
+  bool IsCache() const { return dir_mode == "cache"; }
 
-bool EndsSnippet(std::string_view word) { return word.back() == '.' || word.back() == ','; }
-
-std::string WordsToString(const std::vector<std::string_view>& words) {
-  return ListToString(std::list<std::string>(words.begin(), words.end()));
-}
-
-void RemoveContents(const std::string& path) {
-  Debug(kDebugNormal, "Removing contents of directory %s", path.c_str());
-  RunCommand(Format("rm %s/* > /dev/null 2>&1", path.c_str()));
-}
-
-// Makes this forked child the helper. No signal is blocked, whatever the daemon was started with;
-// exec makes those that the daemon catches as usual again. Those that were ignored when the daemon
-// started, as under nohup, stay ignored.
-[[noreturn]] void BecomeHelper(const char* kind, const std::vector<const char*>& arguments) {
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-  execv(arguments[0], const_cast<char* const*>(arguments.data()));
-  Debug(kDebugNormal, "Unable to fork %s helper", kind);
-  _exit(255);
-}
-
-// Starts the helper; arguments[0] is its path. Returns its process id, 0 if it could not be forked.
-pid_t StartHelper(const char* kind, const std::vector<std::string>& arguments) {
-  // Everything that could fail is done before the fork.
-  std::vector<const char*> argument_pointers;
-  argument_pointers.reserve(arguments.size() + 1);
-  for (const std::string& argument : arguments) {
-    argument_pointers.push_back(argument.c_str());
-  }
-  argument_pointers.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    BecomeHelper(kind, argument_pointers);
-  }
-  if (pid < 0) {
-    // No process: -1 must not be kept, as a signal sent to it would end every process there is.
-    Debug(kDebugNormal, "Could not fork %s helper: %s", kind, strerror(errno));
-    return 0;
-  }
-  return pid;
-}
-
-}  // namespace
-
-struct InputDirectory::Impl {
-  using FileMap = std::map<std::string, uint16_t>;  // Known files and the CRCs of their texts.
-
-  Impl(const XMLElement& element_, const std::string& cifs_helper_script_path_,
-       const std::string& ftp_helper_app_path_, int text_snippet_word_limit_);
-  ~Impl();
-  Impl(const Impl&) = delete;
-  Impl& operator=(const Impl&) = delete;
-
-  void ReadAttributes();
-  void OpenLocal();
-  void OpenCifs(const std::string& helper_path);
-  void OpenFtp(const std::string& helper_path);
-  void RemoveWatchDirectory() const;
-  bool IsRemote() const { return type == "cifs" || type == "ftp"; }
-
-  void Process();
-  void CheckAvailability(const std::string& dirpath);
-  void IndexFiles(const std::string& dirpath);
-  void IndexFile(const std::string& path, const std::string& name, FileMap::iterator& known);
-  void ForgetVanishedFiles();
-  void ProcessCacheQueue(const std::string& dirpath);
-  void TakeMessage(const std::string& dirpath);
-  bool ParseMessage(const std::string& path);
-  bool DisposeOfMessageFile(const std::string& path, const std::string& name);
-  bool RemoveFile(const std::string& path) const;
-  void CopyToLastPlayed(const std::string& path, const std::string& name) const;
-
-  std::list<std::string> GetWords();
-  void RestartMessage();
-  void StopMessage();
-  int CountUpdatedFiles() const;
-
-  static int last_message_id;  // The last id handed out by any directory.
-
-  XMLElement config;
-  int text_snippet_word_limit;
   std::string id;
   std::string display_id;
   std::string parser_id;
   std::string encoding;
-  int priority = 0;
-  int loops = 1;
-  std::string type;
-  std::string rootdir;
+  int priority;
+  int loops;
   std::string subdir;
   std::string conv_opts;
+  int preview;
   std::string last_played_path;
   std::string bumper_path;
   std::string spacer_path;
   std::string silence_path;
   std::string dir_mode;
-  int auto_delete = 0;
-  bool available = false;                   // The directory currently delivers updates.
-  int ftp_poll_rate = 5;                    // Seconds.
-  const FileParser* file_parser = nullptr;  // Not owned.
-  bool active_message_first_play = true;
-  int active_message_id = 0;  // 0: none.
-  std::string active_message_filename;
-  int active_message_plays = 0;                        // Completed plays.
-  std::string active_message_text;                     // Valid UTF-8.
-  std::vector<std::string_view> active_message_words;  // Ranges of active_message_text.
-  size_t active_message_position = 0;                  // Of the next word.
-  std::list<std::string> all_file_names;               // Of the last scan, in byte order.
-  std::list<std::string> updated_file_names;           // To be taken, oldest first.
-  time_t last_timestamp_file_update = 0;  // When the helper's file last changed; 0: never.
-  uint16_t timestamp_file_crc = 0;        // Of the helper's file at that time.
-  int preview = 0;
-  FileMap file_map;
-  bool first_pass = true;  // No scan has been completed while the directory was available.
-  pid_t helper_pid = 0;    // 0: none.
+  int auto_delete;
+  int ftp_poll_rate;  // Seconds.
+  std::string type;
+  std::string path;
+  std::string username;
+  std::string password;
+  std::string mount_opts;
+  std::string ftp_mode;
 };
 
-int InputDirectory::Impl::last_message_id = 0;
-
-InputDirectory::Impl::Impl(const XMLElement& element_, const std::string& cifs_helper_script_path_,
-                           const std::string& ftp_helper_app_path_, int text_snippet_word_limit_)
-    : text_snippet_word_limit(text_snippet_word_limit_) {
-  config = element_;
-  ReadAttributes();
-  if (!last_played_path.empty()) {
-    RemoveContents(last_played_path);
-  }
-  type = config.GetAttributeString("type", "");
-  try {
-    if (type == "local") {
-      OpenLocal();
-    } else if (type == "cifs") {
-      OpenCifs(cifs_helper_script_path_);
-    } else if (type == "ftp") {
-      OpenFtp(ftp_helper_app_path_);
+// A private directory below "/tmp/", removed with everything in it.
+class WatchDirectory {
+ public:
+  WatchDirectory() : path(CreateTemporaryDirectory("watch")) {}
+  ~WatchDirectory() {
+    if (path.compare(0, strlen(kWatchPrefix), kWatchPrefix) != 0) {
+      return;
     }
-  } catch (...) {
-    RemoveWatchDirectory();
-    throw;
+    Debug(kDebugNormal, "Removing temporary directory %s", path.c_str());
+    try {
+      RunCommand(Format("rm -rf %s", path.c_str()));
+    } catch (const std::exception& e) {  // No memory. A destructor must not throw.
+      Debug(kDebugNormal, "%s", e.what());
+    }
   }
+  WatchDirectory(const WatchDirectory&) = delete;
+  WatchDirectory& operator=(const WatchDirectory&) = delete;
+
+  const std::string& Path() const { return path; }
+
+ private:
+  std::string path;
+};
+
+// A process that mirrors remote files into a watch directory.
+class Helper {
+ public:
+  // Starts the helper; arguments_[0] is its path, kind_ its name in the log.
+  Helper(const char* kind_, const std::vector<std::string>& arguments_);
+  ~Helper();
+  Helper(const Helper&) = delete;
+  Helper& operator=(const Helper&) = delete;
+
+ private:
+  pid_t pid = 0;  // 0: it could not be started.
+};
+
+// Makes this forked child the helper. No signal is blocked, whatever the daemon was started with;
+// exec makes those that the daemon catches as usual again. Those that were ignored when the daemon
+// started, as under nohup, stay ignored.
+[[noreturn]] void BecomeHelper(const char* kind_, const std::vector<const char*>& arguments_) {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  execv(arguments_[0], const_cast<char* const*>(arguments_.data()));
+  Debug(kDebugNormal, "Unable to fork %s helper", kind_);
+  _exit(255);
+}
+
+Helper::Helper(const char* kind_, const std::vector<std::string>& arguments_) {
+  // Everything that could fail is done before the fork.
+  std::vector<const char*> pointers;
+  pointers.reserve(arguments_.size() + 1);
+  for (const std::string& argument : arguments_) {
+    pointers.push_back(argument.c_str());
+  }
+  pointers.push_back(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    BecomeHelper(kind_, pointers);
+  }
+  if (child < 0) {
+    // -1 is not kept: a signal sent to it would end every process there is.
+    Debug(kDebugNormal, "Could not fork %s helper: %s", kind_, strerror(errno));
+    return;
+  }
+  pid = child;
 }
 
 // The helper is not waited for: one that does not end in time must not hold up the daemon. One that
 // has ended is collected, or every reload would add a zombie; no earlier than here, as its number
 // could then be another process's by the time of the signal.
-InputDirectory::Impl::~Impl() {
-  if (helper_pid != 0) {
-    Debug(kDebugNormal, "Sending SIGTERM to PID %u", static_cast<unsigned int>(helper_pid));
-    kill(helper_pid, SIGTERM);
+Helper::~Helper() {
+  if (pid != 0) {
+    Debug(kDebugNormal, "Sending SIGTERM to PID %u", static_cast<unsigned int>(pid));
+    kill(pid, SIGTERM);
     sleep(kHelperStopTime);
-    waitpid(helper_pid, nullptr, WNOHANG);
+    waitpid(pid, nullptr, WNOHANG);
   }
-  RemoveWatchDirectory();
 }
 
-void InputDirectory::Impl::RemoveWatchDirectory() const {
-  if (!IsRemote() || rootdir.compare(0, strlen(kWatchPrefix), kWatchPrefix) != 0) {
+// Whether a directory delivers updates. A remote one does as long as its helper rewrites the
+// timestamp file with new content.
+struct Availability {
+  void Check(const std::string& dirpath_, time_t timeout_);
+
+  bool available = false;
+  time_t last_update = 0;  // When the timestamp file last changed; 0: never.
+  uint16_t crc = 0;        // Of the timestamp file at that time.
+};
+
+// timeout_ in seconds. A missing or unreadable file, whose checksum is 0, is no update.
+void Availability::Check(const std::string& dirpath_, time_t timeout_) {
+  const uint16_t new_crc = FileCRC(dirpath_ + ".helper.timestamp");
+  const time_t now = time(nullptr);
+  if (new_crc != 0 && (last_update == 0 || new_crc != crc)) {
+    last_update = now;
+    crc = new_crc;
+    if (!available) {
+      Debug(kDebugNormal, "Directory %s is receiving updates", dirpath_.c_str());
+      available = true;
+    }
+  }
+  if (available && now - last_update > timeout_) {
+    Debug(kDebugNormal, "Directory %s is no longer receiving updates", dirpath_.c_str());
+    available = false;
+  }
+}
+
+// The files of a directory: those of the last scan, the checksums of their texts, and the queue of
+// new and changed ones.
+struct FileIndex {
+  using Known = std::map<std::string, uint16_t>;
+
+  void Update(const std::string& dirpath_, const FileParser& parser_, bool always_changed_);
+  void UpdateFile(const std::string& path_, const std::string& name_, const FileParser& parser_,
+                  bool always_changed_, Known::iterator& next_);
+  void ForgetVanished();
+
+  std::list<std::string> names;   // Of the last scan, in byte order.
+  Known known;                    // CRCs of the texts, by name.
+  std::list<std::string> queued;  // New and changed, oldest first.
+  bool first_pass = true;         // No scan was completed while the directory was available.
+};
+
+// Reads every file. always_changed_: each counts as changed even if its text is the same.
+//
+// Names and known files are both in byte order, so the files are found by one merge, and the path
+// is built in one place: with thousands of files, look-ups and heap requests for each would cost
+// more than their reading.
+void FileIndex::Update(const std::string& dirpath_, const FileParser& parser_,
+                       bool always_changed_) {
+  std::string path = dirpath_;
+  auto next = known.begin();
+  for (const std::string& name : names) {
+    path.replace(dirpath_.size(), std::string::npos, name);
+    UpdateFile(path, name, parser_, always_changed_, next);
+  }
+}
+
+// Notes the file's checksum and queues it if its text is new or has changed. next_ is moved on to
+// the file's entry, or to where it belongs. REQUIRES: next_ is not past that.
+void FileIndex::UpdateFile(const std::string& path_, const std::string& name_,
+                           const FileParser& parser_, bool always_changed_,
+                           Known::iterator& next_) {
+  std::string text;
+  try {
+    text = parser_.ParseFile(path_);
+  } catch (const std::string& e) {
+    Debug(kDebugNormal, "Indexing %s", e.c_str());
     return;
   }
-  Debug(kDebugNormal, "Removing temporary directory %s", rootdir.c_str());
-  try {
-    RunCommand(Format("rm -rf %s", rootdir.c_str()));
-  } catch (const std::exception& e) {  // No memory. A destructor must not throw.
-    Debug(kDebugNormal, "%s", e.what());
+  const uint16_t crc = CRC(0, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  int order = -1;
+  while (next_ != known.end() && (order = next_->first.compare(name_)) < 0) {
+    ++next_;
+  }
+  const bool is_known = next_ != known.end() && order == 0;
+  if (is_known && next_->second == crc && !always_changed_) {
+    return;
+  }
+  // Made first: a file that is noted as known but not queued, for lack of memory, would be lost.
+  std::list<std::string> to_queue;
+  if (!first_pass && !text.empty()) {
+    to_queue.push_back(name_);
+  }
+  if (is_known) {
+    Debug(kDebugNormal, "Updating %s in file_map", name_.c_str());
+    next_->second = crc;
+  } else {
+    Debug(kDebugNormal, "Adding %s %u to file_map", name_.c_str(), unsigned{crc});
+    next_ = known.emplace_hint(next_, name_, crc);
+  }
+  queued.splice(queued.end(), to_queue);
+}
+
+void FileIndex::ForgetVanished() {
+  auto name = names.begin();
+  for (auto next = known.begin(); next != known.end();) {
+    while (name != names.end() && *name < next->first) {
+      ++name;
+    }
+    if (name != names.end() && *name == next->first) {
+      ++next;
+    } else {
+      Debug(kDebugTrace, "Erasing %s from file_map", next->first.c_str());
+      next = known.erase(next);
+    }
   }
 }
 
-void InputDirectory::Impl::ReadAttributes() {
-  id = config.GetAttributeString("id", "");
-  display_id = config.GetAttributeString("display-id", id);
-  parser_id = config.GetAttributeString("parser", "");
-  encoding = config.GetAttributeString("encoding", "");
-  priority = config.GetAttributeInteger("priority", 0);
-  loops = config.GetAttributeInteger("loops", 1);
-  subdir = config.GetAttributeString("subdir", "");
-  conv_opts = config.GetAttributeString("conv-opts", "");
-  preview = config.GetAttributeInteger("preview", 0);
-  last_played_path = config.GetAttributeString("last-played-path", "");
-  bumper_path = config.GetAttributeString("bumper-path", "");
-  spacer_path = config.GetAttributeString("spacer-path", "");
-  silence_path = config.GetAttributeString("silence-path", "");
-  dir_mode = config.GetAttributeString("dir-mode", "");
-  auto_delete = config.GetAttributeInteger("auto-delete", 0);
-  ftp_poll_rate = config.GetAttributeInteger("ftp-poll-rate", 5);
+// Splits valid UTF-8 into words, as ranges of it: a message may have tens of thousands, and each
+// would be a request or two to the heap.
+//
+// Breaks and control characters end a word; punctuation stays at the end of the word that it
+// follows. A lone punctuation mark right after another one, or first of all, is dropped: "Stop.."
+// must not be read as "Stop. point". There is no limit on the number of words: each takes at least
+// one of the characters that are looked at.
+std::vector<std::string_view> SplitIntoWords(std::string_view text_) {
+  std::vector<std::string_view> words;
+  const char* word = text_.data();  // Where the current word begins.
+  size_t word_bytes = 0;            // Without its characters beyond the limit.
+  size_t word_chars = 0;
+  size_t message_chars = 0;
+  bool follows_punctuation = true;
+  const char* const end = text_.data() + text_.size();
+  for (const char* next = text_.data(); next < end;) {
+    const char* const start = next;
+    const uint32_t cp = utf8::unchecked::next(next);
+    if (++message_chars > kMaxMessageChars) {
+      Debug(kDebugNormal, "Too many characters");
+      continue;
+    }
+    const bool is_gap = Utf8IsSpace(cp) || Utf8IsControl(cp);
+    const bool is_punctuation = !is_gap && Utf8IsBreak(cp);
+    if (!is_gap) {
+      word = word_chars == 0 ? start : word;
+      ++word_chars;
+      if (word_chars > kMaxWordChars) {
+        Debug(kDebugNormal, "Word too long");
+      } else {
+        word_bytes = static_cast<size_t>(next - word);
+      }
+    }
+    if ((is_gap || is_punctuation) && word_chars > 0) {
+      const bool is_lone_mark = is_punctuation && word_chars == 1;
+      if (!is_lone_mark || !follows_punctuation) {
+        words.emplace_back(word, word_bytes);
+      }
+      word_chars = 0;
+    }
+    follows_punctuation = is_punctuation;
+  }
+  if (word_chars > 0) {
+    words.emplace_back(word, word_bytes);
+  }
+  return words;
+}
+
+std::string WordsToString(const std::vector<std::string_view>& words_) {
+  return ListToString(std::list<std::string>(words_.begin(), words_.end()));
+}
+
+bool EndsSnippet(std::string_view word_) { return word_.back() == '.' || word_.back() == ','; }
+
+// The message that is being spoken.
+struct ActiveMessage {
+  void SetText(std::string text_);
+  void Begin(std::string& filename_);
+  void Restart() { position = 0; }
+  void Stop();
+  std::list<std::string> TakeSnippet(int word_limit_, int loops_);
+
+  int id = 0;              // 0: none.
+  bool first_play = true;  // No words were taken yet.
+  std::string filename;
+  int plays = 0;                        // Completed.
+  std::string text;                     // Valid UTF-8.
+  std::vector<std::string_view> words;  // Ranges of text.
+  size_t position = 0;                  // Of the next word.
+};
+
+// Splits the text into the words that Begin() makes the active message.
+void ActiveMessage::SetText(std::string text_) {
+  words.clear();
+  text = ToValidUtf8(std::move(text_), kDebugTrace, "Re-encoding invalid parser output to UTF-8");
+  words = SplitIntoWords(text);
+}
+
+// Needs no memory, as the file may be gone already and its message must not be lost: takes the
+// name from filename_.
+void ActiveMessage::Begin(std::string& filename_) {
+  first_play = true;
+  id = ++last_message_id;
+  filename.swap(filename_);
+  plays = 0;
+  position = 0;
+}
+
+void ActiveMessage::Stop() {
+  id = 0;
+  filename.clear();
+  plays = 0;
+  // Free the memory too: a long message takes 0.5 MB per directory.
+  std::vector<std::string_view>().swap(words);
+  std::string().swap(text);
+  position = 0;
+}
+
+// At least word_limit_ words, stretched up to twice that to end at a full stop or comma.
+std::list<std::string> ActiveMessage::TakeSnippet(int word_limit_, int loops_) {
+  std::list<std::string> snippet;
+  // Looked at after a word was taken: even a limit of 0 or less makes progress.
+  const int64_t limit = word_limit_;
+  const int64_t stretched_limit = 2 * limit;
+  bool ended = false;
+  size_t next = position;
+  while (!ended && next < words.size()) {
+    snippet.emplace_back(words[next++]);
+    const int64_t taken = static_cast<int64_t>(snippet.size());
+    ended = taken > limit && (taken >= stretched_limit || EndsSnippet(snippet.back()));
+  }
+  first_play = false;
+  position = next;
+  if (position == words.size()) {
+    ++plays;
+    if (!words.empty() && plays < loops_) {
+      Restart();
+    } else {
+      Stop();
+    }
+  }
+  return snippet;
+}
+
+}  // namespace
+
+struct InputDirectory::Impl {
+  Impl(const XMLElement& element_, const std::string& cifs_helper_script_path_,
+       const std::string& ftp_helper_app_path_, int text_snippet_word_limit_);
+
+  void OpenLocal();
+  void OpenCifs(const std::string& helper_path_);
+  void OpenFtp(const std::string& helper_path_);
+
+  void Process();
+  void CheckAvailability(const std::string& dirpath_);
+  void ProcessCacheQueue(const std::string& dirpath_);
+  void TakeMessage(const std::string& dirpath_);
+  void ReadMessage(const std::string& path_);
+  bool DisposeOfMessageFile(const std::string& path_, const std::string& name_) const;
+  void CopyToLastPlayed(const std::string& path_, const std::string& name_) const;
+  int CountUpdatedFiles() const;
+
+  XMLElement config;
+  Attributes attributes;
+  int text_snippet_word_limit;
+  std::optional<WatchDirectory> watch_directory;  // Of a remote directory.
+  std::optional<Helper> helper;                   // Ends before its watch directory goes.
+  std::string rootdir;
+  const FileParser* file_parser = nullptr;  // Not owned.
+  Availability availability;
+  FileIndex files;
+  ActiveMessage message;
+};
+
+InputDirectory::Impl::Impl(const XMLElement& element_, const std::string& cifs_helper_script_path_,
+                           const std::string& ftp_helper_app_path_, int text_snippet_word_limit_)
+    : attributes(element_), text_snippet_word_limit(text_snippet_word_limit_) {
+  config = element_;
+  if (!attributes.last_played_path.empty()) {
+    RemoveContents(attributes.last_played_path);
+  }
+  if (attributes.IsLocal()) {
+    OpenLocal();
+  } else if (attributes.IsCifs()) {
+    OpenCifs(cifs_helper_script_path_);
+  } else if (attributes.IsFtp()) {
+    OpenFtp(ftp_helper_app_path_);
+  }
 }
 
 void InputDirectory::Impl::OpenLocal() {
-  rootdir = config.GetAttributeString("path", "");
+  rootdir = attributes.path;
   if (!rootdir.empty()) {
     RemoveContents(rootdir);
   }
 }
 
 // The order of the helpers' arguments is their contract. It differs between the two.
-void InputDirectory::Impl::OpenCifs(const std::string& helper_path) {
-  if (helper_path.empty()) {
+void InputDirectory::Impl::OpenCifs(const std::string& helper_path_) {
+  if (helper_path_.empty()) {
     throw Format("Ignoring CIFS mount; no CIFS helper directory");
   }
-  rootdir = CreateTemporaryDirectory("watch");
-  helper_pid = StartHelper(
-      "CIFS", {helper_path, config.GetAttributeString("path", ""),
-               config.GetAttributeString("username", ""), config.GetAttributeString("password", ""),
-               subdir, rootdir, config.GetAttributeString("mount-opts", ""),
-               Format("%u", static_cast<unsigned int>(auto_delete))});
+  rootdir = watch_directory.emplace().Path();
+  helper.emplace("CIFS", std::vector<std::string>{
+                             helper_path_, attributes.path, attributes.username,
+                             attributes.password, attributes.subdir, rootdir, attributes.mount_opts,
+                             Format("%u", static_cast<unsigned int>(attributes.auto_delete))});
 }
 
-void InputDirectory::Impl::OpenFtp(const std::string& helper_path) {
-  if (helper_path.empty()) {
+void InputDirectory::Impl::OpenFtp(const std::string& helper_path_) {
+  if (helper_path_.empty()) {
     throw Format("Ignoring FTP dir; no FTP helper directory");
   }
-  rootdir = CreateTemporaryDirectory("watch");
-  helper_pid = StartHelper(
-      "FTP", {helper_path, config.GetAttributeString("path", ""), subdir,
-              config.GetAttributeString("username", ""), config.GetAttributeString("password", ""),
-              rootdir, Format("%u", static_cast<unsigned int>(auto_delete)),
-              Format("%u", static_cast<unsigned int>(ftp_poll_rate)),
-              config.GetAttributeString("ftp-mode", "passive")});
+  rootdir = watch_directory.emplace().Path();
+  helper.emplace("FTP", std::vector<std::string>{
+                            helper_path_, attributes.path, attributes.subdir, attributes.username,
+                            attributes.password, rootdir,
+                            Format("%u", static_cast<unsigned int>(attributes.auto_delete)),
+                            Format("%u", static_cast<unsigned int>(attributes.ftp_poll_rate)),
+                            attributes.ftp_mode});
 }
 
 void InputDirectory::Impl::Process() {
-  const std::string dirpath = AddTrailingSlash(rootdir) + AddTrailingSlash(subdir);
-  if (IsRemote()) {
+  const std::string dirpath = AddTrailingSlash(rootdir) + AddTrailingSlash(attributes.subdir);
+  if (attributes.IsCifs() || attributes.IsFtp()) {
     CheckAvailability(dirpath);
   }
-  all_file_names = Directory(dirpath).GetFileNames();
-  if (type == "local") {
-    available = true;
+  files.names = Directory(dirpath).GetFileNames();
+  if (attributes.IsLocal()) {
+    availability.available = true;
   }
   if (file_parser != nullptr) {
-    IndexFiles(dirpath);
+    files.Update(dirpath, *file_parser, attributes.preview != 0 && attributes.IsLocal());
   }
-  ForgetVanishedFiles();
-  if (available) {
+  files.ForgetVanished();
+  if (availability.available) {
     // Files that were there before the directory first became available are known by now, but
     // were not queued: old messages are not announced.
-    first_pass = false;
+    files.first_pass = false;
   }
-  if (dir_mode == "cache") {
+  if (attributes.IsCache()) {
     ProcessCacheQueue(dirpath);
     return;
   }
-  while (active_message_id == 0 && !updated_file_names.empty()) {
+  while (message.id == 0 && !files.queued.empty()) {
     TakeMessage(dirpath);
   }
 }
 
-// A remote directory delivers updates as long as its helper rewrites the timestamp file with new
-// content. A missing or unreadable file, whose checksum is 0, is no update.
-void InputDirectory::Impl::CheckAvailability(const std::string& dirpath) {
-  const uint16_t crc = FileCRC(dirpath + ".helper.timestamp");
-  const time_t now = time(nullptr);
-  if (crc != 0 && (last_timestamp_file_update == 0 || crc != timestamp_file_crc)) {
-    last_timestamp_file_update = now;
-    timestamp_file_crc = crc;
-    if (!available) {
-      Debug(kDebugNormal, "Directory %s is receiving updates", dirpath.c_str());
-      available = true;
-    }
-  }
-  const time_t timeout = kUpdateTimeout + (type == "ftp" ? time_t{ftp_poll_rate} : 0);
-  if (available && now - last_timestamp_file_update > timeout) {
-    Debug(kDebugNormal, "Directory %s is no longer receiving updates", dirpath.c_str());
-    available = false;
-  }
-}
-
-// Names and known files are both in byte order, so the files are found by one merge, and the path
-// is built in one place: with thousands of files, look-ups and heap requests for each would cost
-// more than their reading.
-void InputDirectory::Impl::IndexFiles(const std::string& dirpath) {
-  std::string path = dirpath;
-  auto known = file_map.begin();
-  for (const std::string& name : all_file_names) {
-    path.replace(dirpath.size(), std::string::npos, name);
-    IndexFile(path, name, known);
-  }
-}
-
-// Notes the file's checksum and queues it if its text is new or has changed. known is moved on to
-// the file's entry, or to where it would stand. REQUIRES: known is not past that.
-void InputDirectory::Impl::IndexFile(const std::string& path, const std::string& name,
-                                     FileMap::iterator& known) {
-  std::string text;
-  try {
-    text = file_parser->ParseFile(path);
-  } catch (const std::string& e) {
-    Debug(kDebugNormal, "Indexing %s", e.c_str());
-    return;
-  }
-  const uint16_t new_crc = CRC(0, reinterpret_cast<const uint8_t*>(text.data()), text.size());
-  int order = -1;
-  while (known != file_map.end() && (order = known->first.compare(name)) < 0) {
-    ++known;
-  }
-  const bool is_known = known != file_map.end() && order == 0;
-  if (is_known && known->second == new_crc && (preview == 0 || type != "local")) {
-    return;
-  }
-  // Made first: a file that is noted as known but not queued, for lack of memory, would be lost.
-  std::list<std::string> queued;
-  if (!first_pass && !text.empty()) {
-    queued.push_back(name);
-  }
-  if (is_known) {
-    Debug(kDebugNormal, "Updating %s in file_map", name.c_str());
-    known->second = new_crc;
-  } else {
-    Debug(kDebugNormal, "Adding %s %u to file_map", name.c_str(), unsigned{new_crc});
-    known = file_map.emplace_hint(known, name, new_crc);
-  }
-  updated_file_names.splice(updated_file_names.end(), queued);
-}
-
-void InputDirectory::Impl::ForgetVanishedFiles() {
-  auto name = all_file_names.begin();
-  for (auto known = file_map.begin(); known != file_map.end();) {
-    while (name != all_file_names.end() && *name < known->first) {
-      ++name;
-    }
-    if (name != all_file_names.end() && *name == known->first) {
-      ++known;
-    } else {
-      Debug(kDebugTrace, "Erasing %s from file_map", known->first.c_str());
-      known = file_map.erase(known);
-    }
-  }
+void InputDirectory::Impl::CheckAvailability(const std::string& dirpath_) {
+  const time_t poll_rate = attributes.IsFtp() ? attributes.ftp_poll_rate : 0;
+  availability.Check(dirpath_, kUpdateTimeout + poll_rate);
 }
 
 // In cache mode nothing is spoken; what arrives is kept in the last-played directory, or dropped.
-void InputDirectory::Impl::ProcessCacheQueue(const std::string& dirpath) {
-  while (!updated_file_names.empty()) {
-    const std::string& name = updated_file_names.front();
-    if (last_played_path.empty()) {
-      RemoveFile(dirpath + name);
+void InputDirectory::Impl::ProcessCacheQueue(const std::string& dirpath_) {
+  while (!files.queued.empty()) {
+    const std::string& name = files.queued.front();
+    if (attributes.last_played_path.empty()) {
+      RemoveFile(dirpath_ + name);
     } else {
-      CopyToLastPlayed(dirpath + name, name);
+      CopyToLastPlayed(dirpath_ + name, name);
     }
-    updated_file_names.pop_front();
+    files.queued.pop_front();
   }
 }
 
 // Consumes the front of the queue. It becomes the active message if it has words.
-void InputDirectory::Impl::TakeMessage(const std::string& dirpath) {
-  std::string name = updated_file_names.front();
-  const std::string path = dirpath + name;
-  if (ParseMessage(path) && IsDebugEnabled(kDebugTrace)) {
-    Debug(kDebugTrace, "From %s: %s", path.c_str(), WordsToString(active_message_words).c_str());
-  }
+void InputDirectory::Impl::TakeMessage(const std::string& dirpath_) {
+  std::string name = files.queued.front();
+  const std::string path = dirpath_ + name;
+  ReadMessage(path);
   if (!DisposeOfMessageFile(path, name)) {
-    // It would come back with the next change or restart: better unheard than heard for ever.
-    active_message_words.clear();
+    // Drop it: it could not be removed and would be spoken again and again.
+    message.words.clear();
   }
-  // Nothing from here on needs memory: the file is gone, and its message must not be lost.
-  if (active_message_words.empty()) {
-    StopMessage();  // Gives back what the text took.
+  if (message.words.empty()) {
+    message.Stop();
   } else {
-    active_message_first_play = true;
-    active_message_id = ++last_message_id;
-    active_message_filename.swap(name);
-    active_message_plays = 0;
-    active_message_position = 0;
+    message.Begin(name);
   }
-  updated_file_names.pop_front();
+  files.queued.pop_front();
 }
 
-// Makes active_message_words the words of the file. False if the parser throws; no words then.
-bool InputDirectory::Impl::ParseMessage(const std::string& path) {
-  active_message_words.clear();
+// Makes the words of the file those of the message; none if the parser throws.
+void InputDirectory::Impl::ReadMessage(const std::string& path_) {
+  message.words.clear();
   std::string text;
   if (file_parser != nullptr) {
     try {
-      text = file_parser->ParseFile(path);
+      text = file_parser->ParseFile(path_);
     } catch (const std::string& e) {
-      Debug(kDebugTrace, "Processing %s: %s", path.c_str(), e.c_str());
-      return false;
+      Debug(kDebugTrace, "Processing %s: %s", path_.c_str(), e.c_str());
+      return;
     }
     Debug(kDebugTrace, "Parser returned: \"%s\"", text.c_str());
   }
-  active_message_text =
-      ToValidUtf8(std::move(text), kDebugTrace, "Re-encoding invalid parser output to UTF-8");
-  active_message_words = SplitIntoWords(active_message_text);
-  return true;
+  message.SetText(std::move(text));
+  if (IsDebugEnabled(kDebugTrace)) {
+    Debug(kDebugTrace, "From %s: %s", path_.c_str(), WordsToString(message.words).c_str());
+  }
 }
 
 // Removes a taken file, or copies it to the last-played directory, which then holds it alone.
 // Without a last-played directory the file goes whatever auto-delete says.
 // False if the file should be gone and is not.
-bool InputDirectory::Impl::DisposeOfMessageFile(const std::string& path, const std::string& name) {
-  if (last_played_path.empty()) {
-    return RemoveFile(path);
+bool InputDirectory::Impl::DisposeOfMessageFile(const std::string& path_,
+                                                const std::string& name_) const {
+  if (attributes.last_played_path.empty()) {
+    return RemoveFile(path_);
   }
-  RunShell("rm " + last_played_path + "/* > /dev/null 2>&1");
-  CopyToLastPlayed(path, name);
-  return auto_delete == 0 || RemoveFile(path);
+  RunShell("rm " + attributes.last_played_path + "/* > /dev/null 2>&1");
+  CopyToLastPlayed(path_, name_);
+  return attributes.auto_delete == 0 || RemoveFile(path_);
 }
 
-bool InputDirectory::Impl::RemoveFile(const std::string& path) const {
-  if (unlink(path.c_str()) == 0) {
-    return true;
-  }
-  Debug(kDebugNormal, "Could not remove %s", path.c_str());
-  return false;
+void InputDirectory::Impl::CopyToLastPlayed(const std::string& path_,
+                                            const std::string& name_) const {
+  RunShell("cp " + path_ + " " + AddTrailingSlash(attributes.last_played_path) + name_);
 }
 
-void InputDirectory::Impl::CopyToLastPlayed(const std::string& path,
-                                            const std::string& name) const {
-  RunShell("cp " + path + " " + AddTrailingSlash(last_played_path) + name);
-}
-
-std::list<std::string> InputDirectory::Impl::GetWords() {
-  std::list<std::string> snippet;
-  if (active_message_words.empty()) {
-    active_message_first_play = false;
-    StopMessage();
-    return snippet;
-  }
-  // Looked at after a word was taken: even a limit of 0 or less makes progress.
-  const int64_t limit = text_snippet_word_limit;
-  const int64_t stretched_limit = 2 * limit;
-  bool ended = false;
-  size_t position = active_message_position;
-  while (!ended && position < active_message_words.size()) {
-    snippet.emplace_back(active_message_words[position++]);
-    const int64_t taken = static_cast<int64_t>(snippet.size());
-    ended = taken > limit && (taken >= stretched_limit || EndsSnippet(snippet.back()));
-  }
-  active_message_first_play = false;
-  active_message_position = position;
-  if (active_message_position == active_message_words.size()) {
-    ++active_message_plays;
-    if (active_message_plays < loops) {
-      RestartMessage();
-    } else {
-      StopMessage();
-    }
-  }
-  return snippet;
-}
-
-void InputDirectory::Impl::RestartMessage() { active_message_position = 0; }
-
-void InputDirectory::Impl::StopMessage() {
-  active_message_id = 0;
-  active_message_filename.clear();
-  active_message_plays = 0;
-  // With their memory: the words of a long message take half a megabyte, in each directory.
-  std::vector<std::string_view>().swap(active_message_words);
-  std::string().swap(active_message_text);
-  active_message_position = 0;
-}
-
-// In cache mode the queue is empty after every scan; what was kept is counted instead.
+// In cache mode the queue is empty after every scan; the copies that were kept are counted instead.
 int InputDirectory::Impl::CountUpdatedFiles() const {
-  if (dir_mode != "cache") {
-    return static_cast<int>(updated_file_names.size());
+  if (!attributes.IsCache()) {
+    return static_cast<int>(files.queued.size());
   }
-  return last_played_path.empty() ? 0 : Directory(last_played_path).GetFileCountLocked();
+  return attributes.last_played_path.empty()
+             ? 0
+             : Directory(attributes.last_played_path).GetFileCountLocked();
 }
 
 InputDirectory::InputDirectory(const XMLElement& element_,
@@ -554,56 +625,56 @@ bool InputDirectory::IsIdentical(const XMLElement& element_) const {
 
 void InputDirectory::Process() { impl->Process(); }
 
-std::list<std::string> InputDirectory::GetWords() { return impl->GetWords(); }
+std::list<std::string> InputDirectory::GetWords() {
+  return impl->message.TakeSnippet(impl->text_snippet_word_limit, impl->attributes.loops);
+}
 
-void InputDirectory::RestartMessage() { impl->RestartMessage(); }
+void InputDirectory::RestartMessage() { impl->message.Restart(); }
 
-void InputDirectory::StopMessage() { impl->StopMessage(); }
+void InputDirectory::StopMessage() { impl->message.Stop(); }
 
-bool InputDirectory::FirstPlayOfActiveMessage() const { return impl->active_message_first_play; }
+bool InputDirectory::FirstPlayOfActiveMessage() const { return impl->message.first_play; }
 
 XMLElement* InputDirectory::GetStatus() const {
   auto status = std::make_unique<XMLElement>("directory");
-  status->SetAttributeString("id", impl->id);
-  status->SetAttributeString("status", impl->available ? "1" : "0");
+  status->SetAttributeString("id", impl->attributes.id);
+  status->SetAttributeString("status", impl->availability.available ? "1" : "0");
   status->SetAttributeString("path", impl->rootdir);
-  status->SetAttributeInteger("total-file-count", static_cast<int>(impl->all_file_names.size()));
+  status->SetAttributeInteger("total-file-count", static_cast<int>(impl->files.names.size()));
   status->SetAttributeInteger("updated-file-count", impl->CountUpdatedFiles());
-  if (impl->active_message_id != 0) {
+  if (impl->message.id != 0) {
     auto* message = new XMLElement("message");
     status->AddChild(message);
-    message->SetAttributeInteger("id", impl->active_message_id);
-    message->SetAttributeString("filename", impl->active_message_filename);
-    message->SetAttributeInteger("plays", impl->active_message_plays);
+    message->SetAttributeInteger("id", impl->message.id);
+    message->SetAttributeString("filename", impl->message.filename);
+    message->SetAttributeInteger("plays", impl->message.plays);
   }
   return status.release();
 }
 
-int InputDirectory::GetPriority() const { return impl->priority; }
+int InputDirectory::GetPriority() const { return impl->attributes.priority; }
 
-int InputDirectory::GetActiveMessageID() const { return impl->active_message_id; }
+int InputDirectory::GetActiveMessageID() const { return impl->message.id; }
 
-std::string InputDirectory::GetActiveMessageFilename() const {
-  return impl->active_message_filename;
-}
+std::string InputDirectory::GetActiveMessageFilename() const { return impl->message.filename; }
 
-std::string InputDirectory::GetDisplayId() const { return impl->display_id; }
+std::string InputDirectory::GetDisplayId() const { return impl->attributes.display_id; }
 
-std::string InputDirectory::GetTranslatorArguments() const { return impl->conv_opts; }
+std::string InputDirectory::GetTranslatorArguments() const { return impl->attributes.conv_opts; }
 
-int InputDirectory::GetPreview() const { return impl->preview; }
+int InputDirectory::GetPreview() const { return impl->attributes.preview; }
 
-std::string InputDirectory::GetLastPlayedPath() const { return impl->last_played_path; }
+std::string InputDirectory::GetLastPlayedPath() const { return impl->attributes.last_played_path; }
 
-std::string InputDirectory::GetBumperPath() const { return impl->bumper_path; }
+std::string InputDirectory::GetBumperPath() const { return impl->attributes.bumper_path; }
 
-std::string InputDirectory::GetSpacerPath() const { return impl->spacer_path; }
+std::string InputDirectory::GetSpacerPath() const { return impl->attributes.spacer_path; }
 
-std::string InputDirectory::GetSilencePath() const { return impl->silence_path; }
+std::string InputDirectory::GetSilencePath() const { return impl->attributes.silence_path; }
 
-std::string InputDirectory::GetParserID() const { return impl->parser_id; }
+std::string InputDirectory::GetParserID() const { return impl->attributes.parser_id; }
 
-std::string InputDirectory::GetEncoding() const { return impl->encoding; }
+std::string InputDirectory::GetEncoding() const { return impl->attributes.encoding; }
 
 void InputDirectory::SetFileParser(const FileParser* file_parser_) {
   impl->file_parser = file_parser_;

@@ -116,25 +116,6 @@ struct XMLElement::Impl {
   XMLElement* next_sibling = nullptr;
 };
 
-namespace {
-
-template <typename Attribute>
-bool IsNameLess(const Attribute& a, const Attribute& b) {
-  return a.name < b.name;
-}
-
-template <typename Attribute>
-bool IsSameName(const Attribute& a, const Attribute& b) {
-  return a.name == b.name;
-}
-
-template <typename Attribute>
-bool IsSame(const Attribute& a, const Attribute& b) {
-  return a.name == b.name && a.value == b.value;
-}
-
-}  // namespace
-
 XMLElement::Impl::Impl(std::unique_ptr<Pool> pool_, const char* name_, const char** attrs_)
     : own_pool(std::move(pool_)),
       pool(*own_pool),
@@ -169,10 +150,12 @@ void XMLElement::Impl::ReadAttributes(const char** attrs_) {
   for (size_t i = 0; i < count; ++i) {
     attrs.push_back({Keep(attrs_[2 * i]), Keep(attrs_[2 * i + 1])});
   }
-  if (!std::is_sorted(attrs.begin(), attrs.end(), IsNameLess<Attribute>)) {
-    std::stable_sort(attrs.begin(), attrs.end(), IsNameLess<Attribute>);
+  const auto is_less = [](const Attribute& a, const Attribute& b) { return a.name < b.name; };
+  const auto is_same = [](const Attribute& a, const Attribute& b) { return a.name == b.name; };
+  if (!std::is_sorted(attrs.begin(), attrs.end(), is_less)) {
+    std::stable_sort(attrs.begin(), attrs.end(), is_less);
   }
-  attrs.erase(std::unique(attrs.begin(), attrs.end(), IsSameName<Attribute>), attrs.end());
+  attrs.erase(std::unique(attrs.begin(), attrs.end(), is_same), attrs.end());
 }
 
 // Elements have few attributes: to walk along them is faster than any search.
@@ -273,8 +256,11 @@ XMLElement& XMLElement::operator=(const XMLElement& rhs_) {
 bool XMLElement::operator==(const XMLElement& rhs_) const {
   const auto& attrs = impl->attrs;
   const auto& rhs_attrs = rhs_.impl->attrs;
-  return impl->name == rhs_.impl->name && std::equal(attrs.begin(), attrs.end(), rhs_attrs.begin(),
-                                                     rhs_attrs.end(), IsSame<Impl::Attribute>);
+  const auto is_same = [](const Impl::Attribute& a, const Impl::Attribute& b) {
+    return a.name == b.name && a.value == b.value;
+  };
+  return impl->name == rhs_.impl->name &&
+         std::equal(attrs.begin(), attrs.end(), rhs_attrs.begin(), rhs_attrs.end(), is_same);
 }
 
 void XMLElement::AddChild(XMLElement* child_) {
@@ -383,30 +369,29 @@ struct XMLDocument::Impl {
   void Load(const std::string& path);
   const char* Prepare(std::string& text) const;
   void Parse(const char* expat_encoding, const std::string& text);
-  size_t IncompleteBytes(size_t fed) const;
-  void Feed(const char* data, size_t length);
-  void ReportError(XML_Error code);
+  void Feed(XML_Parser parser, const char* data, size_t length);
+  void ReportError(XML_Parser parser, XML_Error code);
 
   void StartElement(const char* name_, const char** atts_);
   void EndElement(const char* name_);
   void CharacterData(const char* s_, int len_);
 
-  // What expat calls, with the user data's Impl; they forward to the operations above.
-  static void start_element_handler(void* impl, const char* name, const char** atts);
-  static void end_element_handler(void* impl, const char* name);
-  static void character_data_handler(void* impl, const char* s, int len);
-  template <typename Body>
-  void Guard(Body body);
+  // expat calls these with the parser, whose user data is the Impl; they forward to the operations
+  // above.
+  static void start_element_handler(void* parser, const char* name, const char** atts);
+  static void end_element_handler(void* parser, const char* name);
+  static void character_data_handler(void* parser, const char* s, int len);
+  template <typename... Parameters, typename... Arguments>
+  static void Forward(void* parser, void (Impl::*operation)(Parameters...), Arguments... arguments);
 
   XMLElement* root = nullptr;
   size_t tree_limit = 0;       // Bytes.
   XMLElement* last = nullptr;  // The innermost open element.
   std::string encoding;
   bool valid_xml = true;
-  std::string error;            // What made valid_xml false.
-  XML_Parser parser = nullptr;  // While parsing.
-  bool out_of_memory = false;   // A handler found no memory for the tree.
-  std::exception_ptr failure;   // Thrown in a handler, to be thrown again outside expat.
+  std::string error;           // Why valid_xml is false.
+  bool out_of_memory = false;  // A handler found no memory for the tree.
+  std::exception_ptr failure;  // Thrown in a handler, to be thrown again outside expat.
 };
 
 namespace {
@@ -443,6 +428,12 @@ SetReparseDeferral FindSetReparseDeferral() {
   return function;
 }
 
+// How many of the bytes fed so far belong to a token that is incomplete.
+size_t IncompleteBytes(XML_Parser parser, size_t fed) {
+  const XML_Index token_start = XML_GetCurrentByteIndex(parser);  // -1 before the first token.
+  return token_start < 0 ? fed : fed - static_cast<size_t>(token_start);
+}
+
 }  // namespace
 
 void XMLDocument::Impl::Load(const std::string& path) {
@@ -471,45 +462,40 @@ void XMLDocument::Impl::Parse(const char* expat_encoding, const std::string& tex
   if (!handle) {
     throw std::bad_alloc();
   }
-  parser = handle.get();
+  XML_Parser const parser = handle.get();
   XML_SetUserData(parser, this);
+  XML_UseParserAsHandlerArg(parser);
   XML_SetElementHandler(parser, start_element_handler, end_element_handler);
   XML_SetCharacterDataHandler(parser, character_data_handler);
   const SetReparseDeferral set_reparse_deferral = FindSetReparseDeferral();
   size_t fed = 0;
   while (valid_xml && fed < text.size()) {
     // Without deferral an incomplete token gets as many bytes more as it has already.
-    const size_t wanted = set_reparse_deferral == nullptr ? IncompleteBytes(fed) : 0;
+    const size_t wanted = set_reparse_deferral == nullptr ? IncompleteBytes(parser, fed) : 0;
     const size_t length = std::min(std::max(kFeedBytes, wanted), text.size() - fed);
     if (set_reparse_deferral != nullptr && fed + length == text.size()) {
       set_reparse_deferral(parser, XML_FALSE);
     }
-    Feed(text.data() + fed, length);
+    Feed(parser, text.data() + fed, length);
     fed += length;
   }
 }
 
-// How many of the bytes fed so far belong to a token that is incomplete.
-size_t XMLDocument::Impl::IncompleteBytes(size_t fed) const {
-  const XML_Index token_start = XML_GetCurrentByteIndex(parser);  // -1 before the first token.
-  return token_start < 0 ? fed : fed - static_cast<size_t>(token_start);
-}
-
 // No feed is marked as the final one: a document that merely ends early is accepted, so that what
 // came of it can be used.
-void XMLDocument::Impl::Feed(const char* data, size_t length) {
+void XMLDocument::Impl::Feed(XML_Parser parser, const char* data, size_t length) {
   const XML_Status status = XML_Parse(parser, data, static_cast<int>(length), XML_FALSE);
   if (failure) {
     std::rethrow_exception(failure);
   }
   if (out_of_memory) {
-    ReportError(XML_ERROR_NO_MEMORY);
+    ReportError(parser, XML_ERROR_NO_MEMORY);
   } else if (status != XML_STATUS_OK) {
-    ReportError(XML_GetErrorCode(parser));
+    ReportError(parser, XML_GetErrorCode(parser));
   }
 }
 
-void XMLDocument::Impl::ReportError(XML_Error code) {
+void XMLDocument::Impl::ReportError(XML_Parser parser, XML_Error code) {
   valid_xml = false;
   error = Logged(Format("%s at line %d", XML_ErrorString(code),
                         static_cast<int>(XML_GetCurrentLineNumber(parser))));
@@ -539,37 +525,36 @@ void XMLDocument::Impl::CharacterData(const char* s_, int len_) {
   }
 }
 
-// Runs the body of a handler. expat's frames are C and cannot be unwound, so the body's exception
-// is kept, and parsing is stopped; the handlers that expat still calls then do nothing.
-template <typename Body>
-void XMLDocument::Impl::Guard(Body body) {
-  if (failure || out_of_memory) {
+// Calls an operation of the parser's document. expat's frames are C and cannot be unwound, so an
+// exception is kept, and parsing is stopped; the handlers that expat still calls then do nothing.
+template <typename... Parameters, typename... Arguments>
+void XMLDocument::Impl::Forward(void* parser, void (Impl::*operation)(Parameters...),
+                                Arguments... arguments) {
+  auto* const self = static_cast<Impl*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
+  if (self->failure || self->out_of_memory) {
     return;
   }
   try {
-    body();
+    (self->*operation)(arguments...);
+    return;
   } catch (const std::bad_alloc&) {
-    out_of_memory = true;
-    XML_StopParser(parser, XML_FALSE);
+    self->out_of_memory = true;
   } catch (...) {
-    failure = std::current_exception();
-    XML_StopParser(parser, XML_FALSE);
+    self->failure = std::current_exception();
   }
+  XML_StopParser(static_cast<XML_Parser>(parser), XML_FALSE);
 }
 
-void XMLDocument::Impl::start_element_handler(void* impl, const char* name, const char** atts) {
-  Impl* const self = static_cast<Impl*>(impl);
-  self->Guard([=] { self->StartElement(name, atts); });
+void XMLDocument::Impl::start_element_handler(void* parser, const char* name, const char** atts) {
+  Forward(parser, &Impl::StartElement, name, atts);
 }
 
-void XMLDocument::Impl::end_element_handler(void* impl, const char* name) {
-  Impl* const self = static_cast<Impl*>(impl);
-  self->Guard([=] { self->EndElement(name); });
+void XMLDocument::Impl::end_element_handler(void* parser, const char* name) {
+  Forward(parser, &Impl::EndElement, name);
 }
 
-void XMLDocument::Impl::character_data_handler(void* impl, const char* s, int len) {
-  Impl* const self = static_cast<Impl*>(impl);
-  self->Guard([=] { self->CharacterData(s, len); });
+void XMLDocument::Impl::character_data_handler(void* parser, const char* s, int len) {
+  Forward(parser, &Impl::CharacterData, s, len);
 }
 
 XMLDocument::XMLDocument(const std::string& path_, const std::string& encoding_) {

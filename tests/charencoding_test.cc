@@ -174,22 +174,4 @@ TEST(Utf8Test, KeepsZeroBytes) {
   EXPECT_EQ(std::string("a\0b\uFFFD\0", 7), Utf8ReplaceInvalid(text));
 }
 
-TEST(Utf8FindWordsTest, FindsNoneWhereThereAreNone) {
-  for (const std::string_view text :
-       {std::string_view(), std::string_view(" \n\0", 3), std::string_view(".")}) {
-    EXPECT_THAT(Utf8FindWords(text), testing::IsEmpty()) << text;
-  }
-}
-
-TEST(Utf8FindWordsTest, WordsAreRangesOfTheTextWhateverTheirLength) {
-  const std::string text = "Go, " + std::string(70000, 'x') + "\u2026! On";
-  const std::vector<std::string_view> words = Utf8FindWords(text);
-  ASSERT_EQ(3U, words.size());
-  EXPECT_EQ("Go,", words[0]);
-  EXPECT_EQ(text.substr(4, 70004), words[1]);
-  EXPECT_EQ("On", words[2]);
-  EXPECT_EQ(text.data(), words[0].data());
-  EXPECT_EQ(text.data() + 4, words[1].data());
-}
-
 }  // namespace

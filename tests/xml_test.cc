@@ -26,7 +26,7 @@ struct Expat {
   std::vector<std::string> started;  // Elements that it has delivered.
   XML_StartElementHandler start = nullptr;
   XML_EndElementHandler end = nullptr;
-  std::function<void(void* user_data)> script;
+  std::function<void(XML_Parser parser)> script;
   std::string astray_at;  // The start of this element is followed by the ends of too many.
   bool out_of_memory = false;
 };
@@ -73,7 +73,7 @@ XML_Status XML_Parse(XML_Parser parser, const char* data, int length, int is_fin
   expat.feeds.push_back(length);
   expat.final_feeds += is_final != 0 ? 1 : 0;
   if (expat.script) {
-    expat.script(XML_GetUserData(parser));
+    expat.script(parser);
     return XML_STATUS_OK;
   }
   static const auto original = Original(XML_Parse, "XML_Parse");
