@@ -162,6 +162,19 @@ std::string CreateTemporaryFile(const char* prefix_) {
   return path;
 }
 
+bool WriteWhole(int fd_, const std::string& text_) {
+  size_t written = 0;
+  while (written < text_.size()) {
+    const ssize_t count = write(fd_, text_.data() + written, text_.size() - written);
+    if (count > 0) {
+      written += static_cast<size_t>(count);
+    } else if (count == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
 InputFile::InputFile(const std::string& path_) : fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC)) {}
 
 InputFile::~InputFile() {

@@ -51,6 +51,10 @@ std::string CreateTemporaryDirectory(const char* prefix_);
 // Throws a string on failure.
 std::string CreateTemporaryFile(const char* prefix_);
 
+// Writes the text, in one system call if the file takes it so. False if not all of it could be
+// written; errno tells why.
+bool WriteWhole(int fd_, const std::string& text_);
+
 // A file opened for reading, closed with the object and on exec.
 class InputFile {
  public:

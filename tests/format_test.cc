@@ -518,7 +518,21 @@ TEST_F(CreateTemporaryTest, FailsIfThePrefixCutsTheTemplate) {
   }
 }
 
-// --- InputFile ---
+// --- Files ---
+
+TEST(WriteWholeTest, TellsThatNotAllCouldBeWritten) {
+  int ends[2];
+  ASSERT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+  EXPECT_TRUE(WriteWhole(ends[1], ""));
+  EXPECT_TRUE(WriteWhole(ends[1], std::string("a\0b", 3)));
+  char text[10] = "";
+  EXPECT_EQ(3, read(ends[0], text, sizeof(text)));
+  EXPECT_EQ(std::string("a\0b", 3), std::string(text, 3));
+  EXPECT_FALSE(WriteWhole(ends[1], std::string(1 << 20, 'x')));
+  EXPECT_EQ(EAGAIN, errno);
+  close(ends[0]);
+  close(ends[1]);
+}
 
 std::string ReadAll(InputFile* file, size_t block_size) {
   std::string content;

@@ -1,6 +1,25 @@
 #include "textfileparser.h"
 
+#include <dlfcn.h>
+
 #include "test_util.h"
+
+namespace {
+
+std::vector<size_t> writes_to_stdout;  // Bytes of each, without those of the buffered stream.
+
+}  // namespace
+
+// Stands before the C library's function of that name.
+ssize_t write(int fd, const void* data, size_t size) {
+  static const auto real =
+      reinterpret_cast<ssize_t (*)(int, const void*, size_t)>(dlsym(RTLD_NEXT, "write"));
+  const ssize_t written = real(fd, data, size);
+  if (fd == STDOUT_FILENO) {
+    writes_to_stdout.push_back(static_cast<size_t>(written));
+  }
+  return written;
+}
 
 namespace {
 
@@ -117,6 +136,20 @@ TEST_F(TextFileParserTest, DumpsBeforeItReturns) {
     EXPECT_EQ(0, system("echo child"));  // Its output comes second.
   };
   EXPECT_EQ("0xef 0xbf 0xbd \n\rchild\n", OutputOf(parse_and_run));
+}
+
+TEST_F(TextFileParserTest, DumpsInOneWriteBehindWhatStandardOutputHolds) {
+  directory_.Write("message", std::string(65533, 'a') + "\xFF");
+  const std::string dump = Repeated(65533, "0x61 ") + "0xef 0xbf 0xbd \n\r";
+  writes_to_stdout.clear();
+  const auto print_and_parse = [&] {
+    printf("before ");
+    SetDebugMask(0);
+    TextFileParser("utf8").ParseFile(path_);
+    SetDebugMask(kDebugDefault);
+  };
+  EXPECT_EQ("before " + dump, OutputOf(print_and_parse));
+  EXPECT_THAT(writes_to_stdout, testing::ElementsAre(dump.size()));
 }
 
 TEST_F(TextFileParserTest, LogsInTheNormalClassUnlessItIsAboutUtf16) {
