@@ -8,8 +8,11 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <limits>
 
 #include "debug.h"
 #include "safe_strncpycat.h"
@@ -175,7 +178,21 @@ bool WriteWhole(int fd_, const std::string& text_) {
   return true;
 }
 
-InputFile::InputFile(const std::string& path_) : fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC)) {}
+InputFile::InputFile(const std::string& path_)
+    : fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+  struct stat status {};
+  if (!IsOpen()) {
+    return;
+  }
+  if (fstat(fd, &status) < 0 || !S_ISREG(status.st_mode)) {
+    close(fd);
+    fd = -1;
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    return;
+  }
+  // Files that the kernel makes up have no size; these are read until they end.
+  unread = status.st_size > 0 ? status.st_size : std::numeric_limits<off_t>::max();
+}
 
 InputFile::~InputFile() {
   if (fd >= 0) {
@@ -185,9 +202,10 @@ InputFile::~InputFile() {
 
 size_t InputFile::Read(void* buffer_, size_t size_) {
   char* const buffer = static_cast<char*>(buffer_);
+  const size_t limit = unread < static_cast<off_t>(size_) ? static_cast<size_t>(unread) : size_;
   size_t length = 0;
-  while (IsOpen() && length < size_) {
-    const ssize_t count = read(fd, buffer + length, size_ - length);
+  while (IsOpen() && length < limit) {
+    const ssize_t count = read(fd, buffer + length, limit - length);
     if (count < 0 && errno == EINTR) {
       continue;
     }
@@ -196,5 +214,6 @@ size_t InputFile::Read(void* buffer_, size_t size_) {
     }
     length += static_cast<size_t>(count);
   }
+  unread -= static_cast<off_t>(length);
   return length;
 }

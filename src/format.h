@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <sys/types.h>
 
 #include <list>
 #include <string>
@@ -55,9 +56,11 @@ std::string CreateTemporaryFile(const char* prefix_);
 // written; errno tells why.
 bool WriteWhole(int fd_, const std::string& text_);
 
-// A file opened for reading, closed with the object and on exec.
+// A regular file opened for reading, closed with the object and on exec. Anything else, such as a
+// FIFO, whose writer would have to be waited for, or a device without an end, cannot be opened.
 class InputFile {
  public:
+  // If the file cannot be opened, errno tells why.
   explicit InputFile(const std::string& path_);
   ~InputFile();
 
@@ -68,8 +71,12 @@ class InputFile {
 
   // Reads up to size_ bytes and returns their number, less than size_ only at the end of the
   // file or after an error. 0 if the file is not open.
+  //
+  // The file ends where it did when it was opened, even if it grows: that saves the read that
+  // would find the end.
   size_t Read(void* buffer_, size_t size_);
 
  private:
   int fd;
+  off_t unread = 0;  // Bytes up to the end of the file; more if the end is not known.
 };

@@ -84,9 +84,13 @@ TEST(FileCRCTest, IsZeroForAnEmptyAndForAMissingFile) {
   EXPECT_EQ("", LogOf([&] { EXPECT_EQ(0, FileCRC(directory / "missing")); }, kDebugAvailable));
 }
 
-TEST(FileCRCTest, IsZeroForADirectory) {
+TEST(FileCRCTest, IsZeroForWhatIsNoRegularFile) {
   const TemporaryDirectory directory;
-  EXPECT_EQ("", LogOf([&] { EXPECT_EQ(0, FileCRC(directory.path())); }, kDebugAvailable));
+  const std::string fifo = directory / "fifo";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  for (const std::string& path : {directory.path(), fifo, std::string("/dev/zero")}) {
+    EXPECT_EQ("", LogOf([&] { EXPECT_EQ(0, FileCRC(path)); }, kDebugAvailable)) << path;
+  }
 }
 
 TEST(FileCRCTest, TakesTheBytesAsTheyAre) {

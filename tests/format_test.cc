@@ -4,24 +4,27 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/ioctl.h>
+#include <stdint.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <thread>
+#include <utility>
 
 #include "test_util.h"
 
 namespace {
 
 bool processes_can_start = true;
+size_t read_piece = SIZE_MAX;  // No read() gives more bytes.
+int read_interruptions = 0;    // So many fail with EINTR first.
+int reads = 0;                 // Calls of read() so far.
 
 }  // namespace
 
-// Stands before the C library's function of that name.
+// These stand before the C library's functions of their names.
+
 extern "C" int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                            const posix_spawnattr_t* attributes, char* const arguments[],
                            char* const environment[]) {
@@ -31,6 +34,18 @@ extern "C" int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_
   static const auto real =
       reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
   return real(pid, path, actions, attributes, arguments, environment);
+}
+
+ssize_t read(int fd, void* buffer, size_t size) {
+  ++reads;
+  if (read_interruptions > 0) {
+    --read_interruptions;
+    errno = EINTR;
+    return -1;
+  }
+  static const auto real =
+      reinterpret_cast<ssize_t (*)(int, void*, size_t)>(dlsym(RTLD_NEXT, "read"));
+  return real(fd, buffer, std::min(size, read_piece));
 }
 
 namespace {
@@ -555,76 +570,89 @@ TEST(InputFileTest, ReadsAFileInBlocks) {
   }
 }
 
-TEST(InputFileTest, ReadsNothingFromAMissingFileOrADirectory) {
+TEST(InputFileTest, ReadsNothingFromAMissingFile) {
   const TemporaryDirectory directory;
   InputFile missing(directory / "missing");
+  EXPECT_EQ(ENOENT, errno);
   EXPECT_FALSE(missing.IsOpen());
   EXPECT_EQ("", ReadAll(&missing, 10));
-  InputFile itself(directory.path());
-  EXPECT_TRUE(itself.IsOpen());
-  EXPECT_EQ("", ReadAll(&itself, 10));
 }
 
-TEST(InputFileTest, FillsABlockFromAWriterThatDribbles) {
+TEST(InputFileTest, OpensRegularFilesOnly) {
+  const TemporaryDirectory directory;
+  const std::string fifo = directory / "fifo";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  const std::string link = directory / "link";
+  ASSERT_EQ(0, symlink("/dev/zero", link.c_str()));
+  const int writer = open(fifo.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(1, write(writer, "x", 1));
+  const std::pair<std::string, int> rows[] = {{directory.path(), EISDIR},
+                                              {fifo, EINVAL},
+                                              {"/dev/null", EINVAL},
+                                              {"/dev/zero", EINVAL},
+                                              {link, EINVAL}};
+  for (const auto& [path, error] : rows) {
+    const std::vector<int> descriptors = DescriptorsOf(path);
+    InputFile file(path);
+    EXPECT_EQ(error, errno) << path;
+    EXPECT_FALSE(file.IsOpen()) << path;
+    EXPECT_EQ("", ReadAll(&file, 10)) << path;
+    EXPECT_EQ(descriptors, DescriptorsOf(path)) << path;
+  }
+  close(writer);
+}
+
+TEST(InputFileTest, DoesNotWaitForTheWriterOfAFifo) {
   const TemporaryDirectory directory;
   const std::string path = directory / "fifo";
   ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
-  std::thread writer([&path] {
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    for (int i = 0; i < 10; ++i) {
-      EXPECT_EQ(3, write(fd, "abc", 3));
-      usleep(1000);
-    }
-    close(fd);
-  });
-  InputFile file(path);
-  char block[64];
-  EXPECT_EQ(30U, file.Read(block, sizeof(block)));
-  writer.join();
+  EXPECT_FALSE(InputFile(path).IsOpen());
 }
 
-TEST(InputFileTest, PutsWhatIsReadLaterBehindWhatWasReadFirst) {
-  int ends[2];
-  ASSERT_EQ(0, pipe(ends));
-  InputFile file("/proc/self/fd/" + std::to_string(ends[0]));
-  ASSERT_EQ(2, write(ends[1], "ab", 2));
-  std::thread writer([&] {
-    int waiting = 0;
-    while (ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting > 0) {
-      usleep(1000);
-    }
-    EXPECT_EQ(2, write(ends[1], "cd", 2));
-    close(ends[1]);
-  });
-  char buffer[6] = "-----";
-  EXPECT_EQ(4U, file.Read(buffer + 1, 4));
-  EXPECT_STREQ("-abcd", buffer);
-  writer.join();
-  close(ends[0]);
-}
-
-TEST(InputFileTest, ReadsOnInSpiteOfSignals) {
+TEST(InputFileTest, FillsABlockFromSmallReadsInSpiteOfSignals) {
   const TemporaryDirectory directory;
-  const std::string path = directory / "fifo";
-  ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
-  struct sigaction interrupt {};
-  struct sigaction saved {};
-  interrupt.sa_handler = [](int) {};  // No SA_RESTART.
-  sigaction(SIGUSR1, &interrupt, &saved);
-  std::thread writer([&path, reader = pthread_self()] {
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    for (int i = 0; i < 10; ++i) {
-      usleep(2000);
-      pthread_kill(reader, SIGUSR1);
-      EXPECT_EQ(1, write(fd, "x", 1));
-    }
-    close(fd);
-  });
+  const std::string path = directory.Write("file", "0123456789");
   InputFile file(path);
-  char block[64];
-  EXPECT_EQ(10U, file.Read(block, sizeof(block)));
-  writer.join();
-  sigaction(SIGUSR1, &saved, nullptr);
+  read_piece = 3;
+  read_interruptions = 2;
+  char buffer[12] = "-----------";
+  EXPECT_EQ(8U, file.Read(buffer + 1, 8));
+  EXPECT_STREQ("-01234567--", buffer);
+  EXPECT_EQ(2U, file.Read(buffer, 8));
+  EXPECT_STREQ("891234567--", buffer);
+  read_piece = SIZE_MAX;
+}
+
+TEST(InputFileTest, LooksForNoEndBehindTheLastByte) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("file", "0123456789");
+  for (const size_t block_size : {5U, 10U, 11U}) {
+    InputFile file(path);
+    reads = 0;
+    EXPECT_EQ("0123456789", ReadAll(&file, block_size));
+    EXPECT_EQ(block_size == 5 ? 2 : 1, reads) << block_size;
+  }
+}
+
+TEST(InputFileTest, EndsWhereTheFileEndedWhenItWasOpened) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("file", "0123456789");
+  InputFile growing(path);
+  InputFile shrinking(path);
+  directory.Write("file", "0123456789abc");
+  EXPECT_EQ("0123456789", ReadAll(&growing, 20));
+  directory.Write("file", "01234");
+  EXPECT_EQ("01234", ReadAll(&shrinking, 20));
+}
+
+TEST(InputFileTest, ReadsAFileWhoseSizeTheKernelDoesNotTell) {
+  struct stat status {};
+  ASSERT_EQ(0, stat("/proc/self/environ", &status));
+  ASSERT_EQ(0, status.st_size);
+  for (const size_t block_size : {7U, 100000U}) {
+    InputFile file("/proc/self/environ");
+    EXPECT_EQ(ReadFile("/proc/self/environ"), ReadAll(&file, block_size));
+  }
 }
 
 TEST(InputFileTest, KeepsItsDescriptorFromChildrenAndClosesIt) {
@@ -643,7 +671,7 @@ TEST(InputFileTest, ClosesTheDescriptorNumberedZeroToo) {
   const int saved = dup(STDIN_FILENO);
   close(STDIN_FILENO);
   {
-    const InputFile file("/dev/null");
+    const InputFile file("/proc/self/environ");
     EXPECT_NE(-1, fcntl(STDIN_FILENO, F_GETFD));
   }
   EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));

@@ -187,6 +187,12 @@ TEST_F(TextFileParserTest, TakesAnUnreadableFileForAnEmptyOne) {
   EXPECT_EQ(Utf16Log(""), ParseMessage("utf16").log);
   directory_.MakeDirectory("message");
   EXPECT_EQ(ValidLog(""), ParseMessage("utf8").log);
+  ASSERT_EQ(0, rmdir(path_.c_str()));
+  ASSERT_EQ(0, mkfifo(path_.c_str(), 0600));
+  EXPECT_EQ(ValidLog(""), ParseMessage("utf8").log);
+  ASSERT_EQ(0, unlink(path_.c_str()));
+  ASSERT_EQ(0, symlink("/dev/zero", path_.c_str()));
+  EXPECT_EQ(ValidLog(""), ParseMessage("utf8").log);
 }
 
 TEST_F(TextFileParserTest, ClosesTheFile) {

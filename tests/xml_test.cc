@@ -569,10 +569,13 @@ TEST_F(XMLDocumentTest, ThrowsIfTheFileCannotBeOpened) {
                         [&] { const XMLDocument document(path, "utf8"); });
 }
 
-TEST_F(XMLDocumentTest, TakesADirectoryForAnEmptyFile) {
-  const XMLDocument document(directory_.path(), "utf8");
-  EXPECT_TRUE(document.IsValidXML());
-  EXPECT_EQ(nullptr, document.GetRoot());
+TEST_F(XMLDocumentTest, ThrowsForWhatIsNoRegularFile) {
+  const std::string fifo = directory_ / "fifo";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  for (const std::string& path : {directory_.path(), fifo, std::string("/dev/zero")}) {
+    ExpectLoggedAndThrown("Could not open \"" + path + "\" for reading",
+                          [&] { const XMLDocument document(path, "utf8"); });
+  }
 }
 
 TEST_F(XMLDocumentTest, ClosesTheFile) {

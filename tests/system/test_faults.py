@@ -16,7 +16,8 @@ import time
 from pathlib import Path
 
 import pytest
-from daemon import PAUSE, Daemon, crc16, element, locked, program, publish, wait_until, waits_for_lock
+from daemon import (PAUSE, Daemon, crc16, element, is_alive, locked, program, publish, wait_until,
+                    waits_for_lock)
 
 SMALL = 64 * 1024  # Bytes of the file system that fills up.
 
@@ -392,6 +393,26 @@ def test_status_file_in_trouble(make_daemon, obstacle):
     station.end()
 
 
+def test_status_in_a_fifo_without_a_reader(make_daemon):
+    daemon = make_daemon(status="apart")
+    station = Station(daemon)
+    before = daemon.timestamp()
+    hidden = daemon.status_path.with_name("fifo")
+    os.mkfifo(hidden)
+    hidden.rename(daemon.status_path)
+    daemon.wait_log(f'Could not open "{daemon.status_path}" for writing', 2)
+    daemon.drop("a", "m", "spoken without a reader")
+    daemon.wait(lambda: daemon.spoken()[-1][0] == "m", "the message")
+    daemon.status_path.unlink()
+    daemon.wait(lambda: (daemon.timestamp() or 0) > before, "a status")
+    station.say()
+    os.mkfifo(hidden)
+    hidden.rename(daemon.status_path)
+    count = daemon.log().count(f'Could not open "{daemon.status_path}" for writing')
+    daemon.wait_log(f'Could not open "{daemon.status_path}" for writing', count + 2)
+    daemon.stop()
+
+
 @pytest.mark.parametrize("mode", [0o555, 0])
 def test_status_directory_that_may_not_be_written(make_unprivileged, copied_program, mode):
     daemon = make_unprivileged(status="apart")
@@ -488,6 +509,46 @@ def test_file_that_grows_is_taken_as_it_was(make_daemon):
     daemon.wait(lambda: daemon.spoken()[-1][0] == "growing", "the message")
     assert [text for name, text in daemon.spoken() if name == "growing"] == [PAUSE + "one "]
     station.end()
+
+
+OBSTACLES = {
+    "fifo": os.mkfifo,
+    "endless device": lambda path: path.symlink_to("/dev/zero"),
+    "directory": lambda path: path.mkdir(),
+}
+
+
+def put_in_the_way(path, obstacle):
+    """Something that is no regular file takes the place of the file, in one step if it can."""
+    hidden = path.with_name(".obstacle")
+    OBSTACLES[obstacle](hidden)
+    if obstacle == "directory":
+        path.unlink(missing_ok=True)
+    hidden.rename(path)
+
+
+@pytest.mark.core
+@pytest.mark.parametrize("obstacle", OBSTACLES)
+def test_no_regular_file_is_waited_for(make_daemon, obstacle):
+    daemon = make_daemon(glossary=True)
+    daemon.write_glossary(("well", "fine"))
+    daemon.configure(daemon.directory("a"), daemon.directory("r", type="ftp", path="host"))
+    daemon.start()
+    (helper,) = daemon.wait_helper_runs(1)
+    daemon.tell_helpers("quit")
+    daemon.wait(lambda: not is_alive(helper.pid), "the helper's end")
+    put_in_the_way(daemon.input("a") / "m", obstacle)
+    daemon.wait_passes(2)
+    put_in_the_way(helper.watch / ".helper.timestamp", obstacle)
+    daemon.wait_passes(2)
+    # The last glossary that could be read is kept.
+    put_in_the_way(daemon.glossary, obstacle)
+    daemon.wait_passes(2)
+    daemon.drop("a", "n", "all is well")
+    daemon.wait_spoken(("n", PAUSE + "all is fine "))
+    put_in_the_way(daemon.config, obstacle)
+    daemon.wait_log(f'Could not open "{daemon.config}" for reading', 4)
+    daemon.stop()
 
 
 # --- Configuration and glossary ---
