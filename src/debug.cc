@@ -6,23 +6,11 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include "format.h"
+
 namespace {
 
 unsigned int debug_mask = kDebugDefault;
-
-void WriteWhole(const char* data, size_t length) {
-  while (length > 0) {
-    const ssize_t written = write(STDERR_FILENO, data, length);
-    if (written < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return;
-    }
-    data += written;
-    length -= static_cast<size_t>(written);
-  }
-}
 
 // The longest texts that are logged as a rule are those of whole message files, 64 KiB.
 constexpr size_t kLineSize = 72 * 1024;
@@ -38,13 +26,13 @@ __attribute__((format(printf, 1, 0))) void WriteLine(const char* format, va_list
   const size_t length = static_cast<size_t>(result);
   if (result >= 0 && length < sizeof(line)) {
     line[length] = '\n';
-    WriteWhole(line, length + 1);
+    WriteWhole(STDERR_FILENO, line, length + 1);
   } else if (result >= 0) {
     char* long_line = static_cast<char*>(malloc(length + 1));
     if (long_line != nullptr) {
       vsnprintf(long_line, length + 1, format, args_again);
       long_line[length] = '\n';
-      WriteWhole(long_line, length + 1);
+      WriteWhole(STDERR_FILENO, long_line, length + 1);
       free(long_line);
     }
   }

@@ -165,10 +165,10 @@ std::string CreateTemporaryFile(const char* prefix_) {
   return path;
 }
 
-bool WriteWhole(int fd_, const std::string& text_) {
+bool WriteWhole(int fd_, const char* data_, size_t length_) {
   size_t written = 0;
-  while (written < text_.size()) {
-    const ssize_t count = write(fd_, text_.data() + written, text_.size() - written);
+  while (written < length_) {
+    const ssize_t count = write(fd_, data_ + written, length_ - written);
     if (count > 0) {
       written += static_cast<size_t>(count);
     } else if (count == 0 || errno != EINTR) {

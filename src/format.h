@@ -52,9 +52,9 @@ std::string CreateTemporaryDirectory(const char* prefix_);
 // Throws a string on failure.
 std::string CreateTemporaryFile(const char* prefix_);
 
-// Writes the text, in one system call if the file takes it so. False if not all of it could be
-// written; errno tells why.
-bool WriteWhole(int fd_, const std::string& text_);
+// Writes length_ bytes, in one system call if the file takes them so. False if not all of them could
+// be written; errno tells why.
+bool WriteWhole(int fd_, const char* data_, size_t length_);
 
 // A regular file opened for reading, closed with the object and on exec. Anything else, such as a
 // FIFO, whose writer would have to be waited for, or a device without an end, cannot be opened.

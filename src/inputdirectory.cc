@@ -10,7 +10,6 @@
 #include <unistd.h>
 #include <utf8.h>
 
-#include <exception>
 #include <map>
 #include <memory>
 #include <optional>
@@ -110,17 +109,16 @@ struct Attributes {
 // A private directory below "/tmp/", removed with everything in it.
 class WatchDirectory {
  public:
-  WatchDirectory() : path(CreateTemporaryDirectory("watch")) {}
+  // The command that removes it is made at once: later there may be no memory for it.
+  WatchDirectory() : removal("rm -rf /tmp/watchXXXXXX"), path(CreateTemporaryDirectory("watch")) {
+    removal.replace(strlen("rm -rf "), std::string::npos, path);  // As long as before.
+  }
   ~WatchDirectory() {
     if (path.compare(0, strlen(kWatchPrefix), kWatchPrefix) != 0) {
       return;
     }
     Debug(kDebugNormal, "Removing temporary directory %s", path.c_str());
-    try {
-      RunCommand(Format("rm -rf %s", path.c_str()));
-    } catch (const std::exception& e) {  // No memory. A destructor must not throw.
-      Debug(kDebugNormal, "%s", e.what());
-    }
+    RunCommand(removal);
   }
   WatchDirectory(const WatchDirectory&) = delete;
   WatchDirectory& operator=(const WatchDirectory&) = delete;
@@ -128,6 +126,7 @@ class WatchDirectory {
   const std::string& Path() const { return path; }
 
  private:
+  std::string removal;
   std::string path;
 };
 

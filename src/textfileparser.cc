@@ -54,7 +54,7 @@ void DumpBytes(const std::string& text) {
   }
   dump += "\n\r";
   fflush(stdout);
-  WriteWhole(STDOUT_FILENO, dump);  // If it fails, there is nobody to tell.
+  WriteWhole(STDOUT_FILENO, dump.data(), dump.size());  // If it fails, there is nobody to tell.
 }
 
 void ShowReencoded(const std::string& text) {

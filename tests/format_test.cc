@@ -538,12 +538,13 @@ TEST_F(CreateTemporaryTest, FailsIfThePrefixCutsTheTemplate) {
 TEST(WriteWholeTest, TellsThatNotAllCouldBeWritten) {
   int ends[2];
   ASSERT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
-  EXPECT_TRUE(WriteWhole(ends[1], ""));
-  EXPECT_TRUE(WriteWhole(ends[1], std::string("a\0b", 3)));
+  EXPECT_TRUE(WriteWhole(ends[1], "", 0));
+  EXPECT_TRUE(WriteWhole(ends[1], "a\0b", 3));
   char text[10] = "";
   EXPECT_EQ(3, read(ends[0], text, sizeof(text)));
   EXPECT_EQ(std::string("a\0b", 3), std::string(text, 3));
-  EXPECT_FALSE(WriteWhole(ends[1], std::string(1 << 20, 'x')));
+  const std::string text(1 << 20, 'x');
+  EXPECT_FALSE(WriteWhole(ends[1], text.data(), text.size()));
   EXPECT_EQ(EAGAIN, errno);
   close(ends[0]);
   close(ends[1]);
