@@ -61,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                       [](const std::string& text) { return text[0] == '-'; });
   try {
     const Options options = ParseOptions(static_cast<int>(arguments.size()), argv.data());
-    for (const std::string& path :
+    for (const std::string path :
          {options.config_file_path, options.status_file_path, options.output_directory_path,
           options.translator_file_path, options.glossary_file_path, options.cifs_helper_script_path,
           options.ftp_helper_app_path}) {

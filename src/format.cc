@@ -114,10 +114,10 @@ std::string ListToString(const std::list<std::string>& words_) {
 
 int RunShell(const std::string& cmd_) {
   const CommandSignals signals;
-  std::string command = cmd_;
   char shell[] = "sh";
   char option[] = "-c";
-  char* const arguments[] = {shell, option, command.data(), nullptr};
+  // Not a copy: commands that clean up must run when there is no memory, too.
+  char* const arguments[] = {shell, option, const_cast<char*>(cmd_.c_str()), nullptr};
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   signals.SpareCommand(&attributes);

@@ -54,14 +54,15 @@ constexpr option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+// The paths are those of the command line itself, so that nothing here needs memory.
 struct Options {
-  std::string config_file_path;
-  std::string status_file_path;
-  std::string output_directory_path;
-  std::string translator_file_path;
-  std::string glossary_file_path;
-  std::string cifs_helper_script_path;
-  std::string ftp_helper_app_path;
+  const char* config_file_path = "";
+  const char* status_file_path = "";
+  const char* output_directory_path = "";
+  const char* translator_file_path = "";
+  const char* glossary_file_path = "";
+  const char* cifs_helper_script_path = "";
+  const char* ftp_helper_app_path = "";
   int text_snippet_word_limit = kDefaultWords;
   int output_file_count_limit = kDefaultFiles;
 };
