@@ -95,6 +95,20 @@ void XMLLoad_Daemon(benchmark::State& state) {
   }
 }
 
+// A document with one long token: what comes before its letters and after them.
+void XMLToken_Daemon(benchmark::State& state, const char* before, const char* after) {
+  const ScratchDirectory scratch;
+  const std::string letters(static_cast<size_t>(state.range(0)), 'x');
+  const std::string path = scratch.Write("document.xml", before + letters + after);
+  for (auto _ : state) {
+    const XMLDocument document(path, "utf8");
+    if (!document.IsValidXML()) {
+      state.SkipWithError("malformed");
+    }
+    delete document.GetRoot();
+  }
+}
+
 void XMLLoad_Expat(benchmark::State& state) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("document.xml", Document(kDocumentBytes));
@@ -159,6 +173,18 @@ void GlossaryLookup_Daemon(benchmark::State& state) {
 
 BENCHMARK(XMLLoad_Daemon);
 BENCHMARK(XMLLoad_Expat);
+#define TOKEN_BENCHMARK(name, before, after)              \
+  BENCHMARK_CAPTURE(XMLToken_Daemon, name, before, after) \
+      ->Arg(1 << 20)                                      \
+      ->Arg(16 << 20)                                     \
+      ->Unit(benchmark::kMillisecond)
+TOKEN_BENCHMARK(comment, "<m><!--", "--></m>");
+TOKEN_BENCHMARK(cdata, "<m><![CDATA[", "]]></m>");
+TOKEN_BENCHMARK(instruction, "<m><?p ", "?></m>");
+TOKEN_BENCHMARK(attribute_value, "<m><b v='", "'/></m>");
+TOKEN_BENCHMARK(tag_name, "<m><b", "/></m>");
+TOKEN_BENCHMARK(entity_value, "<!DOCTYPE m [<!ENTITY e '", "'>]><m/>");
+TOKEN_BENCHMARK(text, "<m>", "</m>");
 BENCHMARK(XMLMessage_Daemon);
 BENCHMARK(XMLMessage_Expat);
 BENCHMARK(Glossary_Daemon);
