@@ -18,7 +18,7 @@ namespace {
 constexpr size_t kFeedBytes = 1024;
 constexpr int kDocuments = 4000;  // For each encoding.
 
-// What a document has become, each part as text.
+// The result of loading a document, each part as text.
 struct Outcome {
   std::string tree;   // As XMLDocument::Dump writes it.
   std::string texts;  // Of all elements in document order.
