@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <limits>
+#include <memory>
 
 #include "debug.h"
 #include "safe_strncpycat.h"
@@ -79,9 +80,8 @@ std::string Format(const char* format, ...) {
   if (length < 0) {
     return std::string();
   }
-  std::string text(buffer, static_cast<size_t>(length));
-  free(buffer);
-  return text;
+  const std::unique_ptr<char, decltype(&free)> owner(buffer, free);
+  return std::string(buffer, static_cast<size_t>(length));
 }
 
 int ParseInteger(const std::string& s_) {

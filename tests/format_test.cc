@@ -543,8 +543,8 @@ TEST(WriteWholeTest, TellsThatNotAllCouldBeWritten) {
   char text[10] = "";
   EXPECT_EQ(3, read(ends[0], text, sizeof(text)));
   EXPECT_EQ(std::string("a\0b", 3), std::string(text, 3));
-  const std::string text(1 << 20, 'x');
-  EXPECT_FALSE(WriteWhole(ends[1], text.data(), text.size()));
+  const std::string large(1 << 20, 'x');
+  EXPECT_FALSE(WriteWhole(ends[1], large.data(), large.size()));
   EXPECT_EQ(EAGAIN, errno);
   close(ends[0]);
   close(ends[1]);
