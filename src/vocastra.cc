@@ -8,6 +8,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -55,8 +56,8 @@ bool Close(OutputFile file) {
   return fclose(file.release()) == 0 && is_sound;
 }
 
-// A pass that fails takes its time like any other: a missing configuration must neither spin the
-// CPU nor flood the log.
+// A failed pass also ends with the 100 ms pause: a missing configuration must neither spin the CPU
+// nor flood the log.
 struct PauseAtEnd {
   PauseAtEnd() = default;
   PauseAtEnd(const PauseAtEnd&) = delete;
@@ -110,9 +111,7 @@ struct Vocastra::Impl {
   std::string ftp_helper_app_path;
   int text_snippet_word_limit = 0;
   int output_file_count_limit = 0;
-  bool configured = false;
-  bool half_applied = false;     // A load failed after it had begun to change things.
-  uint16_t config_file_crc = 0;  // Of the configuration last applied.
+  std::optional<uint16_t> config_file_crc;  // Of the configuration in force; none: load it.
   std::map<std::string, std::unique_ptr<InputDirectory>> id_to_directory;
   std::multimap<int, std::string> priority_to_directory_id;
   std::string state;
@@ -120,7 +119,6 @@ struct Vocastra::Impl {
   std::string temp_output_path;                 // The translator's audio.
   std::unique_ptr<Directory> output_directory;  // Null: none was given.
   std::unique_ptr<Glossary> glossary;
-  uint16_t glossary_file_crc = 0;
   int active_message_id = 0;  // The message being spoken; 0: none.
   uint32_t next_output_snippet = 0;
   int status_timestamp = 0;  // Counts writes of the status file.
@@ -163,24 +161,22 @@ void Vocastra::Impl::Run() {
 }
 
 // Applies the configuration file if it has changed. A string thrown before anything is changed
-// leaves the old configuration in force; either way the file is tried again in the next pass, and
-// so it is when it is put back as it was after a load that failed halfway.
+// leaves the old configuration in force. After a load that failed halfway none is in force: the
+// file is loaded in the next pass even if it is as it was before.
 void Vocastra::Impl::Configure() {
   const uint16_t new_config_file_crc = FileCRC(config_file_path);
-  if (configured && !half_applied && config_file_crc == new_config_file_crc) {
+  if (config_file_crc == new_config_file_crc) {
     return;
   }
   const std::unique_ptr<XMLElement> root = LoadXMLTree(config_file_path, "tts-config");
   Debug(kDebugNormal, "Processing configuration %s", config_file_path.c_str());
   const std::string new_state = root->GetAttributeString("state");
-  half_applied = true;
+  config_file_crc.reset();
   ConfigureDirectories(*root);
   RankDirectories();
   ConfigureParsers(*root);
   AttachParsers();
   ApplyState(new_state);
-  half_applied = false;
-  configured = true;
   config_file_crc = new_config_file_crc;
 }
 
@@ -312,15 +308,14 @@ void Vocastra::Impl::ApplyState(const std::string& new_state) {
 
 void Vocastra::Impl::ClearFileParsers() { id_to_file_parser.clear(); }
 
-// Rebuilds the glossary. As glossary_file_crc always stays 0, that is done in every pass, but for
-// a file whose checksum is 0: an edit is heard from the next pass on even if its checksum happens
-// to equal the old one.
+// Rebuilds the glossary in every pass, so that an edit is heard from the next pass on even if the
+// file's checksum stays the same. Only a file whose checksum is 0, such as a missing or an empty
+// one, leaves a glossary in force.
 void Vocastra::Impl::CheckGlossary() {
   if (glossary_file_path.empty()) {
     return;
   }
-  const uint16_t crc = FileCRC(glossary_file_path);
-  if (glossary && glossary_file_crc == crc) {
+  if (glossary && FileCRC(glossary_file_path) == 0) {
     return;
   }
   glossary.reset();
