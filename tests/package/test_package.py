@@ -1,5 +1,6 @@
 """What can be said about the package without building it: units, versions, what is installed."""
 
+import json
 import os
 import re
 import shlex
@@ -62,6 +63,26 @@ def test_units_name_files_that_are_installed(name, staged):
     paths = set(re.findall(r"(?<![\w/])/(?:usr|etc)/[\w./-]+", text)) - {"/etc/vocastra", "/etc/default"}
     assert paths
     assert [path for path in sorted(paths) if not (staged / path[1:]).is_file()] == []
+
+
+def test_what_the_readme_installs_is_where_the_manuals_look(staged):
+    """Without a package: the presets of the README install below the prefix of the package."""
+    presets = json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]
+    assert [preset["installDir"] for preset in presets if "installDir" in preset] == ["/usr"]
+    texts = [path.read_text() for path in [ROOT / "README.md", *(ROOT / "man").iterdir()]]
+    named = re.findall(r"/(?:usr|etc)/[\w./-]*vocastra[\w./-]*", "\n".join(texts))
+    paths = sorted({path.rstrip(".") for path in named})
+    assert "/usr/sbin/vocastra" in paths and "/usr/libexec/vocastra/player" in paths
+    assert [path for path in paths if not (staged / path[1:]).exists()] == []
+
+
+def test_tools_read_the_files_that_the_manuals_name(staged):
+    status, output = run(staged / "usr/bin/vocastra-say", "--help")
+    assert status == 0
+    paths = re.findall(r"\(default (/\S+)\)", output)
+    assert paths == ["/etc/vocastra/vocastra.conf", "/run/vocastra/status.xml"]
+    manual = (ROOT / "man/vocastra-say.1").read_text()
+    assert [path for path in paths if f".It Pa {path}" not in manual] == []
 
 
 def test_program_notes_and_package_have_one_version():
