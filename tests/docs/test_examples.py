@@ -79,7 +79,7 @@ class Example:
         path.chmod(0o755)
 
     def run(self):
-        """Runs the commands of the README, which stand indented."""
+        """Runs the commands of the README, which are indented."""
         script = "".join(re.findall(r"^    (.*\n)", self.readme, re.MULTILINE))
         environment = dict(
             os.environ,

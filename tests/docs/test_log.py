@@ -7,7 +7,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 TEXT = r'"((?:[^"\\]|\\.)*)"'
 # A text that is logged or thrown, and the two of a conditional.
 CALLS = [
-    r"Debug\(\s*kDebug\w+,\s*" + TEXT,
+    r"Debug\(\s*(?:kDebug\w+|mask_),\s*" + TEXT,
+    r"ToValidUtf8\([^;\"]*" + TEXT,
     r"Debug\(\s*kDebug\w+,\s*\"%s\",\s*\w+\s*\?\s*" + TEXT,
     r"Debug\(\s*kDebug\w+,\s*\"%s\",\s*\w+\s*\?\s*" + TEXT.replace("(", "(?:", 1) + r"\s*:\s*" + TEXT,
     r"(?:throw|Logged\()\s*(?:Logged\()?Format\(\s*" + TEXT,

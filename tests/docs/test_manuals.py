@@ -1,40 +1,18 @@
-"""The manuals are well-formed and say what the code does: no option, attribute, default or shell
-command is missing in them, and none is made up."""
+"""The manuals are well-formed, and complete against the programs' usage texts and the schemas."""
 
 import re
+import xml.etree.ElementTree
 
 import pytest
 
-from docs import ROOT, run
+from docs import ROOT, program, run
 
 MAN = sorted((ROOT / "man").glob("*.[1-8]"))
-TEXT = r'"((?:[^"\\]|\\.)*)"'
-
-
-def source(name):
-    return (ROOT / "src" / name).read_text()
+RNG = "{http://relaxng.org/ns/structure/1.0}"
 
 
 def page(name):
     return (ROOT / "man" / name).read_text()
-
-
-def rendered(name):
-    """A page as plain text, all blanks alike."""
-    done = run("mandoc", "-T", "ascii", ROOT / "man" / name)
-    assert done.returncode == 0, done.stdout
-    return re.sub(r"\s+", " ", re.sub(".\b", "", done.stdout))
-
-
-def part(text, start, end):
-    """What stands between two patterns; both must be there."""
-    found = re.search(f"{start}(.*?){end}", text, re.DOTALL | re.MULTILINE)
-    assert found, (start, end)
-    return found[1]
-
-
-def readme():
-    return (ROOT / "README.md").read_text()
 
 
 # --- Form -----------------------------------------------------------------------------------------
@@ -61,235 +39,153 @@ def test_pages_referred_to_exist(path):
 # --- Options --------------------------------------------------------------------------------------
 
 
-def test_options():
-    table = part(source("main.cc"), r"kLongOptions\[\] = \{", r"^\};")
-    entries = re.findall(r'\{"([\w-]+)", \w+, \w+, \'(\w)\'', table)
-    options = {(letter, name) for name, letter in entries}
+def usage():
+    return run(*program(), "--help").stdout
+
+
+def test_options_are_those_of_the_usage_text():
+    options = re.findall(r"^  -(\w), --([\w-]+)", usage(), re.MULTILINE)
     assert len(options) == 11
-    manual = re.findall(r"^\.It Fl (\w) , Fl -([\w-]+)", page("vocastra.8"), re.MULTILINE)
-    assert sorted(manual) == sorted(options)
-    synopsis = re.findall(r"^\.Op Fl (\w)", page("vocastra.8"), re.MULTILINE)
+    text = page("vocastra.8")
+    assert sorted(re.findall(r"^\.It Fl (\w) , Fl -([\w-]+)", text, re.MULTILINE)) == sorted(options)
+    synopsis = re.findall(r"^\.Op Fl (\w)", text, re.MULTILINE)
     assert sorted(synopsis) == sorted(letter for letter, _ in options)
-    rows = re.findall(r"^\| `-(\w)`, `--([\w-]+)[ `]", readme(), re.MULTILINE)
-    assert sorted(rows) == sorted(options)
 
 
-def test_defaults_of_options():
-    words, files = (
-        re.search(rf"{name} = (\d+);", source("main.cc"))[1]
-        for name in ("kDefaultWords", "kDefaultFiles")
-    )
-    text = rendered("vocastra.8")
-    assert f"The default is {files}. With 0 or less nothing is ever produced, unless there is" in text
-    assert f"The default is {words}; with 0 or less it is one word." in text
-    assert re.search(rf"^\| `-w`.*\| {words} \|$", readme(), re.MULTILINE)
-    assert re.search(rf"^\| `-f`.*\| {files} \|$", readme(), re.MULTILINE)
+@pytest.mark.parametrize("option", ["words", "files"])
+def test_defaults_are_those_of_the_usage_text(option):
+    default = re.search(rf"--{option} .*default = (\d+)\)", usage())[1]
+    item = re.search(rf"^\.It Fl \w , Fl -{option} .*\n((?!\.It ).*\n)*", page("vocastra.8"), re.M)
+    assert re.findall(r"default is (\d+)", item[0]) == [default]
 
 
-def test_reserved_options():
-    letters = re.findall(r"(\w):?", re.search(r'kShortOptions\[\] = "(.*)";', source("main.cc"))[1])
-    used = re.findall(r"^\.It Fl (\w) ", page("vocastra.8"), re.MULTILINE)
-    reserved = sorted(set(letters) - set(used))
-    assert reserved == ["b", "m"]
-    text = rendered("vocastra.8")
-    assert "-b and -m are reserved: they take an argument and are then refused." in text
+def test_options_of_the_player_are_those_of_its_usage_text():
+    text = run(ROOT / "companions/player", "--help").stdout
+    options = re.findall(r"^ +-(-[\w-]+)  ?", text, re.MULTILINE)
+    options += re.findall(r"^ +-(-[\w-]+) [A-Z]+ ", text, re.MULTILINE)
+    items = re.findall(r"^\.It Fl (-[\w-]+)", page("vocastra-player.1"), re.MULTILINE)
+    assert sorted(items) == sorted(set(options)) and options
 
 
 # --- Attributes -----------------------------------------------------------------------------------
 
 
-def read_by(code):
-    """Attributes that code reads: name to default, None for a required one."""
-    found = {}
-    for kind, name, default in re.findall(
-        r'GetAttribute(String|Integer)\(\s*"([\w-]+)"(?:,\s*([^)]+))?\)', code
-    ):
-        default = default.strip('"') if default else None
-        if kind == "Integer" and default is not None:
-            int(default)
-        found[name] = default
+def attributes_of(schema, element):
+    """The attributes that a schema allows in an element."""
+    root = xml.etree.ElementTree.parse(ROOT / f"schema/{schema}.rng").getroot()
+    rules = {rule.get("name"): rule for rule in root.iter(f"{RNG}define")}
+    found, seen = set(), set()
+
+    def collect(node):
+        for child in node:
+            if child.tag == f"{RNG}attribute":
+                found.add(child.get("name"))
+            elif child.tag == f"{RNG}ref" and child.get("name") not in seen:
+                seen.add(child.get("name"))
+                collect(rules[child.get("name")])
+            elif child.tag != f"{RNG}element":  # Inner elements have their own.
+                collect(child)
+
+    elements = [node for node in root.iter(f"{RNG}element") if node.get("name") == element]
+    assert elements, element
+    for node in elements:
+        collect(node)
     return found
 
 
-def kinds_in(code):
-    return {
-        name: {"String": "string", "Integer": "number"}[kind]
-        for kind, name in re.findall(r'GetAttribute(String|Integer)\(\s*"([\w-]+)"', code)
-    }
+def items(text, start):
+    """The attributes in the first list after a line, each with the text in its parentheses."""
+    listing = text[text.index(start) :]
+    listing = listing[listing.index("\n.Bl ") : listing.index("\n.El")]
+    return dict(re.findall(r"^\.It Ic ([\w-]+) Pq (.*)$", listing, re.MULTILINE))
 
 
-def element_code():
-    """Where the attributes of each element of the configuration are read."""
-    player, xml = source("vocastra.cc"), source("xmlfileparser.cc")
-    parsers = part(player, r"^void Vocastra::Impl::ConfigureParser\(", r"^}")
-    field = part(xml, r"^struct Field \{", r"^\};")
-    return {
-        "tts-config": part(player, r"^void Vocastra::Impl::Configure\(\) \{", r"^}"),
-        "directory": part(player, r"^void Vocastra::Impl::ConfigureDirectories\(", r"^}")
-        + source("inputdirectory.cc").replace('"id", ""', '"id"'),  # The player requires it.
-        "parser": parsers + part(xml, r"^XMLFileParser::Impl::Impl\(", r"^}"),
-        "field": field,
-    }
+CONFIGURATION = ["tts-config", "directory", "parser", "field"]
 
 
-def manual_items(name, element):
-    """Attributes in the section of a page: name to what stands behind it in parentheses."""
-    text = page(name)
-    section = part(text, rf"^\.Ss The element {element}$", r"^\.S[sh]")
-    return dict(re.findall(r"^\.It Ic ([\w-]+) Pq (.*)$", section, re.MULTILINE))
+@pytest.mark.parametrize("element", CONFIGURATION)
+def test_attributes_of_the_configuration(element):
+    documented = items(page("vocastra.conf.5"), f"\n.Ss The element {element}\n")
+    assert set(documented) == attributes_of("tts-config", element)
+    for text in documented.values():
+        default = r"(required|default empty|default: the id|default \w+)"
+        assert re.fullmatch(rf"(string|number), {default}; such as Qq \S.*", text), text
 
 
-def schema_attributes(schema, element):
-    """Attributes that a schema's compact form allows in an element."""
-    text = (ROOT / f"schema/{schema}.rnc").read_text()
-    rules = dict(re.findall(r"^([\w-]+) =\n((?:  .*\n|\n(?=  ))+)", text, re.MULTILINE))
-    names = {rule for rule, body in rules.items() if f"element {element} " in body}
-    assert names, element
-    found, todo = set(), list(names)
-    while todo:
-        body = re.sub(r"#.*|\"[^\"\n]*\"", "", rules[todo.pop()])
-        inner = {rule for rule in rules if re.search(rf"(?<![\w-]){rule}(?![\w-])", body)}
-        # An element's own rule is not part of the one that holds it.
-        inner = {rule for rule in inner if "element " not in rules[rule] and rule not in names}
-        found.update(re.findall(r"attribute ([\w-]+)", body))
-        names |= inner
-        todo += inner
-    return found
-
-
-@pytest.mark.parametrize("element", ["tts-config", "directory", "parser", "field"])
-def test_configuration_attributes(element):
-    code = element_code()[element]
-    read, kinds = read_by(code), kinds_in(code)
-    items = manual_items("vocastra.conf.5", element)
-    assert sorted(items) == sorted(read)
-    for name, default in read.items():
-        default = {None: "required", "id": "default: the id", "": "default empty"}.get(
-            default, f"default {default}"
-        )
-        assert re.fullmatch(rf"{kinds[name]}, {default}; such as Qq \S.*", items[name]), name
-    assert schema_attributes("tts-config", element) == set(read)
-
-
-def test_attributes_in_the_readme():
-    table = part(readme(), r"^\| attribute of", r"^\n")
-    rows = re.findall(r"^\| (`.*?) \|", table, re.MULTILINE)
-    names = {name for row in rows for name in re.findall(r"`([\w-]+)`", row)}
-    assert names == set(read_by(element_code()["directory"]))
-
-
-def test_glossary_attributes():
-    read = read_by(source("glossary.cc"))
-    items = dict(re.findall(r"^\.It Ic (\w+) Pq (.*)$", page("vocastra-glossary.5"), re.MULTILINE))
-    assert sorted(items) == sorted(read) and set(read.values()) == {None}
-    assert schema_attributes("glossary", "word") == set(read)
+def test_attributes_of_the_glossary():
+    documented = items(page("vocastra-glossary.5"), "\n.Ic word\n")
+    assert set(documented) == attributes_of("glossary", "word")
 
 
 @pytest.mark.parametrize("element", ["tts-status", "directory", "message"])
-def test_status_attributes(element):
-    code = source("vocastra.cc") + source("inputdirectory.cc")
-    made = rf'XMLElement (\w+)\("{element}"\)|(\w+) = .*\bXMLElement>?\("{element}"\)'
-    variable = next(filter(None, re.search(made, code).groups()))
-    written = set(re.findall(rf'\b{variable}(?:\.|->)SetAttribute\w+\("([\w-]+)"', code))
-    assert written
-    items = page("vocastra-status.5")
-    start = items.index(f"\n.Ic {element}\n")
-    listing = part(items[start:], r"^\.Bl ", r"^\.El")
-    listed = re.findall(r"^\.It Ic ([\w-]+) Pq", listing, re.MULTILINE)
-    assert listed == sorted(written)
-    assert schema_attributes("tts-status", element) == written
+def test_attributes_of_the_status_file(element):
+    documented = items(page("vocastra-status.5"), f"\n.Ic {element}\n")
+    assert set(documented) == attributes_of("tts-status", element)
 
 
-# --- What is passed on ----------------------------------------------------------------------------
+# --- The example with everything ------------------------------------------------------------------
 
-# Every command line in the sources, and how vocastra(8) writes it.
+FULL = (ROOT / "examples/full/config.xml").read_text()
+# They have a default, with which nothing is spoken.
+NEEDED = {"type", "path"}
+# What the daemon uses without a parser.
+NAMED_DEFAULTS = {"parser": "text", "encoding": "utf8"}
+
+
+def explained():
+    """For each element of the example the attributes that its comments explain in one line."""
+    found, element = {}, ""
+    for comment in re.findall(r"<!--(.*?)-->", FULL, re.DOTALL):
+        for line in comment.splitlines():
+            if head := re.match(r" *([\w-]+)(?:, of .*)?:$", line):
+                element = head[1]
+            elif name := re.match(r" +([\w-]+) {2,}\S", line):
+                found.setdefault(element, []).append(name[1])
+    return {element: sorted(names) for element, names in found.items()}
+
+
+@pytest.mark.parametrize("element", CONFIGURATION)
+def test_the_full_example_explains_every_attribute(element):
+    assert explained()[element] == sorted(attributes_of("tts-config", element))
+
+
+@pytest.mark.parametrize("element", CONFIGURATION)
+def test_the_full_example_has_every_attribute_at_its_default(element):
+    documented = items(page("vocastra.conf.5"), f"\n.Ss The element {element}\n")
+    shown = set()
+    for node in xml.etree.ElementTree.fromstring(FULL).iter(element):
+        shown |= set(node.attrib)
+        for name, value in node.attrib.items():
+            default = re.search(r"(required|default.*);", documented[name])[1]
+            if default == "default: the id":
+                assert value == node.get("id")
+            elif default != "required" and name not in NEEDED:
+                default = default.replace("default empty", "default ")
+                assert NAMED_DEFAULTS.get(name, default[8:]) == value, name
+    # The schema refuses an empty path, so these are explained and not set.
+    unset = {"bumper-path", "spacer-path", "silence-path", "last-played-path"}
+    assert set(documented) - shown == (unset if element == "directory" else set())
+
+
+# --- Commands of the shell ------------------------------------------------------------------------
+
+# The text or variable in every call of the shell in the sources, and its command in SECURITY.md.
 COMMANDS = {
-    ("format.cc", ""): None,  # RunCommand passes on what it is given.
-    ("main.cc", "date"): "`date'",
-    ("inputdirectory.cc", "rm %s/* > /dev/null 2>&1"): "`rm PATH/* > /dev/null 2>&1'",
-    ("inputdirectory.cc", "rm "): "`rm LAST-PLAYED/* > /dev/null 2>&1'",
-    ("inputdirectory.cc", "cp "): "`cp MESSAGE LAST-PLAYED/NAME'",
-    ("inputdirectory.cc", "rm -rf %s"): "`rm -rf WATCH'",
-    ("directory.cc", "%s %s %s%s"): "`cp AUDIO OUTPUT/NUMBER_ID.KIND'",
-    ("vocastra.cc", ""): '`TRANSLATOR TEXT AUDIO OPTIONS "NAME" > /dev/null 2>&1\'',
+    "date": "date",
+    "rm %s/* > /dev/null 2>&1": "rm PATH/* > /dev/null 2>&1",
+    "rm ": "rm LAST-PLAYED/* > /dev/null 2>&1",
+    "cp ": "cp MESSAGE LAST-PLAYED/NAME",
+    "removal": "rm -rf WATCH",
+    "%s %s %s%s": "cp AUDIO OUTPUT/NUMBER_ID.KIND",
+    "command": 'TRANSLATOR TEXT AUDIO OPTIONS "NAME" > /dev/null 2>&1',
 }
 
 
-def test_every_shell_command_is_told():
-    calls = set()
-    sources = {path.name: path.read_text() for path in (ROOT / "src").glob("*.cc")}
-    for name, code in sources.items():
-        for call in re.findall(r"^.*\bRun(?:Shell|Command)\((.*)$", code, re.MULTILINE):
-            if call.startswith("const std::string& cmd_"):
-                continue  # The definition.
-            text = re.search(TEXT, call)
-            calls.add((name, text[1] if text else ""))
-    assert calls == set(COMMANDS)
-    text = rendered("vocastra.8")
-    security = (ROOT / "SECURITY.md").read_text()
-    for told in filter(None, COMMANDS.values()):
-        assert told in text
-        assert f"| {told.replace(chr(39), '`')} |" in security
-    translator = r'"%s %s %s %s \"%s\" > /dev/null 2>&1"'
-    assert translator in source("vocastra.cc")
-    assert not re.search(r"\b(system|popen)\(", "".join(sources.values()))
-
-
-def test_limits():
-    code = "".join(path.read_text() for path in (ROOT / "src").glob("*.cc"))
-    text = rendered("vocastra-messages.7")
-    for constant, told in (
-        ("kMaxFileBytes = 65536;", "a text file 65,536 bytes"),
-        ("kMaxTextBytes = 65536;", "what is extracted of an XML message 65,536 bytes"),
-        ("kMaxMessageChars = 65536;", "a message 65,536 characters"),
-        ("kMaxWordChars = 100;", "a word 100 characters"),
-    ):
-        assert constant in code
-        assert told in text
-
-
-# --- Companions -----------------------------------------------------------------------------------
-
-
-def test_options_of_the_player():
-    head = part((ROOT / "companions/player").read_text(), r"^#!/bin/sh\n", r"^$")
-    options = re.findall(r"^#   (--[\w-]+)", head, re.MULTILINE)
-    items = re.findall(r"^\.It Fl (-[\w-]+)", page("vocastra-player.1"), re.MULTILINE)
-    assert sorted("-" + item for item in items) == sorted(options) and options
-
-
-def test_arguments_of_the_translators():
-    script = (ROOT / "companions/translators/espeak-ng").read_text()
-    arguments = re.findall(r"^#   (\w+)=\w+ +.*$", script, re.MULTILINE)
-    items = re.findall(r"^\.It Cm (\w+) Ns =", page("vocastra-translators.1"), re.MULTILINE)
-    assert items == arguments and arguments
-    text = rendered("vocastra-translators.1")
-    defaults = re.search(r"^voice=.*$", script, re.MULTILINE)[0]
-    for name, default in re.findall(r"(\w+)=(\w+)", defaults):
-        assert re.search(rf" {name}=\w+ [^=]*The default is `?{default}\b", text), name
-
-
-@pytest.mark.parametrize("kind", ["cifs", "ftp"])
-def test_arguments_of_the_helpers(kind):
-    script = (ROOT / f"companions/helpers/{kind}").read_text()
-    order = re.search(rf"^# usage: {kind} (.*)$", script, re.MULTILINE)[1].lower()
-    assert f"\n.Ar {order}\n" in page("vocastra-helpers.1")
-    assert f"\n.D1 Ar {kind}-helper {order}\n" in page("vocastra-companions.7")
-
-
-def test_every_argument_of_the_helpers_is_explained():
-    usage = re.findall(r"^\.Ar (path [a-z].*)$", page("vocastra-helpers.1"), re.MULTILINE)
-    items = re.findall(r"^\.It Ar ([\w-]+)$", page("vocastra-helpers.1"), re.MULTILINE)
-    assert sorted(items) == sorted(set(" ".join(usage).split()))
-
-
-def test_names_of_output_files():
-    """The sample in vocastra-companions(7) is what OutputFileName makes."""
-    sample = re.findall(r"^\d+_lobby\.(\w+\.\w+)", page("vocastra-companions.7"), re.MULTILINE)
-    assert sample == ["warn_live_first.wav"] * 3 + ["text_live_first.raw", "text_live_cont.raw"]
-    code = part(source("vocastra.cc"), r"^std::string Vocastra::Impl::OutputFileName", r"^}")
-    words = set(re.findall(r'"(\w+?)_?"', code)) | set(re.findall(r'"\.(\w+)"', code))
-    assert words == {"warn", "text", "pre", "live", "first", "cont", "wav", "raw"}
-    text = rendered("vocastra-companions.7")
-    for word in words:
-        assert f"`{word}'" in text
+def test_every_shell_command_is_in_security_md():
+    sources = "".join(path.read_text() for path in (ROOT / "src").glob("*.cc"))
+    assert not re.search(r"\b(system|popen)\(", sources)
+    calls = re.findall(r"^ .*\bRun(?:Shell|Command)\((?!cmd_)(.*)$", sources, re.MULTILINE)
+    assert {re.search(r'(?<=")[^"]+|\w+(?=\);)', call)[0] for call in calls} == set(COMMANDS)
+    rows = re.findall(r"^\| `(.*?)` \|", (ROOT / "SECURITY.md").read_text(), re.MULTILINE)
+    # A clip is copied as audio is.
+    assert set(rows) == {*COMMANDS.values(), "cp CLIP OUTPUT/NUMBER_ID.KIND"}

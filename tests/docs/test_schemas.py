@@ -23,16 +23,16 @@ def test_there_are_wrong_files_for_every_schema():
 
 @pytest.mark.parametrize("path", WRONG, ids=lambda path: path.stem)
 def test_refuses(path, tmp_path):
-    """A wrong file names in its head what is wrong in it, and becomes valid when just that is
-    mended: so nothing else was the reason."""
+    """A wrong file names in its head what is wrong in it. It becomes valid when only that is
+    corrected, so nothing else was the reason."""
     head = HEAD.match(path.read_text())
     wrong, right = head.groups()
     body = path.read_text()[head.end() :]
     assert body.count(wrong) == 1
     assert "fails to validate" in validate(schema_of(path), path)
-    mended = tmp_path / "mended.xml"
-    mended.write_text(body.replace(wrong, right))
-    assert validate(schema_of(path), mended) == ""
+    corrected = tmp_path / "corrected.xml"
+    corrected.write_text(body.replace(wrong, right))
+    assert validate(schema_of(path), corrected) == ""
 
 
 @pytest.mark.parametrize("schema", SCHEMAS)
