@@ -46,6 +46,7 @@ class Input {
     }
     return line;
   }
+  bool IsEmpty() const { return size_ == 0; }
   std::string Rest() { return std::string(reinterpret_cast<const char*>(data_), size_); }
 
  private:
