@@ -1,8 +1,10 @@
-// Configurations, two documents separated by a line "====", loaded one after the other.
+// Configurations, two documents separated by a line "====" (see document.h), loaded one after the
+// other.
 //
 // Whatever they say, no command runs, no process starts and nothing outside the scratch directory
 // is listed: those calls are replaced below. A load ends normally or throws a text, and what a
-// reload leads to is what a start with the new document leads to.
+// reload leads to is what a start with the new document leads to. Loading keeps its limits of
+// memory.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -17,6 +19,7 @@
 
 #include "crc.h"
 #include "debug.h"
+#include "document.h"
 #include "fuzz.h"
 #include "vocastra.h"
 
@@ -87,7 +90,9 @@ class Station {
  public:
   // Hands the document over and runs one pass. True if it came to its end.
   bool Run(const std::string& config) {
-    scratch.Write("config.xml", config);
+    const std::string path = scratch.Write("config.xml", config);
+    bool is_valid = false;
+    fuzz::Load(path, "utf8", config.size(), is_valid);
     is_running = true;
     bool is_done = false;
     try {
@@ -125,8 +130,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   const std::string separator = "\n====\n";
   const size_t middle = std::min(text.find(separator), text.size());
-  const std::string old_config = text.substr(0, middle);
-  const std::string config = middle < text.size() ? text.substr(middle + separator.size()) : "";
+  const std::string old_config = fuzz::Unfold(text.substr(0, middle));
+  const std::string config =
+      middle < text.size() ? fuzz::Unfold(text.substr(middle + separator.size())) : "";
 
   Station reloaded;
   const bool had_status = reloaded.Run(old_config);

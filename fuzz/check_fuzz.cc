@@ -1,0 +1,126 @@
+// vocastra-check on a configuration and a glossary, separated by a line "====" (see document.h).
+//
+// Each finding is one line in the form that is promised, and the exit status is that of the
+// gravest. What the daemon refuses is an error.
+#include <pwd.h>
+#include <stdlib.h>
+
+#include "document.h"
+#include "fuzz.h"
+#include "glossary.h"
+
+namespace {
+
+struct Exit {
+  int status;
+};
+
+}  // namespace
+
+// The program's own main, under another name, with exits that can be watched.
+#define VOCASTRA_VERSION "0"
+#define main check_main
+#define exit(status) \
+  throw Exit { status }
+#include "../tools-src/vocastra-check.cc"
+#undef exit
+#undef main
+
+// One user, whatever the machine: reading the real ones takes most of the time.
+extern "C" passwd* getpwent() {
+  static char name[] = "somebody";
+  static char home[] = "/home/somebody";
+  static bool is_next = false;
+  static passwd user;
+  user.pw_name = name;
+  user.pw_dir = home;
+  is_next = !is_next;
+  return is_next ? &user : nullptr;
+}
+
+namespace {
+
+// Directories are compared with each other: time and findings take the square of their number.
+constexpr size_t kMaxBytes = 16 << 10;
+
+const fuzz::Scratch scratch;
+
+// What the check writes on standard error, and its exit status.
+std::string Checked(std::vector<std::string> arguments, int& status) {
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) {
+    argv.push_back(argument.data());
+  }
+  argv.push_back(nullptr);
+  optind = 0;  // Resets the C library's parser.
+  char* buffer = nullptr;
+  size_t size = 0;
+  FILE* const captured = open_memstream(&buffer, &size);
+  FILE* const real = std::exchange(stderr, captured);
+  try {
+    status = check_main(static_cast<int>(arguments.size()), argv.data());
+  } catch (const Exit& e) {
+    status = e.status;
+  }
+  stderr = real;
+  fclose(captured);
+  std::string text(buffer, size);
+  free(buffer);
+  return text;
+}
+
+// The gravest kind of the lines: the exit status that belongs to them.
+int CheckLines(const std::string& text) {
+  int gravest = kClean;
+  for (size_t start = 0; start < text.size();) {
+    const size_t end = text.find('\n', start);
+    fuzz::Require(end != std::string::npos, "the last line is whole", text);
+    const std::string line = text.substr(start, end - start);
+    start = end + 1;
+    const size_t place = line.find(':');
+    const size_t kind = line.find_first_not_of("0123456789", place + 1);
+    fuzz::Require(place != std::string::npos && kind > place + 1 && kind != std::string::npos,
+                  "a finding has a place", line);
+    const bool is_error = line.compare(kind, 9, ": error: ") == 0;
+    fuzz::Require(is_error || line.compare(kind, 11, ": warning: ") == 0, "a finding has a kind",
+                  line);
+    fuzz::Require(line.back() == '.', "a finding ends with a remedy", line);
+    gravest = std::max<int>(gravest, is_error ? kErrors : kWarnings);
+  }
+  return gravest;
+}
+
+bool IsLoaded(const std::string& config_path, const std::string& glossary_path) {
+  try {
+    LoadXMLTree(config_path, "tts-config")->GetAttributeString("state");
+    const Glossary glossary(glossary_path);
+  } catch (const std::string&) {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  SetDebugMask(0);
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  const std::string separator = "\n====\n";
+  const size_t middle = std::min(text.find(separator), text.size());
+  const std::string config = fuzz::Unfold(text.substr(0, middle), kMaxBytes);
+  const std::string glossary = middle < text.size()
+                                   ? fuzz::Unfold(text.substr(middle + separator.size()), kMaxBytes)
+                                   : "<glossary/>";
+  const std::string config_path = scratch.Write("config.xml", config);
+  const std::string glossary_path = scratch.Write("glossary.xml", glossary);
+
+  int status = 0;
+  const std::string findings =
+      Checked({"vocastra-check", "-g", glossary_path, config_path}, status);
+  fuzz::Require(CheckLines(findings) == status, "the status is that of the gravest finding",
+                findings);
+  fuzz::Require(status == kErrors || IsLoaded(config_path, glossary_path),
+                "what the daemon refuses is an error", config + separator + glossary);
+  fuzz::RequireNoSecret(findings, text);
+  return 0;
+}
