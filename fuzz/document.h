@@ -1,5 +1,5 @@
-// What the fuzzers of XML files share: large and hostile documents from small inputs, and that a
-// document brings in no other file.
+// What the fuzzers of XML files share: large and hostile documents from small inputs, and two
+// properties that hold for each document: its memory is limited, and it brings in no other file.
 #pragma once
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <string>
 
 #include "fuzz.h"
+#include "memory.h"
 #include "xml.h"
 
 namespace fuzz {
@@ -81,12 +82,15 @@ inline const XMLElement* Next(const XMLElement* element, const XMLElement* root)
 // Loads the document and hands over its tree; null if there is none. Whether it is valid goes to
 // is_valid.
 inline std::unique_ptr<XMLElement> Load(const std::string& path, const std::string& encoding,
-                                        size_t /*size*/, bool& is_valid) {
+                                        size_t size, bool& is_valid) {
+  const Memory memory;
   const XMLDocument document(path, encoding);
   std::unique_ptr<XMLElement> root(document.GetRoot());
   is_valid = document.IsValidXML();
   Require(is_valid == document.GetError().empty(), "an error has a text, and only an error",
           document.GetError());
+  RequireLimit("the daemon's memory for a document", memory.Own(), OwnLimit(size));
+  RequireLimit("expat's memory for a document", memory.Expats(), ExpatLimit(size));
   return root;
 }
 

@@ -1,0 +1,47 @@
+// The memory that a document takes, and its limits. memory.cc counts it, in every build: what the
+// daemon's code asks of operator new, and what expat asks for itself.
+#pragma once
+
+#include <stddef.h>
+
+#include <algorithm>
+#include <string>
+
+#include "fuzz.h"
+
+namespace fuzz {
+
+// Counts from its construction. REQUIRES: one object at a time.
+class Memory {
+ public:
+  Memory();
+  // The most bytes held at once so far beyond those at the start.
+  size_t Own() const;
+  size_t Expats() const;
+};
+
+// Tree and text of a document of that many bytes: 4 MiB and 64 times the file. Copies of the file
+// while it is read and prepared: a string that grows holds old and new, 3 times its length at
+// most, and 4 bytes may come of one (0x85 of an "ascii" file is U+FFFD and "e"), so
+//   3 for the bytes as read, 2 * 2 for them as UTF-8, 3 * 4 for them with invalid ones replaced.
+// The sorting of an element's attributes: 16 bytes for each, which has at least 6 in the file.
+// Small things beside: 64 KiB.
+inline size_t OwnLimit(size_t size) {
+  return (size_t{4} << 20) + 64 * size + (3 + 2 * 2 + 3 * 4 + 3) * size + (64 << 10);
+}
+
+// Open elements, declarations and the token that is being read: an open element takes 150 bytes
+// for 3 of the file, and a token is held in a buffer that doubles. Entities: expat stops when their
+// text is over 8 MiB and over 100 times the file; what it keeps of it is in a buffer that doubles,
+// so 3 times that while it grows.
+inline size_t ExpatLimit(size_t size) {
+  const size_t entities = std::max(size_t{8} << 20, 100 * size);
+  return 128 * size + 3 * entities + (256 << 10);
+}
+
+inline void RequireLimit(const char* property, size_t bytes, size_t limit) {
+  Require(bytes <= limit, property,
+          std::to_string(bytes) + " bytes, the limit is " + std::to_string(limit));
+}
+
+}  // namespace fuzz
