@@ -176,7 +176,7 @@ CASES = {
                        ERROR + 'While processing attribute "loops" of "directory": Could not convert '
                                '"2 " to integer; the directory is skipped. Write a whole number.'),
     "no loops": (directory('loops="0"'),
-                 WARNING + '"loops" below 1: messages are spoken once all the same. Write 1 or more.'),
+                 WARNING + '"loops" below 1: messages are spoken once. Write 1 or more.'),
     "poll rate": (directory('type="ftp" path="h" ftp-poll-rate="-1"'),
                   WARNING + '"ftp-poll-rate" is no number of seconds above 0. Write 1 or more.'),
     "dir-mode": (directory('dir-mode="chache"'),
@@ -219,13 +219,13 @@ CASES = {
                    "one is ignored. Choose an id that does not end in an encoding."),
     "built-in id": (around('<parser id="text" type="xml"><field tag="t" attr="" attr_value=""/>'
                            "</parser>"),
-                    'config:2: error: parser "text": the id is taken; this parser is ignored without '
-                    "a word. Choose another id."),
+                    'config:2: error: parser "text": the id is taken; this parser is ignored '
+                    "silently. Choose another id."),
     "duplicate parser": (around('<parser id="p" type="xml"><field tag="t" attr="" attr_value=""/>'
                                 '</parser>\n<parser id="p" type="xml"><field tag="u" attr="" '
                                 'attr_value=""/></parser>'),
                          'config:3: error: parser "p": the id is taken; this parser is ignored '
-                         "without a word. Choose another id."),
+                         "silently. Choose another id."),
     "attr-mode": (around('<parser id="p" type="xml" attr-mode="on"><field tag="t" attr="a" '
                          'attr_value=""/></parser>'),
                   'config:2: error: parser "p": While processing attribute "attr-mode" of "parser": '

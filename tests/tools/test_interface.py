@@ -8,7 +8,7 @@ from daemon import LIMIT, environment, run_program
 from tools import ROOT, run, tool
 
 TOOLS = ["vocastra-check", "vocastra-say", "vocastra-status"]
-COMPLETION = ROOT / "completions/vocastra"
+COMPLETION = ROOT / "programs/completions/vocastra"
 
 
 def long_options(text):

@@ -16,9 +16,3 @@ std::unique_ptr<XMLElement> ParseStatus(const std::string& text_);
 // The tree of the status file at path_, which is read again while it holds half a status.
 // Throws a string if the file cannot be read, or after 2 seconds without a whole status.
 std::unique_ptr<XMLElement> ReadStatus(const std::string& path_);
-
-// Sleeps that long.
-void Nap(int milliseconds_);
-
-// Seconds from an arbitrary start, unaffected by changes of the clock.
-double Now();

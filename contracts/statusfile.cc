@@ -2,10 +2,10 @@
 
 #include <errno.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 
+#include "clock.h"
 #include "format.h"
 
 namespace {
@@ -20,7 +20,7 @@ constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyz-";
 // the daemon writes it, which is also how the end of half a file is noticed.
 class StatusParser {
  public:
-  explicit StatusParser(const std::string& text) : text_(text) {}
+  explicit StatusParser(const std::string& text_) : text(text_) {}
 
   // Null if the text is no whole document.
   std::unique_ptr<XMLElement> Parse() {
@@ -30,27 +30,27 @@ class StatusParser {
       if (!(Take("</") ? EndTag() : StartTag())) {
         return nullptr;
       }
-    } while (last_ != nullptr);
-    if (position_ != text_.size()) {
+    } while (last != nullptr);
+    if (position != text.size()) {
       return nullptr;
     }
-    return std::move(root_);
+    return std::move(root);
   }
 
  private:
-  bool Take(const char* expected) {
-    const size_t length = strlen(expected);
-    if (text_.compare(position_, length, expected) != 0) {
+  bool Take(const char* expected_) {
+    const size_t length = strlen(expected_);
+    if (text.compare(position, length, expected_) != 0) {
       return false;
     }
-    position_ += length;
+    position += length;
     return true;
   }
 
   std::string Name() {
-    const size_t start = position_;
-    position_ = std::min(text_.find_first_not_of(kNameCharacters, start), text_.size());
-    return text_.substr(start, position_ - start);
+    const size_t start = position;
+    position = std::min(text.find_first_not_of(kNameCharacters, start), text.size());
+    return text.substr(start, position - start);
   }
 
   bool StartTag() {
@@ -71,61 +71,61 @@ class StatusParser {
       return false;
     }
     XMLElement* const added = element.get();
-    if (last_ != nullptr) {
-      last_->AddChild(element.release());
+    if (last != nullptr) {
+      last->AddChild(element.release());
     } else {
-      root_ = std::move(element);
+      root = std::move(element);
     }
     if (!is_empty) {
-      last_ = added;
+      last = added;
     }
     return true;
   }
 
   // A value may hold anything. It ends at the first quote that is followed by what follows values.
-  bool Value(std::string& value) {
-    for (size_t quote = text_.find('"', position_); quote != std::string::npos;
-         quote = text_.find('"', quote + 1)) {
+  bool Value(std::string& value_) {
+    for (size_t quote = text.find('"', position); quote != std::string::npos;
+         quote = text.find('"', quote + 1)) {
       if (IsAfterValue(quote + 1)) {
-        value = text_.substr(position_, quote - position_);
-        position_ = quote + 1;
+        value_ = text.substr(position, quote - position);
+        position = quote + 1;
         return true;
       }
     }
     return false;
   }
 
-  bool IsAfterValue(size_t position) const {
-    if (text_.compare(position, 2, ">\n") == 0 || text_.compare(position, 3, "/>\n") == 0) {
+  bool IsAfterValue(size_t position_) const {
+    if (text.compare(position_, 2, ">\n") == 0 || text.compare(position_, 3, "/>\n") == 0) {
       return true;
     }
-    const size_t end = text_.find_first_not_of(kNameCharacters, position + 1);
-    return text_.compare(position, 1, " ") == 0 && end > position + 1 && end != std::string::npos &&
-           text_.compare(end, 2, "=\"") == 0;
+    const size_t end = text.find_first_not_of(kNameCharacters, position_ + 1);
+    return text.compare(position_, 1, " ") == 0 && end > position_ + 1 &&
+           end != std::string::npos && text.compare(end, 2, "=\"") == 0;
   }
 
   bool EndTag() {
-    if (last_ == nullptr || Name() != last_->GetName() || !Take(">\n")) {
+    if (last == nullptr || Name() != last->GetName() || !Take(">\n")) {
       return false;
     }
-    last_ = last_->GetParent();
+    last = last->GetParent();
     return true;
   }
 
-  const std::string& text_;
-  size_t position_ = 0;
-  std::unique_ptr<XMLElement> root_;
-  XMLElement* last_ = nullptr;  // The innermost open element.
+  const std::string& text;
+  size_t position = 0;
+  std::unique_ptr<XMLElement> root;
+  XMLElement* last = nullptr;  // The innermost open element.
 };
 
 // True if everything is there that the daemon reports.
-bool IsStatus(const XMLElement& root) {
+bool IsStatus(const XMLElement& root_) {
   try {
     for (const char* name : {"timestamp", "now-playing", "output-bound"}) {
-      root.GetAttributeInteger(name);
+      root_.GetAttributeInteger(name);
     }
-    root.GetAttributeString("state");
-    for (const XMLElement* directory : root.GetChildren("directory")) {
+    root_.GetAttributeString("state");
+    for (const XMLElement* directory : root_.GetChildren("directory")) {
       for (const char* name : {"id", "status", "path"}) {
         directory->GetAttributeString(name);
       }
@@ -140,13 +140,13 @@ bool IsStatus(const XMLElement& root) {
   } catch (const std::string&) {
     return false;
   }
-  return root.GetName() == "tts-status";
+  return root_.GetName() == "tts-status";
 }
 
-std::string ReadWhole(const std::string& path) {
-  InputFile file(path);
+std::string ReadWhole(const std::string& path_) {
+  InputFile file(path_);
   if (!file.IsOpen()) {
-    throw Format("%s: %s", path.c_str(), strerror(errno));
+    throw Format("%s: %s", path_.c_str(), strerror(errno));
   }
   std::string text;
   char block[65536];
@@ -179,15 +179,4 @@ std::unique_ptr<XMLElement> ReadStatus(const std::string& path_) {
     Nap(kHalfFilePause);
   } while (Now() < deadline);
   throw Format("%s: holds no whole status", path_.c_str());
-}
-
-void Nap(int milliseconds_) {
-  const timespec duration = {milliseconds_ / 1000, milliseconds_ % 1000 * 1000000L};
-  nanosleep(&duration, nullptr);
-}
-
-double Now() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }

@@ -1,0 +1,36 @@
+// The daemon's configuration as others read it: the elements below "tts-config", as the daemon
+// understands them.
+#pragma once
+
+#include <string>
+
+#include "xml.h"
+
+// True if that is an encoding of message files: "ascii", "utf8" or "utf16".
+bool IsEncoding(const std::string& name_);
+
+// The first child of root_ with that name and id; the daemon ignores later ones. Null if there is
+// none. Status files can be searched as well.
+const XMLElement* FindById(const XMLElement& root_, const char* name_, const std::string& id_);
+
+// The directory that the daemon scans for a "directory" element of type "local": its "path", and
+// "subdir" below it. Ends in "/", unless both are empty.
+std::string ScannedPath(const XMLElement& directory_);
+
+// An input directory of type "local".
+struct LocalDirectory {
+  // REQUIRES: directory_ is a "directory" element with an id.
+  // Throws a string if "auto-delete" is needed and is not a number.
+  explicit LocalDirectory(const XMLElement& directory_);
+
+  // True if its messages are XML documents.
+  bool IsXml() const { return !parser.empty() && parser != "text"; }
+
+  std::string id;
+  std::string path;    // ScannedPath.
+  bool removes_taken;  // A file that was taken is removed.
+  std::string parser;
+  std::string encoding;
+  bool is_cache;       // Nothing is spoken.
+  XMLElement element;  // Name and attributes.
+};

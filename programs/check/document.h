@@ -1,0 +1,46 @@
+// An XML file as the daemon loads it, with the place of every element.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "findings.h"
+#include "xml.h"
+
+// What the daemon's tree does not keep of an element.
+struct Tag {
+  int line = 0;
+  std::vector<std::pair<std::string, std::string>> attributes;  // Name and value, in their order.
+};
+
+class TagReader;
+
+class Document {
+ public:
+  // Loads the file. Adds what is wrong with it as a whole to findings_, and has no root if the
+  // daemon could not use it.
+  Document(const std::string& path_, const std::string& root_name_, Findings& findings_);
+
+  const XMLElement* Root() const { return root.get(); }
+
+  // REQUIRES: element_ is one of this document's.
+  const Tag& TagOf(const XMLElement& element_) const { return tags.at(&element_); }
+  Place PlaceOf(const XMLElement& element_, const std::string& item_) const;
+
+  // Warns of children of element_ whose names are not in known_.
+  void CheckChildren(const XMLElement& element_, const std::vector<std::string>& known_,
+                     Findings& findings_) const;
+
+ private:
+  bool IsReadable() const;
+  std::string Complete(const std::string& why_, const TagReader& reader_) const;
+  std::string RemedyFor(const TagReader& reader_) const;
+  void NoteTags(const TagReader& reader_);
+
+  std::string path;
+  std::unique_ptr<XMLElement> root;
+  std::map<const XMLElement*, Tag> tags;
+};

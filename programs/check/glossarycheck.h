@@ -1,0 +1,9 @@
+// What the daemon makes of a glossary.
+#pragma once
+
+#include <string>
+
+#include "findings.h"
+
+// Finds entries that the daemon refuses, never looks up or takes from an earlier one.
+void CheckGlossary(const std::string& path_, Findings& findings_);

@@ -1,0 +1,77 @@
+// vocastra-check: finds out what the daemon would refuse, or do silently in another way than the
+// configuration says.
+//
+// The daemon's own modules judge what they can; the checker adds lines, remedies and what nobody
+// else looks at.
+
+#include <stdio.h>
+
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "check.h"
+#include "commandline.h"
+#include "debug.h"
+#include "options.h"
+
+namespace {
+
+// The options that are only for the checker, and the daemon's, which are not in the usage text.
+std::vector<ProgramOption> OptionTable(CheckOptions& options_, bool& is_verbose_) {
+  std::vector<ProgramOption> table;
+  for (const DaemonOption& entry : DaemonOptions()) {
+    const char letter = entry.letter;
+    if (letter == 'c') {
+      table.push_back({letter, entry.name, entry.argument, "", Keep(options_.config_path)});
+    } else if (letter == 'g') {
+      table.push_back(
+          {letter, entry.name, "FILE", "Look at this glossary, too", Keep(options_.glossary_path)});
+    } else if (letter != 'h') {
+      table.push_back(
+          {letter, entry.name, entry.argument, "",
+           [&options_, letter](const char* argument_) { options_.daemon[letter] = argument_; }});
+    }
+  }
+  table.push_back({'v', "verbose", "", "Say so when there is nothing to say", Set(is_verbose_)});
+  return table;
+}
+
+CheckOptions ParseOptions(int argc_, char** argv_, bool& is_verbose_) {
+  CheckOptions options;
+  const Program program = {
+      "vocastra-check", static_cast<int>(Verdict::kErrors),
+      "Usage: vocastra-check CONFIG [-v] [-g GLOSSARY] [options of the daemon]\n"
+      "Says what the vocastra daemon would refuse or do silently.\n\n",
+      OptionTable(options, is_verbose_),
+      "Of the daemon's options, -c CONFIG means the same as CONFIG; with any of -d -f -i -o -p -s\n"
+      "-t -w the daemon's whole command line is judged. Run it as the daemon's user.\n\n"
+      "Findings go to standard error: FILE:LINE: error|warning: ELEMENT: what is wrong. Remedy.\n"
+      "Exit status: 0 clean; 1 warnings; 2 errors, or wrong use.\n"};
+  const std::vector<std::string> operands = ParseCommandLine(program, argc_, argv_);
+  if (!operands.empty()) {
+    options.config_path = operands.front();
+  }
+  if (operands.size() > 1 || options.config_path.empty()) {
+    FailUsage(program, "name one configuration file (see --help)");
+  }
+  return options;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    bool is_verbose = false;
+    const CheckOptions options = ParseOptions(argc, argv, is_verbose);
+    SetDebugMask(0);
+    const Verdict verdict = Check(options);
+    if (verdict == Verdict::kClean && is_verbose) {
+      fprintf(stderr, "%s: no findings\n", options.config_path.c_str());
+    }
+    return static_cast<int>(verdict);
+  } catch (const std::exception& e) {
+    fprintf(stderr, "vocastra-check: %s\n", e.what());
+    return static_cast<int>(Verdict::kErrors);
+  }
+}

@@ -1,0 +1,59 @@
+// Paths: what is wrong with one, what the shell makes of it, and which of them must not meet.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "findings.h"
+
+// The directory that a path is in; "." for a name alone.
+std::string ParentOf(const std::string& path_);
+
+// Why that is not a directory in which the daemon can read, write and search; empty if it is.
+std::string WhyUnusable(const std::string& path_);
+
+// Why that is not a program that can be executed; empty if it is.
+std::string WhyNotExecutable(const std::string& path_);
+
+// The characters of value_ that the shell does not take as they are, each once. Blanks are among
+// them unless value_ may be several words.
+std::string ShellCharacters(const std::string& value_, bool may_be_words_);
+
+// Those characters as a text.
+std::string Described(const std::string& characters_);
+
+// "<name_> goes through the shell, which reads <characters_>".
+std::string ThroughShell(const std::string& name_, const std::string& characters_);
+
+// The remedy for a path that the shell does not take as it is.
+constexpr char kSafeCharacters[] = "Use letters, digits and . _ + - / only";
+
+// Roles of directories that are not treated alike, see PathUses.
+constexpr char kAboveSubdir[] = "path above subdir";  // Emptied, but not looked into.
+constexpr char kLastPlayed[] = "last-played-path";
+constexpr char kOutput[] = "output";
+
+// The directories that the daemon uses, and the files that it needs.
+class PathUses {
+ public:
+  // A directory whose files the daemon takes or removes. role_ names it in findings.
+  void AddDirectory(const Place& place_, const std::string& role_, const std::string& path_);
+  void AddFile(const Place& place_, const std::string& role_, const std::string& path_);
+
+  // Finds directories that must not be emptied, that meet, or that hold one of the files.
+  void Check(Findings& findings_) const;
+
+ private:
+  struct Use {
+    Place place;
+    std::string role;
+    std::string path;
+    std::string real;  // Without links, "." and "..".
+  };
+
+  static void CheckPair(const Use& first_, const Use& second_, Findings& findings_);
+  static void CheckSame(const Use& first_, const Use& second_, Findings& findings_);
+
+  std::vector<Use> directories;
+  std::vector<Use> files;
+};

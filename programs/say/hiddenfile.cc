@@ -1,0 +1,63 @@
+#include "hiddenfile.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "format.h"
+
+namespace {
+
+constexpr mode_t kMessageMode = 0644;  // Whatever the umask: a message is there to be heard.
+
+}  // namespace
+
+HiddenFile::HiddenFile(const std::string& directory_)
+    : directory(directory_), file_path(directory_ + ".say-XXXXXX") {
+  fd = mkostemp(file_path.data(), O_CLOEXEC);
+  if (fd < 0) {
+    throw Format("cannot write to %s: %s", directory_.c_str(), strerror(errno));
+  }
+}
+
+HiddenFile::~HiddenFile() {
+  Close();
+  if (!is_published) {
+    unlink(file_path.c_str());
+  }
+}
+
+void HiddenFile::Write(const std::string& bytes_) {
+  size_t written = 0;
+  while (written < bytes_.size()) {
+    const ssize_t count = write(fd, bytes_.data() + written, bytes_.size() - written);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    Require(count > 0);
+    written += static_cast<size_t>(count);
+  }
+  Require(fchmod(fd, kMessageMode) == 0);
+  Require(Close() == 0);
+}
+
+void HiddenFile::Publish(const std::string& name_) {
+  Require(rename(file_path.c_str(), (directory + name_).c_str()) == 0);
+  is_published = true;
+}
+
+int HiddenFile::Close() {
+  const int result = fd < 0 ? 0 : close(fd);
+  fd = -1;
+  return result;
+}
+
+void HiddenFile::Require(bool is_ok_) const {
+  if (!is_ok_) {
+    throw Format("cannot write %s: %s", file_path.c_str(), strerror(errno));
+  }
+}

@@ -1,0 +1,34 @@
+// A file on its way into an input directory. It is written under a hidden name, which the daemon
+// ignores, and renamed when it is whole.
+#pragma once
+
+#include <string>
+
+class HiddenFile {
+ public:
+  // Creates an empty file in directory_, which ends in "/".
+  // Throws a string if that is not possible, as Write and Publish do.
+  explicit HiddenFile(const std::string& directory_);
+  // Removes the file unless it was published.
+  ~HiddenFile();
+
+  HiddenFile(const HiddenFile&) = delete;
+  HiddenFile& operator=(const HiddenFile&) = delete;
+
+  const std::string& path() const { return file_path; }
+
+  // Writes the whole content and lets everybody read it. To be called once.
+  void Write(const std::string& bytes_);
+
+  // Renames the file; the daemon may take it at once.
+  void Publish(const std::string& name_);
+
+ private:
+  int Close();
+  void Require(bool is_ok_) const;
+
+  std::string directory;
+  std::string file_path;
+  int fd = -1;
+  bool is_published = false;
+};
