@@ -3,28 +3,18 @@
 // Each finding is one line in the form that is promised, and the exit status is that of the
 // gravest. What the daemon refuses is an error.
 #include <pwd.h>
+#include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
+#include <utility>
+
+#include "check.h"
+#include "debug.h"
 #include "document.h"
 #include "fuzz.h"
 #include "glossary.h"
-
-namespace {
-
-struct Exit {
-  int status;
-};
-
-}  // namespace
-
-// The program's own main, under another name, with exits that can be watched.
-#define VOCASTRA_VERSION "0"
-#define main check_main
-#define exit(status) \
-  throw Exit { status }
-#include "../tools-src/vocastra-check.cc"
-#undef exit
-#undef main
+#include "xml.h"
 
 // One user, whatever the machine: reading the real ones takes most of the time.
 extern "C" passwd* getpwent() {
@@ -45,23 +35,13 @@ constexpr size_t kMaxBytes = 16 << 10;
 
 const fuzz::Scratch scratch;
 
-// What the check writes on standard error, and its exit status.
-std::string Checked(std::vector<std::string> arguments, int& status) {
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) {
-    argv.push_back(argument.data());
-  }
-  argv.push_back(nullptr);
-  optind = 0;  // Resets the C library's parser.
+// The check's lines on standard error, and its verdict.
+std::string Checked(const CheckOptions& options_, Verdict& verdict_) {
   char* buffer = nullptr;
   size_t size = 0;
   FILE* const captured = open_memstream(&buffer, &size);
   FILE* const real = std::exchange(stderr, captured);
-  try {
-    status = check_main(static_cast<int>(arguments.size()), argv.data());
-  } catch (const Exit& e) {
-    status = e.status;
-  }
+  verdict_ = Check(options_);
   stderr = real;
   fclose(captured);
   std::string text(buffer, size);
@@ -69,9 +49,9 @@ std::string Checked(std::vector<std::string> arguments, int& status) {
   return text;
 }
 
-// The gravest kind of the lines: the exit status that belongs to them.
-int CheckLines(const std::string& text) {
-  int gravest = kClean;
+// The gravest kind of the lines.
+Verdict CheckLines(const std::string& text) {
+  Verdict gravest = Verdict::kClean;
   for (size_t start = 0; start < text.size();) {
     const size_t end = text.find('\n', start);
     fuzz::Require(end != std::string::npos, "the last line is whole", text);
@@ -85,7 +65,7 @@ int CheckLines(const std::string& text) {
     fuzz::Require(is_error || line.compare(kind, 11, ": warning: ") == 0, "a finding has a kind",
                   line);
     fuzz::Require(line.back() == '.', "a finding ends with a remedy", line);
-    gravest = std::max<int>(gravest, is_error ? kErrors : kWarnings);
+    gravest = std::max(gravest, is_error ? Verdict::kErrors : Verdict::kWarnings);
   }
   return gravest;
 }
@@ -114,12 +94,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string config_path = scratch.Write("config.xml", config);
   const std::string glossary_path = scratch.Write("glossary.xml", glossary);
 
-  int status = 0;
-  const std::string findings =
-      Checked({"vocastra-check", "-g", glossary_path, config_path}, status);
-  fuzz::Require(CheckLines(findings) == status, "the status is that of the gravest finding",
+  CheckOptions options;
+  options.config_path = config_path;
+  options.glossary_path = glossary_path;
+  Verdict verdict = Verdict::kClean;
+  const std::string findings = Checked(options, verdict);
+  fuzz::Require(CheckLines(findings) == verdict, "the status is that of the gravest finding",
                 findings);
-  fuzz::Require(status == kErrors || IsLoaded(config_path, glossary_path),
+  fuzz::Require(verdict == Verdict::kErrors || IsLoaded(config_path, glossary_path),
                 "what the daemon refuses is an error", config + separator + glossary);
   fuzz::RequireNoSecret(findings, text);
   return 0;
