@@ -22,8 +22,8 @@ size_t LeadingAscii(uint64_t word) {
 #endif
 }
 
-// Where the ASCII bytes from p on end. In words: message texts are mostly ASCII, and at a step a
-// byte the check would cost more than the reading.
+// The end of the ASCII bytes from p on. Looks at 16 bytes at once: message texts are mostly ASCII,
+// and a step per byte would cost more than the reading.
 const unsigned char* SkipAscii(const unsigned char* p, const unsigned char* end) {
   uint64_t words[2];
   while (static_cast<size_t>(end - p) >= sizeof(words)) {
@@ -43,7 +43,7 @@ const unsigned char* SkipAscii(const unsigned char* p, const unsigned char* end)
 // Steps over one valid sequence of three or four bytes. False if there is none at p. Overlong
 // forms, surrogates and code points above U+10FFFF show in the second byte at the latest.
 //
-// Each length has its own way out, so that the processor foresees where the next one starts.
+// Each length returns by itself: the branch predictor then knows where the next sequence starts.
 bool SkipLongSequence(const unsigned char*& p, const unsigned char* end) {
   const unsigned char lead = p[0];
   const auto available = end - p;
@@ -134,8 +134,8 @@ bool Utf8IsValid(const std::string& text_) {
   const auto* p = reinterpret_cast<const unsigned char*>(text_.data());
   const unsigned char* const end = p + text_.size();
   while ((p = SkipAscii(p, end)) < end) {
-    // Other scripts come in runs of words with a single space between them, which is not worth a
-    // look at 16 bytes. Most of their words are of sequences of two bytes.
+    // Texts in other scripts are runs of words with single spaces, mostly of two-byte sequences.
+    // SkipAscii would cost more than it saves there.
     bool is_run = true;
     while (is_run) {
       while (end - p >= 2 && p[0] >= 0xC2 && p[0] < 0xE0 && IsContinuation(p[1])) {

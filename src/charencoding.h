@@ -28,8 +28,8 @@ constexpr bool Utf8IsControl(uint32_t cp) { return cp <= 0x1F || (cp >= 0x7F && 
 
 // The UTF-8 text of one byte of an extended-ASCII file: ISO 8859-1 in 0xC0-0xFF, the Spanish
 // characters of code page 437 at 0xA0-0xA5, 0xA8 and 0xAD. A zero byte yields nothing. The other
-// bytes 0x80-0xBF become 0xC2 and the byte less 0x20. For 0x80-0x9F that is not valid UTF-8: readers
-// replace the 0xC2 by U+FFFD and keep the second byte, an ASCII character.
+// bytes 0x80-0xBF become 0xC2 and the byte less 0x20. For 0x80-0x9F that is not valid UTF-8:
+// readers replace the 0xC2 by U+FFFD and keep the second byte, an ASCII character.
 std::string ExtAsciiToUtf8Char(char c);
 
 // ExtAsciiToUtf8Char of every byte, in order.

@@ -12,12 +12,12 @@ namespace {
 
 unsigned int debug_mask = kDebugDefault;
 
-// The longest texts that are logged as a rule are those of whole message files, 64 KiB.
+// Enough for the text of a whole message file, 64 KiB. Longer lines are rare.
 constexpr size_t kLineSize = 72 * 1024;
 
-// In one write. The newline takes the place of the terminating zero, which what is written does
-// not need. On the stack, which spares every line some requests to the heap, and which is touched
-// only as far as the line goes; only lines that do not fit are formatted a second time.
+// Writes the line in one write; the newline replaces the terminating zero. The buffer is on the
+// stack, which saves requests to the heap. Only a line that does not fit is formatted a second
+// time.
 __attribute__((format(printf, 1, 0))) void WriteLine(const char* format, va_list args) {
   char line[kLineSize];
   va_list args_again;

@@ -20,5 +20,5 @@ bool IsDebugEnabled(unsigned int mask);
 // Writes the message, formatted as by printf, and a newline if any bit of mask is set in the
 // process's mask. The line reaches standard error in one write, so that lines of the daemon and
 // of the programs it starts do not mix; in a pipe, up to its PIPE_BUF bytes, 4096 on Linux.
-// Failures to write are ignored: there is nowhere to tell.
+// Failures to write are ignored: there is nowhere to report them.
 void Debug(unsigned int mask, const char* format, ...) __attribute__((format(printf, 2, 3)));

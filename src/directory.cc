@@ -133,13 +133,13 @@ std::list<std::string> Directory::Impl::GetFileNames() {
     return names;
   }
   const size_t copied = FillSlots(listing, count);
-  // Not the slots themselves: that would move two pages of memory for every file.
+  // Pointers are sorted: moving the slots would copy two pages of memory for every file.
   std::vector<const char*> sorted(count);
   for (size_t i = 0; i < count; ++i) {
     sorted[i] = file_name_buffer + i * kSlotSize;
   }
-  // All slots are sorted, and the first ones taken: of files that vanished between the passes
-  // the empty slots come first and push as many names off the end. The next listing has them.
+  // If files vanished between the passes, their empty slots come first, and as many names are
+  // missing at the end. The next listing has them.
   qsort(sorted.data(), count, sizeof(sorted[0]), CompareSlots);
   for (size_t i = 0; i < copied; ++i) {
     names.emplace_back(sorted[i]);
@@ -147,11 +147,11 @@ std::list<std::string> Directory::Impl::GetFileNames() {
   return names;
 }
 
-// Writes the names of a second pass over the listing into the slots, of which there are count, and
-// makes the others empty. Returns how many names there were.
+// Writes the names of a second pass over the listing into the count slots, and makes the others
+// empty. Returns the number of names.
 //
-// What follows the name in its slot is left as it is. To zero it cost more than to read the file:
-// 4 KiB of memory for each, in every scan.
+// The rest of a slot is not zeroed: 4 KiB for each file, in every scan, cost more than reading the
+// file.
 size_t Directory::Impl::FillSlots(const Listing& listing, size_t count) {
   size_t copied = 0;
   rewinddir(listing.get());

@@ -31,7 +31,7 @@ class Directory {
   // Names (without directory) of the listed files in byte order: "B" before "a", "10" before
   // "9". Throws a string if the directory is unreadable; the lock is held then until Unlock or
   // the end of the object. Empty, with a log line, if there is no memory.
-  // If files vanish meanwhile, empty names stand at the head and as many names are missing at the
+  // If files vanish meanwhile, empty names are at the head and as many names are missing at the
   // end; the next listing has them.
   std::list<std::string> GetFileNames();
 

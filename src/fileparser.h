@@ -8,6 +8,7 @@ class FileParser {
   virtual ~FileParser() = default;
 
   // The message text of the file at path_, in UTF-8. Empty means that there is nothing to say.
-  // Bad content is no error: it is logged, and what could be made of the file is returned.
+  // Bad content is no error: it is logged, and the usable part of the text is returned. Never
+  // throws a std::exception.
   virtual std::string ParseFile(const std::string& path_) const = 0;
 };

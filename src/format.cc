@@ -50,7 +50,7 @@ class CommandSignals {
   CommandSignals(const CommandSignals&) = delete;
   CommandSignals& operator=(const CommandSignals&) = delete;
 
-  // Has the command start with the signals as they were before.
+  // The command gets the signals as they were before.
   void SpareCommand(posix_spawnattr_t* attributes) const {
     short flags = POSIX_SPAWN_SETSIGMASK;
     posix_spawnattr_setsigmask(attributes, &saved_mask);

@@ -11,8 +11,8 @@
 // The message formatted as by printf; empty if the C library cannot format it.
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// The number that the whole of s_ denotes: decimal ("010" is ten), or, if "0x" stands anywhere
-// in it, with strtol's automatic base. Leading white space and a sign are accepted, nothing may
+// The number that the whole of s_ denotes: decimal ("010" is ten), or, if "0x" is anywhere in it,
+// with strtol's automatic base. Leading white space and a sign are accepted, nothing may
 // follow. Throws a string if s_ is no such number or lies outside
 // -2147483648..2147483647, whatever the size of long.
 int ParseInteger(const std::string& s_);
@@ -52,8 +52,8 @@ std::string CreateTemporaryDirectory(const char* prefix_);
 // Throws a string on failure.
 std::string CreateTemporaryFile(const char* prefix_);
 
-// Writes length_ bytes, in one system call if the file takes them so. False if not all of them could
-// be written; errno tells why.
+// Writes length_ bytes, in one system call if the file takes them so. False if not all of them
+// could be written; errno tells why.
 bool WriteWhole(int fd_, const char* data_, size_t length_);
 
 // A regular file opened for reading, closed with the object and on exec. Anything else, such as a

@@ -21,7 +21,7 @@ void Glossary::Impl::Load(const std::string& path) {
     if (word->HasName("word")) {
       std::string text = word->GetAttributeString("text");
       std::string speech = word->GetAttributeString("speech");
-      // Glossaries are mostly kept in order: then each entry belongs behind all others.
+      // Glossaries are mostly in order: each entry then follows all others.
       speech_map.emplace_hint(speech_map.end(), std::move(text), std::move(speech));
     }
   }

@@ -195,7 +195,8 @@ void Vocastra::Impl::ConfigureDirectories(const XMLElement& root) {
 }
 
 // Keeps the directory if its element is unchanged, so that a reload does not disturb messages
-// that are being spoken; else builds it anew. The first element of several for one id counts.
+// that are being spoken; otherwise builds a new one. Of several elements with one id the first
+// counts.
 void Vocastra::Impl::ConfigureDirectory(const XMLElement& element, const std::string& id,
                                         std::set<std::string>& new_ids) {
   if (!new_ids.insert(id).second) {
@@ -254,7 +255,7 @@ void Vocastra::Impl::ConfigureParsers(const XMLElement& root) {
 void Vocastra::Impl::ConfigureParser(const XMLElement& element) {
   const std::string id = element.GetAttributeString("id");
   // The bare id is looked up among encoded ones, so only an id such as "text-utf8" is reported.
-  // Of two parsers with the same bare id the first one wins without a word.
+  // Of two parsers with the same bare id the first wins silently.
   if (id_to_file_parser.count(id) != 0) {
     Debug(kDebugNormal, "Duplicate parser ID \"%s\"", id.c_str());
     return;
@@ -348,8 +349,8 @@ bool Vocastra::Impl::ProcessSnippet() {
       word = glossary->SubstituteSpeech(word);
     }
   }
-  // Words whose translation fails are lost: an announcement that goes on after a gap beats one
-  // that blocks everything behind it.
+  // Words whose translation fails are lost: an announcement with a gap is better than one that
+  // blocks all others.
   if (!WriteSnippet(words, is_start) ||
       !Translate(directory->GetTranslatorArguments(), message_filename)) {
     return false;
@@ -390,9 +391,9 @@ InputDirectory* Vocastra::Impl::ChooseDirectory() {
   return nullptr;
 }
 
-// False if the translator would find no text or a cut one. The name is known to others and in a
-// directory where everybody may write: a link in the file's place is not followed, and if the file
-// was removed, the new one is as private as the first.
+// False if the translator would find no text or a cut one. Everybody can write to the file's
+// directory: a link in its place is not followed, and a file that was removed is created as private
+// as the first.
 bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words, bool is_start) {
   OutputFile file = OpenForWriting(temp_input_path, O_NOFOLLOW, S_IRUSR | S_IWUSR);
   if (file) {
@@ -413,7 +414,7 @@ bool Vocastra::Impl::Translate(const std::string& arguments,
   const std::string command = Format(
       "%s %s %s %s \"%s\" > /dev/null 2>&1", translator_file_path.c_str(), temp_input_path.c_str(),
       temp_output_path.c_str(), arguments.c_str(), message_filename.c_str());
-  // The empty text, which Format returns when there is no memory, would count as done.
+  // Format returns the empty string when there is no memory, which would count as done.
   Debug(kDebugNormal, "calling engine");
   const int status = command.empty() ? -1 : RunShell(command);
   Debug(kDebugNormal, "done calling engine");
@@ -424,8 +425,9 @@ bool Vocastra::Impl::Translate(const std::string& arguments,
   return true;
 }
 
-// Delivers what leads a message: spacer and bumper, then silence. The spacer goes with the bumper,
-// whether or not a spacer is configured. False if there is a silence clip but nowhere to put it.
+// Delivers the clips at the start of a message: spacer and bumper, then silence. The spacer goes
+// with the bumper, whether or not a spacer is configured. False if there is a silence clip but
+// nowhere to put it.
 bool Vocastra::Impl::DeliverClips(const InputDirectory& directory) {
   const std::string display_id = directory.GetDisplayId();
   const int preview = directory.GetPreview();

@@ -30,7 +30,7 @@ class XMLElement {
   // The counterpart of operator==. The memory of the old ones is kept until the element ends.
   XMLElement& operator=(const XMLElement& rhs_);
   // Compares name and attributes only: an input directory counts as unchanged when its
-  // element's attributes are, whatever stands inside the element.
+  // element's attributes are, whatever is inside the element.
   bool operator==(const XMLElement& rhs_) const;
 
   // Appends child_ to the children and takes ownership of it.
@@ -98,9 +98,9 @@ class XMLDocument {
   // anything else for UTF-8. Invalid UTF-8 is replaced by U+FFFD before parsing.
   // A document that merely ends early is valid. One that is malformed is logged; the part of
   // the tree before the error stays reachable. A document is malformed ("out of memory") from where
-  // its tree would take more than 4 MiB and 64 times the size of its file, or more than there is.
-  // Logs and throws a string if the file cannot be opened; throws std::bad_alloc if there is no
-  // memory for its bytes.
+  // its tree would take more than 4 MiB and 64 times the size of its file, or more than there is,
+  // and after 10,000 attribute declarations. Logs and throws a string if the file cannot be opened;
+  // throws std::bad_alloc if there is no memory for its bytes.
   XMLDocument(const std::string& path_, const std::string& encoding_);
   ~XMLDocument();
 

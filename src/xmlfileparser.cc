@@ -24,8 +24,8 @@ struct Field {
 
   std::string parent;  // If not empty, the holder of the child or an ancestor of it is so named.
   std::string tag;     // The child's name. A rule without one is skipped.
-  std::string attr;    // Text mode: a condition, if not empty. Attribute mode: what is extracted.
-  std::string attr_value;  // Text mode: what attr must be.
+  std::string attr;    // Text mode: a condition, if not empty. Attribute mode: the source.
+  std::string attr_value;  // Text mode: the value that attr must have.
 };
 
 // A field while a tree is walked.
@@ -151,7 +151,7 @@ void XMLFileParser::Impl::ExtractFields(std::string& text, const XMLElement& ele
 void XMLFileParser::Impl::ExtractChild(std::string& text, const XMLElement& child,
                                        const Field& field) const {
   const std::string child_text = child.GetText();
-  // Also in attribute mode, where the text is not used: one bound for a message in either mode.
+  // In attribute mode too, where the text is not used: both modes have the same bound.
   if (!HasRoom(text, child_text.size())) {
     return;
   }

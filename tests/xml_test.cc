@@ -1057,6 +1057,21 @@ TEST_F(XMLDocumentTest, HoldsEveryTreeWithoutEntities) {
   EXPECT_EQ(1000000u, root_->GetChildren("b").size());
 }
 
+TEST_F(XMLDocumentTest, StopsAfterTooManyAttributeDeclarations) {
+  const auto document = [](int count) {
+    std::string declarations;
+    for (int i = 0; i < count; ++i) {
+      declarations += " a" + std::to_string(i) + " CDATA #IMPLIED";
+    }
+    return "<!DOCTYPE a [<!ATTLIST a" + declarations + ">]><a/>";
+  };
+  Load(document(10000));
+  ExpectValid();
+  Load(document(10001));
+  EXPECT_EQ("out of memory at line 1\n", log_);
+  EXPECT_FALSE(valid_);
+}
+
 TEST_F(XMLDocumentTest, CountsEachDocumentOnItsOwn) {
   Load(DocumentOfElements(10000));
   const std::unique_ptr<const XMLElement> first = std::move(root_);
