@@ -103,13 +103,37 @@ def items(text, start):
 CONFIGURATION = ["tts-config", "directory", "parser", "field"]
 
 
+def table(element):
+    """The rows of vocastra-check's table: for each attribute "string" or "number", and the default,
+    None if it is required."""
+    code = (ROOT / "programs/check/attributes.cc").read_text()
+    row = rf'\{{"{element}", "([\w-]+)", (kInteger)?.*, (nullptr|"\w*"), [^,]+, \w+\}}'
+    return {
+        name: ("number" if number else "string", None if default == "nullptr" else default[1:-1])
+        for name, number, default in re.findall(row, code)
+    }
+
+
 @pytest.mark.parametrize("element", CONFIGURATION)
 def test_attributes_of_the_configuration(element):
+    rows = table(element)
     documented = items(page("vocastra.conf.5"), f"\n.Ss The element {element}\n")
-    assert set(documented) == attributes_of("tts-config", element)
-    for text in documented.values():
-        default = r"(required|default empty|default: the id|default \w+)"
-        assert re.fullmatch(rf"(string|number), {default}; such as Qq \S.*", text), text
+    assert set(documented) == set(rows) == attributes_of("tts-config", element)
+    for name, (kind, default) in rows.items():
+        words = {None: "required", "": "default empty"}.get(default, f"default {default}")
+        if name == "display-id":
+            words = "default: the id"
+        assert re.fullmatch(rf"{kind}, {words}; such as Qq \S.*", documented[name]), name
+
+
+def test_table_of_directories_has_what_the_daemon_reads():
+    code = (ROOT / "src/inputdirectory.cc").read_text()
+    read = re.findall(r'GetAttribute(String|Integer)\("([\w-]+)", "?(\w*)"?\)', code)
+    kinds = {"String": "string", "Integer": "number"}
+    rows = table("directory")
+    rows["id"] = ("string", "")  # The player requires it before.
+    rows["display-id"] = ("string", "id")
+    assert {name: (kinds[kind], default) for kind, name, default in read} == rows
 
 
 def test_attributes_of_the_glossary():
