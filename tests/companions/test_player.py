@@ -434,8 +434,11 @@ def test_device_gets_half_a_second_of_silence_when_nothing_follows(output, sandb
 
 
 def test_stopped_player_stops_its_device(output, sandbox):
-    sandbox.provide("aplay", 'for last; do :; done\n[ "$last" = /dev/null ] || '
-                    "{ echo $$ > aplay.pid; exec sleep 3600; }")
+    sandbox.provide(
+        "aplay",
+        'for last; do :; done\n[ "$last" = /dev/null ] || '
+        "{ echo $$ > aplay.pid; exec sleep 3600; }",
+    )
     process = start(output)
     pid_file = sandbox.path / "aplay.pid"
     eventually(lambda: pid_file.exists() and pid_file.read_text(), "the device plays")
@@ -474,8 +477,11 @@ TOOLS = "sh cat flock head mkfifo mktemp mv rm sleep tr wc".split()
 
 
 def test_play_stands_in_for_aplay(output, sandbox):
-    sandbox.provide("play", 'printf "%s\\n" "$*" >> play.calls\n'
-                    'case $* in *trim*) ;; *) exec cat > play.sound ;; esac')
+    sandbox.provide(
+        "play",
+        'printf "%s\\n" "$*" >> play.calls\n'
+        "case $* in *trim*) ;; *) exec cat > play.sound ;; esac",
+    )
     sandbox.leave_only(*TOOLS)
     output.deliver("1_lobby.raw", pcm(1, 10))
     result = sandbox.run(PLAYER, "--until-empty", output.path)

@@ -209,7 +209,7 @@ def test_too_few_arguments_are_an_error(translator):
 def test_engine_gets_text_escaped_and_pauses_as_breaks(espeak):
     espeak.sandbox.provide("espeak-ng", FAKE_ENGINE)
     espeak.speak(
-        '\\pau=300\\ a&b <c> &lt; "d" \'e\' [[f]] \\pau=12345\\ \\pau=1\\\\pau=2\\ \\pau=x\\ '
+        "\\pau=300\\ a&b <c> &lt; \"d\" 'e' [[f]] \\pau=12345\\ \\pau=1\\\\pau=2\\ \\pau=x\\ "
     )
     assert (espeak.sandbox.path / "input").read_text() == (
         '<speak><break time="300ms" strength="weak"/> a&amp;b &lt;c&gt; &amp;lt; "d" \'e\'   f]] '
@@ -283,9 +283,7 @@ def test_pieces_are_not_dragged_apart_by_silence(espeak):
 
 def test_unknown_voice_is_an_error(espeak):
     complaint = espeak.fail("hello ", "voice=nosuch")
-    assert complaint == (
-        "espeak-ng failed: Error: The specified espeak-ng voice does not exist."
-    )
+    assert complaint == ("espeak-ng failed: Error: The specified espeak-ng voice does not exist.")
 
 
 @pytest.mark.parametrize("voice", ["", "a b", "../../tmp/voice", "en;id", "$(id)"])

@@ -44,7 +44,9 @@ def staged(tmp_path_factory):
 def unit(request, staged, tmp_path):
     """A unit under its installed name, whose programs are those that were staged."""
     path = tmp_path / f"{request.param}.service"
-    path.write_text(re.sub("/usr/(sbin|libexec)/", rf"{staged}\g<0>", UNITS[request.param].read_text()))
+    path.write_text(
+        re.sub("/usr/(sbin|libexec)/", rf"{staged}\g<0>", UNITS[request.param].read_text())
+    )
     return path
 
 
@@ -60,7 +62,10 @@ def test_exposure_is_at_most_1_5(unit):
 @pytest.mark.parametrize("name", UNITS)
 def test_units_name_files_that_are_installed(name, staged):
     text = UNITS[name].read_text()
-    paths = set(re.findall(r"(?<![\w/])/(?:usr|etc)/[\w./-]+", text)) - {"/etc/vocastra", "/etc/default"}
+    paths = set(re.findall(r"(?<![\w/])/(?:usr|etc)/[\w./-]+", text)) - {
+        "/etc/vocastra",
+        "/etc/default",
+    }
     assert paths
     assert [path for path in sorted(paths) if not (staged / path[1:]).is_file()] == []
 
@@ -93,8 +98,14 @@ def test_program_notes_and_package_have_one_version():
 
 
 def test_nobody_else_can_lock_what_the_daemon_locks():
-    rows = re.findall(r"^d (\S+) +(\d{4}) ", (ROOT / "debian/vocastra.tmpfiles").read_text(), re.MULTILINE)
-    modes = {path: int(mode, 8) & 0o7 for path, mode in rows if path.count("/") > 3 or path.endswith("/out")}
+    rows = re.findall(
+        r"^d (\S+) +(\d{4}) ", (ROOT / "debian/vocastra.tmpfiles").read_text(), re.MULTILINE
+    )
+    modes = {
+        path: int(mode, 8) & 0o7
+        for path, mode in rows
+        if path.count("/") > 3 or path.endswith("/out")
+    }
     assert set(modes.values()) == {0} and len(modes) == 3
 
 
@@ -132,11 +143,16 @@ def test_daemon_takes_up_the_configuration(staged, tmp_path):
     finally:
         daemon.send_signal(signal.SIGINT)
         assert daemon.wait(30) == 1
-    lines = [line for line in log.read_text().splitlines() if not line.startswith("Could not execute")]
+    lines = [
+        line for line in log.read_text().splitlines() if not line.startswith("Could not execute")
+    ]
     directories = ["alarms", "announcements"]
     created = []
     for name in directories:
-        created += [f"Removing contents of directory {spool}/{name}", f"Created new input directory {name}"]
+        created += [
+            f"Removing contents of directory {spool}/{name}",
+            f"Created new input directory {name}",
+        ]
     assert lines[: 1 + len(created)] == [f"Processing configuration {config}", *created]
     assert lines[-1] == 'Now in "run" state'
     for name in directories:

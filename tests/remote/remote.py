@@ -72,7 +72,9 @@ class RemoteDaemon(Daemon):
 
     def helper_pids(self):
         """The helpers, by their numbers, that the daemon has sent SIGTERM."""
-        return [int(n) for n in re.findall(r"^Sending SIGTERM to PID (\d+)$", self.log_text(), re.M)]
+        return [
+            int(n) for n in re.findall(r"^Sending SIGTERM to PID (\d+)$", self.log_text(), re.M)
+        ]
 
     def stop(self):
         """Daemon.stop(), then asserts that the helper is gone with all that it had."""

@@ -91,15 +91,18 @@ class Server:
     def try_start(self):
         with open(self.root / "server.log", "ab") as log:
             self.process = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", *self.command()],  # ends with a test that is killed
+                [
+                    "setpriv",
+                    "--pdeathsig",
+                    "KILL",
+                    *self.command(),
+                ],  # ends with a test that is killed
                 stdin=subprocess.DEVNULL,
                 stdout=log,
                 stderr=log,
                 **self.options(),
             )
-        wait_until(
-            lambda: self.process.poll() is not None or accepts(self.port), self.describe
-        )
+        wait_until(lambda: self.process.poll() is not None or accepts(self.port), self.describe)
         return self.process.poll() is None
 
     def options(self):
@@ -292,7 +295,10 @@ class Helper:
         self.server = server
         self.watch = Path(watch or root / "watch")
         self.local = self.watch / changes.get("subdir", "")
-        self.command = [str(script or HELPERS / server.kind), *server.arguments(self.watch, **changes)]
+        self.command = [
+            str(script or HELPERS / server.kind),
+            *server.arguments(self.watch, **changes),
+        ]
         self.scratch = root / "scratch"
         self.bin = root / "bin"
         self.process = None

@@ -404,7 +404,12 @@ def test_ftp_mode(make_server, make_helper, mode):
 def test_ftp_paths(server, make_helper):
     server.put("new.txt", "New.")
     host = f"127.0.0.1:{server.port}"
-    for path in (f"ftp://{host}/inbox", f"ftp://{host}/inbox/", f"{host}/./inbox", f"{host}//inbox"):
+    for path in (
+        f"ftp://{host}/inbox",
+        f"ftp://{host}/inbox/",
+        f"{host}/./inbox",
+        f"{host}//inbox",
+    ):
         if server.name == "vsftpd" and "//inbox" in path:
             path = f"{host}/{server.inbox}"  # its users are not locked into their directory
         helper = make_helper(server, path=path).start()

@@ -76,8 +76,12 @@ def directories(daemon):
 
 @pytest.mark.core
 def test_the_program_needs_no_function_that_older_libraries_lack():
-    symbols = subprocess.run(["readelf", "-W", "--dyn-syms", program()[-1]], check=True,
-                             stdout=subprocess.PIPE, text=True).stdout
+    symbols = subprocess.run(
+        ["readelf", "-W", "--dyn-syms", program()[-1]],
+        check=True,
+        stdout=subprocess.PIPE,
+        text=True,
+    ).stdout
     assert "XML_Parse" in symbols
     assert FUNCTION not in symbols
 
@@ -86,23 +90,31 @@ def test_the_program_needs_no_function_that_older_libraries_lack():
 def test_a_configuration_is_whole_after_a_long_comment(station):
     for number, size in enumerate(SIZES):
         ids = [f"a{number}", f"b{number}"]
-        station.reconfigure(*[station.directory(identity) for identity in ids],
-                            f"<!--{'x' * size}-->", station.directory(f"c{number}"))
+        station.reconfigure(
+            *[station.directory(identity) for identity in ids],
+            f"<!--{'x' * size}-->",
+            station.directory(f"c{number}"),
+        )
         assert directories(station) == [*ids, f"c{number}"], size
     assert "symbol lookup error" not in station.log_text()
     station.stop()
 
 
 def test_a_message_and_a_glossary_are_whole_after_long_tokens(station):
-    station.configure(station.directory("a", parser="alert", encoding="utf8"),
-                      '<parser id="alert" type="xml">'
-                      '<field tag="text" attr="" attr_value="" parent=""/></parser>')
+    station.configure(
+        station.directory("a", parser="alert", encoding="utf8"),
+        '<parser id="alert" type="xml">'
+        '<field tag="text" attr="" attr_value="" parent=""/></parser>',
+    )
     station.wait_passes(3)
     expected = []
     for size in SIZES[3:8]:
         station.glossary.write_text(
-            element("glossary", [f"<!--{'x' * size}-->", element("word", text="North",
-                                                                 speech=f"north {size}")]))
+            element(
+                "glossary",
+                [f"<!--{'x' * size}-->", element("word", text="North", speech=f"north {size}")],
+            )
+        )
         station.wait_passes(2)
         station.drop("a", f"m{size}", f"<alert><!--{'x' * size}--><text>to North</text></alert>")
         expected.append((f"m{size}", f"{PAUSE}to north {size} "))

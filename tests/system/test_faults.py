@@ -16,8 +16,18 @@ import time
 from pathlib import Path
 
 import pytest
-from daemon import (PAUSE, Daemon, crc16, element, is_alive, locked, program, publish, wait_until,
-                    waits_for_lock)
+from daemon import (
+    PAUSE,
+    Daemon,
+    crc16,
+    element,
+    is_alive,
+    locked,
+    program,
+    publish,
+    wait_until,
+    waits_for_lock,
+)
 
 SMALL = 64 * 1024  # Bytes of the file system that fills up.
 
@@ -61,8 +71,10 @@ class Station:
         self.count += 1
         name, before = f"well{self.count}", len(self.daemon.translator_runs())
         self.daemon.drop("a", name, f"all is well {self.count}")
-        self.daemon.wait(lambda: [run for run in self.daemon.translator_runs()[before:]
-                                  if run.message == name], "the message")
+        self.daemon.wait(
+            lambda: [run for run in self.daemon.translator_runs()[before:] if run.message == name],
+            "the message",
+        )
         said = [run.text.decode() for run in self.daemon.translator_runs() if run.message == name]
         assert said == [f"{PAUSE}all is well {self.count} "]
 
@@ -95,8 +107,11 @@ def fill(path):
 
 
 # Where not, the tests on a full file system are not there; a limit on files stands in.
-can_mount = os.geteuid() == 0 and subprocess.run(
-    ["unshare", "-m", "true"], check=False, stderr=subprocess.DEVNULL).returncode == 0
+can_mount = (
+    os.geteuid() == 0
+    and subprocess.run(["unshare", "-m", "true"], check=False, stderr=subprocess.DEVNULL).returncode
+    == 0
+)
 
 
 class UnprivilegedDaemon(Daemon):
@@ -171,10 +186,14 @@ def test_output_replaced_by_a_file(make_daemon):
     shutil.rmtree(daemon.output)
     daemon.output.write_text("in the way")
     daemon.drop("a", "m", "unheard")
-    daemon.wait(lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
-                "the copy to fail")
-    assert any(line.startswith(f'Could not open "{daemon.output}/" for counting: ')
-               for line in daemon.log())
+    daemon.wait(
+        lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
+        "the copy to fail",
+    )
+    assert any(
+        line.startswith(f'Could not open "{daemon.output}/" for counting: ')
+        for line in daemon.log()
+    )
     daemon.output.unlink()
     daemon.output.mkdir()
     station.say()
@@ -188,8 +207,10 @@ def test_output_that_may_not_be_written(make_unprivileged, copied_program):
     daemon.take()
     daemon.output.chmod(0o555)
     daemon.drop("a", "m", "unheard")
-    daemon.wait(lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
-                "the copy to fail")
+    daemon.wait(
+        lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
+        "the copy to fail",
+    )
     daemon.output.chmod(0o755)
     station.end()
 
@@ -215,8 +236,9 @@ def test_audio_over_the_limit_of_a_file(make_daemon):
     daemon.behave()
     daemon.take()
     daemon.drop("a", "n", "small again")
-    daemon.wait(lambda: any(content.endswith(b"small again ") for _, content in daemon.take()),
-                "the audio")
+    daemon.wait(
+        lambda: any(content.endswith(b"small again ") for _, content in daemon.take()), "the audio"
+    )
     daemon.stop()
 
 
@@ -231,12 +253,16 @@ if can_mount:
         ballast = small_file_system / ".ballast"
         fill(ballast)
         daemon.drop("a", "m", "no room")
-        daemon.wait(lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
-                    "the copy to fail")
+        daemon.wait(
+            lambda: any(line.startswith('Could not execute "cp ') for line in daemon.log()),
+            "the copy to fail",
+        )
         ballast.unlink()
         station.say()
-        daemon.wait(lambda: any(content.endswith(b"all is well 2 ") for _, content in daemon.take()),
-                    "the audio")
+        daemon.wait(
+            lambda: any(content.endswith(b"all is well 2 ") for _, content in daemon.take()),
+            "the audio",
+        )
         station.end()
 
 
@@ -360,8 +386,9 @@ def test_cache_without_its_directory_fails_every_pass_until_it_is_there(make_dae
     last = daemon.root / "last"
     last.mkdir()
     station = Station(daemon)
-    daemon.reconfigure(daemon.directory("a"),
-                       daemon.directory("c", dir_mode="cache", last_played_path=last))
+    daemon.reconfigure(
+        daemon.directory("a"), daemon.directory("c", dir_mode="cache", last_played_path=last)
+    )
     last.rmdir()
     daemon.wait_log(f"Could not open directory {last}/", 2)
     last.mkdir()
@@ -589,13 +616,17 @@ def test_glossary_written_bit_by_bit(make_daemon):
 def test_configuration_swapped_a_thousand_times(make_daemon):
     station = Station(make_daemon())
     daemon = station.daemon
-    texts = [element("tts-config", [daemon.directory("a"), daemon.directory(name)], state="run")
-             for name in ("b", "c")]
+    texts = [
+        element("tts-config", [daemon.directory("a"), daemon.directory(name)], state="run")
+        for name in ("b", "c")
+    ]
     assert crc16(texts[0].encode()) != crc16(texts[1].encode())
     for i in range(1000):
         publish(daemon.config, texts[i % 2])
-    daemon.wait(lambda: 'id="c"' in (daemon.status() or "") and 'id="b"' not in daemon.status(),
-                "the last configuration")
+    daemon.wait(
+        lambda: 'id="c"' in (daemon.status() or "") and 'id="b"' not in daemon.status(),
+        "the last configuration",
+    )
     assert "Deleted input directory a" not in daemon.log()
     station.end()
 
@@ -604,8 +635,9 @@ def test_glossary_swapped_a_thousand_times(make_daemon):
     daemon = make_daemon(glossary=True)
     daemon.write_glossary(("other", "word"))
     station = Station(daemon)
-    texts = [element("glossary", [element("word", text="it", speech=f"speech{i}")])
-             for i in range(2)]
+    texts = [
+        element("glossary", [element("word", text="it", speech=f"speech{i}")]) for i in range(2)
+    ]
     for i in range(1000):
         publish(daemon.glossary, texts[i % 2])
     daemon.wait_passes(2)
@@ -624,8 +656,9 @@ def test_huge_configuration_and_glossary(make_daemon):
     directories = [daemon.directory(f"d{i}", priority=i) for i in range(200)]
     daemon.reconfigure(daemon.directory("a"), *directories, *parsers)
     daemon.drop("d199", "m", "word0 word4999 word5000")
-    daemon.wait(lambda: ("m", PAUSE + "speech 0 speech 4999 word5000 ") in daemon.spoken(),
-                "the message")
+    daemon.wait(
+        lambda: ("m", PAUSE + "speech 0 speech 4999 word5000 ") in daemon.spoken(), "the message"
+    )
     daemon.reconfigure(daemon.directory("a"))
     station.end()
 
@@ -657,7 +690,8 @@ def test_closed_standard_error(make_daemon):
     daemon.drop("a", "m", "without a log")
     daemon.wait_outputs(1)
     assert daemon.take() == [
-        ("0_a.text_live_first.raw", b"audio 1\n" + PAUSE.encode() + b"without a log ")]
+        ("0_a.text_live_first.raw", b"audio 1\n" + PAUSE.encode() + b"without a log ")
+    ]
     assert os.readlink(f"/proc/{daemon.process.pid}/fd/2") == "/dev/null"
     daemon.stop()
 
@@ -707,8 +741,9 @@ def failing_translator(daemon):
 @contextlib.contextmanager
 def lost_helper(daemon, behaviour):
     daemon.tell_helpers(behaviour)
-    daemon.reconfigure(daemon.directory("a"),
-                       daemon.directory("r", type="ftp", path="host", ftp_poll_rate=1))
+    daemon.reconfigure(
+        daemon.directory("a"), daemon.directory("r", type="ftp", path="host", ftp_poll_rate=1)
+    )
     yield
     daemon.reconfigure(daemon.directory("a"))
 
@@ -766,8 +801,11 @@ def test_interrupt_at_any_moment(make_unprivileged, copied_program, batch):
     for moment in range(batch, 300, 10):
         daemon = make_unprivileged(files=1000)
         daemons.append(daemon)
-        daemon.configure(daemon.directory("a"), daemon.directory("b"),
-                         daemon.directory("r", type="ftp", path="host"))
+        daemon.configure(
+            daemon.directory("a"),
+            daemon.directory("b"),
+            daemon.directory("r", type="ftp", path="host"),
+        )
         daemon.start(wait=False)
         # From before the first pass to the middle of a message, in steps of 3 ms.
         deadline = time.monotonic() + moment * 0.003
@@ -786,7 +824,7 @@ def test_interrupt_at_any_moment(make_unprivileged, copied_program, batch):
     # Each takes two seconds to end its helper; all together do, too.
     for daemon in daemons:
         daemon.wait_exit(1)
-        assert daemon.log().count("Now in \"run\" state") <= 1
+        assert daemon.log().count('Now in "run" state') <= 1
     if os.geteuid() == 0:
         wait_until(lambda: UnprivilegedDaemon.left_behind() == [], "nothing to be left")
 

@@ -112,9 +112,7 @@ def test_arguments_that_are_absent_or_empty(make_daemon, empty):
         names = "path username password subdir mount_opts auto_delete ftp_poll_rate ftp_mode"
         values = {name: "" for name in names.split()}
     daemon.configure(
-        remote(daemon, "c", "cifs", **values),
-        remote(daemon, "f", "ftp", **values),
-        state="idle",
+        remote(daemon, "c", "cifs", **values), remote(daemon, "f", "ftp", **values), state="idle"
     )
     daemon.start()
     runs = {run.kind: run for run in daemon.wait_helper_runs(2)}
@@ -254,7 +252,7 @@ def test_remote_message_is_spoken_and_everything_ends(make_daemon, kind):
     assert not is_alive(run.pid)
     assert not run.watch.exists()
     log = [line for line in daemon.log() if not line.startswith(("From ", "Original is"))]
-    opening = 'Could not open directory ' + scanned
+    opening = "Could not open directory " + scanned
     assert [line for line in log if line != opening] == [
         f"Processing configuration {daemon.config}",
         "Created new input directory r",
@@ -368,9 +366,7 @@ def test_helper_that_quits_at_once(make_daemon):
 
 def test_without_helper_paths_remote_directories_are_skipped(make_daemon):
     daemon = make_daemon(helpers=False)
-    daemon.configure(
-        remote(daemon, "c", "cifs"), remote(daemon, "f", "ftp"), daemon.directory("a")
-    )
+    daemon.configure(remote(daemon, "c", "cifs"), remote(daemon, "f", "ftp"), daemon.directory("a"))
     daemon.start()
     found = daemon.wait_status().findall("directory")
     assert [record.get("id") for record in found] == ["a"]
@@ -397,9 +393,7 @@ def test_helper_that_cannot_be_executed(make_daemon, way):
             helper.write_text("#!/bin/sh\n")
         elif way == "a directory":
             helper.mkdir()
-    daemon.configure(
-        daemon.directory("a"), remote(daemon, "c", "cifs"), remote(daemon, "f", "ftp")
-    )
+    daemon.configure(daemon.directory("a"), remote(daemon, "c", "cifs"), remote(daemon, "f", "ftp"))
     daemon.start()
     daemon.wait_log("Unable to fork CIFS helper")
     daemon.wait_log("Unable to fork FTP helper")
@@ -504,9 +498,7 @@ def test_reload_replaces_the_changed_helper_alone(make_daemon):
     runs = {run.kind: run for run in daemon.helper_runs()}
     old, kept = runs["cifs"], runs["ftp"]
     count = len(daemon.log())
-    daemon.reconfigure(
-        remote(daemon, "r", "cifs", username="changed"), remote(daemon, "s", "ftp")
-    )
+    daemon.reconfigure(remote(daemon, "r", "cifs", username="changed"), remote(daemon, "s", "ftp"))
     new = daemon.wait_helper_runs(3)[2]
     assert new.arguments[1] == "changed"
     assert new.watch != old.watch

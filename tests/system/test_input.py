@@ -59,9 +59,7 @@ def test_only_visible_regular_files_are_messages(make_daemon):
 @pytest.mark.parametrize("auto_delete", ["0", "1"])
 def test_taken_file_is_copied_to_the_last_played_directory(make_daemon, last, auto_delete):
     daemon = make_daemon()
-    daemon.configure(
-        daemon.directory("a", last_played_path=last, auto_delete=auto_delete)
-    )
+    daemon.configure(daemon.directory("a", last_played_path=last, auto_delete=auto_delete))
     daemon.start()
     daemon.drop("a", "m.txt", "one")
     daemon.wait_spoken(("m.txt", PAUSE + "one "))
@@ -130,9 +128,7 @@ def test_cache_mode_removes_what_is_new(make_daemon):
 
 def test_cache_mode_copies_to_the_last_played_directory(make_daemon, last):
     daemon = make_daemon()
-    daemon.configure(
-        daemon.directory("a", dir_mode="cache", last_played_path=last, auto_delete=1)
-    )
+    daemon.configure(daemon.directory("a", dir_mode="cache", last_played_path=last, auto_delete=1))
     daemon.start()
     for number in range(3):
         daemon.drop("a", f"m{number}.txt", f"text {number}")

@@ -89,7 +89,7 @@ SPLIT = [
     ("glued", "one,two;three:four!five?six.seven", "one, two; three: four! five? six. seven"),
     ("no-break-space", "one\u00a0two", "one two"),
     ("control", "one\x7ftwo\u0085three\x01four", "one two three four"),
-    ("hyphen", "well-known it's (so) \"quoted\"", 'well-known it\'s (so) "quoted"'),
+    ("hyphen", 'well-known it\'s (so) "quoted"', 'well-known it\'s (so) "quoted"'),
     # Punctuation that stands alone is kept after a space, and dropped after punctuation.
     ("alone", "one . two", "one . two"),
     ("repeated", "wait... what?! no", "wait. what? no"),

@@ -84,9 +84,7 @@ def test_clips_may_exceed_the_limit(make_daemon):
     daemon = make_daemon(files=1)
     clip = daemon.root / "clip.wav"
     clip.write_text("clip")
-    daemon.configure(
-        daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip)
-    )
+    daemon.configure(daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip))
     daemon.start()
     daemon.drop("a", "m.txt", "one")
     # The room is looked at once for each snippet.

@@ -20,9 +20,7 @@ def test_failing_translator_loses_its_words_alone(make_daemon):
     daemon = make_daemon(words=1)
     clip = daemon.root / "clip.wav"
     clip.write_text("clip")
-    daemon.configure(
-        daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip)
-    )
+    daemon.configure(daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip))
     daemon.start()
     count = len(daemon.log())
     daemon.behave("fake:exit=1")

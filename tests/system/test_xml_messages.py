@@ -152,9 +152,7 @@ def test_documents_without_a_text_stay_unspoken(make_daemon):
 def daemon(make_daemon):
     """A daemon with an input directory "a" whose XML messages have their t elements spoken."""
     daemon = make_daemon(words=1000)
-    daemon.configure(
-        daemon.directory("a", parser="news", encoding="utf8"), parser("news", ("t",))
-    )
+    daemon.configure(daemon.directory("a", parser="news", encoding="utf8"), parser("news", ("t",)))
     daemon.start()
     return daemon
 
@@ -299,11 +297,7 @@ ENCODED = {
         "\ufeff<m><t>caf\u00e9 \U0001f525</t></m>".encode("utf-16-le"),
         "caf\u00e9 \U0001f525",
     ),
-    "utf16 big-endian": (
-        "utf16",
-        "\ufeff<m><t>caf\u00e9</t></m>".encode("utf-16-be"),
-        "caf\u00e9",
-    ),
+    "utf16 big-endian": ("utf16", "\ufeff<m><t>caf\u00e9</t></m>".encode("utf-16-be"), "caf\u00e9"),
 }
 
 
@@ -429,7 +423,7 @@ def test_first_parser_of_an_id_counts(make_daemon):
     daemon.wait_spoken(("m.xml", PAUSE + "first "))
     daemon.wait_outputs(1)
     daemon.stop()
-    assert [line for line in daemon.log() if line.startswith(('Duplicate', 'Directory'))] == [
+    assert [line for line in daemon.log() if line.startswith(("Duplicate", "Directory"))] == [
         'Duplicate parser ID "news-utf8"',
         'Directory "a" using parser PARSER news-utf8',
     ]

@@ -25,7 +25,9 @@ def test_help(name):
 
 @pytest.mark.parametrize("name", TOOLS)
 def test_version(name):
-    version = re.search(r"project\(vocastra VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())[1]
+    version = re.search(r"project\(vocastra VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())[
+        1
+    ]
     assert run(name, "--version") == (0, f"{name} {version}\n", "")
     assert run(name, "-V") == (0, f"{name} {version}\n", "")
 

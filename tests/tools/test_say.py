@@ -215,7 +215,10 @@ REFUSALS = {
         'directory "a" has no usable encoding: ""',
     ),
     "xml": (
-        lambda path: [local(path, parser="x", encoding="utf8"), element("parser", id="x", type="xml")],
+        lambda path: [
+            local(path, parser="x", encoding="utf8"),
+            element("parser", id="x", type="xml"),
+        ],
         [],
         'directory "a" expects XML documents for parser "x": give one with --raw',
     ),
@@ -329,7 +332,9 @@ def test_raw_document_is_spoken(xml_daemon):
     xml_daemon.stop()
 
 
-@pytest.mark.parametrize("document", ["<m><other>Fire</other></m>", "<m><t> . </t></m>", "<m><t>x</m>", ""])
+@pytest.mark.parametrize(
+    "document", ["<m><other>Fire</other></m>", "<m><t> . </t></m>", "<m><t>x</m>", ""]
+)
 def test_raw_document_without_a_message_is_refused(xml_daemon, document):
     assert say(xml_daemon, "--raw", document) == (
         1,
@@ -501,7 +506,9 @@ def test_file_that_the_daemon_does_not_take_is_dropped(tmp_path):
     """As if the daemon could not read or remove it: seen, but neither queued nor active."""
     config = write_config(tmp_path, local(tmp_path))
     record = [directory_status("a", path=tmp_path / "a", total=1)]
-    with StatusWriter(tmp_path / "status", lambda counter: status_text(counter, directories=record)):
+    with StatusWriter(
+        tmp_path / "status", lambda counter: status_text(counter, directories=record)
+    ):
         assert run("vocastra-say", "-c", config, "-s", tmp_path / "status", "-w", "Go") == DROPPED
 
 
@@ -509,7 +516,9 @@ def test_queued_message_is_waited_for(tmp_path):
     """As long as the queue is not empty, the message may be in it."""
     config = write_config(tmp_path, local(tmp_path))
     record = [directory_status("a", path=tmp_path / "a", total=1, updated=1)]
-    with StatusWriter(tmp_path / "status", lambda counter: status_text(counter, directories=record)):
+    with StatusWriter(
+        tmp_path / "status", lambda counter: status_text(counter, directories=record)
+    ):
         status, _, _ = run(
             "vocastra-say", "-c", config, "-s", tmp_path / "status", "-w", "-t", "1", "Go"
         )

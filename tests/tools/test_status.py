@@ -150,7 +150,7 @@ def test_half_files_are_read_again(tmp_path):
         writer.join()
 
 
-EVIL = ["a&b", "<", "q\"q", "back\\slash", "line\nend", "\x1b[31m", "\x7f", "\u0085", "é", "&amp;"]
+EVIL = ["a&b", "<", 'q"q', "back\\slash", "line\nend", "\x1b[31m", "\x7f", "\u0085", "é", "&amp;"]
 
 
 def test_values_as_they_are_in_json(tmp_path):
