@@ -31,7 +31,12 @@ def test_a_status_with_everything_fits_the_schema(make_daemon, tmp_path):
     daemon.start()
     daemon.drop("near", "one", "One.")
     daemon.drop("near", "two", "Two.")
-    wanted = (r'output-bound="1"', r"<message ", r'updated-file-count="1"', r'path="/tmp/watch\w{6}"')
+    wanted = (
+        r'output-bound="1"',
+        r"<message ",
+        r'updated-file-count="1"',
+        r'path="/tmp/watch\w{6}"',
+    )
 
     def whole():
         status = daemon.status()

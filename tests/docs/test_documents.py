@@ -7,9 +7,7 @@ import pytest
 from docs import ROOT, validate
 
 DOCUMENTS = sorted(
-    path
-    for path in ROOT.rglob("*.md")
-    if not {"build", ".git"} & set(path.relative_to(ROOT).parts)
+    path for path in ROOT.rglob("*.md") if not {"build", ".git"} & set(path.relative_to(ROOT).parts)
 )
 
 

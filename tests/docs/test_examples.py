@@ -136,6 +136,7 @@ class Example:
         pid = self.text(f"{kind}.pid").strip()
         if not pid:
             return
+
         def alive():
             try:  # The directory shows that the number still belongs to ours.
                 return os.readlink(f"/proc/{pid}/cwd") == str(self.path)

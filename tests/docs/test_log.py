@@ -10,7 +10,10 @@ CALLS = [
     r"Debug\(\s*(?:kDebug\w+|mask_),\s*" + TEXT,
     r"ToValidUtf8\([^;\"]*" + TEXT,
     r"Debug\(\s*kDebug\w+,\s*\"%s\",\s*\w+\s*\?\s*" + TEXT,
-    r"Debug\(\s*kDebug\w+,\s*\"%s\",\s*\w+\s*\?\s*" + TEXT.replace("(", "(?:", 1) + r"\s*:\s*" + TEXT,
+    r"Debug\(\s*kDebug\w+,\s*\"%s\",\s*\w+\s*\?\s*"
+    + TEXT.replace("(", "(?:", 1)
+    + r"\s*:\s*"
+    + TEXT,
     r"(?:throw|Logged\()\s*(?:Logged\()?Format\(\s*" + TEXT,
     r"\bLog\w+\([^;\"]*" + TEXT,
 ]
@@ -31,8 +34,14 @@ def texts_in_document():
 
 
 def test_the_sources_are_understood():
-    assert {"Now output-bound", "No longer output-bound", "calling engine", "%s at line %d",
-            'No "%s" root element', "Root element must be a singleton"} <= texts_in_sources()
+    assert {
+        "Now output-bound",
+        "No longer output-bound",
+        "calling engine",
+        "%s at line %d",
+        'No "%s" root element',
+        "Root element must be a singleton",
+    } <= texts_in_sources()
 
 
 def test_every_text_is_explained():

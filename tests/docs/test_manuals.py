@@ -47,7 +47,9 @@ def test_options_are_those_of_the_usage_text():
     options = re.findall(r"^  -(\w), --([\w-]+)", usage(), re.MULTILINE)
     assert len(options) == 11
     text = page("vocastra.8")
-    assert sorted(re.findall(r"^\.It Fl (\w) , Fl -([\w-]+)", text, re.MULTILINE)) == sorted(options)
+    assert sorted(re.findall(r"^\.It Fl (\w) , Fl -([\w-]+)", text, re.MULTILINE)) == sorted(
+        options
+    )
     synopsis = re.findall(r"^\.Op Fl (\w)", text, re.MULTILINE)
     assert sorted(synopsis) == sorted(letter for letter, _ in options)
 

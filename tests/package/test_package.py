@@ -1,19 +1,16 @@
 """What can be said about the package without building it: units, versions, what is installed."""
 
 import json
-import os
 import re
-import shlex
 import shutil
 import signal
 import subprocess
-import time
 from pathlib import Path
 
 import pytest
+from harness.programs import ROOT, program, start
+from harness.wait import LIMIT, wait_until
 
-ROOT = Path(__file__).resolve().parents[2]
-PROGRAM = shlex.split(os.environ.get("VOCASTRA", str(ROOT / "build/release/vocastra")))
 UNITS = {
     "vocastra": ROOT / "debian/vocastra.service",
     "vocastra-player": ROOT / "debian/vocastra.vocastra-player.service",
@@ -23,7 +20,11 @@ UNITS = {
 def run(*command):
     """Exit status and all output."""
     result = subprocess.run(
-        [str(word) for word in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+        [str(word) for word in command],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        check=False,
     )
     return result.returncode, result.stdout
 
@@ -32,7 +33,7 @@ def run(*command):
 def staged(tmp_path_factory):
     """What CMake and debian/*.install bring into a system."""
     system = tmp_path_factory.mktemp("system")
-    build = Path(PROGRAM[-1]).parent
+    build = Path(program()[-1]).parent
     status, output = run("cmake", "--install", build, "--prefix", system / "usr")
     assert status == 0, output
     shutil.copytree(ROOT / "debian/conf", system / "etc/vocastra")
@@ -123,7 +124,7 @@ def test_installed_helpers_find_what_they_share(helper, staged, tmp_path):
     assert output.count("\n") == 1
 
 
-def test_daemon_takes_up_the_configuration(staged, tmp_path):
+def test_daemon_runs_with_the_configuration(staged, tmp_path):
     config = tmp_path / "vocastra.conf"
     spool = tmp_path / "spool"
     text = (staged / "etc/vocastra/vocastra.conf").read_text()
@@ -133,16 +134,13 @@ def test_daemon_takes_up_the_configuration(staged, tmp_path):
     log = tmp_path / "log"
     glossary = staged / "etc/vocastra/glossary.xml"
     with open(log, "wb") as stream:
-        daemon = subprocess.Popen(
-            [*PROGRAM, "-c", config, "-g", glossary, "-o", spool / "out"], stderr=stream
-        )
+        arguments = ["-c", config, "-g", glossary, "-o", spool / "out"]
+        daemon = start("vocastra", *arguments, stderr=stream)
     try:
-        deadline = time.monotonic() + 30
-        while 'Now in "run" state' not in log.read_text() and time.monotonic() < deadline:
-            time.sleep(0.05)
+        wait_until(lambda: 'Now in "run" state' in log.read_text(), log.read_text)
     finally:
         daemon.send_signal(signal.SIGINT)
-        assert daemon.wait(30) == 1
+        assert daemon.wait(LIMIT) == 1
     lines = [
         line for line in log.read_text().splitlines() if not line.startswith("Could not execute")
     ]

@@ -1,0 +1,390 @@
+"""The translators keep the daemon's contract, with an engine and without one."""
+
+import stat
+
+import pytest
+from harness.companions import COMPANIONS
+from harness.sound import RATE, samples
+
+BOTH = ["espeak-ng", "tone"]
+
+# Records what reaches the engine and answers with a short sound.
+FAKE_ENGINE = """
+printf '%s\\n' "$@" > arguments
+cat > input
+exec sox -n -r 22050 -c 1 -b 16 -t wav - synth 0.2 sine 440
+"""
+
+
+class Translator:
+    def __init__(self, sandbox, name):
+        self.sandbox = sandbox
+        self.name = name
+        self.text_file = sandbox.path / "text"
+        self.audio_file = sandbox.path / "audio"
+        self.audio_file.write_bytes(b"the snippet before")
+        self.audio_file.chmod(0o600)
+
+    def run(self, text, *arguments, message="note.txt"):
+        self.text_file.write_bytes(text if isinstance(text, bytes) else text.encode())
+        return self.sandbox.run(
+            COMPANIONS / "translators" / self.name,
+            self.text_file,
+            self.audio_file,
+            *arguments,
+            message,
+        )
+
+    def speak(self, text, *arguments, message="note.txt"):
+        """Runs it, expects success without a word and returns the samples."""
+        result = self.run(text, *arguments, message=message)
+        assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+        return samples(self.audio_file.read_bytes())
+
+    def fail(self, text, *arguments):
+        """Runs it, expects a clean failure and returns what it says on standard error."""
+        result = self.run(text, *arguments)
+        assert result.returncode == 1
+        assert result.stdout == ""
+        assert self.audio_file.read_bytes() == b""
+        prefix = f"{self.name} translator: "
+        assert result.stderr.startswith(prefix) and result.stderr.count("\n") == 1
+        return result.stderr[len(prefix) : -1]
+
+
+@pytest.fixture(params=BOTH)
+def translator(request, sandbox):
+    return Translator(sandbox, request.param)
+
+
+@pytest.fixture
+def espeak(sandbox):
+    return Translator(sandbox, "espeak-ng")
+
+
+@pytest.fixture
+def tone(sandbox):
+    return Translator(sandbox, "tone")
+
+
+def silent_at_start(sound):
+    return next((i for i, value in enumerate(sound) if abs(value) > 100), len(sound))
+
+
+def silent_at_end(sound):
+    return silent_at_start(sound[::-1])
+
+
+# --- Both -----------------------------------------------------------------------------------------
+
+
+def test_words_make_sound_that_grows_with_them(translator):
+    few = translator.speak("one two ")
+    many = translator.speak("one two three four five six ")
+    assert max(few) > 1000
+    assert len(many) > 2 * len(few)
+
+
+def test_same_text_makes_same_sound(translator):
+    assert translator.speak("once more ") == translator.speak("once more ")
+
+
+def test_audio_file_can_be_read_by_a_player_under_another_user(translator):
+    translator.speak("hello ")
+    assert stat.S_IMODE(translator.audio_file.stat().st_mode) == 0o644
+
+
+def test_audio_file_stays_the_same_file(translator):
+    before = translator.audio_file.stat().st_ino
+    translator.speak("hello ")
+    assert translator.audio_file.stat().st_ino == before
+
+
+def test_leading_pause_is_silence_of_its_length(translator):
+    plain = translator.speak("hello ")
+    paused = translator.speak("\\pau=300\\ hello ")
+    # The engine rounds to blocks of its own.
+    assert len(paused) - len(plain) == pytest.approx(0.3 * RATE, abs=0.01 * RATE)
+    assert silent_at_start(paused) >= 0.3 * RATE
+
+
+def test_pause_between_words_is_silence_of_its_length(translator):
+    short = translator.speak("hello \\pau=1000\\ you ")
+    long = translator.speak("hello \\pau=4000\\ you ")
+    assert len(long) - len(short) == pytest.approx(3 * RATE, abs=0.01 * RATE)
+
+
+def test_pause_of_five_digits_is_read_aloud(translator):
+    sound = translator.speak("\\pau=99999\\ hello ")
+    assert silent_at_start(sound) < 0.3 * RATE
+    assert len(sound) < 15 * RATE
+
+
+@pytest.mark.parametrize("text", ["", " ", "\n", "\0", "\1\2\x1f\x7f"])
+def test_nothing_to_say_is_success(translator, text):
+    assert len(translator.speak(text)) < 0.5 * RATE
+
+
+def test_control_characters_separate_words(translator):
+    assert translator.speak("one\x012\0three\n") == translator.speak("one 2 three ")
+
+
+def test_bytes_that_are_no_utf8_do_no_harm(translator):
+    assert max(translator.speak(b"one \xff\xfe\xc0 two ")) > 1000
+
+
+def test_text_never_reaches_a_shell(translator):
+    evil = "$(touch one) `touch two`; touch three | touch four & ' \" * ~ > five \\"
+    translator.speak(evil, message="$(touch six) `touch seven`")
+    left = {entry.name for entry in translator.sandbox.path.iterdir()}
+    assert left == {"scratch", "bin", "text", "audio"}
+
+
+def test_no_temporary_file_stays(translator):
+    translator.speak("hello ")
+    translator.fail("hello ", "nonsense")
+    assert list(translator.sandbox.scratch.iterdir()) == []
+
+
+@pytest.mark.parametrize("name", ["voice=nosuch", "rate=1", "--help", "a b", ""])
+def test_last_argument_is_the_message_whatever_it_looks_like(translator, name):
+    assert translator.speak("hello ", message=name) == translator.speak("hello ")
+
+
+def test_rate_changes_the_number_of_samples_not_the_length(translator):
+    usual = translator.speak("one two three ")
+    lower = translator.speak("one two three ", "rate=8000")
+    assert len(lower) / 8000 == pytest.approx(len(usual) / RATE, abs=0.005)
+
+
+def test_last_of_equal_arguments_counts(translator):
+    expected = translator.speak("one ", "rate=8000")
+    assert translator.speak("one ", "rate=16000", "rate=8000") == expected
+
+
+def test_arguments_of_the_engine_are_known_to_both(translator):
+    assert max(translator.speak("hello ", "voice=de", "speed=200", "pitch=30", "volume=90")) > 500
+
+
+@pytest.mark.parametrize("argument", ["nonsense", "Rate=8000", "--rate=8000", "rate", "-v", ""])
+def test_unknown_argument_is_an_error(translator, argument):
+    assert translator.fail("hello ", argument) == f'unknown argument "{argument}"'
+
+
+@pytest.mark.parametrize("rate", ["", "3999", "192001", "8e3", "-8000", "22050.0", "9999999999"])
+def test_bad_rate_is_an_error(translator, rate):
+    complaint = translator.fail("hello ", f"rate={rate}")
+    assert complaint == f'rate must be a number from 4000 to 192000, not "{rate}"'
+
+
+def test_missing_text_file_is_an_error(translator):
+    missing = translator.sandbox.path / "missing"
+    program = COMPANIONS / "translators" / translator.name
+    result = translator.sandbox.run(program, missing, translator.audio_file, "note.txt")
+    assert result.returncode == 1
+    assert result.stderr == f"{translator.name} translator: cannot read {missing}\n"
+    assert translator.audio_file.read_bytes() == b""
+
+
+def test_audio_file_that_cannot_be_written_is_an_error(translator):
+    translator.text_file.write_text("hello ")
+    program = COMPANIONS / "translators" / translator.name
+    directory = translator.sandbox.scratch
+    result = translator.sandbox.run(program, translator.text_file, directory, "note.txt")
+    assert result.returncode == 1
+    assert result.stderr == f"{translator.name} translator: cannot write {directory}\n"
+
+
+def test_too_few_arguments_are_an_error(translator):
+    program = COMPANIONS / "translators" / translator.name
+    result = translator.sandbox.run(program, translator.text_file, translator.audio_file)
+    assert result.returncode == 1
+    usage = f"usage: {translator.name} TEXT-FILE AUDIO-FILE [ARGUMENT...] MESSAGE-NAME"
+    assert result.stderr == f"{translator.name} translator: {usage}\n"
+
+
+# --- espeak-ng ------------------------------------------------------------------------------------
+
+
+def test_engine_gets_text_escaped_and_pauses_as_breaks(espeak):
+    espeak.sandbox.provide("espeak-ng", FAKE_ENGINE)
+    espeak.speak(
+        "\\pau=300\\ a&b <c> &lt; \"d\" 'e' [[f]] \\pau=12345\\ \\pau=1\\\\pau=2\\ \\pau=x\\ "
+    )
+    assert (espeak.sandbox.path / "input").read_text() == (
+        '<speak><break time="300ms" strength="weak"/> a&amp;b &lt;c&gt; &amp;lt; "d" \'e\'   f]] '
+        '\\pau=12345\\ <break time="1ms" strength="weak"/><break time="2ms" strength="weak"/> '
+        "\\pau=x\\</speak>\n"
+    )
+
+
+def test_engine_gets_the_configured_arguments(espeak):
+    espeak.sandbox.provide("espeak-ng", FAKE_ENGINE)
+    espeak.speak("hello ", "voice=de+f3", "speed=200", "pitch=30", "volume=90")
+    expected = "-b 1 -m -v de+f3 -s 200 -p 30 -a 90 --stdin --stdout".split()
+    assert (espeak.sandbox.path / "arguments").read_text().split("\n")[:-1] == expected
+
+
+def test_engine_has_defaults(espeak):
+    espeak.sandbox.provide("espeak-ng", FAKE_ENGINE)
+    espeak.speak("hello ")
+    expected = "-b 1 -m -v en -s 175 -p 50 -a 100 --stdin --stdout".split()
+    assert (espeak.sandbox.path / "arguments").read_text().split("\n")[:-1] == expected
+
+
+@pytest.mark.parametrize(
+    "text",
+    [
+        '<break time="9s"/> hello ',
+        '</speak><speak><break time="9s"/> hello ',
+        '&lt;break time="9s"/&gt; hello ',
+        '&#60;break time="9s"/&#62; hello ',
+        '\ue03cbreak time="9s"/\ue03e hello ',
+    ],
+)
+def test_markup_in_a_message_is_read_aloud(espeak, text):
+    sound = espeak.speak(text)
+    assert silent_at_start(sound) < 0.5 * RATE
+    assert len(sound) < 9 * RATE
+
+
+def test_speed_shortens_the_speech(espeak):
+    slow = espeak.speak("one two three four ", "speed=100")
+    fast = espeak.speak("one two three four ", "speed=300")
+    assert len(fast) < 0.6 * len(slow)
+
+
+def test_volume_lowers_the_sound(espeak):
+    assert max(espeak.speak("hello ", "volume=20")) < 0.4 * max(espeak.speak("hello "))
+
+
+def test_voice_and_pitch_change_the_sound(espeak):
+    usual = espeak.speak("hello ")
+    assert espeak.speak("hello ", "voice=de") != usual
+    assert espeak.speak("hello ", "pitch=90") != usual
+
+
+@pytest.mark.parametrize(
+    "end, low, high",
+    [("", 0.03, 0.1), (",", 0.1, 0.18), (";", 0.1, 0.18), (".", 0.24, 0.32), ("!", 0.24, 0.32)],
+)
+def test_silence_at_the_end_follows_the_punctuation(espeak, end, low, high):
+    sound = espeak.speak(f"one two{end} ")
+    assert low * RATE <= silent_at_end(sound) <= high * RATE
+
+
+def test_pieces_are_not_dragged_apart_by_silence(espeak):
+    words = ("the quick brown fox jumps over a lazy dog " * 4).split()
+    whole = len(espeak.speak(" ".join(words)))
+    pieces = [words[i : i + 4] for i in range(0, len(words), 4)]
+    silence = [silent_at_end(espeak.speak(" ".join(piece))) for piece in pieces]
+    assert sum(silence) < 0.1 * whole
+
+
+def test_unknown_voice_is_an_error(espeak):
+    complaint = espeak.fail("hello ", "voice=nosuch")
+    assert complaint == ("espeak-ng failed: Error: The specified espeak-ng voice does not exist.")
+
+
+@pytest.mark.parametrize("voice", ["", "a b", "../../tmp/voice", "en;id", "$(id)"])
+def test_bad_name_of_a_voice_is_an_error(espeak, voice):
+    assert espeak.fail("hello ", f"voice={voice}") == f'"{voice}" is not the name of a voice'
+
+
+@pytest.mark.parametrize(
+    "name, low, high", [("speed", 80, 450), ("pitch", 0, 99), ("volume", 0, 200)]
+)
+def test_numbers_have_limits(espeak, name, low, high):
+    espeak.sandbox.provide("espeak-ng", FAKE_ENGINE)
+    for good in (low, high):
+        espeak.speak("hello ", f"{name}={good}")
+    for bad in (low - 1, high + 1, "", "1x", "1.5"):
+        complaint = espeak.fail("hello ", f"{name}={bad}")
+        assert complaint == f'{name} must be a number from {low} to {high}, not "{bad}"'
+
+
+@pytest.mark.parametrize(
+    "end, reasons",
+    [
+        ("echo one >&2; echo two >&2; exit 3", ["one"]),
+        ("exit 3", ["no reason given"]),
+        ("kill -9 $$", ["Killed", "no reason given"]),  # As the shell tells it or not.
+    ],
+)
+def test_engine_that_fails_is_an_error_and_leaves_no_audio(espeak, end, reasons):
+    half_a_sound = "sox -n -r 22050 -b 16 -t wav - synth 0.2 sine 440\n"
+    espeak.sandbox.provide("espeak-ng", half_a_sound + end)
+    assert espeak.fail("hello ") in [f"espeak-ng failed: {reason}" for reason in reasons]
+    assert list(espeak.sandbox.scratch.iterdir()) == []
+
+
+def test_engine_that_delivers_nothing_is_an_error(espeak):
+    espeak.sandbox.provide("espeak-ng", "exit 0")
+    assert espeak.fail("hello ") == "sox could not convert the audio of espeak-ng"
+
+
+@pytest.mark.parametrize("end", ["exit 2", "kill -9 $$"])
+def test_conversion_that_breaks_off_leaves_no_audio(espeak, end):
+    espeak.sandbox.provide("sox", "echo half; " + end)
+    assert espeak.fail("hello ") == "sox could not convert the audio of espeak-ng"
+
+
+@pytest.mark.parametrize("missing", ["espeak-ng", "sox"])
+def test_missing_program_is_an_error(espeak, missing):
+    programs = {"sh", "tr", "sed", "head", "chmod", "mktemp", "rm", "espeak-ng", "sox"}
+    espeak.sandbox.leave_only(*(programs - {missing}))
+    assert espeak.fail("hello ") == f"{missing} is not installed"
+
+
+# --- tone -----------------------------------------------------------------------------------------
+
+
+def test_tones_are_a_square_wave_with_silence_behind_each(tone):
+    word = tone.speak("abc ")
+    assert len(word) == RATE * 95 // 1000 + RATE * 30 // 1000
+    assert set(word[: RATE * 95 // 1000]) == {0x1010, -0x0F10}
+    assert set(word[RATE * 95 // 1000 :]) == {0}
+
+
+def test_word_sounds_the_same_wherever_it_stands(tone):
+    one, two = tone.speak("one "), tone.speak("two ")
+    assert one != two
+    assert tone.speak("two one two ") == two + one + two
+
+
+def test_letters_and_their_order_give_the_pitch(tone):
+    sounds = {tone.speak(word).tobytes() for word in ["ab", "ba", "bb", "\u00e4"]}
+    assert len(sounds) == 4
+
+
+def test_bytes_of_a_word_give_the_length_up_to_a_limit(tone):
+    lengths = [len(tone.speak("x" * count)) for count in (1, 2, 20, 21, 400)]
+    assert lengths == sorted(lengths)
+    assert lengths[0] < lengths[1] < lengths[2] == lengths[3] == lengths[4]
+
+
+def test_silence_is_exact(tone):
+    word = tone.speak("one ")
+    assert list(tone.speak("\\pau=300\\ one ")) == [0] * (RATE * 3 // 10) + list(word)
+    assert list(tone.speak("\\pau=0\\one\\pau=9999\\")) == list(word) + [0] * (RATE * 9999 // 1000)
+
+
+def test_nothing_is_silent(tone):
+    assert len(tone.speak(" ")) == 0
+
+
+def test_tone_needs_no_engine(tone):
+    expected = tone.speak("one ")
+    tone.sandbox.leave_only("sh", "awk", "tr", "chmod")
+    assert tone.speak("one ") == expected
+
+
+def test_tone_without_awk_is_an_error(tone):
+    tone.sandbox.leave_only("sh", "tr", "chmod")
+    assert tone.fail("one ") == "awk is not installed"
+
+
+@pytest.mark.parametrize("end", ["exit 2", "kill -9 $$"])
+def test_awk_that_fails_is_an_error(tone, end):
+    tone.sandbox.provide("awk", "echo hhll; " + end)
+    assert tone.fail("one ") == "awk could not draw the tones"

@@ -1,0 +1,275 @@
+"""The command line: usage, bad options, numbers, and how the program ends."""
+
+import contextlib
+import stat
+import time
+from pathlib import Path
+
+import pytest
+from harness.daemon import PAUSE
+from harness.files import locked
+from harness.programs import program, run
+
+pytestmark = pytest.mark.core
+
+USAGE = """\
+Usage: vocastra [options]
+Command line options:
+  -h, --help                     Show this message
+  -d, --debug <mask>             Debug mask for stderr; available bits are 0x00000007, \
+default is 0x00000001 (see debug.h)
+  -c, --config <file-path>       Path to XML configuration file (required)
+  -s, --status <file-path>       Path to XML status file (optional)
+  -o, --output <dir-path>        Path to output directory (required)
+  -t, --translator <path>        Path to text-to-speech translator (required)
+  -g, --glossary <file-path>     Path to glossary file (optional)
+  -i, --cifs-helper <path>       Path to CIFS helper script
+  -p, --ftp-helper <path>        Path to FTP helper app
+  -w, --words <count>            Maximum number of words to process at once (optional; default = 10)
+  -f, --files <count>            Maximum number of files in the output directory \
+(optional; default = 10)
+"""
+
+
+@pytest.mark.parametrize(
+    "arguments",
+    [
+        ["-h"],
+        ["--help"],
+        ["--he"],
+        ["-w", "3", "--config", "none", "-h"],
+        ["-h", "-z"],
+        ["word", "-h"],
+        ["-d", "7", "-d0", "-h"],
+    ],
+    ids=" ".join,
+)
+def test_help_prints_the_usage_whatever_came_before(arguments):
+    assert run("vocastra", *arguments) == (0, USAGE, "")
+
+
+BAD_OPTIONS = [
+    # An unknown letter, and the two that the option string knows without a meaning.
+    (["-z"], "-z"),
+    (["-z", "-h"], "-z"),
+    (["word", "-z"], "-z"),
+    (["-b", "3"], "-b"),
+    (["-m", "3"], "-m"),
+    (["-b"], "-b"),
+    (["-m3"], "-m"),
+    # The first long option, which is there to be refused, and what getopt makes of odd ones.
+    (["---=x"], "-\0"),
+    (["--words", "3", "---=x"], "--words"),
+    (["--=x"], "-\0"),
+    (["--h=x"], "--help"),
+    # A short option without its value.
+    (["-d"], "-d"),
+    (["-c"], "-c"),
+    (["-s"], "-s"),
+    (["-o"], "-o"),
+    (["-t"], "-t"),
+    (["-g"], "-g"),
+    (["-i"], "-i"),
+    (["-p"], "-p"),
+    (["-w"], "-w"),
+    (["-f"], "-f"),
+    # A long option without its value, or with one that it does not take.
+    (["--debug"], "--debug"),
+    (["--config"], "--config"),
+    (["--status"], "--status"),
+    (["--output"], "--output"),
+    (["--translator"], "--translator"),
+    (["--glossary"], "--glossary"),
+    (["--cifs-helper"], "--cifs-helper"),
+    (["--ftp-helper"], "--ftp-helper"),
+    (["--words"], "--words"),
+    (["--files"], "--files"),
+    (["--wor"], "--words"),
+    (["--w"], "--words"),
+    (["--help=now"], "--help"),
+    (["--config", "none", "--words"], "--words"),
+    (["-c", "none", "--words"], "--words"),
+    # Long options that match nothing, or more than one: there is no letter to name.
+    (["--nonsense"], "-\0"),
+    (["--c", "none"], "-\0"),
+    # The entry named "-" matches and is refused.
+    (["---"], "-\0"),
+    (["--words", "3", "---"], "-\0"),
+    # After a long option that was in order, its name is what a later error prints.
+    (["--words", "3", "-z"], "--words"),
+    (["--words=3", "-b", "3"], "--words"),
+    (["--conf", "none", "-w"], "--config"),
+    (["--files", "3", "--nonsense"], "--files"),
+    (["--debug", "0", "--words", "3", "-c", "none", "-z"], "--words"),
+    (["-w", "3", "-z"], "-z"),
+]
+
+
+@pytest.mark.parametrize(
+    "arguments, named", BAD_OPTIONS, ids=[" ".join(arguments) for arguments, _ in BAD_OPTIONS]
+)
+def test_bad_option_is_named_on_one_line(arguments, named):
+    line = f"{program()[-1]}: Unrecognized option or bad value for option: {named}\n"
+    assert run("vocastra", *arguments) == (1, line, "")
+
+
+@pytest.mark.parametrize(
+    "arguments, limit",
+    [
+        (["-w", "5x"], 5),
+        (["-w", "0x3"], 3),
+        (["--words", "010"], 8),
+        (["--words=4", "-w", "2"], 2),
+        (["-w", " 3"], 3),
+    ],
+    ids=str,
+)
+def test_words_are_read_as_strtol_does(make_daemon, arguments, limit):
+    daemon = make_daemon(arguments=arguments)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    words = [f"w{number}" for number in range(20)]
+    daemon.drop("a", "m.txt", " ".join(words))
+    # Without punctuation a snippet is stretched to twice the limit.
+    first = PAUSE + "".join(word + " " for word in words[: 2 * limit])
+    assert daemon.wait_translator_runs(1)[0].text.decode() == first
+    daemon.stop()
+
+
+def test_long_options_mean_what_short_ones_do(make_daemon):
+    daemon = make_daemon(words=1, debug=4, glossary=True)
+    letters = {"-c": "--config", "-s": "--status", "-o": "--output", "-t": "--translator",
+               "-g": "--glossary", "-i": "--cifs-helper", "-p": "--ftp-helper", "-w": "--words",
+               "-d": "--debug"}  # fmt: skip
+    daemon.arguments = [letters.get(argument, argument) for argument in daemon.arguments]
+    assert set(letters.values()) <= set(daemon.arguments)
+    daemon.write_glossary(("Dr", "doctor"))
+    daemon.configure(
+        daemon.directory("a"),
+        daemon.directory("c", type="cifs", path="//host/share"),
+        daemon.directory("f", type="ftp", path="ftp://host/"),
+    )
+    daemon.start()
+    daemon.drop("a", "m.txt", "Dr Who")
+    daemon.wait_spoken(("m.txt", PAUSE + "doctor Who "))
+    daemon.wait_outputs(1)
+    assert {run.kind for run in daemon.wait_helper_runs(2)} == {"cifs", "ftp"}
+    daemon.stop()
+    assert "Directory a reports an active message ID of 1" in daemon.log()
+    assert "calling engine" not in daemon.log()
+
+
+@pytest.mark.parametrize("limit", ["x", "0", "-3", "-2147483648"])
+def test_words_limit_below_one_gives_single_words(make_daemon, limit):
+    daemon = make_daemon(words=limit)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "one two. three")
+    daemon.wait_spoken(("m.txt", PAUSE + "one "), ("m.txt", "two. "), ("m.txt", "three "))
+    daemon.wait_status(lambda root: root.get("now-playing") == "0")
+    daemon.stop()
+
+
+def test_words_limit_may_be_the_largest_number(make_daemon):
+    daemon = make_daemon(words=2147483647)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "one, two. three")
+    daemon.wait_spoken(("m.txt", PAUSE + "one, two. three "))
+    daemon.wait_outputs(1)
+    daemon.stop()
+
+
+def test_words_limit_that_is_no_int(make_daemon):
+    """strtol stops at the end of long, and what is left of that as an int counts."""
+    is_32_bit = Path(program()[-1]).read_bytes()[4] == 1  # Of the ELF header.
+    daemon = make_daemon(words=2**32 + 1)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "a b c d e")
+    first = "a b c d e " if is_32_bit else "a b "
+    assert daemon.wait_translator_runs(1)[0].text.decode() == PAUSE + first
+    daemon.stop()
+
+
+@pytest.mark.parametrize(
+    "arguments, limit",
+    [(["-f", "3x"], 3), (["--files", "0x2"], 2), (["-f", "02", "-f", "1"], 1)],
+    ids=str,
+)
+def test_files_are_read_as_strtol_does(make_daemon, arguments, limit):
+    daemon = make_daemon(words=1, arguments=arguments)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "a b c d e f g h i j")
+    daemon.wait_log("Now output-bound")
+    assert len(daemon.outputs()) == limit
+    daemon.stop()
+
+
+def test_without_options_it_runs_and_complains_once_per_pass(make_daemon):
+    daemon = make_daemon()
+    daemon.arguments = []
+    started = time.monotonic()
+    daemon.start(wait=False)
+    daemon.wait_log('Could not open "" for reading', 6)
+    daemon.stop()
+    elapsed = time.monotonic() - started
+    # The document says so and the main loop says so.
+    lines = daemon.log()
+    assert set(lines) == {'Could not open "" for reading'}
+    assert len(lines) % 2 == 0
+    # A pass that fails lasts 100 ms as well: a missing file neither spins nor floods.
+    assert len(lines) / 2 <= elapsed / 0.1 + 1
+    assert daemon.stdout() == b""
+
+
+def test_missing_output_directory_ends_it_with_status_0(tmp_path):
+    error = f"Could not open directory {tmp_path}/none/\n"
+    assert run("vocastra", "-o", tmp_path / "none") == (0, "", error)
+
+
+def unreadable_temporaries():
+    """The daemon's kind of temporary files, as far as nobody may read or write them."""
+    found = set()
+    for prefix in ("text", "speech"):
+        for path in Path("/tmp").glob(prefix + "??????"):
+            with contextlib.suppress(FileNotFoundError):
+                if stat.S_IMODE(path.lstat().st_mode) == 0:
+                    found.add(path)
+    return found
+
+
+def test_temporary_files_do_not_outlive_the_program(make_daemon, tmp_path):
+    # The umask marks the files of these two runs among those of all the others that run beside
+    # this test, and the lock keeps this test from running beside itself.
+    with locked("/tmp"):
+        before = unreadable_temporaries()
+        daemon = make_daemon(status=False)
+        daemon.configure()
+        daemon.start(wait=False, umask=0o600)
+        daemon.wait_log('Now in "run" state')
+        found = unreadable_temporaries() - before
+        assert sorted(path.name[:-6] for path in found) == ["speech", "text"]
+        daemon.stop()
+        assert unreadable_temporaries() - before == set()
+
+        # The files are made before the output directory is looked for.
+        assert run("vocastra", "-o", tmp_path / "none", umask=0o600)[0] == 0
+        assert unreadable_temporaries() - before == set()
+
+
+def test_interrupt_ends_it_with_status_1(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.stop()
+    assert daemon.process.returncode == 1
+
+
+def test_interrupt_before_any_configuration(make_daemon):
+    daemon = make_daemon()
+    daemon.start(wait=False)
+    daemon.wait_log(f'Could not open "{daemon.config}" for reading', 2)
+    daemon.stop()
+    assert not daemon.status_path.exists()

@@ -1,0 +1,233 @@
+"""The log on standard error and what the daemon says on standard output."""
+
+import itertools
+import re
+import socket
+import threading
+import time
+
+import pytest
+from harness.daemon import PAUSE
+from harness.files import crc16, publish
+from harness.programs import descriptors
+
+TEXT = "Fire in hall two now"
+
+
+def expected_log(daemon):
+    """(debug bit, line) of a start, one message in two snippets, and a stop."""
+    path = daemon.input("lobby")
+    message = f"{path}/fire.txt"
+    idle = (4, "Directory lobby reports an active message ID of 0")
+    parsed = [(1, "Original is valid UTF-8"), (1, f"From {message}: {TEXT}")]
+    snippet = [
+        (4, "Directory lobby reports an active message ID of 1"),
+        (4, "Highest priority directory is lobby"),
+        (1, "calling engine"),
+        (1, "done calling engine"),
+    ]
+    return [
+        (4, "Original is valid UTF-8"),
+        (4, "EndElement: directory"),
+        (4, "EndElement: tts-config"),
+        (1, f"Processing configuration {daemon.config}"),
+        (1, f"Removing contents of directory {path}"),
+        (1, f'Could not execute "rm {path}/* > /dev/null 2>&1"'),
+        (1, "Created new input directory lobby"),
+        (1, 'Directory "lobby" using parser PARSER text-utf8'),
+        (1, 'Now in "run" state'),
+        idle,
+        *parsed,
+        (1, f"Adding fire.txt {crc16(TEXT.encode())} to file_map"),
+        *parsed,
+        (4, f'Parser returned: "{TEXT}"'),
+        (4, "Original is valid UTF-8"),
+        (4, f"From {message}: Fire|in|hall|two|now"),
+        *snippet,
+        (1, "copying 0_lobby.text_live_first.raw"),
+        (4, "Erasing fire.txt from file_map"),
+        *snippet,
+        (1, "copying 1_lobby.text_live_cont.raw"),
+        idle,
+    ]
+
+
+def once(lines, repeated):
+    """lines with every run of the repeated line written once."""
+    for line, group in itertools.groupby(lines):
+        yield from [line] if line == repeated else group
+
+
+@pytest.mark.parametrize(
+    "mask, shown",
+    [
+        pytest.param(None, 0x1, marks=pytest.mark.core),
+        pytest.param("7", 0x5, marks=pytest.mark.core),
+        pytest.param("0xFFFFFFFF", 0x5, marks=pytest.mark.core),
+        ("0", 0x0),
+        ("1", 0x1),
+        ("2", 0x0),
+        ("4", 0x4),
+        ("0x4", 0x4),
+        ("03", 0x1),
+        ("5 or so", 0x5),
+    ],
+)
+def test_whole_log_of_start_message_and_stop(make_daemon, mask, shown):
+    daemon = make_daemon(words=2, debug=mask)
+    daemon.configure(daemon.directory("lobby"))
+    daemon.start()
+    daemon.drop("lobby", "fire.txt", TEXT)
+    daemon.wait_outputs(2)
+    daemon.wait_passes(2)
+    daemon.stop()
+    lines = once(daemon.log(), "Directory lobby reports an active message ID of 0")
+    assert list(lines) == [line for bit, line in expected_log(daemon) if bit & shown]
+    assert daemon.stdout() == b""
+
+
+def test_trace_of_glossary_in_every_pass(make_daemon):
+    daemon = make_daemon(debug=4, glossary=True, status="stream")
+    daemon.write_glossary(("Dr", "doctor"))
+    daemon.configure(state="idle")
+    daemon.start()
+    daemon.wait_passes(4)
+    daemon.stop()
+    # An unchanged glossary is read again all the same.
+    rounds = len(daemon.statuses())
+    assert daemon.log() == [
+        "Original is valid UTF-8",
+        "EndElement: tts-config",
+        *[
+            f"Processing glossary {daemon.glossary}",
+            "Original is valid UTF-8",
+            "EndElement: word",
+            "EndElement: glossary",
+        ]
+        * rounds,
+    ]
+
+
+class Writes(threading.Thread):
+    """Collects what is written to a packet socket, one item for each write."""
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.reader, self.writer = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.items = []
+        self.start()
+
+    def run(self):
+        while item := self.reader.recv(1 << 20):
+            self.items.append(item)
+
+    def finish(self):
+        self.writer.close()
+        self.join()
+        self.reader.close()
+        return self.items
+
+
+def test_one_line_is_one_write(make_daemon):
+    # A text with a line break in it, and one that is longer than any buffer of stdio.
+    long_text = "again and " * 6000
+    daemon = make_daemon(words=100000)
+    daemon.configure(daemon.directory("a"))
+    writes = Writes()
+    daemon.start(stderr=writes.writer)
+    daemon.drop("a", "one.txt", "one\ntwo")
+    daemon.wait_outputs(1)
+    daemon.drop("a", "two.txt", long_text)
+    daemon.wait_outputs(2)
+    daemon.stop()
+    messages = [line for line in writes.finish() if b"From " in line or b"calling" in line]
+    path = daemon.input("a")
+    engine = [b"calling engine\n", b"done calling engine\n"]
+    assert messages == [
+        *[f"From {path}/one.txt: one\ntwo\n".encode()] * 2,
+        *engine,
+        *[f"From {path}/two.txt: {long_text}\n".encode()] * 2,
+        *engine,
+    ]
+
+
+def test_zero_byte_ends_the_line_but_not_the_text(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", b"one\0two three")
+    daemon.wait_spoken(("m.txt", PAUSE + "one two three "))
+    daemon.wait_outputs(1)
+    daemon.stop()
+    assert daemon.log().count(f"From {daemon.input('a')}/m.txt: one") == 2
+    assert "\0" not in daemon.log_text()
+
+
+def test_percent_signs_in_texts_and_names_are_plain(make_daemon):
+    daemon = make_daemon(debug=7)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "%s%n.txt", "%s %n 100%d")
+    daemon.wait_spoken(("%s%n.txt", PAUSE + "%s %n 100%d "))
+    daemon.wait_outputs(1)
+    daemon.stop()
+    assert f"From {daemon.input('a')}/%s%n.txt: %s|%n|100%d" in daemon.log()
+
+
+def test_mended_text_is_dumped_on_standard_output_at_once(make_daemon):
+    daemon = make_daemon(debug=0)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", b"a\xffb")
+    daemon.wait_spoken(("m.txt", PAUSE + "a\ufffdb "))
+    # Once for the look at what is new, once for the taking; whatever the mask says.
+    dump = b"0x61 0xef 0xbf 0xbd 0x62 \n\r"
+    assert daemon.stdout() == 2 * dump
+    daemon.stop()
+    assert daemon.stdout() == 2 * dump
+    assert daemon.log() == []
+
+
+def test_date_after_every_101_passes(make_daemon):
+    daemon = make_daemon()
+    date = daemon.bin / "date"
+    date.write_text(
+        "#!/bin/sh\n"
+        f"cat '{daemon.status_path}' >>'{daemon.root}/dated'\n"
+        f"(ls -l /proc/$$/fd >'{daemon.root}/date.descriptors')\n"
+        'echo "the date"\n'
+    )
+    date.chmod(0o755)
+    # Passes that fail are not counted, and neither do they write a status: whatever happens
+    # before the first good one, the status written last before "date" carries 100.
+    daemon.start(wait=False)
+    daemon.wait_log(f'Could not open "{daemon.config}" for reading', 4)
+    daemon.configure(daemon.directory("a"))
+    dated = daemon.root / "dated"
+    daemon.wait_status()
+    daemon.drop("a", "m.txt", b"\xff")
+    dump = b"0xef 0xbf 0xbd \n\r"
+    daemon.wait(lambda: daemon.stdout() == 2 * dump, "the dump")
+    daemon.wait_outputs(1)
+    contents = daemon.config.read_text()
+    publish(daemon.config, "<tts-config></a>")
+    daemon.wait_log("mismatched tag at line 1", 4)
+    publish(daemon.config, contents)
+    daemon.wait(lambda: daemon.stdout().count(b"the date\n") == 2, "two dates")
+    daemon.stop()
+    # Every good pass wrote one status, the one with the single snippet too.
+    assert re.findall(r' timestamp="(\d+)"', dated.read_text()) == ["100", "201"]
+    assert daemon.stdout() == 2 * dump + 2 * b"the date\n"
+    assert descriptors(daemon.root / "date.descriptors").keys() - {10, 255} == {0, 1, 2}
+
+
+def test_failing_passes_are_paced(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a", path=daemon.root / "none"))
+    started = time.monotonic()
+    daemon.start(wait=False)
+    line = f"Could not open directory {daemon.root}/none/"
+    daemon.wait_log(line, 4)
+    count = daemon.log().count(line)
+    assert count <= (time.monotonic() - started) / 0.1 + 1
+    daemon.stop()

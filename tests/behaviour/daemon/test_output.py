@@ -1,0 +1,200 @@
+"""The output directory: how much it may hold, its lock, its absence."""
+
+import pytest
+from harness.daemon import PAUSE
+from harness.files import locked
+
+
+@pytest.mark.core
+def test_production_follows_the_room_in_the_output(make_daemon):
+    daemon = make_daemon(words=1, files=3)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    words = [f"w{number}" for number in range(12)]
+    texts = [PAUSE * (not i) + f"w{i} w{i + 1} " for i in range(0, 12, 2)]
+    daemon.drop("a", "m.txt", " ".join(words))
+    daemon.wait_log("Now output-bound")
+    assert daemon.outputs() == [
+        "0_a.text_live_first.raw",
+        "1_a.text_live_cont.raw",
+        "2_a.text_live_cont.raw",
+    ]
+    # Said once, however long it lasts.
+    before = daemon.log()
+    daemon.wait_passes(4)
+    assert daemon.log() == before
+    assert [text for _, text in daemon.spoken()] == texts[:3]
+
+    taken = daemon.take(1)
+    daemon.wait_log("Now output-bound", 2)
+    assert daemon.log()[len(before) :] == [
+        "No longer output-bound",
+        "calling engine",
+        "done calling engine",
+        "copying 3_a.text_live_cont.raw",
+        "Now output-bound",
+    ]
+    taken += daemon.take()
+    daemon.wait_translator_runs(6)
+    daemon.wait_outputs(2)
+    taken += daemon.take()
+    daemon.stop()
+    runs = daemon.translator_runs()
+    assert [run.text.decode() for run in runs] == texts
+    kinds = ["first"] + ["cont"] * 5
+    assert taken == [
+        (f"{number}_a.text_live_{kind}.raw", run.audio)
+        for number, (kind, run) in enumerate(zip(kinds, runs))
+    ]
+
+
+def test_what_others_put_there_counts(make_daemon):
+    daemon = make_daemon(files=2)
+    daemon.configure(daemon.directory("a"))
+    for name in ("x", "y"):
+        (daemon.output / name).touch()
+    # These do not count.
+    (daemon.output / ".hidden").touch()
+    (daemon.output / "directory").mkdir()
+    (daemon.output / "link").symlink_to("x")
+    daemon.start()
+    daemon.wait_log("Now output-bound")
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_passes(3)
+    assert daemon.spoken() == []
+    (daemon.output / "y").unlink()
+    daemon.wait_spoken(("m.txt", PAUSE + "one "))
+    daemon.stop()
+    assert (daemon.output / "0_a.text_live_first.raw").exists()
+
+
+@pytest.mark.parametrize("files", ["0", "-1"])
+def test_no_room_at_all(make_daemon, files):
+    daemon = make_daemon(files=files)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_status(lambda root: root.find("directory/message") is not None)
+    daemon.wait_passes(3)
+    daemon.stop()
+    assert daemon.spoken() == []
+    assert daemon.log().count("Now output-bound") == 1
+
+
+def test_clips_may_exceed_the_limit(make_daemon):
+    daemon = make_daemon(files=1)
+    clip = daemon.root / "clip.wav"
+    clip.write_text("clip")
+    daemon.configure(daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip))
+    daemon.start()
+    daemon.drop("a", "m.txt", "one")
+    # The room is looked at once for each snippet.
+    daemon.wait_outputs(4)
+    daemon.wait_log("Now output-bound")
+    daemon.stop()
+    assert len(daemon.outputs()) == 4
+
+
+@pytest.mark.core
+def test_lock_on_the_output_is_respected(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    with locked(daemon.output):
+        daemon.wait_lock()
+        timestamp = daemon.timestamp()
+        daemon.drop("a", "m.txt", "one")
+        assert daemon.waits_for_lock()
+        assert daemon.timestamp() == timestamp
+        assert daemon.spoken() == []
+    daemon.wait_spoken(("m.txt", PAUSE + "one "))
+    daemon.wait_outputs(1)
+    daemon.stop()
+
+
+def test_delivery_waits_for_the_lock(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.hold()
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_translator_runs(1)
+    with locked(daemon.output):
+        daemon.release()
+        daemon.wait_lock()
+        assert daemon.log()[-1] == "copying 0_a.text_live_first.raw"
+        assert daemon.outputs() == []
+    daemon.wait_outputs(1)
+    daemon.stop()
+
+
+def test_lock_on_an_input_is_respected(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    with locked(daemon.input("a")):
+        daemon.wait_lock()
+        # Whoever holds the lock may write in place.
+        (daemon.input("a") / "m.txt").write_text("one ")
+        with open(daemon.input("a") / "m.txt", "a") as file:
+            file.write("two")
+    daemon.wait_spoken(("m.txt", PAUSE + "one two "))
+    daemon.wait_outputs(1)
+    daemon.stop()
+
+
+def test_emptying_for_stop_waits_for_the_lock(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    (daemon.output / "1_x.raw").touch()
+    with locked(daemon.output):
+        daemon.configure(daemon.directory("a"), state="stop")
+        daemon.wait_log(f"Processing configuration {daemon.config}", 2)
+        daemon.wait_lock()
+        assert daemon.outputs() == ["1_x.raw"]
+        assert 'Now in "stop" state' not in daemon.log()
+    daemon.wait_log('Now in "stop" state')
+    assert daemon.outputs() == []
+    daemon.stop()
+
+
+def test_without_output_the_translator_still_runs(make_daemon):
+    daemon = make_daemon(words=1, output=False)
+    clip = daemon.root / "clip.wav"
+    clip.write_text("clip")
+    daemon.configure(
+        daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip),
+        daemon.directory("b"),
+    )
+    daemon.start()
+    daemon.drop("a", "m.txt", "one two three")
+    daemon.drop("b", "n.txt", "four")
+    daemon.wait_spoken(
+        ("m.txt", PAUSE + "one two "), ("m.txt", "three "), ("n.txt", PAUSE + "four ")
+    )
+    daemon.reconfigure(daemon.directory("a"), state="stop")
+    daemon.stop()
+    about_output = ("copying", "Now output", "No longer output")
+    assert [line for line in daemon.log() if line.startswith(about_output)] == []
+    assert daemon.outputs() == []
+
+
+def test_output_that_vanishes_and_returns(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    away = daemon.root / "away"
+    daemon.output.rename(away)
+    line = f'Could not open "{daemon.output}/" for counting: No such file or directory'
+    daemon.wait_log(line, 2)
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_spoken(("m.txt", PAUSE + "one "))
+    audio = daemon.translator_runs()[0].audio_path
+    daemon.wait_log(f'Could not execute "cp {audio} {daemon.output}/0_a.text_live_first.raw"')
+    away.rename(daemon.output)
+    daemon.wait_passes(1)
+    daemon.drop("a", "n.txt", "two")
+    # The number of the file that could not be delivered is used up.
+    assert daemon.wait_outputs(1) == ["1_a.text_live_first.raw"]
+    daemon.stop()

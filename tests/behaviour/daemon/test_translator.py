@@ -1,0 +1,252 @@
+"""The translator: how it is called, how it may fail, and a stop while it runs."""
+
+import os
+import signal
+
+import pytest
+from harness.daemon import PAUSE
+from harness.programs import HERE, descriptors
+
+
+def command(daemon, run, options=""):
+    """The shell command of that call of the translator."""
+    return (
+        f"{daemon.translator} {run.text_path} {run.audio_path} {options} "
+        f'"{run.message}" > /dev/null 2>&1'
+    )
+
+
+@pytest.mark.core
+def test_failing_translator_loses_its_words_alone(make_daemon):
+    daemon = make_daemon(words=1)
+    clip = daemon.root / "clip.wav"
+    clip.write_text("clip")
+    daemon.configure(daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip))
+    daemon.start()
+    count = len(daemon.log())
+    daemon.behave("fake:exit=1")
+    daemon.hold()
+    daemon.drop("a", "m.txt", "one two three four five")
+    daemon.wait_translator_runs(1)
+    daemon.release()
+    failed = f'Could not execute "{command(daemon, daemon.translator_runs()[0])}"'
+    daemon.wait_log(failed)
+    daemon.behave()
+    # The snippet that would have brought the clips and the pause is gone with them.
+    assert daemon.wait_outputs(1)[0].endswith("_a.text_live_cont.raw")
+    daemon.stop()
+    spoken = daemon.spoken()
+    assert spoken == [("m.txt", PAUSE + "one two "), ("m.txt", "three four "), ("m.txt", "five ")]
+    engine = [line for line in daemon.log()[count:] if line.startswith(("ca", "co", "do", "Could"))]
+    assert engine[:3] == ["calling engine", "done calling engine", failed]
+    # A failed call uses no number.
+    assert daemon.outputs()[0].startswith("0_")
+
+
+@pytest.mark.parametrize("status", [2, 127, 137, 255])
+def test_any_exit_status_but_0_is_a_failure(make_daemon, status):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a", conv_opts=f"fake:exit={status}"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "one")
+    run = daemon.wait_translator_runs(1)[0]
+    daemon.wait_log(f'Could not execute "{command(daemon, run, f"fake:exit={status}")}"')
+    daemon.wait_status(lambda root: root.get("now-playing") == "0")
+    daemon.stop()
+    assert daemon.outputs() == []
+
+
+def test_translator_that_is_not_there(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.translator.unlink()
+    daemon.start()
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_log("done calling engine")
+    daemon.wait_passes(1)
+    assert daemon.log()[-1].startswith(f'Could not execute "{daemon.translator} /tmp/text')
+    # It is there for the next message.
+    daemon.translator.symlink_to(HERE / "fake_translator")
+    daemon.drop("a", "n.txt", "two")
+    daemon.wait_spoken(("n.txt", PAUSE + "two "))
+    assert daemon.wait_outputs(1) == ["0_a.text_live_first.raw"]
+    daemon.stop()
+
+
+def test_translator_that_is_not_executable(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.translator.unlink()
+    daemon.translator.write_text("#!/bin/sh\n")
+    daemon.start()
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_log("done calling engine")
+    daemon.wait_passes(1)
+    assert daemon.log()[-1].startswith(f'Could not execute "{daemon.translator} /tmp/text')
+    daemon.stop()
+    assert daemon.outputs() == []
+
+
+def test_no_translator_at_all(make_daemon):
+    daemon = make_daemon(arguments=["-t", ""])
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_log("done calling engine")
+    daemon.wait_passes(1)
+    assert daemon.log()[-1].startswith('Could not execute " /tmp/text')
+    daemon.stop()
+    assert daemon.outputs() == []
+
+
+def test_end_by_a_signal_counts_as_done(make_daemon):
+    daemon = make_daemon(words=1)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.behave("fake:signal=KILL")
+    daemon.drop("a", "m.txt", "one two three")
+    daemon.wait_outputs(2)
+    # Nothing was written, so nothing is what it delivers.
+    assert daemon.take() == [("0_a.text_live_first.raw", b""), ("1_a.text_live_cont.raw", b"")]
+    daemon.stop()
+    assert f'Could not execute "{daemon.translator}' not in daemon.log_text()
+
+
+def test_translator_that_writes_nothing_delivers_what_was_there(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.behave("fake:nothing")
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_outputs(1)
+    assert daemon.take() == [("0_a.text_live_first.raw", b"")]
+    daemon.behave()
+    daemon.drop("a", "n.txt", "two")
+    daemon.wait_outputs(1)
+    audio = daemon.translator_runs()[1].audio
+    assert daemon.take() == [("1_a.text_live_first.raw", audio)]
+    daemon.behave("fake:nothing")
+    daemon.drop("a", "o.txt", "three")
+    daemon.wait_outputs(1)
+    assert daemon.take() == [("2_a.text_live_first.raw", audio)]
+    daemon.stop()
+
+
+def test_translator_output_goes_nowhere(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.behave("fake:noise")
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_outputs(1)
+    daemon.stop()
+    assert daemon.stdout() == b""
+    assert "noise" not in daemon.log_text()
+
+
+def test_unwritable_text_file_loses_the_snippet(make_daemon):
+    daemon = make_daemon(words=1)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.behave("fake:nothing")
+    daemon.hold()
+    daemon.drop("a", "m.txt", "one two three four five")
+    path = daemon.wait_translator_runs(1)[0].text_path
+    count = len(daemon.log())
+    # A directory in its place: even root cannot write to it.
+    os.unlink(path)
+    os.mkdir(path)
+    daemon.behave()
+    daemon.release()
+    line = f'Could not open temporary file "{path}" for writing'
+    daemon.wait_log(line, 2)
+    daemon.wait_status(lambda root: root.get("now-playing") == "0")
+    assert daemon.log()[count:] == [
+        "done calling engine",
+        "copying 0_a.text_live_first.raw",
+        line,
+        line,
+    ]
+    os.rmdir(path)
+    daemon.drop("a", "n.txt", "six")
+    daemon.wait_spoken(("m.txt", PAUSE + "one two "), ("n.txt", PAUSE + "six "))
+    daemon.wait_outputs(2)
+    daemon.stop()
+
+
+@pytest.mark.core
+def test_translator_gets_none_of_the_daemons_descriptors(make_daemon):
+    daemon = make_daemon(glossary=True)
+    daemon.write_glossary()
+    remover = daemon.bin / "rm"
+    remover.write_text(
+        f"#!/bin/sh\n(ls -l /proc/$$/fd >'{daemon.root}/rm.descriptors')\nexec /bin/rm \"$@\"\n"
+    )
+    remover.chmod(0o755)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.behave("fake:descriptors")
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_outputs(1)
+    daemon.stop()
+    for found, script in (
+        (descriptors(daemon.records / "1.descriptors"), HERE / "fake_translator"),
+        (descriptors(daemon.root / "rm.descriptors"), remover),
+    ):
+        # A shell keeps its script open under a high number.
+        own = {number for number, target in found.items() if target == str(script)}
+        assert {number: found[number] for number in found.keys() - own} == {
+            0: "/dev/null",
+            1: "/dev/null",
+            2: "/dev/null",
+        }
+
+
+@pytest.mark.core
+def test_interrupt_while_the_translator_runs(make_daemon):
+    daemon = make_daemon(words=1)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    daemon.hold()
+    daemon.drop("a", "m.txt", "one two three four five")
+    daemon.wait_translator_runs(1)
+    count = len(daemon.log())
+    daemon.process.send_signal(signal.SIGINT)
+    daemon.process.send_signal(signal.SIGINT)
+    assert daemon.process.poll() is None
+    daemon.release()
+    # It takes effect when the pass is over: the whole message is made.
+    daemon.wait_exit(1)
+    assert daemon.log()[count:] == [
+        "done calling engine",
+        "copying 0_a.text_live_first.raw",
+        "calling engine",
+        "done calling engine",
+        "copying 1_a.text_live_cont.raw",
+        "calling engine",
+        "done calling engine",
+        "copying 2_a.text_live_cont.raw",
+    ]
+    runs = daemon.translator_runs()
+    assert [data for _, data in daemon.take()] == [run.audio for run in runs]
+    assert [path for path in daemon.temporaries() if path.exists()] == []
+
+
+def test_interrupt_while_other_commands_run(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    # The first command of all: it empties the input directory.
+    remover = daemon.bin / "rm"
+    remover.write_text(
+        f"#!/bin/sh\n: >'{daemon.root}/removing'\n"
+        f"while [ ! -e '{daemon.root}/go' ]; do sleep 0.05; done\n"
+    )
+    remover.chmod(0o755)
+    daemon.start(wait=False)
+    daemon.wait(lambda: (daemon.root / "removing").exists(), "the command")
+    daemon.process.send_signal(signal.SIGINT)
+    (daemon.root / "go").touch()
+    daemon.wait_exit(1)
+    # The pass was finished.
+    assert daemon.timestamp() == 0
+    assert daemon.log()[-1] == 'Now in "run" state'

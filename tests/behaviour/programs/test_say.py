@@ -1,0 +1,552 @@
+"""vocastra-say: what reaches the daemon, and what does not."""
+
+import ctypes
+import os
+import re
+import stat
+import struct
+import subprocess
+
+import pytest
+from harness.daemon import PAUSE
+from harness.files import element, publish
+from harness.programs import finish, run, start
+from harness.status import StatusWriter, directory_status, status_text
+from harness.wait import wait_until
+
+NAME = re.compile(r"say-\d{8}-\d{6}-\d{9}-\d+")
+
+
+@pytest.fixture
+def daemon(make_daemon):
+    """A running daemon with one local directory "a"."""
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    return daemon
+
+
+def say(daemon, *arguments, **options):
+    return run("vocastra-say", "-c", daemon.config, "-s", daemon.status_path, *arguments, **options)
+
+
+def write_config(path, *elements, state="run"):
+    """A configuration that no daemon reads; returns its path."""
+    config = path / "config.xml"
+    publish(config, element("tts-config", elements, state=state))
+    return config
+
+
+def local(path, identity="a", **attributes):
+    """A local directory element at path/identity, which is made."""
+    (path / identity).mkdir(exist_ok=True)
+    return element("directory", id=identity, type="local", path=path / identity, **attributes)
+
+
+def handed_over(directory):
+    """The bytes of the one message in there; nothing else may be there."""
+    (path,) = directory.iterdir()
+    assert NAME.fullmatch(path.name)
+    return path.read_bytes()
+
+
+# Handing over.
+
+
+def test_words_are_spoken(daemon):
+    assert say(daemon, "Fire", "in hall", "two.") == (0, "", "")
+    (message,) = daemon.wait_translator_runs(1)
+    assert message.text.decode() == PAUSE + "Fire in hall two. "
+    assert NAME.fullmatch(message.message)
+    assert list(daemon.input("a").iterdir()) == []
+    daemon.stop()
+
+
+def test_standard_input_is_spoken(daemon):
+    process = start(
+        "vocastra-say", "-c", daemon.config, stdin=subprocess.PIPE, stdout=None, stderr=None
+    )
+    process.communicate("Line one.\nGrüße & <b>\n", timeout=60)
+    assert process.returncode == 0
+    (message,) = daemon.wait_translator_runs(1)
+    assert message.text.decode() == PAUSE + "Line one. Grüße & <b> "
+    daemon.stop()
+
+
+@pytest.mark.parametrize("encoding", ["utf8", "utf16", "ascii"])
+def test_text_survives_the_encoding_of_the_directory(make_daemon, encoding):
+    text = "áéíóúüñÑ¿¡ÀÿçÖ× "
+    text += "" if encoding == "ascii" else "– € ✓ 𝄞 "
+    daemon = make_daemon(words=30)
+    daemon.configure(daemon.directory("a", parser="text", encoding=encoding))
+    daemon.start()
+    assert say(daemon, text) == (0, "", "")
+    (message,) = daemon.wait_translator_runs(1)
+    assert message.text.decode() == PAUSE + text
+    daemon.stop()
+
+
+@pytest.mark.parametrize(
+    "attributes, options, data",
+    [
+        # Without a parser the daemon reads UTF-8, whatever "encoding" says.
+        ({"encoding": "utf16"}, [], "é𝄞".encode()),
+        ({"parser": "text", "encoding": "utf8"}, [], "é𝄞".encode()),
+        ({"parser": "text", "encoding": "utf16"}, [], "é𝄞".encode("utf-16-le")),
+        ({"parser": "text", "encoding": "utf16"}, ["-e", "utf8"], "é𝄞".encode()),
+        ({"parser": "text"}, ["-e", "utf16"], "é𝄞".encode("utf-16-le")),
+    ],
+)
+def test_bytes_of_the_encodings(tmp_path, attributes, options, data):
+    config = write_config(tmp_path, local(tmp_path, **attributes))
+    assert run("vocastra-say", "-c", config, *options, "é𝄞") == (0, "", "")
+    assert handed_over(tmp_path / "a") == data
+
+
+def test_byte_order_mark_is_not_a_part_of_the_message(tmp_path):
+    config = write_config(tmp_path, local(tmp_path))
+    assert run("vocastra-say", "-c", config, "\ufeffGo")[0] == 0
+    assert handed_over(tmp_path / "a") == b"Go"
+
+
+def test_subdirectory(tmp_path):
+    config = write_config(tmp_path, local(tmp_path, subdir="sub"))
+    (tmp_path / "a/sub").mkdir()
+    assert run("vocastra-say", "-c", config, "Go")[0] == 0
+    assert handed_over(tmp_path / "a/sub") == b"Go"
+
+
+def test_everyone_may_read_the_file(tmp_path):
+    config = write_config(tmp_path, local(tmp_path))
+    assert run("vocastra-say", "-c", config, "Go", umask=0o077)[0] == 0
+    (path,) = (tmp_path / "a").iterdir()
+    assert stat.S_IMODE(path.stat().st_mode) == 0o644
+
+
+class Inotify:
+    """What happens to the entries of a directory: (event, name) in order."""
+
+    EVENTS = {0x100: "create", 0x8: "close-write", 0x40: "from", 0x80: "to", 0x200: "delete"}
+
+    def __init__(self, directory):
+        libc = ctypes.CDLL(None, use_errno=True)
+        self.descriptor = libc.inotify_init1(os.O_NONBLOCK)
+        watch = libc.inotify_add_watch(self.descriptor, os.fsencode(directory), sum(self.EVENTS))
+        assert self.descriptor >= 0 and watch >= 0
+
+    def events(self):
+        data = os.read(self.descriptor, 65536)
+        events = []
+        while data:
+            _, mask, _, length = struct.unpack_from("iIII", data)
+            events.append((self.EVENTS[mask], data[16 : 16 + length].rstrip(b"\0").decode()))
+            data = data[16 + length :]
+        os.close(self.descriptor)
+        return events
+
+
+def test_file_is_hidden_until_it_is_whole(tmp_path):
+    config = write_config(tmp_path, local(tmp_path))
+    watch = Inotify(tmp_path / "a")
+    assert run("vocastra-say", "-c", config, "x" * 60000)[0] == 0
+    events = watch.events()
+    assert [event for event, _ in events] == ["create", "close-write", "from", "to"]
+    names = [name for _, name in events]
+    assert re.fullmatch(r"\.say-\w{6}", names[0]) and len(set(names[:3])) == 1
+    assert NAME.fullmatch(names[3])
+
+
+def test_names_are_unique_and_in_order(tmp_path):
+    config = write_config(tmp_path, local(tmp_path))
+    for number in range(5):
+        assert run("vocastra-say", "-c", config, str(number))[0] == 0
+    texts = [path.read_text() for path in sorted((tmp_path / "a").iterdir())]
+    assert texts == list("01234")
+    processes = [start("vocastra-say", "-c", config, "again") for _ in range(20)]
+    assert [finish(process) for process in processes] == [(0, "", "")] * 20
+    assert len(list((tmp_path / "a").iterdir())) == 25
+
+
+# Where to.
+
+
+def test_the_only_local_directory_is_the_default(tmp_path):
+    config = write_config(
+        tmp_path,
+        element("directory", id="far", type="ftp", path="host"),
+        local(tmp_path, "near"),
+        # The daemon ignores it.
+        element("directory", id="near", type="local", path="/nowhere"),
+    )
+    assert run("vocastra-say", "-c", config, "Go")[0] == 0
+    assert handed_over(tmp_path / "near") == b"Go"
+
+
+def test_announcements_are_the_default_among_several(tmp_path):
+    config = write_config(tmp_path, local(tmp_path, "alarms"), local(tmp_path, "announcements"))
+    assert run("vocastra-say", "-c", config, "Go")[0] == 0
+    assert handed_over(tmp_path / "announcements") == b"Go"
+    assert run("vocastra-say", "-c", config, "-d", "alarms", "Run")[0] == 0
+    assert handed_over(tmp_path / "alarms") == b"Run"
+
+
+REFUSALS = {
+    "several": (
+        lambda path: [local(path, "a"), local(path, "b")],
+        [],
+        "name a directory with -d; there are a b",
+    ),
+    "no local one": (
+        lambda path: [element("directory", id="far", type="ftp", path="host")],
+        [],
+        "the configuration has no local directory",
+    ),
+    "unknown": (lambda path: [local(path)], ["-d", "b"], 'no directory "b" in {config}'),
+    "no id": (
+        lambda path: [element("directory", type="local", path=path)],
+        ["-d", ""],
+        'no directory "" in {config}',
+    ),
+    "remote": (
+        lambda path: [element("directory", id="far", type="cifs", path="//host/share")],
+        ["-d", "far"],
+        'directory "far" is of type "cifs": messages for it belong on its server, "//host/share"',
+    ),
+    "no encoding": (
+        lambda path: [local(path, parser="text")],
+        [],
+        'directory "a" has no usable encoding: ""',
+    ),
+    "xml": (
+        lambda path: [
+            local(path, parser="x", encoding="utf8"),
+            element("parser", id="x", type="xml"),
+        ],
+        [],
+        'directory "a" expects XML documents for parser "x": give one with --raw',
+    ),
+    "no parser": (
+        lambda path: [local(path, parser="x", encoding="utf8")],
+        ["--raw"],
+        'directory "a" uses parser "x", which the configuration does not have',
+    ),
+    "missing directory": (
+        lambda path: [element("directory", id="a", type="local", path=path / "none")],
+        [],
+        "cannot write to {path}/none/: No such file or directory",
+    ),
+    "cache": (
+        lambda path: [local(path, dir_mode="cache")],
+        ["--wait"],
+        'directory "a" is in cache mode: nothing in it is spoken',
+    ),
+    "no daemon": (
+        lambda path: [local(path)],
+        ["--wait", "-s", "/nowhere/status"],
+        "/nowhere/status: No such file or directory",
+    ),
+}
+
+
+@pytest.mark.parametrize("case", REFUSALS)
+def test_refused(tmp_path, case):
+    elements, options, why = REFUSALS[case]
+    config = write_config(tmp_path, *elements(tmp_path))
+    why = why.replace("{config}", str(config)).replace("{path}", str(tmp_path))
+    assert run("vocastra-say", "-c", config, *options, "Go") == (1, "", f"vocastra-say: {why}\n")
+    files = [path for path in tmp_path.rglob("*") if path.is_file()]
+    assert files == [config]
+
+
+@pytest.mark.parametrize(
+    "encoding, text, why",
+    [
+        ("utf8", "", "there is nothing to say"),
+        ("utf8", " .,! \t\n", "there is nothing to say"),
+        ("utf8", b"caf\xe9", "the text is not valid UTF-8"),
+        ("ascii", "2 €", '"€" (U+20AC) cannot be expressed in "ascii"'),
+        ("ascii", "a²", '"²" (U+00B2) cannot be expressed in "ascii"'),
+        (
+            "utf8",
+            "x" * 65537,
+            'the message is too long: 65537 bytes in "utf8", of which the daemon reads 65536',
+        ),
+        (
+            "utf16",
+            "x" * 32769,
+            'the message is too long: 65538 bytes in "utf16", of which the daemon reads 65536',
+        ),
+    ],
+)
+def test_text_that_cannot_be_said(tmp_path, encoding, text, why):
+    config = write_config(tmp_path, local(tmp_path, parser="text", encoding=encoding))
+    (tmp_path / "text").write_bytes(text if isinstance(text, bytes) else text.encode())
+    with open(tmp_path / "text", "rb") as stdin:
+        assert run("vocastra-say", "-c", config, stdin=stdin, encoding="utf-8") == (
+            1,
+            "",
+            f"vocastra-say: {why}\n",
+        )
+    assert list((tmp_path / "a").iterdir()) == []
+
+
+def test_longest_message(tmp_path):
+    config = write_config(tmp_path, local(tmp_path))
+    (tmp_path / "text").write_bytes(b"x" * 65536)
+    with open(tmp_path / "text", "rb") as stdin:
+        assert run("vocastra-say", "-c", config, stdin=stdin) == (0, "", "")
+    assert len(handed_over(tmp_path / "a")) == 65536
+
+
+def test_bad_configuration(tmp_path):
+    config = tmp_path / "config.xml"
+    assert run("vocastra-say", "-c", config, "Go") == (
+        1,
+        "",
+        f'vocastra-say: Could not open "{config}" for reading\n',
+    )
+    config.write_text("<tts-config>\n<a></b>")
+    assert run("vocastra-say", "-c", config, "Go") == (
+        1,
+        "",
+        "vocastra-say: mismatched tag at line 2\n",
+    )
+
+
+# XML documents.
+
+
+@pytest.fixture
+def xml_daemon(make_daemon):
+    daemon = make_daemon()
+    field = '<field tag="t" attr="" attr_value=""/>'
+    daemon.configure(
+        daemon.directory("a", parser="x", encoding="utf8"),
+        element("parser", [field], id="x", type="xml"),
+    )
+    daemon.start()
+    return daemon
+
+
+def test_raw_document_is_spoken(xml_daemon):
+    assert say(xml_daemon, "--raw", "<m><t>Fire &amp; smoke</t></m>") == (0, "", "")
+    (message,) = xml_daemon.wait_translator_runs(1)
+    assert message.text.decode() == PAUSE + "Fire & smoke "
+    xml_daemon.stop()
+
+
+@pytest.mark.parametrize(
+    "document", ["<m><other>Fire</other></m>", "<m><t> . </t></m>", "<m><t>x</m>", ""]
+)
+def test_raw_document_without_a_message_is_refused(xml_daemon, document):
+    assert say(xml_daemon, "--raw", document) == (
+        1,
+        "",
+        'vocastra-say: parser "x" finds nothing to say in the document\n',
+    )
+    assert list(xml_daemon.input("a").iterdir()) == []
+    xml_daemon.stop()
+
+
+# Waiting.
+
+
+def test_wait_ends_when_the_last_words_were_made(make_daemon):
+    daemon = make_daemon(words=1, files=100)
+    daemon.configure(daemon.directory("a", loops=2))
+    daemon.start()
+    daemon.hold()
+    process = start(
+        "vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "--wait", "a b c d e f g"
+    )
+    daemon.wait_translator_runs(1)
+    assert process.poll() is None
+    daemon.release()
+    assert finish(process) == (0, "", "")
+    assert len(daemon.translator_runs()) == 8
+    assert len(daemon.outputs()) == 8
+    daemon.stop()
+
+
+def test_wait_for_messages_that_wait_for_each_other(daemon):
+    processes = [
+        start("vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "-w", f"Number {i}")
+        for i in range(8)
+    ]
+    drain(daemon, *processes)
+    assert [finish(process) for process in processes] == [(0, "", "")] * 8
+    assert sorted(text for _, text in daemon.spoken()) == [f"{PAUSE}Number {i} " for i in range(8)]
+    daemon.stop()
+
+
+@pytest.mark.parametrize("auto_delete", [0, 1])
+def test_wait_with_a_last_played_directory(make_daemon, auto_delete):
+    daemon = make_daemon()
+    last = daemon.root / "last"
+    last.mkdir()
+    daemon.configure(daemon.directory("a", last_played_path=last, auto_delete=auto_delete))
+    daemon.start()
+    assert say(daemon, "--wait", "Go") == (0, "", "")
+    assert daemon.spoken()[0][1] == PAUSE + "Go "
+    assert len(list(last.iterdir())) == 1
+    assert len(list(daemon.input("a").iterdir())) == 1 - auto_delete
+    daemon.stop()
+
+
+@pytest.fixture
+def bound(make_daemon):
+    """A daemon that is output-bound with a message of vocastra-say half said, and that process."""
+    daemon = make_daemon(words=1, files=1)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    process = start(
+        "vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "--wait", "a b c d e f"
+    )
+    daemon.wait_status(lambda root: root.get("output-bound") == "1")
+    assert process.poll() is None
+    return daemon, process
+
+
+def drain(daemon, *processes):
+    """Plays all that comes until the processes have ended."""
+
+    def have_ended():
+        daemon.take()
+        return all(process.poll() is not None for process in processes)
+
+    wait_until(have_ended, "the end of vocastra-say")
+
+
+DROPPED = (3, "", "vocastra-say: the message was dropped\n")
+
+
+def test_wait_goes_on_while_output_bound(bound):
+    daemon, process = bound
+    daemon.take()
+    daemon.wait_translator_runs(2)
+    assert process.poll() is None
+    drain(daemon, process)
+    assert finish(process) == (0, "", "")
+    assert len(daemon.translator_runs()) == 3
+    daemon.stop()
+
+
+def test_wait_goes_on_until_there_is_room_again(make_daemon):
+    """What was just delivered has been said when the player has taken it."""
+    daemon = make_daemon(words=1, files=1)
+    daemon.configure(daemon.directory("a"))
+    daemon.start()
+    process = start(
+        "vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "--wait", "one two"
+    )
+    status = daemon.wait_status(lambda root: root.get("output-bound") == "1")
+    assert [record.tag for record in status.iter()] == ["tts-status", "directory"]
+    daemon.wait_passes(10)
+    assert process.poll() is None
+    daemon.take()
+    assert finish(process) == (0, "", "")
+    daemon.stop()
+
+
+def test_stop_drops_the_message(bound):
+    daemon, process = bound
+    daemon.configure(daemon.directory("a"), state="stop")
+    assert finish(process) == DROPPED
+    daemon.stop()
+
+
+def test_changed_directory_drops_the_message(bound):
+    daemon, process = bound
+    daemon.configure(daemon.directory("a", priority=3))
+    assert finish(process) == DROPPED
+    daemon.stop()
+
+
+def test_removed_directory_drops_the_message(bound):
+    daemon, process = bound
+    daemon.configure(daemon.directory("b"))
+    assert finish(process) == DROPPED
+    daemon.stop()
+
+
+def test_other_changes_do_not_drop_the_message(bound):
+    daemon, process = bound
+    daemon.reconfigure(daemon.directory("a"), daemon.directory("b"))
+    drain(daemon, process)
+    assert finish(process) == (0, "", "")
+    daemon.stop()
+
+
+def test_restart_drops_the_message(bound):
+    daemon, process = bound
+    daemon.stop()
+    assert process.poll() is None
+    daemon.start()
+    assert finish(process) == DROPPED
+    daemon.stop()
+
+
+def test_end_of_the_service_drops_the_message(bound):
+    daemon, process = bound
+    daemon.stop()
+    daemon.status_path.unlink()
+    assert finish(process) == DROPPED
+
+
+def test_wait_has_an_end(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(daemon.directory("a"), state="stop")
+    daemon.start()
+    assert say(daemon, "--wait", "-t", "1", "Go") == (
+        4,
+        "",
+        "vocastra-say: not said within 1 seconds\n",
+    )
+    daemon.stop()
+
+
+def test_file_that_the_daemon_does_not_take_is_dropped(tmp_path):
+    """As if the daemon could not read or remove it: seen, but neither queued nor active."""
+    config = write_config(tmp_path, local(tmp_path))
+    record = [directory_status("a", path=tmp_path / "a", total=1)]
+    with StatusWriter(
+        tmp_path / "status", lambda counter: status_text(counter, directories=record)
+    ):
+        assert run("vocastra-say", "-c", config, "-s", tmp_path / "status", "-w", "Go") == DROPPED
+
+
+def test_queued_message_is_waited_for(tmp_path):
+    """As long as the queue is not empty, the message may be in it."""
+    config = write_config(tmp_path, local(tmp_path))
+    record = [directory_status("a", path=tmp_path / "a", total=1, updated=1)]
+    with StatusWriter(
+        tmp_path / "status", lambda counter: status_text(counter, directories=record)
+    ):
+        status, _, _ = run(
+            "vocastra-say", "-c", config, "-s", tmp_path / "status", "-w", "-t", "1", "Go"
+        )
+    assert status == 4
+    assert handed_over(tmp_path / "a") == b"Go"
+
+
+def test_daemon_without_the_directory(tmp_path):
+    config = write_config(tmp_path, local(tmp_path))
+    (tmp_path / "status").write_text(status_text())
+    assert run("vocastra-say", "-c", config, "-s", tmp_path / "status", "-w", "Go") == (
+        1,
+        "",
+        f'vocastra-say: the daemon that writes {tmp_path}/status does not have directory "a"\n',
+    )
+    assert list((tmp_path / "a").iterdir()) == []
+
+
+@pytest.mark.parametrize(
+    "arguments, why",
+    [
+        (["-e", "latin1"], 'vocastra-say: -e "latin1": not ascii, utf8 or utf16\n'),
+        (["-t", "-1"], 'vocastra-say: -t "-1": not a number of seconds\n'),
+        (["-t", "x"], 'vocastra-say: -t "x": not a number of seconds\n'),
+    ],
+)
+def test_wrong_use(arguments, why):
+    assert run("vocastra-say", *arguments) == (2, "", why)

@@ -1,0 +1,286 @@
+"""FTP and SMB servers on loopback, each in a tree of its own.
+
+A Server shows the directory `inbox` to whoever logs in with its user name and password. It
+starts on a free port and keeps it when it is stopped and started again.
+"""
+
+import contextlib
+import json
+import os
+import pwd
+import random
+import signal
+import socket
+import subprocess
+import sys
+
+from harness.programs import HERE
+from harness.wait import wait_until
+
+# Whatever a client's command language, a URL or a list could trip over.
+PASSWORD = "  a \"b'c\\d$e;f&g|h#i!j%k,l@m:n/ö"
+
+# Where servers listen: below the range that the system takes ports from by itself.
+PORTS = range(10000, 32000)
+
+
+def user_name():
+    return pwd.getpwuid(os.getuid()).pw_name
+
+
+def accepts(port):
+    """Whether somebody takes connections to that port."""
+    with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port), 5):
+        return True
+    return False
+
+
+class Server:
+    """What the servers have in common.
+
+    writable: whether files may be deleted. modes: the FTP modes that the server knows. rate: its
+    limit in bytes per second, 0 for none (not with SMB).
+    """
+
+    kind = "ftp"
+    client = "lftp"
+    user = "ftp"
+
+    def __init__(self, root, writable=True, modes=("active", "passive"), rate=0):
+        self.root = root
+        self.tree = root / "tree"
+        self.inbox = self.tree / "inbox"
+        self.inbox.mkdir(parents=True)
+        self.writable = writable
+        self.modes = modes
+        self.rate = rate
+        self.port = None
+        self.process = None
+
+    @property
+    def name(self):
+        return type(self).__name__.lower()
+
+    # What a class of servers says about itself.
+
+    def command(self):
+        """The command that runs the server on self.port, in the foreground."""
+        raise NotImplementedError
+
+    @property
+    def path(self):
+        """The inbox as the helper's PATH."""
+        return f"127.0.0.1:{self.port}/inbox"
+
+    # Its life.
+
+    def start(self):
+        """Starts the server and waits until it answers; returns it."""
+        if self.port:
+            assert self.try_start(), self.describe()
+            return self
+        for _ in range(10):  # another process may be quicker to take the port
+            self.port = random.choice(PORTS)
+            if not accepts(self.port) and self.try_start():
+                return self
+        raise AssertionError(self.describe())
+
+    def try_start(self):
+        with open(self.root / "server.log", "ab") as log:
+            self.process = subprocess.Popen(
+                [
+                    "setpriv",
+                    "--pdeathsig",
+                    "KILL",
+                    *self.command(),
+                ],  # ends with a test that is killed
+                stdin=subprocess.DEVNULL,
+                stdout=log,
+                stderr=log,
+                **self.options(),
+            )
+        wait_until(lambda: self.process.poll() is not None or accepts(self.port), self.describe)
+        return self.process.poll() is None
+
+    def options(self):
+        return {"start_new_session": True}
+
+    def close(self):
+        """Ends the server and every session of it."""
+        if not self.process:
+            return
+        # All of its processes are one group, whose number is that of the first.
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(self.process.pid, signal.SIGKILL)
+        self.process.wait()
+        self.process = None
+
+    stop = close
+
+    def freeze(self):
+        """From now on the system accepts connections for the server, which says nothing."""
+        os.killpg(self.process.pid, signal.SIGSTOP)
+
+    def thaw(self):
+        os.killpg(self.process.pid, signal.SIGCONT)
+
+    def describe(self):
+        return f"{type(self).__name__} at port {self.port}: " + (
+            self.root / "server.log"
+        ).read_text(errors="replace")
+
+    # Its files.
+
+    def put(self, name, text, subdir=""):
+        """Puts a whole file into the inbox at once; gives it to others under the same name."""
+        data = text.encode() if isinstance(text, str) else text
+        upload = self.root / "upload"
+        upload.write_bytes(data)
+        upload.rename(self.inbox / subdir / name)
+
+    def remove(self, name):
+        (self.inbox / name).unlink()
+
+    def names(self):
+        return sorted(path.name for path in self.inbox.iterdir())
+
+    # How it is watched.
+
+    def arguments(self, watch, **changes):
+        """The helper's arguments, in its order."""
+        values = {"path": self.path, "user": self.user, "password": PASSWORD, "subdir": ""}
+        values.update({"auto_delete": 0, "poll": 1, "mode": "passive"}, **changes)
+        order = ("path", "subdir", "user", "password", None, "auto_delete", "poll", "mode")
+        return [str(values[name]) if name else str(watch) for name in order]
+
+    def attributes(self, **changes):
+        """The attributes of the daemon's directory element."""
+        values = {"type": self.kind, "path": self.path, "username": self.user}
+        values.update({"password": PASSWORD, "ftp_poll_rate": 1}, **changes)
+        return values
+
+
+class PyFtpdLib(Server):
+    """Knows MLSD."""
+
+    user = "u,v \"w'x\\y$z"
+
+    def command(self):
+        settings = {
+            "port": self.port,
+            "root": str(self.tree),
+            "user": self.user,
+            "password": PASSWORD,
+            "writable": self.writable,
+            "modes": self.modes,
+            "rate": self.rate,
+        }
+        return [sys.executable, str(HERE / "ftp_server.py"), json.dumps(settings)]
+
+
+class VsFtpd(Server):
+    """Knows LIST and MDTM, not MLSD.
+
+    It serves "anonymous" users under the rights of whoever runs the test, with a list of the
+    passwords that it accepts: that needs no user, no PAM service and no privilege.
+    """
+
+    def command(self):
+        passwords = self.root / "passwords"
+        passwords.write_text(PASSWORD + "\n")
+        empty = self.root / "empty"
+        empty.mkdir(exist_ok=True)
+        settings = {
+            "listen": "YES",
+            "listen_address": "127.0.0.1",
+            "listen_port": self.port,
+            "background": "NO",
+            "run_as_launching_user": "YES",
+            "seccomp_sandbox": "NO",
+            "secure_chroot_dir": empty,
+            "local_enable": "NO",
+            "anonymous_enable": "YES",
+            "ftp_username": user_name(),
+            "anon_root": self.tree,
+            "anon_world_readable_only": "NO",
+            "allow_writeable_chroot": "YES",
+            "secure_email_list_enable": "YES",
+            "email_password_file": passwords,
+            "write_enable": "YES",
+            "anon_other_write_enable": "YES" if self.writable else "NO",
+            "anon_max_rate": self.rate,
+            "pasv_enable": "YES" if "passive" in self.modes else "NO",
+            "port_enable": "YES" if "active" in self.modes else "NO",
+            "connect_from_port_20": "NO",
+            "xferlog_enable": "YES",
+            "vsftpd_log_file": self.root / "vsftpd.log",
+        }
+        config = self.root / "vsftpd.conf"
+        config.write_text("".join(f"{name}={value}\n" for name, value in settings.items()))
+        return ["/usr/sbin/vsftpd", str(config)]
+
+
+class Smbd(Server):
+    kind = "cifs"
+    client = "smbclient"
+    user = user_name()
+
+    @property
+    def path(self):
+        return "//127.0.0.1/share/inbox"
+
+    def command(self):
+        config = self.root / "smb.conf"
+        directories = ("private", "state", "lock", "cache", "pid", "ncalrpc", "binddns")
+        names = {"private": "private dir", "ncalrpc": "ncalrpc dir", "binddns": "binddns dir"}
+        lines = [
+            "[global]",
+            f"smb ports = {self.port}",
+            "bind interfaces only = yes",
+            "interfaces = 127.0.0.1/8",
+            "disable netbios = yes",
+            "load printers = no",
+            "disable spoolss = yes",
+            "server role = standalone server",
+            "usershare max shares = 0",
+            "map to guest = bad user",
+            f"guest account = {self.user}",
+            f"passdb backend = tdbsam:{self.root}/passdb.tdb",
+            f"log file = {self.root}/smbd.log",
+        ]
+        for name in directories:
+            (self.root / name).mkdir(exist_ok=True)
+            lines.append(f"{names.get(name, name + ' directory')} = {self.root}/{name}")
+        for share, guest in (("share", "no"), ("open", "yes")):
+            lines += [
+                f"[{share}]",
+                f"path = {self.tree}",
+                f"read only = {'no' if self.writable else 'yes'}",
+                f"guest ok = {guest}",
+            ]
+        config.write_text("\n".join(lines) + "\n")
+        if not (self.root / "passdb.tdb").exists():
+            subprocess.run(
+                ["pdbedit", "-s", config, "-a", "-t", "-u", self.user],  # smbpasswd needs root
+                input=f"{PASSWORD}\n{PASSWORD}\n".encode(),
+                check=True,
+                stdout=subprocess.DEVNULL,
+            )
+        return ["/usr/sbin/smbd", "--foreground", "--debug-stdout", f"--configfile={config}"]
+
+    def options(self):
+        return {}  # it makes itself the first of a process group, and cannot as one of a session
+
+    def arguments(self, watch, **changes):
+        values = {"path": self.path, "user": self.user, "password": PASSWORD, "subdir": ""}
+        values.update({"auto_delete": 0, "mount_opts": f"port={self.port}"}, **changes)
+        order = ("path", "user", "password", "subdir", None, "mount_opts", "auto_delete")
+        return [str(values[name]) if name else str(watch) for name in order]
+
+    def attributes(self, **changes):
+        values = super().attributes(mount_opts=f"port={self.port}", **changes)
+        del values["ftp_poll_rate"]
+        return values
+
+
+SERVERS = {"pyftpdlib": PyFtpdLib, "vsftpd": VsFtpd, "smbd": Smbd}
