@@ -1,17 +1,13 @@
 """Remote directories: how their helpers are started, watched and stopped."""
 
-import ctypes
-import errno
 import os
 import re
-import shutil
 import signal
 import stat
-import struct
 from pathlib import Path
 
 import pytest
-from harness.daemon import LIBC, PAUSE
+from harness.daemon import PAUSE
 from harness.files import publish
 from harness.programs import HERE, children, is_alive
 from harness.wait import wait_until
@@ -103,62 +99,7 @@ def test_arguments_of_the_ftp_helper(make_daemon):
     daemon.stop()
 
 
-@pytest.mark.parametrize("empty", [False, True], ids=["absent", "empty"])
-def test_arguments_that_are_absent_or_empty(make_daemon, empty):
-    daemon = make_daemon()
-    values = {}
-    if empty:
-        names = "path username password subdir mount_opts auto_delete ftp_poll_rate ftp_mode"
-        values = {name: "" for name in names.split()}
-    daemon.configure(
-        remote(daemon, "c", "cifs", **values), remote(daemon, "f", "ftp", **values), state="idle"
-    )
-    daemon.start()
-    runs = {run.kind: run for run in daemon.wait_helper_runs(2)}
-    assert runs["cifs"].arguments == ["", "", "", "", str(runs["cifs"].watch), "", "0"]
-    # An attribute that is there but empty is no absent one; numbers take their defaults in both.
-    mode = "" if empty else "passive"
-    assert runs["ftp"].arguments == ["", "", "", "", str(runs["ftp"].watch), "0", "5", mode]
-    daemon.stop()
-
-
-def test_argument_zero_is_the_path_given(make_daemon, tmp_path):
-    # A shell shows its own arguments, where a script is shown with its interpreter's.
-    program = tmp_path / "helper"
-    program.symlink_to("/bin/sh")
-    daemon = make_daemon(helpers=False, arguments=["-i", program, "-p", program])
-    code = "while sleep 0.2; do :; done"
-    daemon.configure(
-        remote(daemon, "c", "cifs", path="-c", username=code),
-        remote(daemon, "f", "ftp", path="-c", subdir=code),
-    )
-    daemon.start(wait=False)
-
-    def command_lines():
-        found = set()
-        for pid in children(daemon.process.pid):
-            words = Path(f"/proc/{pid}/cmdline").read_bytes().decode().split("\0")[:-1]
-            found.add(tuple(re.sub(r"^/tmp/watch\w{6}$", "WATCH", word) for word in words))
-        return found
-
-    expected = {
-        (str(program), "-c", code, "", "", "WATCH", "", "0"),
-        (str(program), "-c", code, "", "", "WATCH", "0", "5", "passive"),
-    }
-    daemon.wait(lambda: command_lines() == expected, "both helpers")
-    daemon.stop()
-
-
 # What it starts with.
-
-
-def test_helper_inherits_the_environment(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(remote(daemon, "r", "cifs"))
-    daemon.start(env={"VOCASTRA_TEST_MARK": "handed on"})
-    run = daemon.wait_helper_runs(1)[0]
-    assert "VOCASTRA_TEST_MARK=handed on" in run.environment
-    daemon.stop()
 
 
 # Python leaves some signals ignored, and so may whoever starts the tests.
@@ -416,73 +357,6 @@ def test_helper_that_cannot_be_executed(make_daemon, way):
         (f"Sending SIGTERM to PID {pid}", f"Removing temporary directory {watch}")
         for pid, watch in zip(pids, watches.values())
     )
-
-
-def refuse_fork():
-    """Makes fork fail in this process and in what it executes; threads and spawn still work."""
-    clone = {"x86_64": 56, "aarch64": 220}[os.uname().machine]
-    load, equal, any_bit, result = 0x20, 0x15, 0x45, 0x06
-    number, first_argument = 0, 16
-    clone_vm, refused, allowed = 0x100, 0x00050000 | errno.EAGAIN, 0x7FFF0000
-    code = (
-        struct.pack("HBBI", load, 0, 0, number)
-        + struct.pack("HBBI", equal, 0, 2, clone)
-        + struct.pack("HBBI", load, 0, 0, first_argument)
-        + struct.pack("HBBI", any_bit, 0, 1, clone_vm)
-        + struct.pack("HBBI", result, 0, 0, allowed)
-        + struct.pack("HBBI", result, 0, 0, refused)
-    )
-    buffer = ctypes.create_string_buffer(code)
-    rules = ctypes.create_string_buffer(struct.pack("HP", len(code) // 8, ctypes.addressof(buffer)))
-    set_no_new_privileges, set_seccomp, filter_mode = 38, 22, 2
-    assert LIBC.prctl(set_no_new_privileges, 1, 0, 0, 0) == 0
-    assert LIBC.prctl(set_seccomp, filter_mode, rules, 0, 0) == 0
-
-
-def test_helper_that_cannot_be_forked(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(remote(daemon, "r", "cifs"))
-    daemon.start(preexec_fn=refuse_fork)
-    watch = Path(wait_available(daemon, "r", "0").get("path"))
-    assert watch.is_dir()
-    daemon.wait_passes(2)
-    daemon.stop()
-    assert daemon.helper_runs() == []
-    # Under an emulator spawn is a fork, too, and "rm" fails.
-    shutil.rmtree(watch, ignore_errors=True)
-    log = [line for line in daemon.log() if not line.startswith('Could not execute "rm -rf')]
-    # No process, so no signal: sent to -1, it would end every process there is.
-    assert log == [
-        f"Processing configuration {daemon.config}",
-        "Could not fork CIFS helper: Resource temporarily unavailable",
-        "Created new input directory r",
-        'Directory "r" using parser PARSER text-utf8',
-        'Now in "run" state',
-        f"Removing temporary directory {watch}",
-    ]
-
-
-def test_bad_number_starts_no_helper(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(
-        remote(daemon, "c", "cifs", auto_delete="yes"),
-        remote(daemon, "f", "ftp", ftp_poll_rate="5 s"),
-    )
-    daemon.start()
-    daemon.wait_passes(1)
-    daemon.stop()
-    assert daemon.helper_runs() == []
-    text = 'While processing attribute "{}" of "directory": Could not convert "{}" to integer'
-    first = text.format("auto-delete", "yes")
-    second = text.format("ftp-poll-rate", "5 s")
-    assert daemon.log() == [
-        f"Processing configuration {daemon.config}",
-        first,
-        f"Skipped directory c: {first}",
-        second,
-        f"Skipped directory f: {second}",
-        'Now in "run" state',
-    ]
 
 
 # Their end.

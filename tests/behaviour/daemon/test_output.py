@@ -48,39 +48,6 @@ def test_production_follows_the_room_in_the_output(make_daemon):
     ]
 
 
-def test_what_others_put_there_counts(make_daemon):
-    daemon = make_daemon(files=2)
-    daemon.configure(daemon.directory("a"))
-    for name in ("x", "y"):
-        (daemon.output / name).touch()
-    # These do not count.
-    (daemon.output / ".hidden").touch()
-    (daemon.output / "directory").mkdir()
-    (daemon.output / "link").symlink_to("x")
-    daemon.start()
-    daemon.wait_log("Now output-bound")
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_passes(3)
-    assert daemon.spoken() == []
-    (daemon.output / "y").unlink()
-    daemon.wait_spoken(("m.txt", PAUSE + "one "))
-    daemon.stop()
-    assert (daemon.output / "0_a.text_live_first.raw").exists()
-
-
-@pytest.mark.parametrize("files", ["0", "-1"])
-def test_no_room_at_all(make_daemon, files):
-    daemon = make_daemon(files=files)
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_status(lambda root: root.find("directory/message") is not None)
-    daemon.wait_passes(3)
-    daemon.stop()
-    assert daemon.spoken() == []
-    assert daemon.log().count("Now output-bound") == 1
-
-
 def test_clips_may_exceed_the_limit(make_daemon):
     daemon = make_daemon(files=1)
     clip = daemon.root / "clip.wav"
@@ -157,27 +124,6 @@ def test_emptying_for_stop_waits_for_the_lock(make_daemon):
     daemon.wait_log('Now in "stop" state')
     assert daemon.outputs() == []
     daemon.stop()
-
-
-def test_without_output_the_translator_still_runs(make_daemon):
-    daemon = make_daemon(words=1, output=False)
-    clip = daemon.root / "clip.wav"
-    clip.write_text("clip")
-    daemon.configure(
-        daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip),
-        daemon.directory("b"),
-    )
-    daemon.start()
-    daemon.drop("a", "m.txt", "one two three")
-    daemon.drop("b", "n.txt", "four")
-    daemon.wait_spoken(
-        ("m.txt", PAUSE + "one two "), ("m.txt", "three "), ("n.txt", PAUSE + "four ")
-    )
-    daemon.reconfigure(daemon.directory("a"), state="stop")
-    daemon.stop()
-    about_output = ("copying", "Now output", "No longer output")
-    assert [line for line in daemon.log() if line.startswith(about_output)] == []
-    assert daemon.outputs() == []
 
 
 def test_output_that_vanishes_and_returns(make_daemon):
