@@ -11,120 +11,120 @@ namespace {
 
 constexpr uint64_t kNotAscii = 0x8080808080808080;  // The bits that no ASCII byte has.
 
-bool IsContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+bool IsContinuation(unsigned char byte_) { return (byte_ & 0xC0) == 0x80; }
 
 // The number of ASCII bytes before the first other one in memory. REQUIRES: there is another one.
-size_t LeadingAscii(uint64_t word) {
+size_t LeadingAscii(uint64_t word_) {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-  return static_cast<size_t>(__builtin_ctzll(word & kNotAscii)) / 8;
+  return static_cast<size_t>(__builtin_ctzll(word_ & kNotAscii)) / 8;
 #else
   return static_cast<size_t>(__builtin_clzll(word & kNotAscii)) / 8;
 #endif
 }
 
-// The end of the ASCII bytes from p on. Looks at 16 bytes at once: message texts are mostly ASCII,
+// The end of the ASCII bytes from p_ on. Looks at 16 bytes at once: message texts are mostly ASCII,
 // and a step per byte would cost more than the reading.
-const unsigned char* SkipAscii(const unsigned char* p, const unsigned char* end) {
+const unsigned char* SkipAscii(const unsigned char* p_, const unsigned char* end_) {
   uint64_t words[2];
-  while (static_cast<size_t>(end - p) >= sizeof(words)) {
-    memcpy(words, p, sizeof(words));
+  while (static_cast<size_t>(end_ - p_) >= sizeof(words)) {
+    memcpy(words, p_, sizeof(words));
     if (((words[0] | words[1]) & kNotAscii) != 0) {
-      return (words[0] & kNotAscii) != 0 ? p + LeadingAscii(words[0])
-                                         : p + sizeof(words[0]) + LeadingAscii(words[1]);
+      return (words[0] & kNotAscii) != 0 ? p_ + LeadingAscii(words[0])
+                                         : p_ + sizeof(words[0]) + LeadingAscii(words[1]);
     }
-    p += sizeof(words);
+    p_ += sizeof(words);
   }
-  while (p < end && *p < 0x80) {
-    ++p;
+  while (p_ < end_ && *p_ < 0x80) {
+    ++p_;
   }
-  return p;
+  return p_;
 }
 
-// Steps over one valid sequence of three or four bytes. False if there is none at p. Overlong
+// Steps over one valid sequence of three or four bytes. False if there is none at p_. Overlong
 // forms, surrogates and code points above U+10FFFF show in the second byte at the latest.
 //
 // Each length returns by itself: the branch predictor then knows where the next sequence starts.
-bool SkipLongSequence(const unsigned char*& p, const unsigned char* end) {
-  const unsigned char lead = p[0];
-  const auto available = end - p;
+bool SkipLongSequence(const unsigned char*& p_, const unsigned char* end_) {
+  const unsigned char lead = p_[0];
+  const auto available = end_ - p_;
   if (lead < 0xE0) {
     return false;
   }
   if (lead < 0xF0) {
     const unsigned char lowest = lead == 0xE0 ? 0xA0 : 0x80;
     const unsigned char highest = lead == 0xED ? 0x9F : 0xBF;
-    if (available < 3 || p[1] < lowest || p[1] > highest || !IsContinuation(p[2])) {
+    if (available < 3 || p_[1] < lowest || p_[1] > highest || !IsContinuation(p_[2])) {
       return false;
     }
-    p += 3;
+    p_ += 3;
     return true;
   }
   const unsigned char lowest = lead == 0xF0 ? 0x90 : 0x80;
   const unsigned char highest = lead == 0xF4 ? 0x8F : 0xBF;
-  if (lead > 0xF4 || available < 4 || p[1] < lowest || p[1] > highest || !IsContinuation(p[2]) ||
-      !IsContinuation(p[3])) {
+  if (lead > 0xF4 || available < 4 || p_[1] < lowest || p_[1] > highest || !IsContinuation(p_[2]) ||
+      !IsContinuation(p_[3])) {
     return false;
   }
-  p += 4;
+  p_ += 4;
   return true;
 }
 
-void AppendExtAscii(std::string& text, char c) {
-  const unsigned char byte = static_cast<unsigned char>(c);
+void AppendExtAscii(std::string& text_, char c_) {
+  const unsigned char byte = static_cast<unsigned char>(c_);
   if (byte < 0x80) {
     if (byte != 0x00) {
-      text += c;
+      text_ += c_;
     }
     return;
   }
   if (byte >= 0xC0) {
-    text += '\xC3';
-    text += static_cast<char>(byte - 0x40);
+    text_ += '\xC3';
+    text_ += static_cast<char>(byte - 0x40);
     return;
   }
   switch (byte) {
     case 0xA0:
-      text += "\xC3\xA1";  // a with acute
+      text_ += "\xC3\xA1";  // a with acute
       break;
     case 0xA1:
-      text += "\xC3\xAD";  // i with acute
+      text_ += "\xC3\xAD";  // i with acute
       break;
     case 0xA2:
-      text += "\xC3\xB3";  // o with acute
+      text_ += "\xC3\xB3";  // o with acute
       break;
     case 0xA3:
-      text += "\xC3\xBA";  // u with acute
+      text_ += "\xC3\xBA";  // u with acute
       break;
     case 0xA4:
-      text += "\xC3\xB1";  // n with tilde
+      text_ += "\xC3\xB1";  // n with tilde
       break;
     case 0xA5:
-      text += "\xC3\x91";  // N with tilde
+      text_ += "\xC3\x91";  // N with tilde
       break;
     case 0xA8:
-      text += "\xC2\xBF";  // inverted question mark
+      text_ += "\xC2\xBF";  // inverted question mark
       break;
     case 0xAD:
-      text += "\xC2\xA1";  // inverted exclamation mark
+      text_ += "\xC2\xA1";  // inverted exclamation mark
       break;
     default:
-      text += '\xC2';
-      text += static_cast<char>(byte - 0x20);
+      text_ += '\xC2';
+      text_ += static_cast<char>(byte - 0x20);
   }
 }
 
 }  // namespace
 
-std::string ExtAsciiToUtf8Char(char c) {
+std::string ExtAsciiToUtf8Char(char c_) {
   std::string text;
-  AppendExtAscii(text, c);
+  AppendExtAscii(text, c_);
   return text;
 }
 
-std::string ExtAsciiToUtf8String(const std::string& orig) {
+std::string ExtAsciiToUtf8String(const std::string& orig_) {
   std::string text;
-  text.reserve(orig.size());
-  for (const char c : orig) {
+  text.reserve(orig_.size());
+  for (const char c : orig_) {
     AppendExtAscii(text, c);
   }
   return text;

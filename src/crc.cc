@@ -36,12 +36,12 @@ constexpr std::array<Table, kSlices> kTables = MakeTables();
 static_assert(kTables[0][1] == 0x1189 && kTables[0][2] == 0x2312 && kTables[0][255] == 0x0F78);
 
 // The checksum over kSlices bytes. The old one affects only the first two bytes.
-uint32_t Step(uint32_t crc, const uint8_t* data) {
+uint32_t Step(uint32_t crc_, const uint8_t* data_) {
   uint32_t next =
-      kTables[kSlices - 1][(crc ^ data[0]) & 0xFF] ^ kTables[kSlices - 2][(crc >> 8) ^ data[1]];
+      kTables[kSlices - 1][(crc_ ^ data_[0]) & 0xFF] ^ kTables[kSlices - 2][(crc_ >> 8) ^ data_[1]];
 #pragma GCC unroll 8  // At -O2 it would stay a loop.
   for (size_t i = 2; i < kSlices; ++i) {
-    next ^= kTables[kSlices - 1 - i][data[i]];
+    next ^= kTables[kSlices - 1 - i][data_[i]];
   }
   return next;
 }

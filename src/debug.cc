@@ -18,11 +18,11 @@ constexpr size_t kLineSize = 72 * 1024;
 // Writes the line in one write; the newline replaces the terminating zero. The buffer is on the
 // stack, which saves requests to the heap. Only a line that does not fit is formatted a second
 // time.
-__attribute__((format(printf, 1, 0))) void WriteLine(const char* format, va_list args) {
+__attribute__((format(printf, 1, 0))) void WriteLine(const char* format_, va_list args_) {
   char line[kLineSize];
   va_list args_again;
-  va_copy(args_again, args);
-  const int result = vsnprintf(line, sizeof(line), format, args);
+  va_copy(args_again, args_);
+  const int result = vsnprintf(line, sizeof(line), format_, args_);
   const size_t length = static_cast<size_t>(result);
   if (result >= 0 && length < sizeof(line)) {
     line[length] = '\n';
@@ -30,7 +30,7 @@ __attribute__((format(printf, 1, 0))) void WriteLine(const char* format, va_list
   } else if (result >= 0) {
     char* long_line = static_cast<char*>(malloc(length + 1));
     if (long_line != nullptr) {
-      vsnprintf(long_line, length + 1, format, args_again);
+      vsnprintf(long_line, length + 1, format_, args_again);
       long_line[length] = '\n';
       WriteWhole(STDERR_FILENO, long_line, length + 1);
       free(long_line);
@@ -41,18 +41,18 @@ __attribute__((format(printf, 1, 0))) void WriteLine(const char* format, va_list
 
 }  // namespace
 
-void SetDebugMask(unsigned int mask) { debug_mask = mask; }
+void SetDebugMask(unsigned int mask_) { debug_mask = mask_; }
 
-bool IsDebugEnabled(unsigned int mask) { return (mask & debug_mask) != 0; }
+bool IsDebugEnabled(unsigned int mask_) { return (mask_ & debug_mask) != 0; }
 
-void Debug(unsigned int mask, const char* format, ...) {
-  if (!IsDebugEnabled(mask)) {
+void Debug(unsigned int mask_, const char* format_, ...) {
+  if (!IsDebugEnabled(mask_)) {
     return;
   }
   const int saved_errno = errno;  // Callers log in the middle of handling an error.
   va_list args;
-  va_start(args, format);
-  WriteLine(format, args);
+  va_start(args, format_);
+  WriteLine(format_, args);
   va_end(args);
   errno = saved_errno;
 }

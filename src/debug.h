@@ -12,13 +12,13 @@ constexpr unsigned int kDebugAvailable = 0x7;  // Bit 0x2 is reserved; no messag
 constexpr unsigned int kDebugDefault = kDebugNormal;
 
 // Replaces the mask; the old one is not merged in.
-void SetDebugMask(unsigned int mask);
+void SetDebugMask(unsigned int mask_);
 
 // True if Debug writes messages of this mask. For callers whose arguments are costly to make.
-bool IsDebugEnabled(unsigned int mask);
+bool IsDebugEnabled(unsigned int mask_);
 
-// Writes the message, formatted as by printf, and a newline if any bit of mask is set in the
+// Writes the message, formatted as by printf, and a newline if any bit of mask_ is set in the
 // process's mask. The line reaches standard error in one write, so that lines of the daemon and
 // of the programs it starts do not mix; in a pipe, up to its PIPE_BUF bytes, 4096 on Linux.
 // Failures to write are ignored: there is nowhere to report them.
-void Debug(unsigned int mask, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void Debug(unsigned int mask_, const char* format_, ...) __attribute__((format(printf, 2, 3)));

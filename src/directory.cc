@@ -20,37 +20,37 @@ namespace {
 constexpr size_t kSlotSize = 4096;  // One file name in the scratch area.
 
 struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
+  void operator()(DIR* dir_) const { closedir(dir_); }
 };
 using Listing = std::unique_ptr<DIR, DirCloser>;
 
 // The next listed file, or null at the end of the listing.
-const dirent* NextFile(const Listing& listing) {
+const dirent* NextFile(const Listing& listing_) {
   const dirent* entry = nullptr;
   do {
-    entry = readdir(listing.get());
+    entry = readdir(listing_.get());
   } while (entry != nullptr && (entry->d_type != DT_REG || entry->d_name[0] == '.'));
   return entry;
 }
 
-size_t CountFiles(const Listing& listing) {
+size_t CountFiles(const Listing& listing_) {
   size_t count = 0;
-  while (NextFile(listing) != nullptr) {
+  while (NextFile(listing_) != nullptr) {
     ++count;
   }
   return count;
 }
 
 // Cut to what a slot holds.
-void CopyName(char* slot, const char* name) {
-  const size_t length = strnlen(name, kSlotSize - 1);
-  memcpy(slot, name, length);
-  slot[length] = '\0';
+void CopyName(char* slot_, const char* name_) {
+  const size_t length = strnlen(name_, kSlotSize - 1);
+  memcpy(slot_, name_, length);
+  slot_[length] = '\0';
 }
 
 // Compares two slots by their addresses.
-int CompareSlots(const void* a, const void* b) {
-  return strcmp(*static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
+int CompareSlots(const void* a_, const void* b_) {
+  return strcmp(*static_cast<const char* const*>(a_), *static_cast<const char* const*>(b_));
 }
 
 }  // namespace
@@ -75,10 +75,10 @@ struct Directory::Impl {
   void Unlock() const;
   int GetFileCount() const;
   std::list<std::string> GetFileNames();
-  bool ReserveSlots(size_t count);
-  size_t FillSlots(const Listing& listing, size_t count);
-  void RunIntoDirectory(const char* command, const std::string& current_path,
-                        const std::string& new_name) const;
+  bool ReserveSlots(size_t count_);
+  size_t FillSlots(const Listing& listing_, size_t count_);
+  void RunIntoDirectory(const char* command_, const std::string& current_path_,
+                        const std::string& new_name_) const;
   void Clear();
 
   std::string path;                  // Ends in "/".
@@ -147,29 +147,29 @@ std::list<std::string> Directory::Impl::GetFileNames() {
   return names;
 }
 
-// Writes the names of a second pass over the listing into the count slots, and makes the others
+// Writes the names of a second pass over the listing into the count_ slots, and makes the others
 // empty. Returns the number of names.
 //
 // The rest of a slot is not zeroed: 4 KiB for each file, in every scan, cost more than reading the
 // file.
-size_t Directory::Impl::FillSlots(const Listing& listing, size_t count) {
+size_t Directory::Impl::FillSlots(const Listing& listing_, size_t count_) {
   size_t copied = 0;
-  rewinddir(listing.get());
+  rewinddir(listing_.get());
   const dirent* entry = nullptr;
-  while (copied < count && (entry = NextFile(listing)) != nullptr) {
+  while (copied < count_ && (entry = NextFile(listing_)) != nullptr) {
     CopyName(file_name_buffer + copied * kSlotSize, entry->d_name);
     ++copied;
   }
-  for (size_t i = copied; i < count; ++i) {
+  for (size_t i = copied; i < count_; ++i) {
     file_name_buffer[i * kSlotSize] = '\0';
   }
   return copied;
 }
 
-// Makes room for count slots. False, with a log line, if there is no memory.
-bool Directory::Impl::ReserveSlots(size_t count) {
-  const bool fits = count <= SIZE_MAX / kSlotSize;  // 32-bit: up to a million files.
-  const size_t size = fits ? count * kSlotSize : SIZE_MAX;
+// Makes room for count_ slots. False, with a log line, if there is no memory.
+bool Directory::Impl::ReserveSlots(size_t count_) {
+  const bool fits = count_ <= SIZE_MAX / kSlotSize;  // 32-bit: up to a million files.
+  const size_t size = fits ? count_ * kSlotSize : SIZE_MAX;
   if (file_name_buffer_chars < size) {
     free(file_name_buffer);
     file_name_buffer_chars = 0;
@@ -183,11 +183,12 @@ bool Directory::Impl::ReserveSlots(size_t count) {
   return true;
 }
 
-void Directory::Impl::RunIntoDirectory(const char* command, const std::string& current_path,
-                                       const std::string& new_name) const {
+void Directory::Impl::RunIntoDirectory(const char* command_, const std::string& current_path_,
+                                       const std::string& new_name_) const {
   Lock();
   const UnlockAtEnd unlock(*this);
-  RunCommand(Format("%s %s %s%s", command, current_path.c_str(), path.c_str(), new_name.c_str()));
+  RunCommand(
+      Format("%s %s %s%s", command_, current_path_.c_str(), path.c_str(), new_name_.c_str()));
 }
 
 void Directory::Impl::Clear() {
@@ -199,7 +200,7 @@ void Directory::Impl::Clear() {
   Unlock();
 }
 
-Directory::Directory(const std::string& path) : impl(new Impl(path)) {}
+Directory::Directory(const std::string& path_) : impl(new Impl(path_)) {}
 
 Directory::~Directory() { delete impl; }
 

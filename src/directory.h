@@ -11,9 +11,9 @@
 
 class Directory {
  public:
-  // Opens path, with or without a trailing slash.
+  // Opens path_, with or without a trailing slash.
   // Throws a string naming the directory if it cannot be opened.
-  explicit Directory(const std::string& path);
+  explicit Directory(const std::string& path_);
   // Releases the lock.
   ~Directory();
 

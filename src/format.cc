@@ -23,10 +23,10 @@ namespace {
 constexpr size_t kPathSize = 4096;
 
 // The template of a temporary name.
-std::string TemplatePath(const char* prefix) {
+std::string TemplatePath(const char* prefix_) {
   char text[kPathSize];
   safe_strncpy(text, sizeof(text), "/tmp/");
-  safe_strncat(text, sizeof(text), prefix);
+  safe_strncat(text, sizeof(text), prefix_);
   safe_strncat(text, sizeof(text), "XXXXXX");
   return text;
 }
@@ -51,17 +51,17 @@ class CommandSignals {
   CommandSignals& operator=(const CommandSignals&) = delete;
 
   // The command gets the signals as they were before.
-  void SpareCommand(posix_spawnattr_t* attributes) const {
+  void SpareCommand(posix_spawnattr_t* attributes_) const {
     short flags = POSIX_SPAWN_SETSIGMASK;
-    posix_spawnattr_setsigmask(attributes, &saved_mask);
+    posix_spawnattr_setsigmask(attributes_, &saved_mask);
     if (saved_sigquit.sa_handler != SIG_IGN) {
       sigset_t sigquit;
       sigemptyset(&sigquit);
       sigaddset(&sigquit, SIGQUIT);
-      posix_spawnattr_setsigdefault(attributes, &sigquit);
+      posix_spawnattr_setsigdefault(attributes_, &sigquit);
       flags |= POSIX_SPAWN_SETSIGDEF;
     }
-    posix_spawnattr_setflags(attributes, flags);
+    posix_spawnattr_setflags(attributes_, flags);
   }
 
  private:
@@ -71,11 +71,11 @@ class CommandSignals {
 
 }  // namespace
 
-std::string Format(const char* format, ...) {
+std::string Format(const char* format_, ...) {
   va_list args;
-  va_start(args, format);
+  va_start(args, format_);
   char* buffer = nullptr;
-  const int length = vasprintf(&buffer, format, args);
+  const int length = vasprintf(&buffer, format_, args);
   va_end(args);
   if (length < 0) {
     return std::string();

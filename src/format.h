@@ -9,7 +9,7 @@
 #include <string>
 
 // The message formatted as by printf; empty if the C library cannot format it.
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char* format_, ...) __attribute__((format(printf, 1, 2)));
 
 // The number that the whole of s_ denotes: decimal ("010" is ten), or, if "0x" is anywhere in it,
 // with strtol's automatic base. Leading white space and a sign are accepted, nothing may

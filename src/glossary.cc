@@ -9,13 +9,13 @@
 #include "xml.h"
 
 struct Glossary::Impl {
-  void Load(const std::string& path);
+  void Load(const std::string& path_);
 
   std::map<std::string, std::string> speech_map;  // Written word to speech text.
 };
 
-void Glossary::Impl::Load(const std::string& path) {
-  const std::unique_ptr<XMLElement> root = LoadXMLTree(path, "glossary");
+void Glossary::Impl::Load(const std::string& path_) {
+  const std::unique_ptr<XMLElement> root = LoadXMLTree(path_, "glossary");
   for (const XMLElement* word = root->GetFirstChild(); word != nullptr;
        word = word->GetNextSibling()) {
     if (word->HasName("word")) {
@@ -29,19 +29,19 @@ void Glossary::Impl::Load(const std::string& path) {
 
 namespace {
 
-bool IsPointOrComma(char c) { return c == '.' || c == ','; }
+bool IsPointOrComma(char c_) { return c_ == '.' || c_ == ','; }
 
 // The word without full stops and commas around it; at least one byte of a word is kept.
-std::string StripPunctuation(const std::string& word) {
+std::string StripPunctuation(const std::string& word_) {
   size_t first = 0;
-  size_t end = word.size();
-  while (end - first >= 2 && IsPointOrComma(word[first])) {
+  size_t end = word_.size();
+  while (end - first >= 2 && IsPointOrComma(word_[first])) {
     ++first;
   }
-  while (end - first >= 2 && IsPointOrComma(word[end - 1])) {
+  while (end - first >= 2 && IsPointOrComma(word_[end - 1])) {
     --end;
   }
-  return word.substr(first, end - first);
+  return word_.substr(first, end - first);
 }
 
 }  // namespace

@@ -60,7 +60,7 @@ class GetoptTable {
   std::vector<option> long_options;
 };
 
-// The message is one line. long_index is still that of an earlier long option if the bad option is
+// The message is one line. long_index_ is still that of an earlier long option if the bad option is
 // a short one, and then the earlier one is named; scripts that match this output know it so.
 void PrintBadOption(char** argv_, const GetoptTable& table_, int result_, int long_index_) {
   printf("%s: Unrecognized option or bad value for option: ", argv_[0]);

@@ -19,17 +19,17 @@ namespace {
 
 constexpr size_t kMaxFileBytes = 65536;
 
-std::string ReadContent(const std::string& path) {
+std::string ReadContent(const std::string& path_) {
   char buffer[kMaxFileBytes];
-  const size_t length = InputFile(path).Read(buffer, sizeof(buffer));
+  const size_t length = InputFile(path_).Read(buffer, sizeof(buffer));
   return std::string(buffer, length);
 }
 
-std::string FromUtf16(const std::string& content) {
+std::string FromUtf16(const std::string& content_) {
   Debug(kDebugTrace, "Encoding from UTF-16 to UTF-8");
-  std::vector<uint16_t> units((content.size() + 1) / 2);
-  for (size_t i = 0; i < content.size(); ++i) {
-    const unsigned int byte = static_cast<unsigned char>(content[i]);
+  std::vector<uint16_t> units((content_.size() + 1) / 2);
+  for (size_t i = 0; i < content_.size(); ++i) {
+    const unsigned int byte = static_cast<unsigned char>(content_[i]);
     units[i / 2] = static_cast<uint16_t>(units[i / 2] | (i % 2 == 0 ? byte : byte << 8));
   }
   try {
@@ -44,11 +44,11 @@ std::string FromUtf16(const std::string& content) {
 
 // On standard output, whatever the debug mask. In one write: the buffered stream makes 80 of 64 KiB
 // of text. What the stream holds goes out first, so that the dump keeps its place.
-void DumpBytes(const std::string& text) {
+void DumpBytes(const std::string& text_) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string dump;
-  dump.reserve(text.size() * strlen("0x00 ") + strlen("\n\r"));
-  for (const char c : text) {
+  dump.reserve(text_.size() * strlen("0x00 ") + strlen("\n\r"));
+  for (const char c : text_) {
     const unsigned int byte = static_cast<unsigned char>(c);
     dump += {'0', 'x', kDigits[byte / 16], kDigits[byte % 16], ' '};
   }
@@ -57,17 +57,17 @@ void DumpBytes(const std::string& text) {
   WriteWhole(STDOUT_FILENO, dump.data(), dump.size());  // If it fails, there is nobody to tell.
 }
 
-void ShowReencoded(const std::string& text) {
+void ShowReencoded(const std::string& text_) {
   Debug(kDebugNormal, "re-encode");
-  DumpBytes(text);
+  DumpBytes(text_);
 }
 
-std::string ReadText(const std::string& path, const std::string& encoding) {
-  std::string content = ReadContent(path);
-  if (encoding == "utf16") {
+std::string ReadText(const std::string& path_, const std::string& encoding_) {
+  std::string content = ReadContent(path_);
+  if (encoding_ == "utf16") {
     return FromUtf16(content);
   }
-  if (encoding == "ascii") {
+  if (encoding_ == "ascii") {
     content = ExtAsciiToUtf8String(content);
   }
   return ToValidUtf8(std::move(content), kDebugNormal, "Re-encoding file to UTF-8", ShowReencoded);

@@ -34,15 +34,15 @@ constexpr char kDefaultParser[] = "text-utf8";
 constexpr char kPauseTag[] = "\\pau=300\\ ";  // 300 ms of silence lead every message.
 
 struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
+  void operator()(FILE* file_) const { fclose(file_); }
 };
 using OutputFile = std::unique_ptr<FILE, FileCloser>;
 
 // Truncates the file in place, or creates it; null on failure. flags and mode as for open(). Closed
 // on exec. A FIFO is not waited for: without a reader it cannot be opened.
-OutputFile OpenForWriting(const std::string& path, int flags, mode_t mode) {
+OutputFile OpenForWriting(const std::string& path_, int flags_, mode_t mode_) {
   const int fd =
-      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags, mode);
+      open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags_, mode_);
   FILE* const file = fd < 0 ? nullptr : fdopen(fd, "w");
   if (fd >= 0 && file == nullptr) {
     close(fd);
@@ -51,9 +51,9 @@ OutputFile OpenForWriting(const std::string& path, int flags, mode_t mode) {
 }
 
 // False if not all that was written has reached the file.
-bool Close(OutputFile file) {
-  const bool is_sound = ferror(file.get()) == 0;
-  return fclose(file.release()) == 0 && is_sound;
+bool Close(OutputFile file_) {
+  const bool is_sound = ferror(file_.get()) == 0;
+  return fclose(file_.release()) == 0 && is_sound;
 }
 
 // A failed pass also ends with the 100 ms pause: a missing configuration must neither spin the CPU
@@ -74,16 +74,16 @@ struct Vocastra::Impl {
   void Run();
 
   void Configure();
-  void ConfigureDirectories(const XMLElement& root);
-  void ConfigureDirectory(const XMLElement& element, const std::string& id,
-                          std::set<std::string>& new_ids);
-  void DeleteDirectory(const std::string& id);
-  void DeleteDirectoriesNotIn(const std::set<std::string>& new_ids);
+  void ConfigureDirectories(const XMLElement& root_);
+  void ConfigureDirectory(const XMLElement& element_, const std::string& id_,
+                          std::set<std::string>& new_ids_);
+  void DeleteDirectory(const std::string& id_);
+  void DeleteDirectoriesNotIn(const std::set<std::string>& new_ids_);
   void RankDirectories();
-  void ConfigureParsers(const XMLElement& root);
-  void ConfigureParser(const XMLElement& element);
+  void ConfigureParsers(const XMLElement& root_);
+  void ConfigureParser(const XMLElement& element_);
   void AttachParsers();
-  void ApplyState(const std::string& new_state);
+  void ApplyState(const std::string& new_state_);
   void ClearFileParsers();
 
   void CheckGlossary();
@@ -92,13 +92,13 @@ struct Vocastra::Impl {
   bool ProcessSnippet();
   bool HasRoomForOutput();
   InputDirectory* ChooseDirectory();
-  bool WriteSnippet(const std::list<std::string>& words, bool is_start);
-  bool Translate(const std::string& arguments, const std::string& message_filename) const;
-  bool DeliverClips(const InputDirectory& directory);
-  void DeliverClip(const std::string& path, const std::string& name);
-  void Deliver(const std::string& path, const std::string& name);
-  std::string OutputFileName(const std::string& folder_id, bool is_bumper, bool is_silence,
-                             int is_preview, bool start_of_message);
+  bool WriteSnippet(const std::list<std::string>& words_, bool is_start_);
+  bool Translate(const std::string& arguments_, const std::string& message_filename_) const;
+  bool DeliverClips(const InputDirectory& directory_);
+  void DeliverClip(const std::string& path_, const std::string& name_);
+  void Deliver(const std::string& path_, const std::string& name_);
+  std::string OutputFileName(const std::string& folder_id_, bool is_bumper_, bool is_silence_,
+                             int is_preview_, bool start_of_message_);
 
   void DumpStatus();
 
@@ -180,9 +180,9 @@ void Vocastra::Impl::Configure() {
   config_file_crc = new_config_file_crc;
 }
 
-void Vocastra::Impl::ConfigureDirectories(const XMLElement& root) {
+void Vocastra::Impl::ConfigureDirectories(const XMLElement& root_) {
   std::set<std::string> new_ids;
-  for (const XMLElement* element : root.GetChildren("directory")) {
+  for (const XMLElement* element : root_.GetChildren("directory")) {
     std::string id;
     try {
       id = element->GetAttributeString("id");
@@ -197,35 +197,35 @@ void Vocastra::Impl::ConfigureDirectories(const XMLElement& root) {
 // Keeps the directory if its element is unchanged, so that a reload does not disturb messages
 // that are being spoken; otherwise builds a new one. Of several elements with one id the first
 // counts.
-void Vocastra::Impl::ConfigureDirectory(const XMLElement& element, const std::string& id,
-                                        std::set<std::string>& new_ids) {
-  if (!new_ids.insert(id).second) {
-    Debug(kDebugNormal, "Duplicate directory ID \"%s\"", id.c_str());
+void Vocastra::Impl::ConfigureDirectory(const XMLElement& element_, const std::string& id_,
+                                        std::set<std::string>& new_ids_) {
+  if (!new_ids_.insert(id_).second) {
+    Debug(kDebugNormal, "Duplicate directory ID \"%s\"", id_.c_str());
     return;
   }
-  const auto existing = id_to_directory.find(id);
+  const auto existing = id_to_directory.find(id_);
   if (existing != id_to_directory.end()) {
-    if (existing->second->IsIdentical(element)) {
+    if (existing->second->IsIdentical(element_)) {
       return;
     }
-    DeleteDirectory(id);
+    DeleteDirectory(id_);
   }
   id_to_directory.emplace(
-      id, std::make_unique<InputDirectory>(element, cifs_helper_script_path, ftp_helper_app_path,
-                                           text_snippet_word_limit));
-  Debug(kDebugNormal, "Created new input directory %s", id.c_str());
+      id_, std::make_unique<InputDirectory>(element_, cifs_helper_script_path, ftp_helper_app_path,
+                                            text_snippet_word_limit));
+  Debug(kDebugNormal, "Created new input directory %s", id_.c_str());
 }
 
-void Vocastra::Impl::DeleteDirectory(const std::string& id) {
-  id_to_directory.erase(id);
-  Debug(kDebugNormal, "Deleted input directory %s", id.c_str());
+void Vocastra::Impl::DeleteDirectory(const std::string& id_) {
+  id_to_directory.erase(id_);
+  Debug(kDebugNormal, "Deleted input directory %s", id_.c_str());
 }
 
-void Vocastra::Impl::DeleteDirectoriesNotIn(const std::set<std::string>& new_ids) {
+void Vocastra::Impl::DeleteDirectoriesNotIn(const std::set<std::string>& new_ids_) {
   for (auto next = id_to_directory.begin(); next != id_to_directory.end();) {
     const std::string id = next->first;
     ++next;
-    if (new_ids.count(id) == 0) {
+    if (new_ids_.count(id) == 0) {
       DeleteDirectory(id);
     }
   }
@@ -238,7 +238,7 @@ void Vocastra::Impl::RankDirectories() {
   }
 }
 
-void Vocastra::Impl::ConfigureParsers(const XMLElement& root) {
+void Vocastra::Impl::ConfigureParsers(const XMLElement& root_) {
   for (const auto& [id, directory] : id_to_directory) {
     directory->SetFileParser(nullptr);
   }
@@ -247,20 +247,20 @@ void Vocastra::Impl::ConfigureParsers(const XMLElement& root) {
     id_to_file_parser.emplace(std::string("text-") + encoding,
                               std::make_unique<TextFileParser>(encoding));
   }
-  for (const XMLElement* element : root.GetChildren("parser")) {
+  for (const XMLElement* element : root_.GetChildren("parser")) {
     ConfigureParser(*element);
   }
 }
 
-void Vocastra::Impl::ConfigureParser(const XMLElement& element) {
-  const std::string id = element.GetAttributeString("id");
+void Vocastra::Impl::ConfigureParser(const XMLElement& element_) {
+  const std::string id = element_.GetAttributeString("id");
   // The bare id is looked up among encoded ones, so only an id such as "text-utf8" is reported.
   // Of two parsers with the same bare id the first wins silently.
   if (id_to_file_parser.count(id) != 0) {
     Debug(kDebugNormal, "Duplicate parser ID \"%s\"", id.c_str());
     return;
   }
-  const std::string type = element.GetAttributeString("type");
+  const std::string type = element_.GetAttributeString("type");
   if (type != "xml") {
     Debug(kDebugNormal, "Ignoring parser ID \"%s\"; type \"%s\" not supported", id.c_str(),
           type.c_str());
@@ -268,7 +268,7 @@ void Vocastra::Impl::ConfigureParser(const XMLElement& element) {
   }
   for (const char* encoding : kEncodings) {
     id_to_file_parser.emplace(id + "-" + encoding,
-                              std::make_unique<XMLFileParser>(&element, encoding));
+                              std::make_unique<XMLFileParser>(&element_, encoding));
   }
 }
 
@@ -291,11 +291,11 @@ void Vocastra::Impl::AttachParsers() {
   }
 }
 
-void Vocastra::Impl::ApplyState(const std::string& new_state) {
-  if (new_state == state) {
+void Vocastra::Impl::ApplyState(const std::string& new_state_) {
+  if (new_state_ == state) {
     return;
   }
-  if (new_state == "stop") {
+  if (new_state_ == "stop") {
     if (output_directory) {
       output_directory->ClearDirectoryLocked();
     }
@@ -303,7 +303,7 @@ void Vocastra::Impl::ApplyState(const std::string& new_state) {
       directory->StopMessage();
     }
   }
-  state = new_state;
+  state = new_state_;
   Debug(kDebugNormal, "Now in \"%s\" state", state.c_str());
 }
 
@@ -394,11 +394,11 @@ InputDirectory* Vocastra::Impl::ChooseDirectory() {
 // False if the translator would find no text or a cut one. Everybody can write to the file's
 // directory: a link in its place is not followed, and a file that was removed is created as private
 // as the first.
-bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words, bool is_start) {
+bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words_, bool is_start_) {
   OutputFile file = OpenForWriting(temp_input_path, O_NOFOLLOW, S_IRUSR | S_IWUSR);
   if (file) {
-    fputs(is_start ? kPauseTag : "", file.get());
-    for (const std::string& word : words) {
+    fputs(is_start_ ? kPauseTag : "", file.get());
+    for (const std::string& word : words_) {
       fprintf(file.get(), "%s ", word.c_str());
     }
     if (Close(std::move(file))) {
@@ -409,11 +409,11 @@ bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words, bool is_s
   return false;
 }
 
-bool Vocastra::Impl::Translate(const std::string& arguments,
-                               const std::string& message_filename) const {
+bool Vocastra::Impl::Translate(const std::string& arguments_,
+                               const std::string& message_filename_) const {
   const std::string command = Format(
       "%s %s %s %s \"%s\" > /dev/null 2>&1", translator_file_path.c_str(), temp_input_path.c_str(),
-      temp_output_path.c_str(), arguments.c_str(), message_filename.c_str());
+      temp_output_path.c_str(), arguments_.c_str(), message_filename_.c_str());
   // Format returns the empty string when there is no memory, which would count as done.
   Debug(kDebugNormal, "calling engine");
   const int status = command.empty() ? -1 : RunShell(command);
@@ -428,41 +428,43 @@ bool Vocastra::Impl::Translate(const std::string& arguments,
 // Delivers the clips at the start of a message: spacer and bumper, then silence. The spacer goes
 // with the bumper, whether or not a spacer is configured. False if there is a silence clip but
 // nowhere to put it.
-bool Vocastra::Impl::DeliverClips(const InputDirectory& directory) {
-  const std::string display_id = directory.GetDisplayId();
-  const int preview = directory.GetPreview();
-  if (!directory.GetBumperPath().empty() && output_directory) {
-    for (const std::string& path : {directory.GetSpacerPath(), directory.GetBumperPath()}) {
+bool Vocastra::Impl::DeliverClips(const InputDirectory& directory_) {
+  const std::string display_id = directory_.GetDisplayId();
+  const int preview = directory_.GetPreview();
+  if (!directory_.GetBumperPath().empty() && output_directory) {
+    for (const std::string& path : {directory_.GetSpacerPath(), directory_.GetBumperPath()}) {
       DeliverClip(path, OutputFileName(display_id, true, false, preview, false));
     }
   }
-  if (!directory.GetSilencePath().empty()) {
+  if (!directory_.GetSilencePath().empty()) {
     if (!output_directory) {
       return false;
     }
-    DeliverClip(directory.GetSilencePath(), OutputFileName(display_id, true, true, preview, false));
+    DeliverClip(directory_.GetSilencePath(),
+                OutputFileName(display_id, true, true, preview, false));
   }
   return true;
 }
 
-void Vocastra::Impl::DeliverClip(const std::string& path, const std::string& name) {
-  Deliver(path, name);
+void Vocastra::Impl::DeliverClip(const std::string& path_, const std::string& name_) {
+  Deliver(path_, name_);
   usleep(kClipPause);
 }
 
-void Vocastra::Impl::Deliver(const std::string& path, const std::string& name) {
-  Debug(kDebugNormal, "copying %s", name.c_str());
-  output_directory->CopyIntoDirectoryLocked(path, name);
+void Vocastra::Impl::Deliver(const std::string& path_, const std::string& name_) {
+  Debug(kDebugNormal, "copying %s", name_.c_str());
+  output_directory->CopyIntoDirectoryLocked(path_, name_);
 }
 
 // The next name; each one takes a number.
-std::string Vocastra::Impl::OutputFileName(const std::string& folder_id, bool is_bumper,
-                                           bool is_silence, int is_preview, bool start_of_message) {
-  const bool is_clip = is_bumper || is_silence;
-  std::string name = Format("%u_%s.", next_output_snippet++, folder_id.c_str());
+std::string Vocastra::Impl::OutputFileName(const std::string& folder_id_, bool is_bumper_,
+                                           bool is_silence_, int is_preview_,
+                                           bool start_of_message_) {
+  const bool is_clip = is_bumper_ || is_silence_;
+  std::string name = Format("%u_%s.", next_output_snippet++, folder_id_.c_str());
   name += is_clip ? "warn_" : "text_";
-  name += is_preview != 0 ? "pre_" : "live_";
-  name += is_clip || start_of_message ? "first" : "cont";
+  name += is_preview_ != 0 ? "pre_" : "live_";
+  name += is_clip || start_of_message_ ? "first" : "cont";
   name += is_clip ? ".wav" : ".raw";
   return name;
 }

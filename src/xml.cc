@@ -33,18 +33,18 @@ constexpr size_t kTreeBytesPerFileByte = 64;
 // MB of them took 17 s.
 constexpr int kMaxAttributeDeclarations = 10000;
 
-size_t TreeLimit(size_t file_size) {
-  return file_size > (SIZE_MAX - kFixedTreeBytes) / kTreeBytesPerFileByte
+size_t TreeLimit(size_t file_size_) {
+  return file_size_ > (SIZE_MAX - kFixedTreeBytes) / kTreeBytesPerFileByte
              ? SIZE_MAX
-             : kFixedTreeBytes + kTreeBytesPerFileByte * file_size;
+             : kFixedTreeBytes + kTreeBytesPerFileByte * file_size_;
 }
 
 constexpr char kIndent[] = "    ";  // One level.
 
-// Logs text and hands it back to be thrown.
-std::string Logged(const std::string& text) {
-  Debug(kDebugNormal, "%s", text.c_str());
-  return text;
+// Logs text_ and returns it, to be thrown.
+std::string Logged(const std::string& text_) {
+  Debug(kDebugNormal, "%s", text_.c_str());
+  return text_;
 }
 
 // The heap, up to a limit in bytes.
@@ -53,20 +53,20 @@ class BoundedHeap : public std::pmr::memory_resource {
   explicit BoundedHeap(size_t limit_) : remaining(limit_) {}
 
  private:
-  void* do_allocate(size_t bytes, size_t alignment) override {
-    if (bytes > remaining) {
+  void* do_allocate(size_t bytes_, size_t alignment_) override {
+    if (bytes_ > remaining) {
       throw std::bad_alloc();
     }
-    void* const block = std::pmr::new_delete_resource()->allocate(bytes, alignment);
-    remaining -= bytes;
+    void* const block = std::pmr::new_delete_resource()->allocate(bytes_, alignment_);
+    remaining -= bytes_;
     return block;
   }
-  void do_deallocate(void* block, size_t bytes, size_t alignment) override {
-    std::pmr::new_delete_resource()->deallocate(block, bytes, alignment);
-    remaining += bytes;
+  void do_deallocate(void* block_, size_t bytes_, size_t alignment_) override {
+    std::pmr::new_delete_resource()->deallocate(block_, bytes_, alignment_);
+    remaining += bytes_;
   }
-  bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override {
-    return this == &other;
+  bool do_is_equal(const std::pmr::memory_resource& other_) const noexcept override {
+    return this == &other_;
   }
 
   size_t remaining;
@@ -100,12 +100,12 @@ struct XMLElement::Impl {
   Impl(Pool& pool_, const char* name_, const char** attrs_);
 
   bool IsPooled() const { return !own_pool; }
-  std::string_view Keep(std::string_view s);
+  std::string_view Keep(std::string_view s_);
   void ReadAttributes(const char** attrs_);
-  const Attribute* FindAttribute(std::string_view attribute) const;
-  const Attribute& RequireAttribute(const std::string& attribute) const;
-  int ToInteger(const Attribute& attribute) const;
-  void DumpStartTag(FILE* file, const std::string& indent) const;
+  const Attribute* FindAttribute(std::string_view attribute_) const;
+  const Attribute& RequireAttribute(const std::string& attribute_) const;
+  int ToInteger(const Attribute& attribute_) const;
+  void DumpStartTag(FILE* file_, const std::string& indent_) const;
 
   std::unique_ptr<Pool> own_pool;  // Null if the element is pooled: then nobody deletes it.
   Pool& pool;
@@ -134,11 +134,11 @@ XMLElement::Impl::Impl(Pool& pool_, const char* name_, const char** attrs_)
 }
 
 // A copy in the pool.
-std::string_view XMLElement::Impl::Keep(std::string_view s) {
-  char* const copy = static_cast<char*>(pool.resource.allocate(s.size() + 1, 1));
-  memcpy(copy, s.data(), s.size());
-  copy[s.size()] = '\0';
-  return {copy, s.size()};
+std::string_view XMLElement::Impl::Keep(std::string_view s_) {
+  char* const copy = static_cast<char*>(pool.resource.allocate(s_.size() + 1, 1));
+  memcpy(copy, s_.data(), s_.size());
+  copy[s_.size()] = '\0';
+  return {copy, s_.size()};
 }
 
 void XMLElement::Impl::ReadAttributes(const char** attrs_) {
@@ -153,8 +153,8 @@ void XMLElement::Impl::ReadAttributes(const char** attrs_) {
   for (size_t i = 0; i < count; ++i) {
     attrs.push_back({Keep(attrs_[2 * i]), Keep(attrs_[2 * i + 1])});
   }
-  const auto is_less = [](const Attribute& a, const Attribute& b) { return a.name < b.name; };
-  const auto is_same = [](const Attribute& a, const Attribute& b) { return a.name == b.name; };
+  const auto is_less = [](const Attribute& a_, const Attribute& b_) { return a_.name < b_.name; };
+  const auto is_same = [](const Attribute& a_, const Attribute& b_) { return a_.name == b_.name; };
   if (!std::is_sorted(attrs.begin(), attrs.end(), is_less)) {
     std::stable_sort(attrs.begin(), attrs.end(), is_less);
   }
@@ -163,9 +163,9 @@ void XMLElement::Impl::ReadAttributes(const char** attrs_) {
 
 // Elements have few attributes: to walk along them is faster than any search.
 const XMLElement::Impl::Attribute* XMLElement::Impl::FindAttribute(
-    std::string_view attribute) const {
+    std::string_view attribute_) const {
   for (const Attribute& candidate : attrs) {
-    if (candidate.name == attribute) {
+    if (candidate.name == attribute_) {
       return &candidate;
     }
   }
@@ -173,29 +173,29 @@ const XMLElement::Impl::Attribute* XMLElement::Impl::FindAttribute(
 }
 
 const XMLElement::Impl::Attribute& XMLElement::Impl::RequireAttribute(
-    const std::string& attribute) const {
-  const Attribute* found = FindAttribute(attribute);
+    const std::string& attribute_) const {
+  const Attribute* found = FindAttribute(attribute_);
   if (found == nullptr) {
-    throw Logged(Format("Element %s has no attribute %s", name.data(), attribute.c_str()));
+    throw Logged(Format("Element %s has no attribute %s", name.data(), attribute_.c_str()));
   }
   return *found;
 }
 
-int XMLElement::Impl::ToInteger(const Attribute& attribute) const {
+int XMLElement::Impl::ToInteger(const Attribute& attribute_) const {
   try {
-    return ParseInteger(std::string(attribute.value));
+    return ParseInteger(std::string(attribute_.value));
   } catch (const std::string& e) {
-    throw Logged(Format("While processing attribute \"%s\" of \"%s\": %s", attribute.name.data(),
+    throw Logged(Format("While processing attribute \"%s\" of \"%s\": %s", attribute_.name.data(),
                         name.data(), e.c_str()));
   }
 }
 
-void XMLElement::Impl::DumpStartTag(FILE* file, const std::string& indent) const {
-  fprintf(file, "%s<%s", indent.c_str(), name.data());
+void XMLElement::Impl::DumpStartTag(FILE* file_, const std::string& indent_) const {
+  fprintf(file_, "%s<%s", indent_.c_str(), name.data());
   for (const Attribute& attribute : attrs) {
-    fprintf(file, " %s=\"%s\"", attribute.name.data(), attribute.value.data());
+    fprintf(file_, " %s=\"%s\"", attribute.name.data(), attribute.value.data());
   }
-  fputs(first_child == nullptr ? "/>\n" : ">\n", file);
+  fputs(first_child == nullptr ? "/>\n" : ">\n", file_);
 }
 
 XMLElement::XMLElement() : XMLElement("") {}
@@ -259,8 +259,8 @@ XMLElement& XMLElement::operator=(const XMLElement& rhs_) {
 bool XMLElement::operator==(const XMLElement& rhs_) const {
   const auto& attrs = impl->attrs;
   const auto& rhs_attrs = rhs_.impl->attrs;
-  const auto is_same = [](const Impl::Attribute& a, const Impl::Attribute& b) {
-    return a.name == b.name && a.value == b.value;
+  const auto is_same = [](const Impl::Attribute& a_, const Impl::Attribute& b_) {
+    return a_.name == b_.name && a_.value == b_.value;
   };
   return impl->name == rhs_.impl->name &&
          std::equal(attrs.begin(), attrs.end(), rhs_attrs.begin(), rhs_attrs.end(), is_same);
@@ -369,11 +369,11 @@ void XMLElement::Dump(FILE* file_, std::string indent_) const {
 struct XMLDocument::Impl {
   explicit Impl(const std::string& encoding_) : encoding(encoding_) {}
 
-  void Load(const std::string& path);
-  const char* Prepare(std::string& text) const;
-  void Parse(const char* expat_encoding, const std::string& text);
-  void Feed(XML_Parser parser, const char* data, size_t length);
-  void ReportError(XML_Parser parser, XML_Error code);
+  void Load(const std::string& path_);
+  const char* Prepare(std::string& text_) const;
+  void Parse(const char* expat_encoding_, const std::string& text_);
+  void Feed(XML_Parser parser_, const char* data_, size_t length_);
+  void ReportError(XML_Parser parser_, XML_Error code_);
 
   void StartElement(const char* name_, const char** atts_);
   void EndElement(const char* name_);
@@ -382,13 +382,14 @@ struct XMLDocument::Impl {
 
   // expat calls these with the parser, whose user data is the Impl; they forward to the operations
   // above.
-  static void start_element_handler(void* parser, const char* name, const char** atts);
-  static void end_element_handler(void* parser, const char* name);
-  static void character_data_handler(void* parser, const char* s, int len);
-  static void attlist_decl_handler(void* parser, const char*, const char*, const char*, const char*,
-                                   int);
+  static void start_element_handler(void* parser_, const char* name_, const char** atts_);
+  static void end_element_handler(void* parser_, const char* name_);
+  static void character_data_handler(void* parser_, const char* s_, int len_);
+  static void attlist_decl_handler(void* parser_, const char*, const char*, const char*,
+                                   const char*, int);
   template <typename... Parameters, typename... Arguments>
-  static void Forward(void* parser, void (Impl::*operation)(Parameters...), Arguments... arguments);
+  static void Forward(void* parser_, void (Impl::*operation_)(Parameters...),
+                      Arguments... arguments_);
 
   XMLElement* root = nullptr;
   size_t tree_limit = 0;       // Bytes.
@@ -404,14 +405,14 @@ struct XMLDocument::Impl {
 namespace {
 
 struct ParserFree {
-  void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
+  void operator()(XML_Parser parser_) const { XML_ParserFree(parser_); }
 };
 using ParserHandle = std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserFree>;
 
-std::string ReadWholeFile(const std::string& path) {
-  InputFile file(path);
+std::string ReadWholeFile(const std::string& path_) {
+  InputFile file(path_);
   if (!file.IsOpen()) {
-    throw Logged(Format("Could not open \"%s\" for reading", path.c_str()));
+    throw Logged(Format("Could not open \"%s\" for reading", path_.c_str()));
   }
   std::string text;
   char block[16384];
@@ -436,15 +437,15 @@ SetReparseDeferral FindSetReparseDeferral() {
 }
 
 // How many of the bytes fed so far belong to a token that is incomplete.
-size_t IncompleteBytes(XML_Parser parser, size_t fed) {
-  const XML_Index token_start = XML_GetCurrentByteIndex(parser);  // -1 before the first token.
-  return token_start < 0 ? fed : fed - static_cast<size_t>(token_start);
+size_t IncompleteBytes(XML_Parser parser_, size_t fed_) {
+  const XML_Index token_start = XML_GetCurrentByteIndex(parser_);  // -1 before the first token.
+  return token_start < 0 ? fed_ : fed_ - static_cast<size_t>(token_start);
 }
 
 }  // namespace
 
-void XMLDocument::Impl::Load(const std::string& path) {
-  std::string text = ReadWholeFile(path);
+void XMLDocument::Impl::Load(const std::string& path_) {
+  std::string text = ReadWholeFile(path_);
   tree_limit = TreeLimit(text.size());
   const char* expat_encoding = Prepare(text);
   if (!text.empty()) {
@@ -452,20 +453,20 @@ void XMLDocument::Impl::Load(const std::string& path) {
   }
 }
 
-// Converts text for expat and returns the name of its encoding.
-const char* XMLDocument::Impl::Prepare(std::string& text) const {
+// Converts text_ for expat and returns the name of its encoding.
+const char* XMLDocument::Impl::Prepare(std::string& text_) const {
   if (encoding == "utf16") {
     return "UTF-16";
   }
   if (encoding == "ascii") {
-    text = ExtAsciiToUtf8String(text);
+    text_ = ExtAsciiToUtf8String(text_);
   }
-  text = ToValidUtf8(std::move(text), kDebugTrace, "Re-encoding invalid parser output to UTF-8");
+  text_ = ToValidUtf8(std::move(text_), kDebugTrace, "Re-encoding invalid parser output to UTF-8");
   return "UTF-8";
 }
 
-void XMLDocument::Impl::Parse(const char* expat_encoding, const std::string& text) {
-  const ParserHandle handle(XML_ParserCreate(expat_encoding));
+void XMLDocument::Impl::Parse(const char* expat_encoding_, const std::string& text_) {
+  const ParserHandle handle(XML_ParserCreate(expat_encoding_));
   if (!handle) {
     throw std::bad_alloc();
   }
@@ -477,36 +478,36 @@ void XMLDocument::Impl::Parse(const char* expat_encoding, const std::string& tex
   XML_SetAttlistDeclHandler(parser, attlist_decl_handler);
   const SetReparseDeferral set_reparse_deferral = FindSetReparseDeferral();
   size_t fed = 0;
-  while (valid_xml && fed < text.size()) {
+  while (valid_xml && fed < text_.size()) {
     // Without deferral an incomplete token gets as many bytes more as it has already.
     const size_t wanted = set_reparse_deferral == nullptr ? IncompleteBytes(parser, fed) : 0;
-    const size_t length = std::min(std::max(kFeedBytes, wanted), text.size() - fed);
-    if (set_reparse_deferral != nullptr && fed + length == text.size()) {
+    const size_t length = std::min(std::max(kFeedBytes, wanted), text_.size() - fed);
+    if (set_reparse_deferral != nullptr && fed + length == text_.size()) {
       set_reparse_deferral(parser, XML_FALSE);
     }
-    Feed(parser, text.data() + fed, length);
+    Feed(parser, text_.data() + fed, length);
     fed += length;
   }
 }
 
 // No feed is marked as the final one: a document that merely ends early is accepted, so that its
 // beginning can be used.
-void XMLDocument::Impl::Feed(XML_Parser parser, const char* data, size_t length) {
-  const XML_Status status = XML_Parse(parser, data, static_cast<int>(length), XML_FALSE);
+void XMLDocument::Impl::Feed(XML_Parser parser_, const char* data_, size_t length_) {
+  const XML_Status status = XML_Parse(parser_, data_, static_cast<int>(length_), XML_FALSE);
   if (failure) {
     std::rethrow_exception(failure);
   }
   if (out_of_memory) {
-    ReportError(parser, XML_ERROR_NO_MEMORY);
+    ReportError(parser_, XML_ERROR_NO_MEMORY);
   } else if (status != XML_STATUS_OK) {
-    ReportError(parser, XML_GetErrorCode(parser));
+    ReportError(parser_, XML_GetErrorCode(parser_));
   }
 }
 
-void XMLDocument::Impl::ReportError(XML_Parser parser, XML_Error code) {
+void XMLDocument::Impl::ReportError(XML_Parser parser_, XML_Error code_) {
   valid_xml = false;
-  error = Logged(Format("%s at line %d", XML_ErrorString(code),
-                        static_cast<int>(XML_GetCurrentLineNumber(parser))));
+  error = Logged(Format("%s at line %d", XML_ErrorString(code_),
+                        static_cast<int>(XML_GetCurrentLineNumber(parser_))));
 }
 
 void XMLDocument::Impl::StartElement(const char* name_, const char** atts_) {
@@ -542,38 +543,39 @@ void XMLDocument::Impl::AttributeDeclaration() {
 // Calls an operation of the parser's document. expat's frames are C and cannot be unwound, so an
 // exception is kept, and parsing is stopped; the handlers that expat still calls then do nothing.
 template <typename... Parameters, typename... Arguments>
-void XMLDocument::Impl::Forward(void* parser, void (Impl::*operation)(Parameters...),
-                                Arguments... arguments) {
-  auto* const self = static_cast<Impl*>(XML_GetUserData(static_cast<XML_Parser>(parser)));
+void XMLDocument::Impl::Forward(void* parser_, void (Impl::*operation_)(Parameters...),
+                                Arguments... arguments_) {
+  auto* const self = static_cast<Impl*>(XML_GetUserData(static_cast<XML_Parser>(parser_)));
   if (self->failure || self->out_of_memory) {
     return;
   }
   try {
-    (self->*operation)(arguments...);
+    (self->*operation_)(arguments_...);
     return;
   } catch (const std::bad_alloc&) {
     self->out_of_memory = true;
   } catch (...) {
     self->failure = std::current_exception();
   }
-  XML_StopParser(static_cast<XML_Parser>(parser), XML_FALSE);
+  XML_StopParser(static_cast<XML_Parser>(parser_), XML_FALSE);
 }
 
-void XMLDocument::Impl::start_element_handler(void* parser, const char* name, const char** atts) {
-  Forward(parser, &Impl::StartElement, name, atts);
+void XMLDocument::Impl::start_element_handler(void* parser_, const char* name_,
+                                              const char** atts_) {
+  Forward(parser_, &Impl::StartElement, name_, atts_);
 }
 
-void XMLDocument::Impl::end_element_handler(void* parser, const char* name) {
-  Forward(parser, &Impl::EndElement, name);
+void XMLDocument::Impl::end_element_handler(void* parser_, const char* name_) {
+  Forward(parser_, &Impl::EndElement, name_);
 }
 
-void XMLDocument::Impl::character_data_handler(void* parser, const char* s, int len) {
-  Forward(parser, &Impl::CharacterData, s, len);
+void XMLDocument::Impl::character_data_handler(void* parser_, const char* s_, int len_) {
+  Forward(parser_, &Impl::CharacterData, s_, len_);
 }
 
-void XMLDocument::Impl::attlist_decl_handler(void* parser, const char*, const char*, const char*,
+void XMLDocument::Impl::attlist_decl_handler(void* parser_, const char*, const char*, const char*,
                                              const char*, int) {
-  Forward(parser, &Impl::AttributeDeclaration);
+  Forward(parser_, &Impl::AttributeDeclaration);
 }
 
 XMLDocument::XMLDocument(const std::string& path_, const std::string& encoding_) {

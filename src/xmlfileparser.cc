@@ -16,11 +16,11 @@ constexpr size_t kMaxTextBytes = 65536;
 
 // A rule: which children of an element are extracted.
 struct Field {
-  explicit Field(const XMLElement& element)
-      : parent(element.GetAttributeString("parent", "")),
-        tag(element.GetAttributeString("tag")),
-        attr(element.GetAttributeString("attr")),
-        attr_value(element.GetAttributeString("attr_value")) {}
+  explicit Field(const XMLElement& element_)
+      : parent(element_.GetAttributeString("parent", "")),
+        tag(element_.GetAttributeString("tag")),
+        attr(element_.GetAttributeString("attr")),
+        attr_value(element_.GetAttributeString("attr_value")) {}
 
   std::string parent;  // If not empty, the holder of the child or an ancestor of it is so named.
   std::string tag;     // The child's name. A rule without one is skipped.
@@ -36,34 +36,34 @@ struct ActiveField {
 
 // Logs if the text has no room for that many bytes more. One byte is counted for the separator,
 // though it has two.
-bool HasRoom(const std::string& text, size_t bytes) {
-  if (text.size() + bytes + 1 > kMaxTextBytes) {
+bool HasRoom(const std::string& text_, size_t bytes_) {
+  if (text_.size() + bytes_ + 1 > kMaxTextBytes) {
     Debug(kDebugNormal, "Too many characters, truncating");
     return false;
   }
   return true;
 }
 
-void AppendPiece(std::string& text, const std::string& piece) {
-  if (!text.empty() && isspace(static_cast<unsigned char>(text.back())) == 0) {
-    text += ". ";
+void AppendPiece(std::string& text_, const std::string& piece_) {
+  if (!text_.empty() && isspace(static_cast<unsigned char>(text_.back())) == 0) {
+    text_ += ". ";
   }
-  text += piece;
+  text_ += piece_;
 }
 
-void LogUnreadable(const std::string& path, const char* reason) {
-  Debug(kDebugNormal, "Unable to read %s as XML document: %s", path.c_str(), reason);
+void LogUnreadable(const std::string& path_, const char* reason_) {
+  Debug(kDebugNormal, "Unable to read %s as XML document: %s", path_.c_str(), reason_);
 }
 
 }  // namespace
 
 struct XMLFileParser::Impl {
-  Impl(const XMLElement& element, const std::string& encoding_);
+  Impl(const XMLElement& element_, const std::string& encoding_);
 
   void ParseElement(std::string& text_, const XMLElement* element_) const;
-  void ExtractFields(std::string& text, const XMLElement& element,
-                     const std::vector<ActiveField>& fields) const;
-  void ExtractChild(std::string& text, const XMLElement& child, const Field& field) const;
+  void ExtractFields(std::string& text_, const XMLElement& element_,
+                     const std::vector<ActiveField>& fields_) const;
+  void ExtractChild(std::string& text_, const XMLElement& child_, const Field& field_) const;
 
   std::string id;
   std::string type;
@@ -72,12 +72,12 @@ struct XMLFileParser::Impl {
   std::string encoding;
 };
 
-XMLFileParser::Impl::Impl(const XMLElement& element, const std::string& encoding_)
-    : id(element.GetAttributeString("id")),
-      type(element.GetAttributeString("type")),
-      extractAttrValue(element.GetAttributeInteger("attr-mode", 0) != 0),
+XMLFileParser::Impl::Impl(const XMLElement& element_, const std::string& encoding_)
+    : id(element_.GetAttributeString("id")),
+      type(element_.GetAttributeString("type")),
+      extractAttrValue(element_.GetAttributeInteger("attr-mode", 0) != 0),
       encoding(encoding_) {
-  for (const XMLElement* field : element.GetChildren("field")) {
+  for (const XMLElement* field : element_.GetChildren("field")) {
     field_list.emplace_back(*field);
   }
 }
@@ -93,9 +93,9 @@ void XMLFileParser::Impl::ParseElement(std::string& text_, const XMLElement* ele
   for (const Field& field : field_list) {
     fields.push_back({&field, 0});
   }
-  const auto count_on_path = [&fields](const XMLElement& element, int difference) {
+  const auto count_on_path = [&fields](const XMLElement& visited_, int difference_) {
     for (ActiveField& field : fields) {
-      field.parents_on_path += element.HasName(field.field->parent) ? difference : 0;
+      field.parents_on_path += visited_.HasName(field.field->parent) ? difference_ : 0;
     }
   };
   const XMLElement* element = element_;
@@ -116,20 +116,20 @@ void XMLFileParser::Impl::ParseElement(std::string& text_, const XMLElement* ele
   }
 }
 
-// Appends what the fields extract from the children of element.
-void XMLFileParser::Impl::ExtractFields(std::string& text, const XMLElement& element,
-                                        const std::vector<ActiveField>& fields) const {
+// Appends what the fields extract from the children of element_.
+void XMLFileParser::Impl::ExtractFields(std::string& text_, const XMLElement& element_,
+                                        const std::vector<ActiveField>& fields_) const {
   const bool is_traced = IsDebugEnabled(kDebugTrace);  // The names are copies.
   if (is_traced) {
-    Debug(kDebugTrace, "Checking Element %s", element.GetName().c_str());
+    Debug(kDebugTrace, "Checking Element %s", element_.GetName().c_str());
   }
-  for (const auto& [field, parents_on_path] : fields) {
+  for (const auto& [field, parents_on_path] : fields_) {
     Debug(kDebugTrace, "Checking Field %s/%s", field->parent.c_str(), field->tag.c_str());
     if (field->tag.empty()) {
       Debug(kDebugTrace, "Skipping due to empty tag");
       continue;
     }
-    for (const XMLElement* child = element.GetFirstChild(); child != nullptr;
+    for (const XMLElement* child = element_.GetFirstChild(); child != nullptr;
          child = child->GetNextSibling()) {
       if (!child->HasName(field->tag)) {
         continue;
@@ -138,21 +138,21 @@ void XMLFileParser::Impl::ExtractFields(std::string& text, const XMLElement& ele
         Debug(kDebugTrace, "Processing child \"%s\"", child->GetName().c_str());
       }
       if (!field->parent.empty() && parents_on_path == 0) {
-        Debug(kDebugTrace, "Skipping due to parent mismatch %s %s", element.GetName().c_str(),
+        Debug(kDebugTrace, "Skipping due to parent mismatch %s %s", element_.GetName().c_str(),
               field->parent.c_str());
         continue;
       }
-      ExtractChild(text, *child, *field);
+      ExtractChild(text_, *child, *field);
     }
   }
 }
 
-// Appends the piece that field yields for child, if any.
-void XMLFileParser::Impl::ExtractChild(std::string& text, const XMLElement& child,
-                                       const Field& field) const {
-  const std::string child_text = child.GetText();
+// Appends the piece that field_ yields for child_, if any.
+void XMLFileParser::Impl::ExtractChild(std::string& text_, const XMLElement& child_,
+                                       const Field& field_) const {
+  const std::string child_text = child_.GetText();
   // In attribute mode too, where the text is not used: both modes have the same bound.
-  if (!HasRoom(text, child_text.size())) {
+  if (!HasRoom(text_, child_text.size())) {
     return;
   }
   if (!child_text.empty()) {
@@ -160,24 +160,24 @@ void XMLFileParser::Impl::ExtractChild(std::string& text, const XMLElement& chil
   }
   if (extractAttrValue) {
     Debug(kDebugNormal, "extract attr value");
-    if (field.attr.empty()) {
+    if (field_.attr.empty()) {
       return;
     }
-    const std::string found_attr_value = child.GetAttributeString(field.attr, "");
-    if (HasRoom(text, found_attr_value.size())) {
-      AppendPiece(text, found_attr_value);
+    const std::string found_attr_value = child_.GetAttributeString(field_.attr, "");
+    if (HasRoom(text_, found_attr_value.size())) {
+      AppendPiece(text_, found_attr_value);
     }
     return;
   }
-  if (!field.attr.empty()) {
-    const std::string found_attr_value = child.GetAttributeString(field.attr, "");
-    if (found_attr_value != field.attr_value) {
-      Debug(kDebugTrace, "Skipping due to attr mismatch key %s act %s", field.attr_value.c_str(),
+  if (!field_.attr.empty()) {
+    const std::string found_attr_value = child_.GetAttributeString(field_.attr, "");
+    if (found_attr_value != field_.attr_value) {
+      Debug(kDebugTrace, "Skipping due to attr mismatch key %s act %s", field_.attr_value.c_str(),
             found_attr_value.c_str());
       return;
     }
   }
-  AppendPiece(text, child_text);
+  AppendPiece(text_, child_text);
 }
 
 XMLFileParser::XMLFileParser(const XMLElement* element_, const std::string& encoding_)
