@@ -1,6 +1,9 @@
 // The attributes of the configuration and the glossary: one table, from which the checker works
 // and the schema of the configuration is made. What they mean is in vocastra.conf(5) and
 // vocastra-glossary(5).
+//
+// After a change, "cmake --build --preset release --target schema" makes schema/tts-config.rnc and
+// .rng again.
 #pragma once
 
 #include <string>
