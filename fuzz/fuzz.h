@@ -11,6 +11,8 @@
 
 #include <string>
 
+#include "xml.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace fuzz {
@@ -24,6 +26,17 @@ inline void Require(bool holds, const char* property, const std::string& detail 
 
 inline bool IsUtf8(const std::string& text) {
   return utf8::find_invalid(text.begin(), text.end()) == text.end();
+}
+
+inline std::string Dumped(const XMLElement& root) {
+  char* buffer = nullptr;
+  size_t size = 0;
+  FILE* const stream = open_memstream(&buffer, &size);
+  root.Dump(stream, "");
+  fclose(stream);
+  std::string text(buffer, size);
+  free(buffer);
+  return text;
 }
 
 // The input, taken apart from the front.

@@ -1,15 +1,15 @@
 // A glossary and words. First line: words, separated by blanks; the rest is the glossary (see
 // document.h).
 //
-// What is spoken is what a second telling of the rules says, or the glossary is refused with a
-// text. Loading keeps its limits of memory and reads no other file.
+// Words are spoken as in the model, or the glossary is refused with a text. Loading keeps its
+// limits of memory and reads no other file.
 #include <memory>
 
 #include "debug.h"
 #include "document.h"
 #include "fuzz.h"
 #include "glossary.h"
-#include "retelling.h"
+#include "model/text.h"
 #include "xml.h"
 
 namespace {
@@ -31,7 +31,7 @@ void CheckWords(const Glossary& glossary, const std::map<std::string, std::strin
     const size_t end = std::min(words.find(' ', begin), words.size());
     const std::string word = words.substr(begin, end - begin);
     fuzz::Require(word.size() > kMaxWordBytes ||
-                      glossary.SubstituteSpeech(word) == retelling::Speech(entries, word),
+                      glossary.SubstituteSpeech(word) == model::Speech(entries, word),
                   "a word is spoken by the rules", word);
     begin = end + 1;
   }

@@ -1,13 +1,12 @@
 // Two local directories while files come, change and go. First line: the attributes of both
-// directories, four bytes each (see Attributes below). Each further line is one step:
+// directories, four bytes each (see Describe below). Each further line is one step:
 //
 //   wDF TEXT   writes file F (a to h) of directory D (0 or 1); "|" in the text is a line feed
 //   dDF        removes it
 //   pD gD sD rD nD   scans, takes words, stops or restarts the message, changes whether there is
 //                    a parser
 //
-// Queue, messages, words, status and the files left are those of a second telling of the rules of
-// scanning.
+// Queue, messages, words, status and the files left are those of the model.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -20,17 +19,14 @@
 #include <memory>
 #include <vector>
 
-#include "crc.h"
 #include "debug.h"
 #include "fileparser.h"
 #include "fuzz.h"
 #include "inputdirectory.h"
-#include "retelling.h"
+#include "model/directory.h"
 #include "xml.h"
 
 namespace {
-
-using Files = std::map<std::string, std::string>;  // Names and contents.
 
 constexpr char kHidden = 'g';  // Is ".g".
 constexpr char kStuck = 'h';   // A file of this name cannot be removed.
@@ -110,194 +106,33 @@ class ContentParser : public FileParser {
   }
 };
 
-std::vector<std::string> WordsOf(const std::string& text) {
-  std::string valid;
-  utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid), 0xFFFD);
-  std::vector<uint32_t> code_points;
-  for (auto next = valid.begin(); next != valid.end();) {
-    code_points.push_back(utf8::next(next, valid.end()));
-  }
-  const retelling::Splitting splitting(code_points);
-  return {splitting.words.begin(), splitting.words.end()};
+// The directory that four bytes of the first line describe.
+model::Directory Describe(const std::string& line, size_t number) {
+  const auto byte = [&line, number](size_t i) {
+    const size_t position = 4 * number + i;
+    return position < line.size() ? static_cast<unsigned char>(line[position]) : 0U;
+  };
+  model::Directory directory;
+  directory.word_limit = static_cast<int>(byte(0) % 8) - 1;
+  directory.loops = static_cast<int>(byte(1) % 4);
+  directory.preview = static_cast<int>(byte(2) & 1);
+  directory.is_cache = (byte(2) & 2) != 0;
+  directory.has_last_played = (byte(3) & 1) != 0;
+  directory.auto_delete = static_cast<int>(byte(3) >> 1 & 1);
+  directory.stuck = {{kStuck}};
+  directory.parse = [](const std::string&, const std::string& content) {
+    return ContentParser::Parse(content);
+  };
+  return directory;
 }
 
-// Four bytes of the first line.
-struct Attributes {
-  explicit Attributes(const std::string& line, size_t number) {
-    const auto byte = [&line, number](size_t i) {
-      const size_t position = 4 * number + i;
-      return position < line.size() ? static_cast<unsigned char>(line[position]) : 0U;
-    };
-    limit = static_cast<int>(byte(0) % 8) - 1;
-    loops = static_cast<int>(byte(1) % 4);
-    preview = static_cast<int>(byte(2) & 1);
-    is_cache = (byte(2) & 2) != 0;
-    has_last_played = (byte(3) & 1) != 0;
-    auto_delete = static_cast<int>(byte(3) >> 1 & 1);
-  }
-  int limit, loops, preview, auto_delete;
-  bool is_cache, has_last_played;
-};
-
-// A directory as the rules tell it.
-class Model {
- public:
-  explicit Model(const Attributes& attributes) : attributes_(attributes) { Empty(files); }
-
-  // What is on the disk.
-  Files files;
-  Files last_played;
-
-  bool has_parser = true;
-  int id = 0;
-  int plays = 0;
-  bool is_first_play = true;
-  std::string filename;
-  size_t listed = 0;
-  std::deque<std::string> queue;
-
-  void Process(int& last_id) {
-    const Files seen = Visible(files);
-    listed = seen.size();
-    if (has_parser) {
-      for (const auto& [name, content] : seen) {
-        Index(name, content);
-      }
-    }
-    for (auto known = known_.begin(); known != known_.end();) {
-      known = seen.count(known->first) == 0 ? known_.erase(known) : std::next(known);
-    }
-    is_first_pass_ = false;
-    while (!queue.empty() && (attributes_.is_cache || id == 0)) {
-      const std::string name = queue.front();
-      if (attributes_.is_cache) {
-        Keep(name);
-      } else {
-        Take(name, last_id);
-      }
-      queue.pop_front();
-    }
-  }
-
-  retelling::Words GetWords() {
-    is_first_play = false;
-    if (id == 0) {
-      return {};
-    }
-    const retelling::Words snippet = snippets_[position_++];
-    if (position_ == snippets_.size()) {
-      position_ = 0;
-      if (++plays >= attributes_.loops) {
-        Stop();
-      }
-    }
-    return snippet;
-  }
-
-  void Restart() { position_ = 0; }
-
-  void Stop() {
-    id = 0;
-    plays = 0;
-    filename.clear();
-    position_ = 0;
-  }
-
-  size_t WaitingCount() const {
-    if (!attributes_.is_cache) {
-      return queue.size();
-    }
-    return attributes_.has_last_played ? Visible(last_played).size() : 0;
-  }
-
- private:
-  static Files Visible(const Files& all) {
-    Files visible;
-    for (const auto& [name, content] : all) {
-      if (IsVisible(name)) {
-        visible[name] = content;
-      }
-    }
-    return visible;
-  }
-
-  static void Empty(Files& directory) {
-    for (const auto& [name, content] : Visible(directory)) {
-      Remove(directory, name);
-    }
-  }
-
-  // False if the file is still there, or never was.
-  static bool Remove(Files& directory, const std::string& name) {
-    return name[0] != kStuck && directory.erase(name) == 1;
-  }
-
-  void Index(const std::string& name, const std::string& content) {
-    if (content[0] == '!') {
-      return;
-    }
-    const uint16_t crc = CRC(0, reinterpret_cast<const uint8_t*>(content.data()), content.size());
-    const bool is_known = known_.count(name) != 0;
-    if (is_known && known_[name] == crc && attributes_.preview == 0) {
-      return;
-    }
-    known_[name] = crc;
-    if (!is_first_pass_ && !content.empty()) {
-      queue.push_back(name);
-    }
-  }
-
-  void Copy(const std::string& name) {
-    if (files.count(name) != 0) {
-      last_played[name] = files[name];
-    }
-  }
-
-  void Keep(const std::string& name) {
-    if (attributes_.has_last_played) {
-      Copy(name);
-    } else {
-      Remove(files, name);
-    }
-  }
-
-  void Take(const std::string& name, int& last_id) {
-    std::vector<std::string> words;
-    if (has_parser && files.count(name) != 0 && files[name][0] != '!') {
-      words = WordsOf(files[name]);
-    }
-    bool is_gone = true;
-    if (!attributes_.has_last_played) {
-      is_gone = Remove(files, name);
-    } else {
-      Empty(last_played);
-      Copy(name);
-      is_gone = attributes_.auto_delete == 0 || Remove(files, name);
-    }
-    if (!is_gone || words.empty()) {
-      return;
-    }
-    id = ++last_id;
-    filename = name;
-    plays = 0;
-    position_ = 0;
-    is_first_play = true;
-    snippets_ = retelling::Snippets(words, attributes_.limit, 1);
-  }
-
-  Attributes attributes_;
-  bool is_first_pass_ = true;
-  std::map<std::string, uint16_t> known_;
-  std::vector<retelling::Words> snippets_;
-  size_t position_ = 0;
-};
-
-// The directory and what it is compared with.
+// The directory and its model.
 class Pair {
  public:
+  model::Directory model;
+
   Pair(const std::string& line, size_t number)
-      : attributes_(line, number), model(attributes_), path_(scratch.path() + "/in0") {
-    path_.back() = static_cast<char>('0' + number);
+      : model(Describe(line, number)), path_(scratch.path() + "/in" + std::to_string(number)) {
     last_played_path_ = path_ + "-played";
     for (const std::string& path : {path_, last_played_path_}) {
       mkdir(path.c_str(), 0700);
@@ -307,18 +142,20 @@ class Pair {
     }
     scratch.Write(Name('a'), "an old file that is removed");
     scratch.Write(Name(kStuck), "an old file that stays");
-    model.files[{kStuck}] = "an old file that stays";
+    model.files = {{"a", "an old file that is removed"}, {{kStuck}, "an old file that stays"}};
+    model.id = "d";
+    model.path = path_;
+    model.Open();
     XMLElement element("directory");
     element.SetAttributeString("id", "d");
     element.SetAttributeString("type", "local");
     element.SetAttributeString("path", path_);
-    element.SetAttributeInteger("loops", attributes_.loops);
-    element.SetAttributeInteger("preview", attributes_.preview);
-    element.SetAttributeInteger("auto-delete", attributes_.auto_delete);
-    element.SetAttributeString("dir-mode", attributes_.is_cache ? "cache" : "");
-    element.SetAttributeString("last-played-path",
-                               attributes_.has_last_played ? last_played_path_ : "");
-    directory_ = std::make_unique<InputDirectory>(element, "", "", attributes_.limit);
+    element.SetAttributeInteger("loops", model.loops);
+    element.SetAttributeInteger("preview", model.preview);
+    element.SetAttributeInteger("auto-delete", model.auto_delete);
+    element.SetAttributeString("dir-mode", model.is_cache ? "cache" : "");
+    element.SetAttributeString("last-played-path", model.has_last_played ? last_played_path_ : "");
+    directory_ = std::make_unique<InputDirectory>(element, "", "", model.word_limit);
     directory_->SetFileParser(&parser_);
   }
 
@@ -343,11 +180,11 @@ class Pair {
         break;
       case 's':
         directory_->StopMessage();
-        model.Stop();
+        model.StopMessage();
         break;
       case 'r':
         directory_->RestartMessage();
-        model.Restart();
+        model.RestartMessage();
         break;
       case 'n':
         model.has_parser = !model.has_parser;
@@ -360,15 +197,18 @@ class Pair {
 
   // REQUIRES: ids begin after first_id.
   void Compare(int first_id) const {
+    model::Directory expected = model;
+    expected.message_id += model.message_id == 0 ? 0 : first_id;
     const int id = directory_->GetActiveMessageID();
-    const int expected_id = model.id == 0 ? 0 : first_id + model.id;
-    fuzz::Require(id == expected_id, "the message is that of the rules",
-                  std::to_string(id) + " is not " + std::to_string(expected_id));
-    fuzz::Require(directory_->GetActiveMessageFilename() == model.filename,
+    fuzz::Require(id == expected.message_id, "the message is that of the rules",
+                  std::to_string(id) + " is not " + std::to_string(expected.message_id));
+    fuzz::Require(directory_->GetActiveMessageFilename() == model.message_filename,
                   "the message has its file's name", directory_->GetActiveMessageFilename());
     fuzz::Require(directory_->FirstPlayOfActiveMessage() == model.is_first_play,
                   "the first play is known");
-    CompareStatus();
+    const std::string status = fuzz::Dumped(*std::unique_ptr<XMLElement>(directory_->GetStatus()));
+    fuzz::Require(status == expected.Status(), "the status is that of the rules",
+                  status + expected.Status());
     CompareFiles(path_, model.files);
     CompareFiles(last_played_path_, model.last_played);
   }
@@ -384,23 +224,8 @@ class Pair {
     model.files[name] = text;
   }
 
-  void CompareStatus() const {
-    const std::unique_ptr<XMLElement> status(directory_->GetStatus());
-    fuzz::Require(status->GetAttributeInteger("total-file-count") == static_cast<int>(model.listed),
-                  "the status has the number of files");
-    fuzz::Require(
-        status->GetAttributeInteger("updated-file-count") == static_cast<int>(model.WaitingCount()),
-        "the status has the number of waiting files");
-    const XMLElement* const message = status->GetFirstChild();
-    fuzz::Require((message == nullptr) == (model.id == 0), "the status has the message");
-    if (message != nullptr) {
-      fuzz::Require(message->GetAttributeInteger("plays") == model.plays,
-                    "the status has the number of plays");
-    }
-  }
-
-  static void CompareFiles(const std::string& path, const Files& expected) {
-    Files found;
+  static void CompareFiles(const std::string& path, const model::Files& expected) {
+    model::Files found;
     for (const std::string& name : NamesIn(path)) {
       found[name] = ContentOf(path + "/" + name);
     }
@@ -411,12 +236,6 @@ class Pair {
     fuzz::Require(found == expected, "the files are those that the rules leave", names);
   }
 
-  Attributes attributes_;
-
- public:
-  Model model;
-
- private:
   ContentParser parser_;
   std::string path_;
   std::string last_played_path_;

@@ -1,7 +1,7 @@
 // Text to words to snippets. First byte: the word limit, second byte: loops, the rest is the text
 // as a parser might return it, valid or not.
 //
-// Words and snippets are those of a second telling of the rules; no word is over its limit.
+// Words and snippets are those of the model; no word is over its limit.
 #include <errno.h>
 #include <spawn.h>
 
@@ -9,7 +9,7 @@
 #include "fileparser.h"
 #include "fuzz.h"
 #include "inputdirectory.h"
-#include "retelling.h"
+#include "model/text.h"
 #include "xml.h"
 
 namespace {
@@ -19,16 +19,6 @@ class FixedText : public FileParser {
   std::string ParseFile(const std::string& /*path_*/) const override { return text; }
   std::string text;
 };
-
-std::vector<uint32_t> CodePoints(const std::string& text) {
-  std::string mended;
-  utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(mended), 0xFFFD);
-  std::vector<uint32_t> code_points;
-  for (auto next = mended.begin(); next != mended.end();) {
-    code_points.push_back(utf8::next(next, mended.end()));
-  }
-  return code_points;
-}
 
 }  // namespace
 
@@ -61,12 +51,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   scratch.Write("message", "");
   directory.Process();
 
-  const retelling::Splitting expected(CodePoints(parser.text));
-  const std::vector<std::string> words(expected.words.begin(), expected.words.end());
+  const model::Words words = model::Splitting(model::Decode(parser.text)).words;
   for (const std::string& word : words) {
     fuzz::Require(utf8::distance(word.begin(), word.end()) <= 100, "no word is too long", word);
   }
-  for (const retelling::Words& snippet : retelling::Snippets(words, limit, loops)) {
+  for (const model::Words& snippet : model::Snippets(words, limit, loops)) {
     fuzz::Require(directory.GetActiveMessageID() != 0, "the message lasts", parser.text);
     fuzz::Require(directory.GetWords() == snippet, "the snippet is that of the rules", parser.text);
   }

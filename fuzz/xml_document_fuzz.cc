@@ -14,17 +14,6 @@ constexpr size_t kMaxDumpBytes = 4 << 20;
 
 const fuzz::Scratch scratch;
 
-std::string Dumped(const XMLElement& root) {
-  char* buffer = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&buffer, &size);
-  root.Dump(stream, "");
-  fclose(stream);
-  std::string text(buffer, size);
-  free(buffer);
-  return text;
-}
-
 void CheckElements(const XMLElement* root, const std::string& document) {
   for (const XMLElement* element = root; element != nullptr; element = fuzz::Next(element, root)) {
     fuzz::Require(fuzz::IsUtf8(element->GetName()), "names are UTF-8");
@@ -75,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!HasSmallIndentation(root.get())) {
     return 0;
   }
-  const std::string dump = Dumped(*root);
+  const std::string dump = fuzz::Dumped(*root);
   fuzz::Require(fuzz::IsUtf8(dump), "a dump is UTF-8", dump);
   fuzz::RequireNoSecret(dump, text);
   if (encoding == "utf16" || NeedsEscaping(text)) {
@@ -84,6 +73,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const XMLDocument again(scratch.Write("dump.xml", dump), "utf8");
   const std::unique_ptr<XMLElement> reread(again.GetRoot());
   fuzz::Require(again.IsValidXML() && reread, "a dump can be parsed", dump);
-  fuzz::Require(Dumped(*reread) == dump, "a dump reads as the tree it came from", dump);
+  fuzz::Require(fuzz::Dumped(*reread) == dump, "a dump reads as the tree it came from", dump);
   return 0;
 }

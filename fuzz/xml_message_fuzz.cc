@@ -1,26 +1,24 @@
 // XML messages with a field configuration. First line: mode and fields (see Configuration below),
 // the rest is the document (see document.h).
 //
-// The text is valid UTF-8, never longer than its bound, and what a plain recursive telling of the
-// field rules yields. Loading keeps its limits of memory and reads no other file.
+// The text is valid UTF-8, never longer than its bound, and that of the model. Loading keeps its
+// limits of memory and reads no other file.
 #include <memory>
 #include <vector>
 
 #include "debug.h"
 #include "document.h"
 #include "fuzz.h"
+#include "model/xml.h"
 #include "xml.h"
 #include "xmlfileparser.h"
 
 namespace {
 
 constexpr size_t kBound = 65536;
+constexpr int kMaxDepth = 300;  // The model is recursive.
 
 const fuzz::Scratch scratch;
-
-struct Field {
-  std::string parent, tag, attr, attr_value;
-};
 
 // Words of four letters each: parent, tag, attribute, value; '-' stands for none, other letters
 // for themselves. The first byte chooses mode and encoding.
@@ -40,7 +38,7 @@ struct Configuration {
   }
   bool attribute_mode;
   std::string encoding;
-  std::vector<Field> fields;
+  std::vector<model::Field> fields;
 };
 
 XMLFileParser MakeParser(const Configuration& configuration) {
@@ -48,7 +46,7 @@ XMLFileParser MakeParser(const Configuration& configuration) {
   element.SetAttributeString("id", "fuzz");
   element.SetAttributeString("type", "xml");
   element.SetAttributeInteger("attr-mode", configuration.attribute_mode ? 1 : 0);
-  for (const Field& field : configuration.fields) {
+  for (const model::Field& field : configuration.fields) {
     auto* child = new XMLElement("field");
     child->SetAttributeString("parent", field.parent);
     child->SetAttributeString("tag", field.tag);
@@ -57,53 +55,6 @@ XMLFileParser MakeParser(const Configuration& configuration) {
     element.AddChild(child);
   }
   return XMLFileParser(&element, configuration.encoding);
-}
-
-int Depth(const XMLElement* element) {
-  int depth = 0;
-  for (; element != nullptr; element = element->GetParent()) {
-    ++depth;
-  }
-  return depth;
-}
-
-// False if the tree is too deep for a recursive telling.
-bool Retell(const Configuration& configuration, const XMLElement& element, std::string& text) {
-  if (Depth(&element) > 300) {
-    return false;
-  }
-  for (const Field& field : configuration.fields) {
-    if (field.tag.empty()) {
-      continue;
-    }
-    for (const XMLElement* child : element.GetChildren(field.tag)) {
-      const bool is_placed = field.parent.empty() || element.IsChildOf(field.parent) ||
-                             element.GetName() == field.parent;
-      const std::string value = child->GetAttributeString(field.attr, "");
-      std::string piece = child->GetText();
-      if (!is_placed || text.size() + piece.size() + 1 > kBound) {
-        continue;
-      }
-      if (configuration.attribute_mode) {
-        if (field.attr.empty() || text.size() + value.size() + 1 > kBound) {
-          continue;
-        }
-        piece = value;
-      } else if (!field.attr.empty() && value != field.attr_value) {
-        continue;
-      }
-      if (!text.empty() && std::string(" \t\n\v\f\r").find(text.back()) == std::string::npos) {
-        text += ". ";
-      }
-      text += piece;
-    }
-  }
-  for (const XMLElement* child : element.GetChildren("")) {
-    if (!Retell(configuration, *child, text)) {
-      return false;
-    }
-  }
-  return true;
 }
 
 }  // namespace
@@ -122,9 +73,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   bool is_valid = false;
   const auto root = fuzz::Load(path, configuration.encoding, content.size(), is_valid);
-  std::string retold;
-  if (is_valid && root && Retell(configuration, *root, retold)) {
-    fuzz::Require(text == retold, "the text is that of the rules", text + "\n" + retold);
+  if (!is_valid || !root) {
+    return 0;
+  }
+  const model::Document document(content, configuration.encoding);
+  if (document.Depth() <= kMaxDepth) {
+    const model::Extraction expected(configuration.fields, configuration.attribute_mode,
+                                     document.nodes.front());
+    fuzz::Require(text == expected.text, "the text is that of the rules",
+                  text + "\n" + expected.text);
   }
   return 0;
 }

@@ -1,0 +1,21 @@
+// In front of read(), write() and fclose().
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+namespace stand_ins {
+
+struct Files {
+  size_t read_piece = SIZE_MAX;          // No read() gives more bytes.
+  int read_interruptions = 0;            // So many fail with EINTR first.
+  int reads = 0;                         // Calls of read() so far.
+  std::vector<size_t> writes_to_stdout;  // Bytes of each write().
+  std::string full_file;                 // fclose() reports that there was no room for all of it.
+};
+extern Files files;
+
+}  // namespace stand_ins

@@ -1,0 +1,13 @@
+// The function of a library that a stand-in is in front of.
+#pragma once
+
+#include <dlfcn.h>
+
+namespace stand_ins {
+
+template <typename Function>
+Function* Real(const char* name_) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name_));
+}
+
+}  // namespace stand_ins

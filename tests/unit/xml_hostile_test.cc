@@ -1,0 +1,106 @@
+// Documents written to do harm: to bring in other files, or to grow beyond measure.
+#include <stddef.h>
+
+#include "glossary.h"
+#include "test_util.h"
+#include "xmlfileparser.h"
+
+namespace {
+
+// A document that asks for a file which is there.
+class ExternalEntityTest : public testing::Test {
+ protected:
+  // The tree of a document with this DOCTYPE and these contents of its root.
+  std::unique_ptr<XMLElement> Load(const std::string& doctype_, const std::string& content_) {
+    const std::string text = "<!DOCTYPE r " + doctype_ + ">\n<r>" + content_ + "</r>";
+    const XMLDocument document(scratch.Write("document.xml", text), "utf8");
+    error = document.GetError();
+    return std::unique_ptr<XMLElement>(document.GetRoot());
+  }
+
+  const TemporaryDirectory scratch;
+  const std::string secret = scratch.Write("secret", "not for the listener");
+  const std::string secret_dtd = scratch.Write(
+      "secret.dtd", "<!ENTITY e 'not for the listener'><!ATTLIST t x CDATA 'not for the reader'>");
+  std::string error;
+};
+
+TEST_F(ExternalEntityTest, GeneralEntityIsLeftOut) {
+  const auto root = Load("[<!ENTITY e SYSTEM \"" + secret + "\">]", "before &e; after");
+  ASSERT_TRUE(root);
+  EXPECT_EQ("before  after", root->GetText());
+  EXPECT_EQ("", error);
+}
+
+TEST_F(ExternalEntityTest, GeneralEntityWithPublicNameIsLeftOut) {
+  const auto root = Load("[<!ENTITY e PUBLIC \"p\" \"" + secret + "\">]", "before &e; after");
+  ASSERT_TRUE(root);
+  EXPECT_EQ("before  after", root->GetText());
+}
+
+TEST_F(ExternalEntityTest, GeneralEntityInAttributeIsAnError) {
+  Load("[<!ENTITY e SYSTEM \"" + secret + "\">]", "<t x=\"&e;\"/>");
+  EXPECT_EQ("reference to external entity in attribute at line 2", error);
+}
+
+TEST_F(ExternalEntityTest, ParameterEntityIsLeftOut) {
+  const auto root =
+      Load("[<!ENTITY % p SYSTEM \"" + secret_dtd + "\">%p;]", "before &e; after<t/>");
+  ASSERT_TRUE(root);
+  EXPECT_EQ("before  after", root->GetText());
+  EXPECT_EQ("none", root->GetFirstChild()->GetAttributeString("x", "none"));
+}
+
+TEST_F(ExternalEntityTest, ExternalDTDIsLeftOut) {
+  const auto root = Load("SYSTEM \"" + secret_dtd + "\"", "before &e; after<t/>");
+  ASSERT_TRUE(root);
+  EXPECT_EQ("before  after", root->GetText());
+  EXPECT_EQ("none", root->GetFirstChild()->GetAttributeString("x", "none"));
+}
+
+// That the cases above would show a file that is brought in: an entity of the document itself is.
+TEST_F(ExternalEntityTest, EntityOfTheDocumentIsExpanded) {
+  const auto root =
+      Load("[<!ENTITY e 'text'><!ATTLIST t x CDATA 'value'>]", "before &e; after<t/>");
+  ASSERT_TRUE(root);
+  EXPECT_EQ("before text after", root->GetText());
+  EXPECT_EQ("value", root->GetFirstChild()->GetAttributeString("x", "none"));
+}
+
+TEST_F(ExternalEntityTest, MessageDoesNotSpeakAnotherFile) {
+  const auto element =
+      ParseXML("<parser id='p' type='xml'><field tag='t' attr='' attr_value=''/></parser>");
+  const std::string message =
+      "<!DOCTYPE r [<!ENTITY e SYSTEM \"" + secret + "\">]><r><t>one &e;</t><t>two</t></r>";
+  const XMLFileParser parser(element.get(), "utf8");
+  EXPECT_EQ("one two", parser.ParseFile(scratch.Write("message.xml", message)));
+}
+
+TEST_F(ExternalEntityTest, GlossaryDoesNotSpeakAnotherFile) {
+  const std::string text = "<!DOCTYPE glossary SYSTEM \"" + secret_dtd +
+                           "\" [<!ATTLIST word speech CDATA 'said'>]>" +
+                           "<glossary><word text='a'/></glossary>";
+  const Glossary glossary(scratch.Write("glossary.xml", text));
+  EXPECT_EQ("said", glossary.SubstituteSpeech("a"));
+}
+
+// Each of the entities is ten times the one before: 10 GB from less than a kilobyte.
+TEST(HostileDocumentTest, NestedEntitiesAreCutShort) {
+  std::string declarations = "<!ENTITY e0 '0123456789'>";
+  for (int i = 1; i < 10; ++i) {
+    std::string references;
+    for (int j = 0; j < 10; ++j) {
+      references += "&e" + std::to_string(i - 1) + ";";
+    }
+    declarations += "<!ENTITY e" + std::to_string(i) + " '" + references + "'>";
+  }
+  const TemporaryDirectory directory;
+  const std::string text = "<!DOCTYPE r [" + declarations + "]>\n<r>&e9;</r>";
+  const XMLDocument document(directory.Write("document.xml", text), "utf8");
+  const std::unique_ptr<XMLElement> root(document.GetRoot());
+  EXPECT_FALSE(document.IsValidXML());
+  constexpr size_t kLimit = 16 << 20;
+  EXPECT_GT(kLimit, root->GetText().size());
+}
+
+}  // namespace
