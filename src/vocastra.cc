@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <list>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <set>
 #include <utility>
@@ -33,27 +35,46 @@ constexpr const char* kEncodings[] = {"ascii", "utf8", "utf16"};
 constexpr char kDefaultParser[] = "text-utf8";
 constexpr char kPauseTag[] = "\\pau=300\\ ";  // 300 ms of silence lead every message.
 
-struct FileCloser {
-  void operator()(FILE* file_) const { fclose(file_); }
-};
-using OutputFile = std::unique_ptr<FILE, FileCloser>;
-
-// Truncates the file in place, or creates it; null on failure. flags and mode as for open(). Closed
-// on exec. A FIFO is not waited for: without a reader it cannot be opened.
-OutputFile OpenForWriting(const std::string& path_, int flags_, mode_t mode_) {
-  const int fd =
-      open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags_, mode_);
-  FILE* const file = fd < 0 ? nullptr : fdopen(fd, "w");
-  if (fd >= 0 && file == nullptr) {
-    close(fd);
+// A file that is truncated in place, or created, and written at once. Closed on exec.
+class OutputFile {
+ public:
+  // flags_ and mode_ as for open(). A FIFO is not waited for: without a reader it cannot be opened.
+  OutputFile(const std::string& path_, int flags_, mode_t mode_)
+      : fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags_,
+                mode_)) {}
+  ~OutputFile() {
+    if (fd >= 0) {
+      close(fd);
+    }
   }
-  return OutputFile(file);
-}
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
 
-// False if not all that was written has reached the file.
-bool Close(OutputFile file_) {
-  const bool is_sound = ferror(file_.get()) == 0;
-  return fclose(file_.release()) == 0 && is_sound;
+  bool IsOpen() const { return fd >= 0; }
+
+  // Writes the text and closes the file. False if not all of it has reached the file.
+  bool Write(const std::string& text_) {
+    const bool is_written = WriteWhole(fd, text_.data(), text_.size());
+    return close(std::exchange(fd, -1)) == 0 && is_written;
+  }
+
+ private:
+  int fd;
+};
+
+// The tree as Dump writes it. In memory, as a stream on the file would cost a pass two system
+// calls.
+std::string DumpToString(const XMLElement& root_) {
+  char* buffer = nullptr;
+  size_t size = 0;
+  FILE* const stream = open_memstream(&buffer, &size);
+  if (stream == nullptr) {
+    throw std::bad_alloc();
+  }
+  root_.Dump(stream, "");
+  fclose(stream);
+  const std::unique_ptr<char, decltype(&free)> owner(buffer, free);
+  return std::string(buffer, size);
 }
 
 // A failed pass also ends with the 100 ms pause: a missing configuration must neither spin the CPU
@@ -395,18 +416,17 @@ InputDirectory* Vocastra::Impl::ChooseDirectory() {
 // directory: a link in its place is not followed, and a file that was removed is created as private
 // as the first.
 bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words_, bool is_start_) {
-  OutputFile file = OpenForWriting(temp_input_path, O_NOFOLLOW, S_IRUSR | S_IWUSR);
-  if (file) {
-    fputs(is_start_ ? kPauseTag : "", file.get());
-    for (const std::string& word : words_) {
-      fprintf(file.get(), "%s ", word.c_str());
-    }
-    if (Close(std::move(file))) {
-      return true;
-    }
+  std::string text = is_start_ ? kPauseTag : "";
+  for (const std::string& word : words_) {
+    text += word + " ";
   }
-  Debug(kDebugNormal, "Could not open temporary file \"%s\" for writing", temp_input_path.c_str());
-  return false;
+  OutputFile file(temp_input_path, O_NOFOLLOW, S_IRUSR | S_IWUSR);
+  if (!file.IsOpen() || !file.Write(text)) {
+    Debug(kDebugNormal, "Could not open temporary file \"%s\" for writing",
+          temp_input_path.c_str());
+    return false;
+  }
+  return true;
 }
 
 bool Vocastra::Impl::Translate(const std::string& arguments_,
@@ -474,8 +494,8 @@ void Vocastra::Impl::DumpStatus() {
   if (status_file_path.empty()) {
     return;
   }
-  const OutputFile file = OpenForWriting(status_file_path, 0, kStatusFileMode);
-  if (!file) {
+  OutputFile file(status_file_path, 0, kStatusFileMode);
+  if (!file.IsOpen()) {
     Debug(kDebugNormal, "Could not open \"%s\" for writing", status_file_path.c_str());
     return;
   }
@@ -487,7 +507,7 @@ void Vocastra::Impl::DumpStatus() {
   for (const auto& [id, directory] : id_to_directory) {
     root.AddChild(directory->GetStatus());
   }
-  root.Dump(file.get(), "");
+  file.Write(DumpToString(root));  // If there is no room, a later pass writes it.
 }
 
 Vocastra::Vocastra(const std::string& config_file_path_, const std::string& status_file_path_,

@@ -1,7 +1,6 @@
 #include "stand_ins/files.h"
 
 #include <errno.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,19 +35,13 @@ ssize_t read(int fd_, void* buffer_, size_t size_) {
 }
 
 ssize_t write(int fd_, const void* data_, size_t size_) {
+  if (LeadsTo(fd_, files.full_file)) {
+    errno = ENOSPC;
+    return -1;
+  }
   const ssize_t written = Real<ssize_t(int, const void*, size_t)>("write")(fd_, data_, size_);
   if (fd_ == STDOUT_FILENO) {
     files.writes_to_stdout.push_back(static_cast<size_t>(written));
   }
   return written;
-}
-
-int fclose(FILE* file_) {
-  const bool is_full = LeadsTo(fileno(file_), files.full_file);
-  const int result = Real<int(FILE*)>("fclose")(file_);
-  if (is_full) {
-    errno = ENOSPC;
-    return EOF;
-  }
-  return result;
 }

@@ -1,4 +1,4 @@
-// In front of read(), write() and fclose().
+// In front of read() and write().
 #pragma once
 
 #include <stddef.h>
@@ -14,7 +14,7 @@ struct Files {
   int read_interruptions = 0;            // So many fail with EINTR first.
   int reads = 0;                         // Calls of read() so far.
   std::vector<size_t> writes_to_stdout;  // Bytes of each write().
-  std::string full_file;                 // fclose() reports that there was no room for all of it.
+  std::string full_file;                 // write() finds no room in it.
 };
 extern Files files;
 
