@@ -45,6 +45,12 @@ TEST_F(TakenFileTest, CopiesATakenFileToTheEmptiedLastPlayedDirectory) {
   EXPECT_TRUE(Exists(Path()));
 }
 
+TEST_F(TakenFileTest, AcceptsASlashAtTheEndOfTheLastPlayedPath) {
+  Open({{"last-played-path", last_played / ""}});
+  Activate("text");
+  EXPECT_EQ("text", ReadFile(last_played / "m"));
+}
+
 TEST_F(TakenFileTest, SpeaksAFileThatCouldNotBeCopied) {
   const std::string path = last_played.MakeDirectory("gone");
   Open({{"last-played-path", path}, {"auto-delete", "1"}});

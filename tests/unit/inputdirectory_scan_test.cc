@@ -1,3 +1,5 @@
+#include <string.h>
+
 #include <filesystem>
 #include <random>
 #include <set>
@@ -45,6 +47,18 @@ TEST_F(ScanTest, ScansItsSubdirectory) {
   EXPECT_EQ("Adding n " + CRCText("below") + " to file_map\n", Scan());
   EXPECT_EQ("n", input->GetActiveMessageFilename());
   EXPECT_TRUE(Exists(Path()));
+}
+
+TEST_F(ScanTest, AcceptsSlashesAtTheEndsOfItsPaths) {
+  directory.MakeDirectory("sub");
+  const std::string path = directory / "";
+  LogOf([&] { input = Build({{"type", "local"}, {"path", path}, {"subdir", "sub/"}}); });
+  input->SetFileParser(&parser);
+  Scan();
+  directory.Write("sub/m", "text");
+  EXPECT_EQ(
+      "From " + path + "sub/m: text\n",
+      Scan(kDebugTrace).substr(strlen("Parser returned: \"text\"\nOriginal is valid UTF-8\n")));
 }
 
 TEST_F(ScanTest, ThrowsWhileTheDirectoryIsGone) {

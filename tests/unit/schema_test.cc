@@ -8,13 +8,13 @@
 
 namespace {
 
-TEST(SchemaTest, IsTheOneInTheTree) {
+TEST(SchemaTest, MatchesTheFileInTheTree) {
   EXPECT_EQ(ReadFile(SOURCE_DIR "/schema/tts-config.rnc"),
             MakeSchema(ReadFile(SOURCE_DIR "/programs/check/tts-config.rnc.in")))
       << "build the target \"schema\"";
 }
 
-TEST(SchemaTest, HasAttributesInPlaceOfTheirNames) {
+TEST(SchemaTest, ReplacesTheNamesOfAttributes) {
   EXPECT_EQ(
       "a {\n  attribute ftp-poll-rate { integer }?,\n"
       "  attribute ftp-mode { \"passive\" | \"active\" }? }\n",

@@ -210,6 +210,15 @@ TEST_F(OutputTest, CountsEveryVisibleFileInTheOutputDirectory) {
   EXPECT_EQ("1", StatusAttribute("output-bound"));
 }
 
+TEST_F(OutputTest, IsAlwaysOutputBoundIfNoFileIsAllowed) {
+  for (const int files : {0, -1}) {
+    settings.files = files;
+    Start("");
+    Run();
+    EXPECT_EQ("1", StatusAttribute("output-bound")) << files;
+  }
+}
+
 TEST_F(OutputTest, IsNeverOutputBoundWithoutAnOutputDirectory) {
   settings.output = "";
   settings.files = 0;

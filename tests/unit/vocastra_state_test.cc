@@ -75,6 +75,15 @@ TEST_F(StateTest, KeepsMessagesAndOutputInAnyOtherState) {
   EXPECT_EQ("3 4 ", DeliveredFile("1_a.text_live_cont.raw"));
 }
 
+TEST_F(StateTest, EmptiesTheOutputDirectoryIfItStartsStopped) {
+  tree.Write("out/old", "");
+  Start("", "stop");
+  EXPECT_THAT(Delivered(), IsEmpty());
+  tree.Write("out/old", "");
+  Start("", "run");
+  EXPECT_THAT(Delivered(), ElementsAre("old"));
+}
+
 TEST_F(StateTest, AppliesTheOldConfigurationAgainAfterAParserFailed) {
   Start(Element("a") + Element("b"));
   const std::string good = ReadFile(settings.config);
