@@ -1,6 +1,6 @@
 """Measures the time from a whole file on a server to its first audio file.
 
-usage: latency.py [COUNT]
+    /usr/bin/python3 tests/latency.py [COUNT]
 
 Hands COUNT messages (10) over to each server by a rename, one after the other and each at a random
 time, and prints how long it took until the daemon had delivered the first audio file. The

@@ -2,8 +2,9 @@
 
 import re
 
-from daemon import PAUSE
-from docs import ROOT, validate
+from harness.daemon import PAUSE
+from harness.programs import ROOT
+from harness.schemas import validate
 
 MESSAGES = (ROOT / "man/vocastra-messages.7").read_text()
 

@@ -3,8 +3,8 @@
 import re
 
 import pytest
-
-from docs import ROOT, validate
+from harness.programs import ROOT
+from harness.schemas import validate
 
 DOCUMENTS = sorted(
     path for path in ROOT.rglob("*.md") if not {"build", ".git"} & set(path.relative_to(ROOT).parts)

@@ -5,11 +5,11 @@ import re
 import shutil
 import signal
 import subprocess
-import time
 
 import pytest
-
-from docs import LIMIT, ROOT, program, validate
+from harness.programs import ROOT, program
+from harness.schemas import validate
+from harness.wait import LIMIT, wait_until
 
 EXAMPLES = sorted(path.name for path in (ROOT / "examples").iterdir() if path.is_dir())
 
@@ -126,10 +126,7 @@ class Example:
         return "".join(f"\n--- {name}\n{self.text(name)}" for name in names)
 
     def wait(self, condition):
-        deadline = time.monotonic() + LIMIT
-        while not condition():
-            assert time.monotonic() < deadline, self.describe()
-            time.sleep(0.05)
+        wait_until(condition, self.describe)
 
     def end(self, kind, number):
         """Ends the daemon or the player, which are no children of ours, and waits for it."""

@@ -4,8 +4,7 @@ import re
 import xml.etree.ElementTree
 
 import pytest
-
-from docs import ROOT, program, run
+from harness.programs import ROOT, program, run_command
 
 MAN = sorted((ROOT / "man").glob("*.[1-8]"))
 RNG = "{http://relaxng.org/ns/structure/1.0}"
@@ -20,7 +19,7 @@ def page(name):
 
 @pytest.mark.parametrize("path", MAN, ids=lambda path: path.name)
 def test_lint(path):
-    done = run("mandoc", "-T", "lint", "-W", "warning", path)
+    done = run_command("mandoc", "-T", "lint", "-W", "warning", path)
     assert (done.returncode, done.stdout) == (0, "")
 
 
@@ -40,7 +39,7 @@ def test_pages_referred_to_exist(path):
 
 
 def usage():
-    return run(*program(), "--help").stdout
+    return run_command(*program(), "--help").stdout
 
 
 def test_options_are_those_of_the_usage_text():
@@ -62,7 +61,7 @@ def test_defaults_are_those_of_the_usage_text(option):
 
 
 def test_options_of_the_player_are_those_of_its_usage_text():
-    text = run(ROOT / "companions/player", "--help").stdout
+    text = run_command(ROOT / "companions/player", "--help").stdout
     options = re.findall(r"^ +-(-[\w-]+)  ?", text, re.MULTILINE)
     options += re.findall(r"^ +-(-[\w-]+) [A-Z]+ ", text, re.MULTILINE)
     items = re.findall(r"^\.It Fl (-[\w-]+)", page("vocastra-player.1"), re.MULTILINE)

@@ -5,8 +5,8 @@ import re
 import shutil
 
 import pytest
-
-from docs import ROOT, run, validate
+from harness.programs import ROOT, run_command
+from harness.schemas import validate
 
 SCHEMAS = ["tts-config", "glossary", "tts-status"]
 WRONG = sorted((ROOT / "tests/docs/wrong").glob("*.xml"))
@@ -40,7 +40,7 @@ def test_the_xml_form_is_made_from_the_compact_one(schema, tmp_path):
     if not shutil.which("trang"):
         pytest.fail("trang is missing: tools/setup docs installs it")
     made = tmp_path / "made.rng"
-    done = run("trang", ROOT / f"schema/{schema}.rnc", made)
+    done = run_command("trang", ROOT / f"schema/{schema}.rnc", made)
     assert done.returncode == 0, done.stdout
     assert made.read_text() == (ROOT / f"schema/{schema}.rng").read_text()
 

@@ -67,6 +67,20 @@ def run(name, *arguments, **options):
     return finish(start(name, *arguments, **options))
 
 
+def run_command(*command, **options):
+    """Runs any command to its end. Its output, both kinds in one text, is in stdout."""
+    return subprocess.run(
+        [str(word) for word in command],
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        timeout=LIMIT,
+        check=False,
+        **options,
+    )
+
+
 def is_alive(pid):
     """Whether a process runs; one that ended and waits for its parent does not."""
     try:

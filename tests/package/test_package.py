@@ -4,11 +4,10 @@ import json
 import re
 import shutil
 import signal
-import subprocess
 from pathlib import Path
 
 import pytest
-from harness.programs import ROOT, program, start
+from harness.programs import ROOT, program, run_command, start
 from harness.wait import LIMIT, wait_until
 
 UNITS = {
@@ -19,14 +18,8 @@ UNITS = {
 
 def run(*command):
     """Exit status and all output."""
-    result = subprocess.run(
-        [str(word) for word in command],
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        text=True,
-        check=False,
-    )
-    return result.returncode, result.stdout
+    done = run_command(*command)
+    return done.returncode, done.stdout
 
 
 @pytest.fixture(scope="module")
