@@ -49,7 +49,7 @@ def main():
                     attributes = {} if kind.kind == "cifs" else {"ftp_poll_rate": rate}
                     times = measure(Path(directory) / "daemon", server, count, **attributes)
                 finally:
-                    server.stop()
+                    server.close()
             values = (min(times), statistics.median(times), max(times))
             print(f"{name:<12}{rate:>10}" + "".join(f"{value:>8.2f}" for value in values))
 

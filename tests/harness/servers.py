@@ -9,10 +9,13 @@ import json
 import os
 import pwd
 import random
+import shutil
 import signal
 import socket
 import subprocess
 import sys
+import tempfile
+from pathlib import Path
 
 from harness.programs import HERE
 from harness.wait import wait_until
@@ -105,7 +108,7 @@ class Server:
     def options(self):
         return {"start_new_session": True}
 
-    def close(self):
+    def stop(self):
         """Ends the server and every session of it."""
         if not self.process:
             return
@@ -115,7 +118,8 @@ class Server:
         self.process.wait()
         self.process = None
 
-    stop = close
+    def close(self):
+        self.stop()
 
     def freeze(self):
         """From now on the system accepts connections for the server, which says nothing."""
@@ -225,9 +229,18 @@ class Smbd(Server):
     client = "smbclient"
     user = user_name()
 
+    def __init__(self, root, **options):
+        super().__init__(root, **options)
+        # Sockets are in these directories, and a socket's path has at most 107 bytes.
+        self.state = Path(tempfile.mkdtemp(prefix="smbd-"))
+
     @property
     def path(self):
         return "//127.0.0.1/share/inbox"
+
+    def close(self):
+        super().close()
+        shutil.rmtree(self.state)
 
     def command(self):
         config = self.root / "smb.conf"
@@ -249,8 +262,8 @@ class Smbd(Server):
             f"log file = {self.root}/smbd.log",
         ]
         for name in directories:
-            (self.root / name).mkdir(exist_ok=True)
-            lines.append(f"{names.get(name, name + ' directory')} = {self.root}/{name}")
+            (self.state / name).mkdir(exist_ok=True)
+            lines.append(f"{names.get(name, name + ' directory')} = {self.state}/{name}")
         for share, guest in (("share", "no"), ("open", "yes")):
             lines += [
                 f"[{share}]",

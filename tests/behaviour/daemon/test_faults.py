@@ -25,7 +25,11 @@ SMALL = 64 * 1024  # Bytes of the file system that fills up.
 
 
 def open_descriptors(daemon):
-    return sorted(os.readlink(path) for path in Path(f"/proc/{daemon.process.pid}/fd").iterdir())
+    found = []
+    for path in Path(f"/proc/{daemon.process.pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):  # It was closed meanwhile.
+            found.append(os.readlink(path))
+    return sorted(found)
 
 
 def settled_descriptors(daemon):
