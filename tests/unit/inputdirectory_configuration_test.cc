@@ -2,8 +2,6 @@
 
 namespace {
 
-using testing::StartsWith;
-
 TEST(InputDirectoryTest, HasDefaultsForEveryAttribute) {
   const auto input = Build({});
   EXPECT_EQ(0, input->GetPriority());

@@ -5,8 +5,6 @@
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
 static_assert(!std::is_copy_constructible_v<XMLDocument> &&
               !std::is_copy_assignable_v<XMLDocument>);
 
@@ -278,7 +276,7 @@ TEST(XMLElementTest, TakesSortedAttributesFromAnArray) {
 }
 
 // Few bytes with a large tree: each "&e;" becomes ten elements.
-std::string DocumentOfElements(int count_) {
+std::string DocumentOfElements(size_t count_) {
   return "<!DOCTYPE a [<!ENTITY e \"" + Repeat("<b/>", 10) + "\">]>\n<a>" +
          Repeat("&e;", count_ / 10) + "</a>";
 }

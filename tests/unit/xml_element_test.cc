@@ -182,6 +182,14 @@ TEST(XMLElementTest, ComparesNameAndAttributes) {
   }
 }
 
+TEST(XMLElementTest, SurvivesAssignmentToItself) {
+  const auto element = ParseXML("<a x='1'>text<b/></a>");
+  const std::string before = Describe(*element);
+  const XMLElement& same = *element;
+  *element = same;
+  EXPECT_EQ(before, Describe(*element));
+}
+
 TEST(XMLElementTest, AssignsNameAndAttributesOnly) {
   const auto parent = ParseXML("<p><a x='1' y='2'>text<kept/></a></p>");
   auto* const target = const_cast<XMLElement*>(OnlyChild(*parent));
