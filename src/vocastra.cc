@@ -130,8 +130,8 @@ struct Vocastra::Impl {
   std::string glossary_file_path;
   std::string cifs_helper_script_path;
   std::string ftp_helper_app_path;
-  int text_snippet_word_limit = 0;
-  int output_file_count_limit = 0;
+  int text_snippet_word_limit = 0;          // NOMUTATE(constant): the constructor sets it.
+  int output_file_count_limit = 0;          // NOMUTATE(constant): the constructor sets it.
   std::optional<uint16_t> config_file_crc;  // Of the configuration in force; none: load it.
   std::map<std::string, std::unique_ptr<InputDirectory>> id_to_directory;
   std::multimap<int, std::string> priority_to_directory_id;
@@ -159,7 +159,7 @@ Vocastra::Impl::~Impl() {
   while (!id_to_directory.empty()) {  // In ascending order, which clear() does not promise.
     id_to_directory.erase(id_to_directory.begin());
   }
-  ClearFileParsers();
+  ClearFileParsers();  // NOMUTATE(call): the first members destroyed are the parsers.
   unlink(temp_input_path.c_str());
   unlink(temp_output_path.c_str());
 }
@@ -261,7 +261,7 @@ void Vocastra::Impl::RankDirectories() {
 
 void Vocastra::Impl::ConfigureParsers(const XMLElement& root_) {
   for (const auto& [id, directory] : id_to_directory) {
-    directory->SetFileParser(nullptr);
+    directory->SetFileParser(nullptr);  // NOMUTATE(call): not scanned before it has a new one.
   }
   ClearFileParsers();
   for (const char* encoding : kEncodings) {
@@ -453,6 +453,7 @@ bool Vocastra::Impl::DeliverClips(const InputDirectory& directory_) {
   const int preview = directory_.GetPreview();
   if (!directory_.GetBumperPath().empty() && output_directory) {
     for (const std::string& path : {directory_.GetSpacerPath(), directory_.GetBumperPath()}) {
+      // NOMUTATE(constant): clips are "first" anyway.
       DeliverClip(path, OutputFileName(display_id, true, false, preview, false));
     }
   }
@@ -461,6 +462,7 @@ bool Vocastra::Impl::DeliverClips(const InputDirectory& directory_) {
       return false;
     }
     DeliverClip(directory_.GetSilencePath(),
+                // NOMUTATE(constant): one flag makes a clip.
                 OutputFileName(display_id, true, true, preview, false));
   }
   return true;

@@ -149,7 +149,7 @@ void XMLElement::Impl::ReadAttributes(const char** attrs_) {
   while (attrs_[2 * count] != nullptr && attrs_[2 * count + 1] != nullptr) {
     ++count;
   }
-  attrs.reserve(count);
+  attrs.reserve(count);  // NOMUTATE(call): only saves memory.
   for (size_t i = 0; i < count; ++i) {
     attrs.push_back({Keep(attrs_[2 * i]), Keep(attrs_[2 * i + 1])});
   }
@@ -248,7 +248,7 @@ XMLElement& XMLElement::operator=(const XMLElement& rhs_) {
   if (this != &rhs_) {
     impl->name = impl->Keep(rhs_.impl->name);
     impl->attrs.clear();
-    impl->attrs.reserve(rhs_.impl->attrs.size());
+    impl->attrs.reserve(rhs_.impl->attrs.size());  // NOMUTATE(call): only saves memory.
     for (const Impl::Attribute& attribute : rhs_.impl->attrs) {
       impl->attrs.push_back({impl->Keep(attribute.name), impl->Keep(attribute.value)});
     }
