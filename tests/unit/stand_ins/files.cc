@@ -35,6 +35,11 @@ ssize_t read(int fd_, void* buffer_, size_t size_) {
 }
 
 ssize_t write(int fd_, const void* data_, size_t size_) {
+  if (files.write_interruptions > 0) {
+    --files.write_interruptions;
+    errno = EINTR;
+    return -1;
+  }
   if (LeadsTo(fd_, files.full_file)) {
     errno = ENOSPC;
     return -1;
