@@ -22,6 +22,7 @@ __attribute__((format(printf, 1, 0))) void WriteLine(const char* format_, va_lis
   char line[kLineSize];
   va_list args_again;
   va_copy(args_again, args_);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the caller has started it.
   const int result = vsnprintf(line, sizeof(line), format_, args_);
   const size_t length = static_cast<size_t>(result);
   if (result >= 0 && length < sizeof(line)) {
