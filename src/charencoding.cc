@@ -20,7 +20,7 @@ size_t LeadingAscii(uint64_t word_) {
   return static_cast<size_t>(__builtin_ctzll(word_ & kNotAscii)) / 8;
 #else
   // NOMUTATE(operator, constant): compiled on other machines only.
-  return static_cast<size_t>(__builtin_clzll(word & kNotAscii)) / 8;
+  return static_cast<size_t>(__builtin_clzll(word_ & kNotAscii)) / 8;
 #endif
 }
 

@@ -45,10 +45,6 @@ TEST_F(DirectoryTest, SortsManyNamesOfAllLengths) {
   EXPECT_TRUE(std::is_sorted(fewer.begin(), fewer.end()));
 }
 
-// The sanitizer's malloc fails like any other. Meaningless without it.
-extern "C" const char* __asan_default_options();
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
-
 TEST_F(DirectoryTest, OpensAPathWithOrWithoutASlash) {
   WriteFiles({"a"});
   const std::string without_slash = temporary / "shared";
