@@ -31,6 +31,7 @@ const unsigned char* SkipAscii(const unsigned char* p_, const unsigned char* end
   // NOMUTATE(condition): steps over all that it reads; asan notices.
   while (static_cast<size_t>(end_ - p_) >= sizeof(words)) {
     memcpy(words, p_, sizeof(words));
+    // NOMUTATE(constant): asan notices what is outside the array.
     if (((words[0] | words[1]) & kNotAscii) != 0) {
       // NOMUTATE(constant): compilers warn that it is always true.
       return (words[0] & kNotAscii) != 0 ? p_ + LeadingAscii(words[0])
@@ -38,6 +39,7 @@ const unsigned char* SkipAscii(const unsigned char* p_, const unsigned char* end
     }
     p_ += sizeof(words);
   }
+  // NOMUTATE(operator): only steps over the zero byte after the text.
   while (p_ < end_ && *p_ < 0x80) {
     ++p_;
   }

@@ -139,6 +139,7 @@ std::optional<Options> ParseOptions(int argc_, char** argv_, int& exit_status_) 
   const GetoptTable getopt_table(table);
   Options options;
   opterr = 0;
+  // NOMUTATE(constant): it is 1 at first, and the daemon parses once.
   optind = 0;  // The C library's parser starts from the beginning.
   int long_index = 0;
   int result = 0;  // NOMUTATE(constant): the loop sets it.

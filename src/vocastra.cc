@@ -497,6 +497,7 @@ void Vocastra::Impl::DumpStatus() {
   if (status_file_path.empty()) {
     return;
   }
+  // NOMUTATE(constant): 1 is O_WRONLY, which is given.
   OutputFile file(status_file_path, 0, kStatusFileMode);
   if (!file.IsOpen()) {
     Debug(kDebugNormal, "Could not open \"%s\" for writing", status_file_path.c_str());

@@ -73,6 +73,7 @@ class BoundedHeap : public std::pmr::memory_resource {
   size_t remaining;
 };
 
+// NOMUTATE(constant): shows in time and memory only.
 constexpr size_t kPoolBytes = 512;  // To begin with.
 
 }  // namespace

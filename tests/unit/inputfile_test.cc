@@ -36,6 +36,12 @@ TEST(WriteWholeTest, GoesOnDespiteSignals) {
   close(ends[1]);
 }
 
+TEST(WriteWholeTest, StopsWhenNothingIsTaken) {
+  stand_ins::files.write_piece = 0;
+  EXPECT_FALSE(WriteWhole(STDERR_FILENO, "abc", 3));
+  stand_ins::files.write_piece = SIZE_MAX;
+}
+
 std::string ReadAll(InputFile* file_, size_t block_size_) {
   std::string content;
   std::string block(block_size_, '\0');

@@ -44,7 +44,8 @@ ssize_t write(int fd_, const void* data_, size_t size_) {
     errno = ENOSPC;
     return -1;
   }
-  const ssize_t written = Real<ssize_t(int, const void*, size_t)>("write")(fd_, data_, size_);
+  const ssize_t written = Real<ssize_t(int, const void*, size_t)>("write")(
+      fd_, data_, std::min(size_, files.write_piece));
   if (fd_ == STDOUT_FILENO) {
     files.writes_to_stdout.push_back(static_cast<size_t>(written));
   }
