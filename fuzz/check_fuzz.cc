@@ -50,12 +50,12 @@ std::string Checked(const CheckOptions& options_, Verdict& verdict_) {
 }
 
 // The gravest kind of the lines.
-Verdict CheckLines(const std::string& text) {
+Verdict CheckLines(const std::string& text_) {
   Verdict gravest = Verdict::kClean;
-  for (size_t start = 0; start < text.size();) {
-    const size_t end = text.find('\n', start);
-    fuzz::Require(end != std::string::npos, "the last line is whole", text);
-    const std::string line = text.substr(start, end - start);
+  for (size_t start = 0; start < text_.size();) {
+    const size_t end = text_.find('\n', start);
+    fuzz::Require(end != std::string::npos, "the last line is whole", text_);
+    const std::string line = text_.substr(start, end - start);
     start = end + 1;
     const size_t place = line.find(':');
     const size_t kind = line.find_first_not_of("0123456789", place + 1);
@@ -70,10 +70,10 @@ Verdict CheckLines(const std::string& text) {
   return gravest;
 }
 
-bool IsLoaded(const std::string& config_path, const std::string& glossary_path) {
+bool IsLoaded(const std::string& config_path_, const std::string& glossary_path_) {
   try {
-    LoadXMLTree(config_path, "tts-config")->GetAttributeString("state");
-    const Glossary glossary(glossary_path);
+    LoadXMLTree(config_path_, "tts-config")->GetAttributeString("state");
+    const Glossary glossary(glossary_path_);
   } catch (const std::string&) {
     return false;
   }
@@ -82,9 +82,9 @@ bool IsLoaded(const std::string& config_path, const std::string& glossary_path) 
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   SetDebugMask(0);
-  const std::string text(reinterpret_cast<const char*>(data), size);
+  const std::string text(reinterpret_cast<const char*>(data_), size_);
   const std::string separator = "\n====\n";
   const size_t middle = std::min(text.find(separator), text.size());
   const std::string config = fuzz::Unfold(text.substr(0, middle), kMaxBytes);

@@ -29,8 +29,8 @@ bool is_running = false;  // The daemon's code, that is, and not the fuzzer's ow
 
 // The C library's function behind a replacement.
 template <typename Function>
-Function* Real(const char* name, Function* /*replacement*/) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+Function* Real(const char* name_, Function* /*replacement*/) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name_));
 }
 
 const fuzz::Scratch scratch;
@@ -56,23 +56,23 @@ int kill(pid_t /*pid*/, int /*signal_number*/) noexcept {
   return -1;
 }
 
-char* mkdtemp(char* path) noexcept {
+char* mkdtemp(char* path_) noexcept {
   static char watch[] = "/tmp/watch-of-nobody";
-  return is_running ? watch : Real("mkdtemp", mkdtemp)(path);
+  return is_running ? watch : Real("mkdtemp", mkdtemp)(path_);
 }
 
-int open(const char* path, int flags, ...) {
+int open(const char* path_, int flags_, ...) {
   va_list arguments;
-  va_start(arguments, flags);
+  va_start(arguments, flags_);
   const mode_t mode = va_arg(arguments, mode_t);  // Whatever stands there if there is none.
   va_end(arguments);
-  const bool is_ours = strncmp(path, scratch.path().c_str(), scratch.path().size()) == 0;
-  return Real("open", open)(is_running && !is_ours ? empty_directory.path().c_str() : path, flags,
+  const bool is_ours = strncmp(path_, scratch.Path().c_str(), scratch.Path().size()) == 0;
+  return Real("open", open)(is_running && !is_ours ? empty_directory.Path().c_str() : path_, flags_,
                             mode);
 }
 
-DIR* opendir(const char* path) {
-  return Real("opendir", opendir)(is_running ? empty_directory.path().c_str() : path);
+DIR* opendir(const char* path_) {
+  return Real("opendir", opendir)(is_running ? empty_directory.Path().c_str() : path_);
 }
 
 int usleep(useconds_t /*microseconds*/) { return 0; }
@@ -81,22 +81,22 @@ int usleep(useconds_t /*microseconds*/) { return 0; }
 
 namespace {
 
-uint16_t CRCOf(const std::string& text) {
-  return CRC(0, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+uint16_t CRCOf(const std::string& text_) {
+  return CRC(0, reinterpret_cast<const uint8_t*>(text_.data()), text_.size());
 }
 
 // A player with its configuration and status in the scratch directory.
 class Station {
  public:
   // Hands the document over and runs one pass. True if it came to its end.
-  bool Run(const std::string& config) {
-    const std::string path = scratch.Write("config.xml", config);
+  bool Run(const std::string& config_) {
+    const std::string path = scratch.Write("config.xml", config_);
     bool is_valid = false;
-    fuzz::Load(path, "utf8", config.size(), is_valid);
+    fuzz::Load(path, "utf8", config_.size(), is_valid);
     is_running = true;
     bool is_done = false;
     try {
-      player_.Run();
+      player.Run();
       is_done = true;
     } catch (const std::string& e) {
       fuzz::Require(!e.empty(), "a failure says what it is");
@@ -105,29 +105,29 @@ class Station {
     return is_done;
   }
   static std::string Status() {
-    std::ifstream file(scratch.path() + "/status.xml");
+    std::ifstream file(scratch.Path() + "/status.xml");
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
  private:
-  Vocastra player_{scratch.path() + "/config.xml",
-                   scratch.path() + "/status.xml",
-                   "",
-                   "",
-                   "",
-                   "cifs-helper",
-                   "ftp-helper",
-                   10,
-                   10};
+  Vocastra player{scratch.Path() + "/config.xml",
+                  scratch.Path() + "/status.xml",
+                  "",
+                  "",
+                  "",
+                  "cifs-helper",
+                  "ftp-helper",
+                  10,
+                  10};
 };
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   static FILE* const silenced = freopen("/dev/null", "w", stdout);
   fuzz::Require(silenced != nullptr, "standard output can be silenced");
   SetDebugMask(0);
-  const std::string text(reinterpret_cast<const char*>(data), size);
+  const std::string text(reinterpret_cast<const char*>(data_), size_);
   const std::string separator = "\n====\n";
   const size_t middle = std::min(text.find(separator), text.size());
   const std::string old_config = fuzz::Unfold(text.substr(0, middle));

@@ -17,17 +17,17 @@ constexpr size_t kMaxDocumentBytes = 1 << 20;
 // A file that no document may bring in.
 class Secret {
  public:
-  static const std::string& Path() { return Get().path_; }
+  static const std::string& Path() { return Get().path; }
   static constexpr char kText[] = "nobody-asked-for-this-file";
 
  private:
-  Secret() : path_(scratch_.Write("secret", kText)) {}
+  Secret() : path(scratch.Write("secret", kText)) {}
   static const Secret& Get() {
     static const Secret secret;
     return secret;
   }
-  Scratch scratch_;
-  std::string path_;
+  Scratch scratch;
+  std::string path;
 };
 
 // The document that an input describes, up to max_size bytes. Three bytes that no XML file
@@ -36,70 +36,70 @@ class Secret {
 //   \x01 DIGIT TEXT \x01   is TEXT 4 to the power of DIGIT times
 //   \x03                   within TEXT is the number of the repetition
 //   \x02                   is the path of the secret file
-inline std::string Unfold(const std::string& input, size_t max_size = kMaxDocumentBytes) {
+inline std::string Unfold(const std::string& input_, size_t max_size_ = kMaxDocumentBytes) {
   std::string document;
-  const auto append = [&document, max_size](const std::string& text, const std::string& number) {
-    for (size_t i = 0; i < text.size() && document.size() < max_size; ++i) {
-      if (text[i] == '\2') {
+  const auto append = [&document, max_size_](const std::string& text_, const std::string& number_) {
+    for (size_t i = 0; i < text_.size() && document.size() < max_size_; ++i) {
+      if (text_[i] == '\2') {
         document += Secret::Path();
-      } else if (text[i] == '\3') {
-        document += number;
+      } else if (text_[i] == '\3') {
+        document += number_;
       } else {
-        document += text[i];
+        document += text_[i];
       }
     }
   };
-  for (size_t start = 0; start < input.size();) {
-    size_t end = std::min(input.find('\1', start), input.size());
-    append(input.substr(start, end - start), "");
-    const char digit = end + 1 < input.size() ? input[end + 1] : 'x';
-    start = std::min(end + 1, input.size());
+  for (size_t start = 0; start < input_.size();) {
+    size_t end = std::min(input_.find('\1', start), input_.size());
+    append(input_.substr(start, end - start), "");
+    const char digit = end + 1 < input_.size() ? input_[end + 1] : 'x';
+    start = std::min(end + 1, input_.size());
     if (digit < '0' || digit > '9') {
       continue;
     }
-    end = std::min(input.find('\1', start), input.size());
-    const std::string text = input.substr(start + 1, end - start - 1);
+    end = std::min(input_.find('\1', start), input_.size());
+    const std::string text = input_.substr(start + 1, end - start - 1);
     const size_t times = size_t{1} << (2 * (digit - '0'));
-    for (size_t i = 0; i < times && !text.empty() && document.size() < max_size; ++i) {
+    for (size_t i = 0; i < times && !text.empty() && document.size() < max_size_; ++i) {
       append(text, std::to_string(i));
     }
-    start = std::min(end + 1, input.size());
+    start = std::min(end + 1, input_.size());
   }
-  return document.substr(0, max_size);
+  return document.substr(0, max_size_);
 }
 
 // The element after this one in document order, in the tree of root; null after the last.
-inline const XMLElement* Next(const XMLElement* element, const XMLElement* root) {
-  if (element->GetFirstChild() != nullptr) {
-    return element->GetFirstChild();
+inline const XMLElement* Next(const XMLElement* element_, const XMLElement* root_) {
+  if (element_->GetFirstChild() != nullptr) {
+    return element_->GetFirstChild();
   }
-  while (element != root && element->GetNextSibling() == nullptr) {
-    element = element->GetParent();
+  while (element_ != root_ && element_->GetNextSibling() == nullptr) {
+    element_ = element_->GetParent();
   }
-  return element == root ? nullptr : element->GetNextSibling();
+  return element_ == root_ ? nullptr : element_->GetNextSibling();
 }
 
 // Loads the document and hands over its tree; null if there is none. Whether it is valid goes to
 // is_valid.
-inline std::unique_ptr<XMLElement> Load(const std::string& path, const std::string& encoding,
-                                        size_t size, bool& is_valid) {
+inline std::unique_ptr<XMLElement> Load(const std::string& path_, const std::string& encoding_,
+                                        size_t size_, bool& is_valid_) {
   const Memory memory;
-  const XMLDocument document(path, encoding);
+  const XMLDocument document(path_, encoding_);
   std::unique_ptr<XMLElement> root(document.GetRoot());
-  is_valid = document.IsValidXML();
-  Require(is_valid == document.GetError().empty(), "an error has a text, and only an error",
+  is_valid_ = document.IsValidXML();
+  Require(is_valid_ == document.GetError().empty(), "an error has a text, and only an error",
           document.GetError());
-  RequireLimit("the daemon's memory for a document", memory.Own(), OwnLimit(size));
-  RequireLimit("expat's memory for a document", memory.Expats(), ExpatLimit(size));
+  RequireLimit("the daemon's memory for a document", memory.Own(), OwnLimit(size_));
+  RequireLimit("expat's memory for a document", memory.Expats(), ExpatLimit(size_));
   return root;
 }
 
 // Whether the secret has come into a text. A document cannot spell it by chance, but an input that
 // says it may: then nothing is known.
-inline void RequireNoSecret(const std::string& text, const std::string& document) {
-  Require(text.find(Secret::kText) == std::string::npos ||
-              document.find("nobody-asked") != std::string::npos,
-          "no other file is brought in", document);
+inline void RequireNoSecret(const std::string& text_, const std::string& document_) {
+  Require(text_.find(Secret::kText) == std::string::npos ||
+              document_.find("nobody-asked") != std::string::npos,
+          "no other file is brought in", document_);
 }
 
 }  // namespace fuzz

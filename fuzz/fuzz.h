@@ -13,26 +13,26 @@
 
 #include "xml.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_);
 
 namespace fuzz {
 
-inline void Require(bool holds, const char* property, const std::string& detail = "") {
-  if (!holds) {
-    fprintf(stderr, "property does not hold: %s\n%s\n", property, detail.c_str());
+inline void Require(bool holds_, const char* property_, const std::string& detail_ = "") {
+  if (!holds_) {
+    fprintf(stderr, "property does not hold: %s\n%s\n", property_, detail_.c_str());
     abort();
   }
 }
 
-inline bool IsUtf8(const std::string& text) {
-  return utf8::find_invalid(text.begin(), text.end()) == text.end();
+inline bool IsUtf8(const std::string& text_) {
+  return utf8::find_invalid(text_.begin(), text_.end()) == text_.end();
 }
 
-inline std::string Dumped(const XMLElement& root) {
+inline std::string Dumped(const XMLElement& root_) {
   char* buffer = nullptr;
   size_t size = 0;
   FILE* const stream = open_memstream(&buffer, &size);
-  root.Dump(stream, "");
+  root_.Dump(stream, "");
   fclose(stream);
   std::string text(buffer, size);
   free(buffer);
@@ -42,64 +42,64 @@ inline std::string Dumped(const XMLElement& root) {
 // The input, taken apart from the front.
 class Input {
  public:
-  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  Input(const uint8_t* data_, size_t size_) : data(data_), size(size_) {}
 
   uint8_t Byte() {
-    if (size_ == 0) {
+    if (size == 0) {
       return 0;
     }
-    --size_;
-    return *data_++;
+    --size;
+    return *data++;
   }
   // Up to the next line feed, which is dropped.
   std::string Line() {
     std::string line;
-    for (uint8_t byte = 0; size_ > 0 && (byte = Byte()) != '\n';) {
+    for (uint8_t byte = 0; size > 0 && (byte = Byte()) != '\n';) {
       line += static_cast<char>(byte);
     }
     return line;
   }
-  bool IsEmpty() const { return size_ == 0; }
-  std::string Rest() { return std::string(reinterpret_cast<const char*>(data_), size_); }
+  bool IsEmpty() const { return size == 0; }
+  std::string Rest() { return std::string(reinterpret_cast<const char*>(data), size); }
 
  private:
-  const uint8_t* data_;
-  size_t size_;
+  const uint8_t* data;
+  size_t size;
 };
 
 // A directory of this process on a memory file system, removed at its end.
 class Scratch {
  public:
   Scratch() {
-    char path[] = "/dev/shm/vocastra-fuzz-XXXXXX";
-    Require(mkdtemp(path) != nullptr, "a scratch directory can be made");
-    path_ = path;
+    char made[] = "/dev/shm/vocastra-fuzz-XXXXXX";
+    Require(mkdtemp(made) != nullptr, "a scratch directory can be made");
+    path = made;
   }
   ~Scratch() {
-    if (system(("rm -rf " + path_).c_str()) != 0) {
-      fprintf(stderr, "could not remove %s\n", path_.c_str());
+    if (system(("rm -rf " + path).c_str()) != 0) {
+      fprintf(stderr, "could not remove %s\n", path.c_str());
     }
   }
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;
 
-  std::string Write(const std::string& name, const std::string& content) const {
-    const std::string path = path_ + "/" + name;
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  std::string Write(const std::string& name_, const std::string& content_) const {
+    const std::string file = path + "/" + name_;
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     Require(fd >= 0, "a scratch file can be written");
     size_t written = 0;
-    while (written < content.size()) {
-      const ssize_t count = write(fd, content.data() + written, content.size() - written);
+    while (written < content_.size()) {
+      const ssize_t count = write(fd, content_.data() + written, content_.size() - written);
       Require(count > 0, "a scratch file can be written");
       written += static_cast<size_t>(count);
     }
     close(fd);
-    return path;
+    return file;
   }
-  const std::string& path() const { return path_; }
+  const std::string& Path() const { return path; }
 
  private:
-  std::string path_;
+  std::string path;
 };
 
 }  // namespace fuzz

@@ -16,22 +16,22 @@ namespace {
 
 constexpr size_t kMaxWordBytes = 400;  // The daemon cuts words after 100 characters.
 
-std::map<std::string, std::string> Entries(const XMLElement* root) {
+std::map<std::string, std::string> Entries(const XMLElement* root_) {
   std::map<std::string, std::string> entries;
-  for (const XMLElement* word : root->GetChildren("word")) {
+  for (const XMLElement* word : root_->GetChildren("word")) {
     entries.emplace(word->GetAttributeString("text"), word->GetAttributeString("speech"));
   }
   return entries;
 }
 
-void CheckWords(const Glossary& glossary, const std::map<std::string, std::string>& entries,
-                const std::string& words) {
+void CheckWords(const Glossary& glossary_, const std::map<std::string, std::string>& entries_,
+                const std::string& words_) {
   size_t begin = 0;
-  while (begin <= words.size()) {
-    const size_t end = std::min(words.find(' ', begin), words.size());
-    const std::string word = words.substr(begin, end - begin);
+  while (begin <= words_.size()) {
+    const size_t end = std::min(words_.find(' ', begin), words_.size());
+    const std::string word = words_.substr(begin, end - begin);
     fuzz::Require(word.size() > kMaxWordBytes ||
-                      glossary.SubstituteSpeech(word) == model::Speech(entries, word),
+                      glossary_.SubstituteSpeech(word) == model::Speech(entries_, word),
                   "a word is spoken by the rules", word);
     begin = end + 1;
   }
@@ -39,10 +39,10 @@ void CheckWords(const Glossary& glossary, const std::map<std::string, std::strin
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   static const fuzz::Scratch scratch;
   SetDebugMask(0);
-  fuzz::Input input(data, size);
+  fuzz::Input input(data_, size_);
   const std::string words = input.Line();
   const std::string content = fuzz::Unfold(input.Rest());
   const std::string path = scratch.Write("glossary.xml", content);

@@ -15,104 +15,104 @@ namespace {
 // libFuzzer has a thread of its own.
 class Counter {
  public:
-  void* Add(void* block) {
-    const size_t held = held_ += malloc_usable_size(block);
-    if (held > peak_) {
-      peak_ = held;
+  void* Add(void* block_) {
+    const size_t now = held += malloc_usable_size(block_);
+    if (now > peak) {
+      peak = now;
     }
-    return block;
+    return block_;
   }
-  void Remove(void* block) { held_ -= malloc_usable_size(block); }
+  void Remove(void* block_) { held -= malloc_usable_size(block_); }
   void Start() {
-    start_ = held_.load();
-    peak_ = held_.load();
+    start = held.load();
+    peak = held.load();
   }
-  size_t Peak() const { return peak_ - start_; }
+  size_t Peak() const { return peak - start; }
 
  private:
-  std::atomic<size_t> held_{0};
-  std::atomic<size_t> peak_{0};
-  size_t start_ = 0;
+  std::atomic<size_t> held{0};
+  std::atomic<size_t> peak{0};
+  size_t start = 0;
 };
 
 Counter own;
 Counter expats;
 
-void* Allocate(size_t size, size_t alignment) {
+void* Allocate(size_t size_, size_t alignment_) {
   void* block = nullptr;
-  if (posix_memalign(&block, std::max(alignment, sizeof(void*)), size) != 0) {
+  if (posix_memalign(&block, std::max(alignment_, sizeof(void*)), size_) != 0) {
     throw std::bad_alloc();
   }
   return own.Add(block);
 }
 
-void Release(void* block) noexcept {
-  own.Remove(block);
-  free(block);
+void Release(void* block_) noexcept {
+  own.Remove(block_);
+  free(block_);
 }
 
-void* AllocateForExpat(size_t size) { return expats.Add(malloc(size)); }
+void* AllocateForExpat(size_t size_) { return expats.Add(malloc(size_)); }
 
-void* ReallocateForExpat(void* block, size_t size) {
+void* ReallocateForExpat(void* block_, size_t size_) {
   // Old and new are held at once, as they are at worst.
-  void* const moved = malloc(size);
+  void* const moved = malloc(size_);
   if (moved == nullptr) {
     return nullptr;
   }
   expats.Add(moved);
-  if (block != nullptr) {
-    const size_t kept = std::min(size, malloc_usable_size(block));
-    std::copy_n(static_cast<const char*>(block), kept, static_cast<char*>(moved));
-    expats.Remove(block);
-    free(block);
+  if (block_ != nullptr) {
+    const size_t kept = std::min(size_, malloc_usable_size(block_));
+    std::copy_n(static_cast<const char*>(block_), kept, static_cast<char*>(moved));
+    expats.Remove(block_);
+    free(block_);
   }
   return moved;
 }
 
-void ReleaseForExpat(void* block) {
-  expats.Remove(block);
-  free(block);
+void ReleaseForExpat(void* block_) {
+  expats.Remove(block_);
+  free(block_);
 }
 
 }  // namespace
 
-void* operator new(size_t size) { return Allocate(size, alignof(max_align_t)); }
-void* operator new[](size_t size) { return Allocate(size, alignof(max_align_t)); }
-void* operator new(size_t size, std::align_val_t alignment) {
-  return Allocate(size, static_cast<size_t>(alignment));
+void* operator new(size_t size_) { return Allocate(size_, alignof(max_align_t)); }
+void* operator new[](size_t size_) { return Allocate(size_, alignof(max_align_t)); }
+void* operator new(size_t size_, std::align_val_t alignment_) {
+  return Allocate(size_, static_cast<size_t>(alignment_));
 }
-void* operator new[](size_t size, std::align_val_t alignment) {
-  return Allocate(size, static_cast<size_t>(alignment));
+void* operator new[](size_t size_, std::align_val_t alignment_) {
+  return Allocate(size_, static_cast<size_t>(alignment_));
 }
-void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+void* operator new(size_t size_, const std::nothrow_t& /*tag*/) noexcept {
   try {
-    return operator new(size);
+    return operator new(size_);
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
 }
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
-  return operator new(size, tag);
+void* operator new[](size_t size_, const std::nothrow_t& tag_) noexcept {
+  return operator new(size_, tag_);
 }
-void operator delete(void* block) noexcept { Release(block); }
-void operator delete[](void* block) noexcept { Release(block); }
-void operator delete(void* block, const std::nothrow_t& /*tag*/) noexcept { Release(block); }
-void operator delete[](void* block, const std::nothrow_t& /*tag*/) noexcept { Release(block); }
-void operator delete(void* block, size_t /*size*/) noexcept { Release(block); }
-void operator delete[](void* block, size_t /*size*/) noexcept { Release(block); }
-void operator delete(void* block, std::align_val_t /*alignment*/) noexcept { Release(block); }
-void operator delete[](void* block, std::align_val_t /*alignment*/) noexcept { Release(block); }
-void operator delete(void* block, size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
-  Release(block);
+void operator delete(void* block_) noexcept { Release(block_); }
+void operator delete[](void* block_) noexcept { Release(block_); }
+void operator delete(void* block_, const std::nothrow_t& /*tag*/) noexcept { Release(block_); }
+void operator delete[](void* block_, const std::nothrow_t& /*tag*/) noexcept { Release(block_); }
+void operator delete(void* block_, size_t /*size*/) noexcept { Release(block_); }
+void operator delete[](void* block_, size_t /*size*/) noexcept { Release(block_); }
+void operator delete(void* block_, std::align_val_t /*alignment*/) noexcept { Release(block_); }
+void operator delete[](void* block_, std::align_val_t /*alignment*/) noexcept { Release(block_); }
+void operator delete(void* block_, size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+  Release(block_);
 }
-void operator delete[](void* block, size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
-  Release(block);
+void operator delete[](void* block_, size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+  Release(block_);
 }
 
-extern "C" XML_Parser XML_ParserCreate(const XML_Char* encoding) {
+extern "C" XML_Parser XML_ParserCreate(const XML_Char* encoding_) {
   static const XML_Memory_Handling_Suite functions = {AllocateForExpat, ReallocateForExpat,
                                                       ReleaseForExpat};
-  return XML_ParserCreate_MM(encoding, &functions, nullptr);
+  return XML_ParserCreate_MM(encoding_, &functions, nullptr);
 }
 
 namespace fuzz {

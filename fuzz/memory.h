@@ -26,22 +26,22 @@ class Memory {
 //   3 for the bytes as read, 2 * 2 for them as UTF-8, 3 * 4 for them with invalid ones replaced.
 // The sorting of an element's attributes: 16 bytes for each, which has at least 6 in the file.
 // Small things beside: 64 KiB.
-inline size_t OwnLimit(size_t size) {
-  return (size_t{4} << 20) + 64 * size + (3 + 2 * 2 + 3 * 4 + 3) * size + (64 << 10);
+inline size_t OwnLimit(size_t size_) {
+  return (size_t{4} << 20) + 64 * size_ + (3 + 2 * 2 + 3 * 4 + 3) * size_ + (64 << 10);
 }
 
 // Open elements, declarations and the token that is being read: an open element takes 150 bytes
 // for 3 of the file, and a token is held in a buffer that doubles. Entities: expat stops when their
 // text is over 8 MiB and over 100 times the file; what it keeps of it is in a buffer that doubles,
 // so 3 times that while it grows.
-inline size_t ExpatLimit(size_t size) {
-  const size_t entities = std::max(size_t{8} << 20, 100 * size);
-  return 128 * size + 3 * entities + (256 << 10);
+inline size_t ExpatLimit(size_t size_) {
+  const size_t entities = std::max(size_t{8} << 20, 100 * size_);
+  return 128 * size_ + 3 * entities + (256 << 10);
 }
 
-inline void RequireLimit(const char* property, size_t bytes, size_t limit) {
-  Require(bytes <= limit, property,
-          std::to_string(bytes) + " bytes, the limit is " + std::to_string(limit));
+inline void RequireLimit(const char* property_, size_t bytes_, size_t limit_) {
+  Require(bytes_ <= limit_, property_,
+          std::to_string(bytes_) + " bytes, the limit is " + std::to_string(limit_));
 }
 
 }  // namespace fuzz

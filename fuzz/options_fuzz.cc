@@ -13,17 +13,17 @@
 #include "fuzz.h"
 #include "options.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   static FILE* const silenced = freopen("/dev/null", "w", stdout);
   fuzz::Require(silenced != nullptr, "standard output can be silenced");
   std::vector<std::string> arguments = {"vocastra"};
   std::string argument;
-  for (size_t i = 0; i <= size; ++i) {
-    if (i == size || data[i] == 0) {
+  for (size_t i = 0; i <= size_; ++i) {
+    if (i == size_ || data_[i] == 0) {
       arguments.push_back(argument);
       argument.clear();
     } else {
-      argument += static_cast<char>(data[i]);
+      argument += static_cast<char>(data_[i]);
     }
   }
   std::vector<char*> argv;
@@ -32,14 +32,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   argv.push_back(nullptr);
   // Every value is a whole argument or the end of one: of "-cfile", "--config=file" or "file".
-  const auto is_end = [&arguments](const std::string& value) {
-    return std::any_of(arguments.begin() + 1, arguments.end(), [&](const std::string& whole) {
-      return whole.size() >= value.size() &&
-             whole.compare(whole.size() - value.size(), value.size(), value) == 0;
+  const auto is_end = [&arguments](const std::string& value_) {
+    return std::any_of(arguments.begin() + 1, arguments.end(), [value_](const std::string& whole_) {
+      return whole_.size() >= value_.size() &&
+             whole_.compare(whole_.size() - value_.size(), value_.size(), value_) == 0;
     });
   };
   const bool has_option = std::any_of(arguments.begin() + 1, arguments.end(),
-                                      [](const std::string& text) { return text[0] == '-'; });
+                                      [](const std::string& text_) { return text_[0] == '-'; });
   int exit_status = -1;
   const std::optional<Options> options =
       ParseOptions(static_cast<int>(arguments.size()), argv.data(), exit_status);

@@ -33,11 +33,11 @@ constexpr char kStuck = 'h';   // A file of this name cannot be removed.
 
 const fuzz::Scratch scratch;
 
-bool IsVisible(const std::string& name) { return name[0] != '.'; }
+bool IsVisible(const std::string& name_) { return name_[0] != '.'; }
 
-std::vector<std::string> NamesIn(const std::string& path) {
+std::vector<std::string> NamesIn(const std::string& path_) {
   std::vector<std::string> names;
-  DIR* const directory = opendir(path.c_str());
+  DIR* const directory = opendir(path_.c_str());
   while (const dirent* entry = readdir(directory)) {
     if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
       names.emplace_back(entry->d_name);
@@ -47,8 +47,8 @@ std::vector<std::string> NamesIn(const std::string& path) {
   return names;
 }
 
-std::string ContentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+std::string ContentOf(const std::string& path_) {
+  std::ifstream file(path_, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -56,20 +56,20 @@ std::string ContentOf(const std::string& path) {
 
 extern "C" {
 
-int unlink(const char* path) noexcept {
-  const size_t length = strlen(path);
-  if (length >= 2 && path[length - 2] == '/' && path[length - 1] == kStuck) {
+int unlink(const char* path_) noexcept {
+  const size_t length = strlen(path_);
+  if (length >= 2 && path_[length - 2] == '/' && path_[length - 1] == kStuck) {
     errno = EPERM;
     return -1;
   }
-  return remove(path);
+  return remove(path_);
 }
 
 // No shell, which would cost most of the time. Its two commands are done here.
 int posix_spawn(pid_t* /*pid*/, const char* /*path*/, const posix_spawn_file_actions_t* /*actions*/,
-                const posix_spawnattr_t* /*attributes*/, char* const* arguments,
+                const posix_spawnattr_t* /*attributes*/, char* const* arguments_,
                 char* const* /*environment*/) {
-  const std::string command = arguments[2];
+  const std::string command = arguments_[2];
   const size_t first = command.find(' ') + 1;
   const size_t second = command.find(' ', first) + 1;
   if (command.compare(0, 3, "rm ") == 0) {
@@ -98,19 +98,19 @@ namespace {
 class ContentParser : public FileParser {
  public:
   std::string ParseFile(const std::string& path_) const override { return Parse(ContentOf(path_)); }
-  static std::string Parse(const std::string& content) {
-    if (!content.empty() && content[0] == '!') {
+  static std::string Parse(const std::string& content_) {
+    if (!content_.empty() && content_[0] == '!') {
       throw std::string("cannot take it");
     }
-    return content;
+    return content_;
   }
 };
 
 // The directory that four bytes of the first line describe.
-model::Directory Describe(const std::string& line, size_t number) {
-  const auto byte = [&line, number](size_t i) {
-    const size_t position = 4 * number + i;
-    return position < line.size() ? static_cast<unsigned char>(line[position]) : 0U;
+model::Directory Describe(const std::string& line_, size_t number_) {
+  const auto byte = [&line_, number_](size_t i_) {
+    const size_t position = 4 * number_ + i_;
+    return position < line_.size() ? static_cast<unsigned char>(line_[position]) : 0U;
   };
   model::Directory directory;
   directory.word_limit = static_cast<int>(byte(0) % 8) - 1;
@@ -120,8 +120,8 @@ model::Directory Describe(const std::string& line, size_t number) {
   directory.has_last_played = (byte(3) & 1) != 0;
   directory.auto_delete = static_cast<int>(byte(3) >> 1 & 1);
   directory.stuck = {{kStuck}};
-  directory.parse = [](const std::string&, const std::string& content) {
-    return ContentParser::Parse(content);
+  directory.parse = [](const std::string&, const std::string& content_) {
+    return ContentParser::Parse(content_);
   };
   return directory;
 }
@@ -131,64 +131,64 @@ class Pair {
  public:
   model::Directory model;
 
-  Pair(const std::string& line, size_t number)
-      : model(Describe(line, number)), path_(scratch.path() + "/in" + std::to_string(number)) {
-    last_played_path_ = path_ + "-played";
-    for (const std::string& path : {path_, last_played_path_}) {
-      mkdir(path.c_str(), 0700);
-      for (const std::string& name : NamesIn(path)) {
-        remove((path + "/" + name).c_str());
+  Pair(const std::string& line_, size_t number_)
+      : model(Describe(line_, number_)), path(scratch.Path() + "/in" + std::to_string(number_)) {
+    last_played_path = path + "-played";
+    for (const std::string& made : {path, last_played_path}) {
+      mkdir(made.c_str(), 0700);
+      for (const std::string& name : NamesIn(made)) {
+        remove((made + "/" + name).c_str());
       }
     }
     scratch.Write(Name('a'), "an old file that is removed");
     scratch.Write(Name(kStuck), "an old file that stays");
     model.files = {{"a", "an old file that is removed"}, {{kStuck}, "an old file that stays"}};
     model.id = "d";
-    model.path = path_;
+    model.path = path;
     model.Open();
     XMLElement element("directory");
     element.SetAttributeString("id", "d");
     element.SetAttributeString("type", "local");
-    element.SetAttributeString("path", path_);
+    element.SetAttributeString("path", path);
     element.SetAttributeInteger("loops", model.loops);
     element.SetAttributeInteger("preview", model.preview);
     element.SetAttributeInteger("auto-delete", model.auto_delete);
     element.SetAttributeString("dir-mode", model.is_cache ? "cache" : "");
-    element.SetAttributeString("last-played-path", model.has_last_played ? last_played_path_ : "");
-    directory_ = std::make_unique<InputDirectory>(element, "", "", model.word_limit);
-    directory_->SetFileParser(&parser_);
+    element.SetAttributeString("last-played-path", model.has_last_played ? last_played_path : "");
+    directory = std::make_unique<InputDirectory>(element, "", "", model.word_limit);
+    directory->SetFileParser(&parser);
   }
 
-  void Step(char step, char letter, const std::string& text, int& last_id) {
-    const char plain = static_cast<char>('a' + ((letter - 'a') & 7));
+  void Step(char step_, char letter_, const std::string& text_, int& last_id_) {
+    const char plain = static_cast<char>('a' + ((letter_ - 'a') & 7));
     const std::string name = plain == kHidden ? ".g" : std::string(1, plain);
-    switch (step) {
+    switch (step_) {
       case 'w':
-        Write(name, text);
+        Write(name, text_);
         break;
       case 'd':
-        remove((path_ + "/" + name).c_str());
+        remove((path + "/" + name).c_str());
         model.files.erase(name);
         break;
       case 'p':
-        directory_->Process();
-        model.Process(last_id);
+        directory->Process();
+        model.Process(last_id_);
         break;
       case 'g':
-        fuzz::Require(directory_->GetWords() == model.GetWords(),
+        fuzz::Require(directory->GetWords() == model.GetWords(),
                       "the words are those of the rules");
         break;
       case 's':
-        directory_->StopMessage();
+        directory->StopMessage();
         model.StopMessage();
         break;
       case 'r':
-        directory_->RestartMessage();
+        directory->RestartMessage();
         model.RestartMessage();
         break;
       case 'n':
         model.has_parser = !model.has_parser;
-        directory_->SetFileParser(model.has_parser ? &parser_ : nullptr);
+        directory->SetFileParser(model.has_parser ? &parser : nullptr);
         break;
       default:
         break;
@@ -196,58 +196,58 @@ class Pair {
   }
 
   // REQUIRES: ids begin after first_id.
-  void Compare(int first_id) const {
+  void Compare(int first_id_) const {
     model::Directory expected = model;
-    expected.message_id += model.message_id == 0 ? 0 : first_id;
-    const int id = directory_->GetActiveMessageID();
+    expected.message_id += model.message_id == 0 ? 0 : first_id_;
+    const int id = directory->GetActiveMessageID();
     fuzz::Require(id == expected.message_id, "the message is that of the rules",
                   std::to_string(id) + " is not " + std::to_string(expected.message_id));
-    fuzz::Require(directory_->GetActiveMessageFilename() == model.message_filename,
-                  "the message has its file's name", directory_->GetActiveMessageFilename());
-    fuzz::Require(directory_->FirstPlayOfActiveMessage() == model.is_first_play,
+    fuzz::Require(directory->GetActiveMessageFilename() == model.message_filename,
+                  "the message has its file's name", directory->GetActiveMessageFilename());
+    fuzz::Require(directory->FirstPlayOfActiveMessage() == model.is_first_play,
                   "the first play is known");
-    const std::string status = fuzz::Dumped(*std::unique_ptr<XMLElement>(directory_->GetStatus()));
+    const std::string status = fuzz::Dumped(*std::unique_ptr<XMLElement>(directory->GetStatus()));
     fuzz::Require(status == expected.Status(), "the status is that of the rules",
                   status + expected.Status());
-    CompareFiles(path_, model.files);
-    CompareFiles(last_played_path_, model.last_played);
+    CompareFiles(path, model.files);
+    CompareFiles(last_played_path, model.last_played);
   }
 
  private:
-  std::string Name(char letter) const { return path_.substr(path_.rfind('/') + 1) + "/" + letter; }
+  std::string Name(char letter_) const { return path.substr(path.rfind('/') + 1) + "/" + letter_; }
 
-  void Write(const std::string& name, std::string text) {
-    for (char& c : text) {
+  void Write(const std::string& name_, std::string text_) {
+    for (char& c : text_) {
       c = c == '|' ? '\n' : c;
     }
-    scratch.Write(path_.substr(path_.rfind('/') + 1) + "/" + name, text);
-    model.files[name] = text;
+    scratch.Write(path.substr(path.rfind('/') + 1) + "/" + name_, text_);
+    model.files[name_] = text_;
   }
 
-  static void CompareFiles(const std::string& path, const model::Files& expected) {
+  static void CompareFiles(const std::string& path_, const model::Files& expected_) {
     model::Files found;
-    for (const std::string& name : NamesIn(path)) {
-      found[name] = ContentOf(path + "/" + name);
+    for (const std::string& name : NamesIn(path_)) {
+      found[name] = ContentOf(path_ + "/" + name);
     }
     std::string names;
     for (const auto& [name, content] : found) {
       names += name + " ";
     }
-    fuzz::Require(found == expected, "the files are those that the rules leave", names);
+    fuzz::Require(found == expected_, "the files are those that the rules leave", names);
   }
 
-  ContentParser parser_;
-  std::string path_;
-  std::string last_played_path_;
-  std::unique_ptr<InputDirectory> directory_;
+  ContentParser parser;
+  std::string path;
+  std::string last_played_path;
+  std::unique_ptr<InputDirectory> directory;
 };
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   static int first_id = 0;  // Ids are never used again.
   SetDebugMask(0);
-  fuzz::Input input(data, size);
+  fuzz::Input input(data_, size_);
   const std::string attributes = input.Line();
   Pair pairs[] = {{attributes, 0}, {attributes, 1}};
   int last_id = 0;

@@ -12,19 +12,20 @@ namespace {
 
 constexpr size_t kMaxDepth = 100;  // A dump has four columns more for each.
 
-std::string Dumped(const XMLElement& root) {
+std::string Dumped(const XMLElement& root_) {
   char* buffer = nullptr;
   size_t size = 0;
   FILE* stream = open_memstream(&buffer, &size);
-  root.Dump(stream, "");
+  root_.Dump(stream, "");
   fclose(stream);
   std::string text(buffer, size);
   free(buffer);
   return text;
 }
 
-bool IsFlat(const XMLElement* root) {
-  for (const XMLElement* element = root; element != nullptr; element = fuzz::Next(element, root)) {
+bool IsFlat(const XMLElement* root_) {
+  for (const XMLElement* element = root_; element != nullptr;
+       element = fuzz::Next(element, root_)) {
     size_t depth = 0;
     for (const XMLElement* above = element; above != nullptr; above = above->GetParent()) {
       if (++depth > kMaxDepth) {
@@ -36,12 +37,12 @@ bool IsFlat(const XMLElement* root) {
 }
 
 // What the tools read of a status, which they do without a check.
-void ReadAll(const XMLElement& root) {
+void ReadAll(const XMLElement& root_) {
   for (const char* name : {"timestamp", "now-playing", "output-bound"}) {
-    root.GetAttributeInteger(name);
+    root_.GetAttributeInteger(name);
   }
-  root.GetAttributeString("state");
-  for (const XMLElement* directory : root.GetChildren("directory")) {
+  root_.GetAttributeString("state");
+  for (const XMLElement* directory : root_.GetChildren("directory")) {
     for (const char* name : {"id", "status", "path"}) {
       directory->GetAttributeString(name);
     }
@@ -57,10 +58,10 @@ void ReadAll(const XMLElement& root) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   static const fuzz::Scratch scratch;
   SetDebugMask(0);
-  fuzz::Input input(data, size);
+  fuzz::Input input(data_, size_);
   const size_t cut = input.Byte();
   const std::string text = fuzz::Unfold(input.Rest());
   const std::unique_ptr<XMLElement> root = ParseStatus(text);

@@ -6,12 +6,12 @@
 #include "fuzz.h"
 #include "textfileparser.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   static const fuzz::Scratch scratch;
   static FILE* const silenced = freopen("/dev/null", "w", stdout);  // The dump of mended bytes.
   fuzz::Require(silenced != nullptr, "standard output can be silenced");
   SetDebugMask(0);
-  fuzz::Input input(data, size);
+  fuzz::Input input(data_, size_);
   const char* const encodings[] = {"utf8", "ascii", "utf16"};
   const std::string encoding = encodings[input.Byte() % 3];
   const std::string content = input.Rest();

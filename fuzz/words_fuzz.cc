@@ -42,9 +42,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   XMLElement element("directory");
   element.SetAttributeString("type", "local");
-  element.SetAttributeString("path", scratch.path());
+  element.SetAttributeString("path", scratch.Path());
   element.SetAttributeInteger("loops", loops);
-  unlink((scratch.path() + "/message").c_str());  // An empty message is left lying.
+  unlink((scratch.Path() + "/message").c_str());  // An empty message is left lying.
   InputDirectory directory(element, "", "", limit);
   directory.SetFileParser(&parser);
   directory.Process();

@@ -14,12 +14,13 @@ constexpr size_t kMaxDumpBytes = 4 << 20;
 
 const fuzz::Scratch scratch;
 
-void CheckElements(const XMLElement* root, const std::string& document) {
-  for (const XMLElement* element = root; element != nullptr; element = fuzz::Next(element, root)) {
+void CheckElements(const XMLElement* root_, const std::string& document_) {
+  for (const XMLElement* element = root_; element != nullptr;
+       element = fuzz::Next(element, root_)) {
     fuzz::Require(fuzz::IsUtf8(element->GetName()), "names are UTF-8");
     const std::string text = element->GetText();
     fuzz::Require(fuzz::IsUtf8(text), "texts are UTF-8");
-    fuzz::RequireNoSecret(text, document);
+    fuzz::RequireNoSecret(text, document_);
     for (const XMLElement* child = element->GetFirstChild(); child != nullptr;
          child = child->GetNextSibling()) {
       fuzz::Require(child->GetParent() == element, "a child's parent is its holder");
@@ -28,11 +29,11 @@ void CheckElements(const XMLElement* root, const std::string& document) {
 }
 
 // Whether a dump stays small: that of n nested elements has n * n / 2 columns of indentation.
-bool HasSmallIndentation(const XMLElement* root) {
+bool HasSmallIndentation(const XMLElement* root_) {
   size_t columns = 0;
-  for (const XMLElement* element = root; element != nullptr && columns < kMaxDumpBytes;
-       element = fuzz::Next(element, root)) {
-    for (const XMLElement* ancestor = element; ancestor != root && columns < kMaxDumpBytes;
+  for (const XMLElement* element = root_; element != nullptr && columns < kMaxDumpBytes;
+       element = fuzz::Next(element, root_)) {
+    for (const XMLElement* ancestor = element; ancestor != root_ && columns < kMaxDumpBytes;
          ancestor = ancestor->GetParent()) {
       columns += 2 * 4;  // Start tag and end tag.
     }
@@ -42,15 +43,15 @@ bool HasSmallIndentation(const XMLElement* root) {
 
 // Whether values may hold what a dump does not escape: without references, values in single quotes
 // and declarations they cannot.
-bool NeedsEscaping(const std::string& text) {
-  return text.find_first_of("&'") != std::string::npos || text.find("<!") != std::string::npos;
+bool NeedsEscaping(const std::string& text_) {
+  return text_.find_first_of("&'") != std::string::npos || text_.find("<!") != std::string::npos;
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   SetDebugMask(0);
-  fuzz::Input input(data, size);
+  fuzz::Input input(data_, size_);
   const char* const encodings[] = {"utf8", "ascii", "utf16"};
   const std::string encoding = encodings[input.Byte() % 3];
   const std::string text = fuzz::Unfold(input.Rest());

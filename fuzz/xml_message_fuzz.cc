@@ -23,16 +23,16 @@ const fuzz::Scratch scratch;
 // Words of four letters each: parent, tag, attribute, value; '-' stands for none, other letters
 // for themselves. The first byte chooses mode and encoding.
 struct Configuration {
-  explicit Configuration(const std::string& line) {
-    const unsigned int choice = line.empty() ? 0 : static_cast<unsigned char>(line[0]);
+  explicit Configuration(const std::string& line_) {
+    const unsigned int choice = line_.empty() ? 0 : static_cast<unsigned char>(line_[0]);
     attribute_mode = (choice & 1) != 0;
     const char* const encodings[] = {"utf8", "ascii", "utf16"};
     encoding = encodings[choice / 2 % 3];
-    const auto letter = [&line](size_t i) {
-      const char c = line[i];
+    const auto letter = [&line_](size_t i_) {
+      const char c = line_[i_];
       return c >= 'a' && c <= 'z' ? std::string(1, c) : std::string();
     };
-    for (size_t i = 1; i + 4 <= line.size() && fields.size() < 8; i += 4) {
+    for (size_t i = 1; i + 4 <= line_.size() && fields.size() < 8; i += 4) {
       fields.push_back({letter(i), letter(i + 1), letter(i + 2), letter(i + 3)});
     }
   }
@@ -41,12 +41,12 @@ struct Configuration {
   std::vector<model::Field> fields;
 };
 
-XMLFileParser MakeParser(const Configuration& configuration) {
+XMLFileParser MakeParser(const Configuration& configuration_) {
   XMLElement element("parser");
   element.SetAttributeString("id", "fuzz");
   element.SetAttributeString("type", "xml");
-  element.SetAttributeInteger("attr-mode", configuration.attribute_mode ? 1 : 0);
-  for (const model::Field& field : configuration.fields) {
+  element.SetAttributeInteger("attr-mode", configuration_.attribute_mode ? 1 : 0);
+  for (const model::Field& field : configuration_.fields) {
     auto* child = new XMLElement("field");
     child->SetAttributeString("parent", field.parent);
     child->SetAttributeString("tag", field.tag);
@@ -54,14 +54,14 @@ XMLFileParser MakeParser(const Configuration& configuration) {
     child->SetAttributeString("attr_value", field.attr_value);
     element.AddChild(child);
   }
-  return XMLFileParser(&element, configuration.encoding);
+  return XMLFileParser(&element, configuration_.encoding);
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   SetDebugMask(0);
-  fuzz::Input input(data, size);
+  fuzz::Input input(data_, size_);
   const Configuration configuration(input.Line());
   const std::string content = fuzz::Unfold(input.Rest());
   const std::string path = scratch.Write("message.xml", content);
