@@ -12,56 +12,56 @@
 class ScratchDirectory {
  public:
   ScratchDirectory() {
-    char path[] = "/tmp/vocastra-bench-XXXXXX";
-    if (mkdtemp(path) == nullptr) {
+    char made[] = "/tmp/vocastra-bench-XXXXXX";
+    if (mkdtemp(made) == nullptr) {
       abort();
     }
-    path_ = path;
+    path = made;
   }
   ~ScratchDirectory() {
-    if (system(("rm -rf " + path_).c_str()) != 0) {
+    if (system(("rm -rf " + path).c_str()) != 0) {
       abort();
     }
   }
   ScratchDirectory(const ScratchDirectory&) = delete;
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
 
-  const std::string& path() const { return path_; }
+  const std::string& Path() const { return path; }
 
   // Returns the path of the file written.
-  std::string Write(const std::string& name, const std::string& content) const {
-    const std::string path = path_ + "/" + name;
-    FILE* file = fopen(path.c_str(), "we");
-    if (file == nullptr || fwrite(content.data(), 1, content.size(), file) != content.size() ||
+  std::string Write(const std::string& name_, const std::string& content_) const {
+    const std::string file_path = path + "/" + name_;
+    FILE* file = fopen(file_path.c_str(), "we");
+    if (file == nullptr || fwrite(content_.data(), 1, content_.size(), file) != content_.size() ||
         fclose(file) != 0) {
       abort();
     }
-    return path;
+    return file_path;
   }
 
  private:
-  std::string path_;
+  std::string path;
 };
 
-// At least size bytes of text in the words given, over and over.
-inline std::string Repeated(const std::string& words, size_t size) {
+// At least size_ bytes of text: words_ over and over.
+inline std::string Repeated(const std::string& words_, size_t size_) {
   std::string text;
-  while (text.size() < size) {
-    text += words;
+  while (text.size() < size_) {
+    text += words_;
   }
   return text;
 }
 
-// At least size bytes of sentences, words drawn at random and always the same ones: a text that
-// repeats itself would let the processor foresee where its words and umlauts are.
-inline std::string NaturalText(size_t size) {
+// At least size_ bytes of sentences, of words drawn at random, always the same: in a text that
+// repeats itself the branch predictor would know the words.
+inline std::string NaturalText(size_t size_) {
   constexpr const char* kWords[] = {
       "der",    "Zug",    "nach", "Köln",  "fährt", "heute",     "the",   "train", "to",
       "north",  "leaves", "from", "Gleis", "fünf,", "platform",  "nine,", "nicht", "Minuten",
       "später", "bitte",  "für",  "Ihr",   "über",  "Frankfurt", "we",    "ask",   "patience."};
   std::string text;
   uint32_t state = 1;
-  while (text.size() < size) {
+  while (text.size() < size_) {
     state = state * 1664525 + 1013904223;  // Numerical Recipes' generator.
     text += kWords[(state >> 16) % (sizeof(kWords) / sizeof(kWords[0]))];
     text += ' ';

@@ -1,4 +1,4 @@
-// The check and mending of UTF-8 beside utfcpp alone, and the conversion of extended ASCII.
+// The check and repair of UTF-8 beside utfcpp alone, and the conversion of extended ASCII.
 
 #include <benchmark/benchmark.h>
 #include <utf8.h>
@@ -17,59 +17,59 @@ constexpr char kRussian[] = "Поезд отправляется с девято
 constexpr char kJapanese[] = "電車は六番線ではなく九番線から出発します。";
 constexpr char kEmoji[] = "🚆🚉🕘🔔🚇🛤🎫🧳";
 
-void SetBytes(benchmark::State& state, const std::string& text) {
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+void SetBytes(benchmark::State& state_, const std::string& text_) {
+  state_.SetBytesProcessed(state_.iterations() * static_cast<int64_t>(text_.size()));
 }
 
-void UTF8Check_Daemon(benchmark::State& state, const char* words) {
-  const std::string text = Repeated(words, kTextBytes);
-  for (auto _ : state) {
+void UTF8Check_Daemon(benchmark::State& state_, const char* words_) {
+  const std::string text = Repeated(words_, kTextBytes);
+  for (auto _ : state_) {
     benchmark::DoNotOptimize(Utf8IsValid(text));
   }
-  SetBytes(state, text);
+  SetBytes(state_, text);
 }
 
-void UTF8Check_Utfcpp(benchmark::State& state, const char* words) {
-  const std::string text = Repeated(words, kTextBytes);
-  for (auto _ : state) {
+void UTF8Check_Utfcpp(benchmark::State& state_, const char* words_) {
+  const std::string text = Repeated(words_, kTextBytes);
+  for (auto _ : state_) {
     benchmark::DoNotOptimize(utf8::find_invalid(text.begin(), text.end()) == text.end());
   }
-  SetBytes(state, text);
+  SetBytes(state_, text);
 }
 
-void UTF8Mend_Daemon(benchmark::State& state) {
+void UTF8Repair_Daemon(benchmark::State& state_) {
   const std::string text = Repeated(std::string(kGerman) + "\xFF", kTextBytes);
-  for (auto _ : state) {
+  for (auto _ : state_) {
     benchmark::DoNotOptimize(Utf8ReplaceInvalid(text));
   }
-  SetBytes(state, text);
+  SetBytes(state_, text);
 }
 
-void UTF8Mend_Utfcpp(benchmark::State& state) {
+void UTF8Repair_Utfcpp(benchmark::State& state_) {
   const std::string text = Repeated(std::string(kGerman) + "\xFF", kTextBytes);
-  for (auto _ : state) {
+  for (auto _ : state_) {
     std::string mended;
     utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(mended), 0xFFFD);
     benchmark::DoNotOptimize(mended);
   }
-  SetBytes(state, text);
+  SetBytes(state_, text);
 }
 
 // Bytes of which one in nine is not ASCII, as in Latin-1 German.
 std::string ExtendedAscii() { return Repeated("f\xFCnf Uhr, ", kTextBytes); }
 
-void ExtAscii_Daemon(benchmark::State& state) {
+void ExtAscii_Daemon(benchmark::State& state_) {
   const std::string text = ExtendedAscii();
-  for (auto _ : state) {
+  for (auto _ : state_) {
     benchmark::DoNotOptimize(ExtAsciiToUtf8String(text));
   }
-  SetBytes(state, text);
+  SetBytes(state_, text);
 }
 
 // The yardstick converts ISO 8859-1, without the characters that are placed otherwise.
-void ExtAscii_ByteLoop(benchmark::State& state) {
+void ExtAscii_ByteLoop(benchmark::State& state_) {
   const std::string text = ExtendedAscii();
-  for (auto _ : state) {
+  for (auto _ : state_) {
     std::string converted;
     for (const char c : text) {
       const unsigned int byte = static_cast<unsigned char>(c);
@@ -82,7 +82,7 @@ void ExtAscii_ByteLoop(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(converted);
   }
-  SetBytes(state, text);
+  SetBytes(state_, text);
 }
 
 BENCHMARK_CAPTURE(UTF8Check_Daemon, ascii, kEnglish);
@@ -95,8 +95,8 @@ BENCHMARK_CAPTURE(UTF8Check_Daemon, japanese, kJapanese);
 BENCHMARK_CAPTURE(UTF8Check_Utfcpp, japanese, kJapanese);
 BENCHMARK_CAPTURE(UTF8Check_Daemon, emoji, kEmoji);
 BENCHMARK_CAPTURE(UTF8Check_Utfcpp, emoji, kEmoji);
-BENCHMARK(UTF8Mend_Daemon);
-BENCHMARK(UTF8Mend_Utfcpp);
+BENCHMARK(UTF8Repair_Daemon);
+BENCHMARK(UTF8Repair_Utfcpp);
 BENCHMARK(ExtAscii_Daemon);
 BENCHMARK(ExtAscii_ByteLoop);
 

@@ -41,34 +41,34 @@ class LogToNowhere {
 
 // One scan that finds the file, takes it and splits it: read and checked twice, logged, summed,
 // removed.
-void Words_Daemon(benchmark::State& state) {
+void Words_Daemon(benchmark::State& state_) {
   const LogToNowhere log;
   const ScratchDirectory scratch;
   const TextFileParser parser("utf8");
   XMLElement element("directory");
   element.SetAttributeString("type", "local");
-  element.SetAttributeString("path", scratch.path());
+  element.SetAttributeString("path", scratch.Path());
   InputDirectory directory(element, "", "", 10);
   directory.SetFileParser(&parser);
   directory.Process();
   const std::string text = NaturalText(kMessageBytes);
   int number = 0;
-  for (auto _ : state) {
-    state.PauseTiming();
+  for (auto _ : state_) {
+    state_.PauseTiming();
     directory.StopMessage();
     scratch.Write(std::to_string(number++), text);
-    state.ResumeTiming();
+    state_.ResumeTiming();
     directory.Process();
     if (directory.GetActiveMessageID() == 0) {
-      state.SkipWithError("the message did not become active");
+      state_.SkipWithError("the message did not become active");
       break;
     }
   }
 }
 
-void Words_CodePoints(benchmark::State& state) {
+void Words_CodePoints(benchmark::State& state_) {
   const std::string text = NaturalText(kMessageBytes);
-  for (auto _ : state) {
+  for (auto _ : state_) {
     uint32_t sum = 0;
     for (auto next = text.begin(); next != text.end();) {
       sum += utf8::next(next, text.end());
@@ -77,26 +77,26 @@ void Words_CodePoints(benchmark::State& state) {
   }
 }
 
-void FillDirectory(const ScratchDirectory& scratch, int64_t count) {
-  for (int64_t i = 0; i < count; ++i) {
-    scratch.Write("message-" + std::to_string(i * 7919 % count) + ".txt", "text");
+void FillDirectory(const ScratchDirectory& scratch_, int64_t count_) {
+  for (int64_t i = 0; i < count_; ++i) {
+    scratch_.Write("message-" + std::to_string(i * 7919 % count_) + ".txt", "text");
   }
 }
 
-void Listing_Daemon(benchmark::State& state) {
+void Listing_Daemon(benchmark::State& state_) {
   const ScratchDirectory scratch;
-  FillDirectory(scratch, state.range(0));
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(Directory(scratch.path()).GetFileNames());
+  FillDirectory(scratch, state_.range(0));
+  for (auto _ : state_) {
+    benchmark::DoNotOptimize(Directory(scratch.Path()).GetFileNames());
   }
 }
 
-void Listing_ReaddirAndSort(benchmark::State& state) {
+void Listing_ReaddirAndSort(benchmark::State& state_) {
   const ScratchDirectory scratch;
-  FillDirectory(scratch, state.range(0));
-  for (auto _ : state) {
+  FillDirectory(scratch, state_.range(0));
+  for (auto _ : state_) {
     std::vector<std::string> names;
-    DIR* dir = opendir(scratch.path().c_str());
+    DIR* dir = opendir(scratch.Path().c_str());
     while (const dirent* entry = readdir(dir)) {
       if (entry->d_type == DT_REG && entry->d_name[0] != '.') {
         names.emplace_back(entry->d_name);

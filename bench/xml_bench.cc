@@ -28,7 +28,7 @@ constexpr size_t kDocumentBytes = 100000;
 
 // A document such as an XML message, only longer: elements three deep, most with text, some with
 // attributes.
-std::string Document(size_t size) {
+std::string Document(size_t size_) {
   return "<alerts>\n" +
          Repeated(
              "  <alert id=\"4711\" severity=\"minor\">\n"
@@ -39,13 +39,13 @@ std::string Document(size_t size) {
              "      <source>Control centre</source>\n"
              "    </info>\n"
              "  </alert>\n",
-             size) +
+             size_) +
          "</alerts>\n";
 }
 
-std::string GlossaryText(int words) {
+std::string GlossaryText(int words_) {
   std::string text = "<glossary>\n";
-  for (int i = 0; i < words; ++i) {
+  for (int i = 0; i < words_; ++i) {
     text += "  <word text=\"Word" + std::to_string(i) + "\" speech=\"spoken form " +
             std::to_string(i) + "\"/>\n";
   }
@@ -56,9 +56,9 @@ void Start(void*, const char*, const char**) {}
 void End(void*, const char*) {}
 void Text(void*, const char*, int) {}
 
-void RawExpat(const std::string& path) {
+void RawExpat(const std::string& path_) {
   std::string text;
-  FILE* file = fopen(path.c_str(), "re");
+  FILE* file = fopen(path_.c_str(), "re");
   char block[16384];
   size_t length = 0;
   while ((length = fread(block, 1, sizeof(block), file)) > 0) {
@@ -83,43 +83,43 @@ void RawExpat(const std::string& path) {
 }
 
 // The tree is deleted outside of what is timed; XMLMessage and Glossary below include that.
-void XMLLoad_Daemon(benchmark::State& state) {
+void XMLLoad_Daemon(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("document.xml", Document(kDocumentBytes));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     auto document = std::make_unique<XMLDocument>(path, "utf8");
-    state.PauseTiming();
+    state_.PauseTiming();
     delete document->GetRoot();
     document.reset();
-    state.ResumeTiming();
+    state_.ResumeTiming();
   }
 }
 
 // A document with one long token: what comes before its letters and after them.
-void XMLToken_Daemon(benchmark::State& state, const char* before, const char* after) {
+void XMLToken_Daemon(benchmark::State& state_, const char* before_, const char* after_) {
   const ScratchDirectory scratch;
-  const std::string letters(static_cast<size_t>(state.range(0)), 'x');
-  const std::string path = scratch.Write("document.xml", before + letters + after);
-  for (auto _ : state) {
+  const std::string letters(static_cast<size_t>(state_.range(0)), 'x');
+  const std::string path = scratch.Write("document.xml", before_ + letters + after_);
+  for (auto _ : state_) {
     const XMLDocument document(path, "utf8");
     if (!document.IsValidXML()) {
-      state.SkipWithError("malformed");
+      state_.SkipWithError("malformed");
     }
     delete document.GetRoot();
   }
 }
 
-void XMLLoad_Expat(benchmark::State& state) {
+void XMLLoad_Expat(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("document.xml", Document(kDocumentBytes));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     RawExpat(path);
-    state.PauseTiming();  // As above: the pauses themselves cost time.
-    state.ResumeTiming();
+    state_.PauseTiming();  // As above: the pauses themselves cost time.
+    state_.ResumeTiming();
   }
 }
 
-void XMLMessage_Daemon(benchmark::State& state) {
+void XMLMessage_Daemon(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("message.xml", Document(2000));
   XMLElement configuration("parser");
@@ -133,39 +133,39 @@ void XMLMessage_Daemon(benchmark::State& state) {
     configuration.AddChild(field);
   }
   const XMLFileParser parser(&configuration, "utf8");
-  for (auto _ : state) {
+  for (auto _ : state_) {
     benchmark::DoNotOptimize(parser.ParseFile(path));
   }
 }
 
-void XMLMessage_Expat(benchmark::State& state) {
+void XMLMessage_Expat(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("message.xml", Document(2000));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     RawExpat(path);
   }
 }
 
-void Glossary_Daemon(benchmark::State& state) {
+void Glossary_Daemon(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("glossary.xml", GlossaryText(5000));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     benchmark::DoNotOptimize(Glossary(path));
   }
 }
 
-void Glossary_Expat(benchmark::State& state) {
+void Glossary_Expat(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("glossary.xml", GlossaryText(5000));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     RawExpat(path);
   }
 }
 
-void GlossaryLookup_Daemon(benchmark::State& state) {
+void GlossaryLookup_Daemon(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const Glossary glossary(scratch.Write("glossary.xml", GlossaryText(5000)));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     benchmark::DoNotOptimize(glossary.SubstituteSpeech("Word4711.,"));
     benchmark::DoNotOptimize(glossary.SubstituteSpeech("unknown"));
   }
@@ -192,10 +192,10 @@ BENCHMARK(Glossary_Expat);
 BENCHMARK(GlossaryLookup_Daemon);
 
 #ifdef HAVE_TINYXML2
-void XMLLoad_TinyXML2(benchmark::State& state) {
+void XMLLoad_TinyXML2(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("document.xml", Document(kDocumentBytes));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     tinyxml2::XMLDocument document;
     benchmark::DoNotOptimize(document.LoadFile(path.c_str()));
   }
@@ -204,10 +204,10 @@ BENCHMARK(XMLLoad_TinyXML2);
 #endif
 
 #ifdef HAVE_PUGIXML
-void XMLLoad_Pugixml(benchmark::State& state) {
+void XMLLoad_Pugixml(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("document.xml", Document(kDocumentBytes));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     pugi::xml_document document;
     benchmark::DoNotOptimize(document.load_file(path.c_str()));
   }
@@ -216,10 +216,10 @@ BENCHMARK(XMLLoad_Pugixml);
 #endif
 
 #ifdef HAVE_LIBXML2
-void XMLLoad_Libxml2(benchmark::State& state) {
+void XMLLoad_Libxml2(benchmark::State& state_) {
   const ScratchDirectory scratch;
   const std::string path = scratch.Write("document.xml", Document(kDocumentBytes));
-  for (auto _ : state) {
+  for (auto _ : state_) {
     xmlDocPtr document = xmlReadFile(path.c_str(), nullptr, XML_PARSE_NONET);
     benchmark::DoNotOptimize(document);
     xmlFreeDoc(document);
