@@ -209,7 +209,7 @@ COMMANDS = {
 def test_every_shell_command_is_in_security_md():
     sources = "".join(path.read_text() for path in (ROOT / "src").glob("*.cc"))
     assert not re.search(r"\b(system|popen)\(", sources)
-    calls = re.findall(r"^ .*\bRun(?:Shell|Command)\((?!cmd_)(.*)$", sources, re.MULTILINE)
+    calls = re.findall(r"^ .*\bRun(?:Shell|Command)\(\s*(?!cmd_)(\S.*)$", sources, re.MULTILINE)
     assert {re.search(r'(?<=")[^"]+|\w+(?=\);)', call)[0] for call in calls} == set(COMMANDS)
     rows = re.findall(r"^\| `(.*?)` \|", (ROOT / "SECURITY.md").read_text(), re.MULTILINE)
     # A clip is copied as audio is.
