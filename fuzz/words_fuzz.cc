@@ -35,7 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const fuzz::Scratch scratch;
   SetDebugMask(0);
   fuzz::Input input(data, size);
-  const int limit = static_cast<int8_t>(input.Byte());
+  const int byte = input.Byte();
+  const int limit = byte < 128 ? byte : byte - 256;  // Also below 0.
   const int loops = input.Byte() % 4;
   FixedText parser;
   parser.text = input.Rest();
