@@ -36,7 +36,7 @@ bool IsFlat(const XMLElement* root_) {
   return true;
 }
 
-// What the tools read of a status, which they do without a check.
+// Reads all that the tools read of a status. They do not check it first.
 void ReadAll(const XMLElement& root_) {
   for (const char* name : {"timestamp", "now-playing", "output-bound"}) {
     root_.GetAttributeInteger(name);

@@ -136,7 +136,7 @@ class Soak:
         message = Message(directory, number, words, 2 if directory == "twice" else 1)
         text = " ".join(message.words)
         if directory == "xml":
-            text = f"<m><noise>unheard</noise><text>{text}</text></m>"
+            text = f"<m><noise>skipped</noise><text>{text}</text></m>"
         with self.lock:
             self.messages.append(message)
             self.by_name[message.name] = message
