@@ -15,8 +15,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-# Programs of the build tree find the sysroot's libraries by themselves.
+# Programs of the build tree find the sysroot's libraries by themselves, and those that these need:
+# the old kind of tag holds for them too.
 set(CMAKE_BUILD_RPATH ${armhf_sysroot}/lib/${CMAKE_LIBRARY_ARCHITECTURE}
-                      ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
+                      ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}
+                      ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/samba)
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--disable-new-dtags")
 
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L /usr/arm-linux-gnueabihf)

@@ -5,10 +5,11 @@ import shutil
 import signal
 import subprocess
 
-from harness.programs import ROOT
+from harness.programs import tool
 from harness.wait import LIMIT
 
-COMPANIONS = ROOT / "companions"
+# As installed: "player", "helpers/ftp", "translators/tone" and so on.
+COMPANIONS = tool("libexec")
 
 
 class Sandbox:

@@ -12,7 +12,8 @@ namespace {
 
 // "-c, --config FILE", as in the usage text.
 std::string NamesOf(const ProgramOption& option_) {
-  const std::string names = std::string("-") + option_.letter + ", --" + option_.name;
+  const std::string letter = option_.letter != 0 ? std::string("-") + option_.letter + ", " : "";
+  const std::string names = letter + "--" + option_.name;
   return *option_.argument == '\0' ? names : names + " " + option_.argument;
 }
 
@@ -56,20 +57,24 @@ std::vector<std::string> ParseCommandLine(const Program& program_, int argc_, ch
   std::vector<option> table;
   for (const ProgramOption& entry : options) {
     const bool has_argument = *entry.argument != '\0';
-    letters += entry.letter;
-    letters += has_argument ? ":" : "";
-    table.push_back(
-        {entry.name, has_argument ? required_argument : no_argument, nullptr, entry.letter});
+    if (entry.letter != 0) {
+      letters += entry.letter;
+      letters += has_argument ? ":" : "";
+    }
+    table.push_back({entry.name, has_argument ? required_argument : no_argument, nullptr, 0});
   }
   table.push_back({nullptr, 0, nullptr, 0});
   int letter = 0;
-  while ((letter = getopt_long(argc_, argv_, letters.c_str(), table.data(), nullptr)) != -1) {
-    const auto found =
-        std::find_if(options.begin(), options.end(),
-                     [letter](const ProgramOption& entry_) { return entry_.letter == letter; });
-    if (found == options.end()) {
+  int index = 0;  // Of an option that was given by its name.
+  while ((letter = getopt_long(argc_, argv_, letters.c_str(), table.data(), &index)) != -1) {
+    if (letter == '?') {
       exit(program_.wrong_use);  // getopt_long has said why.
     }
+    const auto found = letter == 0 ? options.begin() + index
+                                   : std::find_if(options.begin(), options.end(),
+                                                  [letter](const ProgramOption& entry_) {
+                                                    return entry_.letter == letter;
+                                                  });
     found->take(optarg);
   }
   return {argv_ + optind, argv_ + argc_};

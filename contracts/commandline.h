@@ -1,4 +1,4 @@
-// The command line of an operator's program, parsed by getopt_long from a table of its options.
+// The command line of a program or companion, parsed by getopt_long from a table of its options.
 #pragma once
 
 #include <functional>
@@ -7,7 +7,7 @@
 
 // An option, "-letter" or "--name".
 struct ProgramOption {
-  char letter;
+  char letter;  // 0 if the option has a name only.
   const char* name;
   const char* argument;  // The argument's name in the usage text; empty if there is none.
   std::string help;      // For the usage text; empty: not shown there.
