@@ -291,10 +291,11 @@ void FileIndex::UpdateFile(const std::string& path_, const std::string& name_,
 void FileIndex::ForgetVanished() {
   auto name = names.begin();
   for (auto next = known.begin(); next != known.end();) {
-    while (name != names.end() && *name < next->first) {
+    int order = 1;
+    while (name != names.end() && (order = name->compare(next->first)) < 0) {
       ++name;
     }
-    if (name != names.end() && *name == next->first) {
+    if (name != names.end() && order == 0) {
       ++next;
     } else {
       Debug(kDebugTrace, "Erasing %s from file_map", next->first.c_str());

@@ -8,6 +8,7 @@
 
 #include <exception>
 #include <iterator>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,6 +17,8 @@
 #include "format.h"
 
 namespace {
+
+using std::string_view_literals::operator""sv;
 
 constexpr size_t kMaxFileBytes = 65536;
 
@@ -64,10 +67,10 @@ void ShowReencoded(const std::string& text_) {
 
 std::string ReadText(const std::string& path_, const std::string& encoding_) {
   std::string content = ReadContent(path_);
-  if (encoding_ == "utf16") {
+  if (encoding_ == "utf16"sv) {
     return FromUtf16(content);
   }
-  if (encoding_ == "ascii") {
+  if (encoding_ == "ascii"sv) {
     content = ExtAsciiToUtf8String(content);
   }
   return ToValidUtf8(std::move(content), kDebugNormal, "Re-encoding file to UTF-8", ShowReencoded);

@@ -9,7 +9,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <new>
 #include <optional>
 #include <set>
 #include <utility>
@@ -62,21 +61,6 @@ class OutputFile {
  private:
   int fd;
 };
-
-// The tree as Dump writes it. In memory, as a stream on the file would cost a pass two system
-// calls.
-std::string DumpToString(const XMLElement& root_) {
-  char* buffer = nullptr;
-  size_t size = 0;
-  FILE* const stream = open_memstream(&buffer, &size);
-  if (stream == nullptr) {
-    throw std::bad_alloc();
-  }
-  root_.Dump(stream, "");
-  fclose(stream);
-  const std::unique_ptr<char, decltype(&free)> owner(buffer, free);
-  return std::string(buffer, size);
-}
 
 // A failed pass also ends with the 100 ms pause: a missing configuration must neither spin the CPU
 // nor flood the log.
@@ -511,7 +495,8 @@ void Vocastra::Impl::DumpStatus() {
   for (const auto& [id, directory] : id_to_directory) {
     root.AddChild(directory->GetStatus());
   }
-  file.Write(DumpToString(root));  // If there is no room, a later pass writes it.
+  // As one text: a stream on the file would cost a pass two system calls.
+  file.Write(root.DumpToString(""));  // If there is no room, a later pass writes it.
 }
 
 Vocastra::Vocastra(const std::string& config_file_path_, const std::string& status_file_path_,

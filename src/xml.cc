@@ -21,6 +21,8 @@
 
 namespace {
 
+using std::string_view_literals::operator""sv;
+
 // NOMUTATE(constant): shows in time only.
 constexpr size_t kFeedBytes = 1024;  // So many are fed to expat at once.
 
@@ -107,7 +109,7 @@ struct XMLElement::Impl {
   const Attribute* FindAttribute(std::string_view attribute_) const;
   const Attribute& RequireAttribute(const std::string& attribute_) const;
   int ToInteger(const Attribute& attribute_) const;
-  void DumpStartTag(FILE* file_, const std::string& indent_) const;
+  void DumpStartTag(std::string& dump_) const;
 
   std::unique_ptr<Pool> own_pool;  // Null if the element is pooled: then nobody deletes it.
   Pool& pool;
@@ -192,12 +194,14 @@ int XMLElement::Impl::ToInteger(const Attribute& attribute_) const {
   }
 }
 
-void XMLElement::Impl::DumpStartTag(FILE* file_, const std::string& indent_) const {
-  fprintf(file_, "%s<%s", indent_.c_str(), name.data());
+// Names and values end at their first zero byte.
+void XMLElement::Impl::DumpStartTag(std::string& dump_) const {
+  dump_.append("<").append(name.data());
   for (const Attribute& attribute : attrs) {
-    fprintf(file_, " %s=\"%s\"", attribute.name.data(), attribute.value.data());
+    dump_.append(" ").append(attribute.name.data());
+    dump_.append("=\"").append(attribute.value.data()).append("\"");
   }
-  fputs(first_child == nullptr ? "/>\n" : ">\n", file_);
+  dump_ += first_child == nullptr ? "/>\n" : ">\n";
 }
 
 XMLElement::XMLElement() : XMLElement("") {}
@@ -350,9 +354,16 @@ void XMLElement::SetAttributeInteger(const std::string& name_, int value_) {
 }
 
 void XMLElement::Dump(FILE* file_, std::string indent_) const {
+  const std::string dump = DumpToString(std::move(indent_));
+  fwrite(dump.data(), 1, dump.size(), file_);
+}
+
+std::string XMLElement::DumpToString(std::string indent_) const {
+  std::string dump;
   const XMLElement* element = this;
   while (element != nullptr) {
-    element->impl->DumpStartTag(file_, indent_);
+    dump += indent_;
+    element->impl->DumpStartTag(dump);
     if (element->impl->first_child != nullptr) {
       indent_ += kIndent;
       element = element->impl->first_child;
@@ -362,10 +373,11 @@ void XMLElement::Dump(FILE* file_, std::string indent_) const {
     while (element != this && element->impl->next_sibling == nullptr) {
       element = element->impl->parent;
       indent_.resize(indent_.size() - (sizeof(kIndent) - 1));
-      fprintf(file_, "%s</%s>\n", indent_.c_str(), element->impl->name.data());
+      dump.append(indent_).append("</").append(element->impl->name.data()).append(">\n");
     }
     element = element == this ? nullptr : element->impl->next_sibling;
   }
+  return dump;
 }
 
 struct XMLDocument::Impl {
@@ -389,9 +401,8 @@ struct XMLDocument::Impl {
   static void character_data_handler(void* parser_, const char* s_, int len_);
   static void attlist_decl_handler(void* parser_, const char*, const char*, const char*,
                                    const char*, int);
-  template <typename... Parameters, typename... Arguments>
-  static void Forward(void* parser_, void (Impl::*operation_)(Parameters...),
-                      Arguments... arguments_);
+  template <typename Operation>
+  static void Forward(void* parser_, Operation operation_);
 
   XMLElement* root = nullptr;
   size_t tree_limit = 0;       // Bytes.
@@ -400,7 +411,6 @@ struct XMLDocument::Impl {
   bool valid_xml = true;
   std::string error;  // Why valid_xml is false.
   int attribute_declarations = 0;
-  bool out_of_memory = false;  // A handler found no memory, or a limit was exceeded.
   std::exception_ptr failure;  // Thrown in a handler, to be thrown again outside expat.
 };
 
@@ -457,10 +467,10 @@ void XMLDocument::Impl::Load(const std::string& path_) {
 
 // Converts text_ for expat and returns the name of its encoding.
 const char* XMLDocument::Impl::Prepare(std::string& text_) const {
-  if (encoding == "utf16") {
+  if (encoding == "utf16"sv) {
     return "UTF-16";
   }
-  if (encoding == "ascii") {
+  if (encoding == "ascii"sv) {
     text_ = ExtAsciiToUtf8String(text_);
   }
   text_ = ToValidUtf8(std::move(text_), kDebugTrace, "Re-encoding invalid parser output to UTF-8");
@@ -498,10 +508,11 @@ void XMLDocument::Impl::Parse(const char* expat_encoding_, const std::string& te
 void XMLDocument::Impl::Feed(XML_Parser parser_, const char* data_, size_t length_) {
   const XML_Status status = XML_Parse(parser_, data_, static_cast<int>(length_), XML_FALSE);
   if (failure) {
-    std::rethrow_exception(failure);
-  }
-  if (out_of_memory) {
-    ReportError(parser_, XML_ERROR_NO_MEMORY);
+    try {
+      std::rethrow_exception(failure);
+    } catch (const std::bad_alloc&) {  // There is no memory, or a limit was exceeded.
+      ReportError(parser_, XML_ERROR_NO_MEMORY);
+    }
   } else if (status != XML_STATUS_OK) {
     ReportError(parser_, XML_GetErrorCode(parser_));
   }
@@ -545,40 +556,36 @@ void XMLDocument::Impl::AttributeDeclaration() {
 
 // Calls an operation of the parser's document. expat's frames are C and cannot be unwound, so an
 // exception is kept, and parsing is stopped; the handlers that expat still calls then do nothing.
-template <typename... Parameters, typename... Arguments>
-void XMLDocument::Impl::Forward(void* parser_, void (Impl::*operation_)(Parameters...),
-                                Arguments... arguments_) {
+template <typename Operation>
+void XMLDocument::Impl::Forward(void* parser_, Operation operation_) {
   auto* const self = static_cast<Impl*>(XML_GetUserData(static_cast<XML_Parser>(parser_)));
-  if (self->failure || self->out_of_memory) {
+  if (self->failure) {
     return;
   }
   try {
-    (self->*operation_)(arguments_...);
-    return;
-  } catch (const std::bad_alloc&) {
-    self->out_of_memory = true;
+    operation_(*self);
   } catch (...) {
     self->failure = std::current_exception();
+    XML_StopParser(static_cast<XML_Parser>(parser_), XML_FALSE);
   }
-  XML_StopParser(static_cast<XML_Parser>(parser_), XML_FALSE);
 }
 
 void XMLDocument::Impl::start_element_handler(void* parser_, const char* name_,
                                               const char** atts_) {
-  Forward(parser_, &Impl::StartElement, name_, atts_);
+  Forward(parser_, [=](Impl& self_) { self_.StartElement(name_, atts_); });
 }
 
 void XMLDocument::Impl::end_element_handler(void* parser_, const char* name_) {
-  Forward(parser_, &Impl::EndElement, name_);
+  Forward(parser_, [=](Impl& self_) { self_.EndElement(name_); });
 }
 
 void XMLDocument::Impl::character_data_handler(void* parser_, const char* s_, int len_) {
-  Forward(parser_, &Impl::CharacterData, s_, len_);
+  Forward(parser_, [=](Impl& self_) { self_.CharacterData(s_, len_); });
 }
 
 void XMLDocument::Impl::attlist_decl_handler(void* parser_, const char*, const char*, const char*,
                                              const char*, int) {
-  Forward(parser_, &Impl::AttributeDeclaration);
+  Forward(parser_, [](Impl& self_) { self_.AttributeDeclaration(); });
 }
 
 XMLDocument::XMLDocument(const std::string& path_, const std::string& encoding_) {

@@ -76,6 +76,8 @@ class XMLElement {
   // Writes the element and its subtree, four blanks of indentation a level after indent_, with
   // attributes in byte order of their names. Text is not written, and nothing is escaped.
   void Dump(FILE* file_, std::string indent_) const;
+  // The same as a text.
+  std::string DumpToString(std::string indent_) const;
 
  private:
   friend class XMLDocument;
