@@ -14,7 +14,7 @@ struct ProgramOption {
   std::function<void(const char* argument_)> take;  // The argument is null if there is none.
 };
 
-// What a program says about itself. "-h" and "-V" are added to its options.
+// A program's name, usage text and options. "-h" and "-V" are added to the options.
 struct Program {
   const char* name;
   int wrong_use;                       // Exit status.

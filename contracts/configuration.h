@@ -1,4 +1,4 @@
-// The daemon's configuration as others read it: the elements below "tts-config", as the daemon
+// For readers of the daemon's configuration: the elements below "tts-config", as the daemon
 // understands them.
 #pragma once
 
@@ -6,7 +6,7 @@
 
 #include "xml.h"
 
-// True if that is an encoding of message files: "ascii", "utf8" or "utf16".
+// True if name_ is an encoding of message files: "ascii", "utf8" or "utf16".
 bool IsEncoding(const std::string& name_);
 
 // The first child of root_ with that name and id; the daemon ignores later ones. Null if there is

@@ -12,12 +12,12 @@ namespace {
 
 constexpr double kHalfFileLimit = 2;        // Seconds.
 constexpr int kHalfFilePause = 10;          // Milliseconds.
-constexpr size_t kMaxFileBytes = 16 << 20;  // Far above any status; a device file has no end.
+constexpr size_t kMaxFileBytes = 16 << 20;  // More than any status; a device has no end.
 
 constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyz-";
 
-// Reads a status from front to back. Every step returns false at the first byte that is not as
-// the daemon writes it, which is also how the end of half a file is noticed.
+// Reads a status from front to back. Every step returns false at the first byte that is not as the
+// daemon writes it, and at the end of an incomplete file.
 class StatusParser {
  public:
   explicit StatusParser(const std::string& text_) : text(text_) {}
@@ -82,7 +82,8 @@ class StatusParser {
     return true;
   }
 
-  // A value may hold anything. It ends at the first quote that is followed by what follows values.
+  // A value may hold anything. It ends at the first quote before a further attribute or the end of
+  // the tag.
   bool Value(std::string& value_) {
     for (size_t quote = text.find('"', position); quote != std::string::npos;
          quote = text.find('"', quote + 1)) {
@@ -118,7 +119,7 @@ class StatusParser {
   XMLElement* last = nullptr;  // The innermost open element.
 };
 
-// True if everything is there that the daemon reports.
+// True if the tree has every attribute that the daemon reports.
 bool IsStatus(const XMLElement& root_) {
   try {
     for (const char* name : {"timestamp", "now-playing", "output-bound"}) {
@@ -172,7 +173,7 @@ std::unique_ptr<XMLElement> ReadStatus(const std::string& path_) {
   do {
     const std::string text = ReadWhole(path_);
     std::unique_ptr<XMLElement> root = ParseStatus(text);
-    // The second look makes sure that the first did not join the pieces of two statuses.
+    // Reads again: the first text may consist of pieces of two statuses.
     if (root && ReadWhole(path_) == text) {
       return root;
     }

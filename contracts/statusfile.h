@@ -7,10 +7,10 @@
 
 #include "xml.h"
 
-// The tree of the status text, which must be one whole document as the daemon writes it, with every
-// attribute that it reports, so that reading those cannot fail; null if it is not. Values are taken
-// byte for byte: a file name with a quote or an ampersand, which makes the text ill-formed as XML,
-// arrives as it is.
+// The tree of a status text; null if the text is not one whole document as the daemon writes it.
+// The tree has every attribute that the daemon reports, so reading them cannot fail. Values are
+// taken byte for byte, also a file name with a quote or an ampersand, which makes the text
+// malformed as XML.
 std::unique_ptr<XMLElement> ParseStatus(const std::string& text_);
 
 // The tree of the status file at path_, which is read again while it holds half a status.

@@ -140,8 +140,8 @@ bool Utf8IsValid(const std::string& text_) {
   const auto* p = reinterpret_cast<const unsigned char*>(text_.data());
   const unsigned char* const end = p + text_.size();
   while ((p = SkipAscii(p, end)) < end) {
-    // Texts in other scripts are runs of words with single spaces, mostly of two-byte sequences.
-    // SkipAscii would cost more than it saves there.
+    // Texts in other scripts are mostly two-byte sequences with single spaces between words. There
+    // SkipAscii would cost more than it saves.
     bool is_run = true;
     while (is_run) {
       while (end - p >= 2 && p[0] >= 0xC2 && p[0] < 0xE0 && IsContinuation(p[1])) {

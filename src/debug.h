@@ -6,7 +6,7 @@
 
 // Message classes: the bits of the mask.
 constexpr unsigned int kDebugNormal = 0x1;  // Errors survived and changes of state.
-constexpr unsigned int kDebugTrace = 0x4;   // What is done with each item.
+constexpr unsigned int kDebugTrace = 0x4;   // Every step with each item.
 
 constexpr unsigned int kDebugAvailable = 0x7;  // Bit 0x2 is reserved; no message uses it.
 constexpr unsigned int kDebugDefault = kDebugNormal;

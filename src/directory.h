@@ -1,7 +1,7 @@
 // A directory that several processes share under one advisory lock.
 //
-// A listed file is a regular file whose name does not begin with a dot; every operation ignores
-// all other entries, and so it does entries whose type the file system does not tell. Counting,
+// A listed file is a regular file whose name does not begin with a dot. Every operation ignores all
+// other entries, also those whose type the file system does not report. Counting,
 // listing, moving, copying and clearing take the lock (an exclusive flock on the directory
 // itself) for their duration; Lock and Unlock are for callers that need it for longer.
 #pragma once

@@ -31,7 +31,7 @@ std::string TemplatePath(const char* prefix_) {
   return text;
 }
 
-// While it exists, SIGINT is held back and SIGQUIT ignored.
+// Blocks SIGINT and ignores SIGQUIT while it exists.
 class CommandSignals {
  public:
   CommandSignals() {
@@ -50,7 +50,7 @@ class CommandSignals {
   CommandSignals(const CommandSignals&) = delete;
   CommandSignals& operator=(const CommandSignals&) = delete;
 
-  // The command gets the signals as they were before.
+  // Starts the command with the signals as they were before.
   void SpareCommand(posix_spawnattr_t* attributes_) const {
     short flags = POSIX_SPAWN_SETSIGMASK;
     posix_spawnattr_setsigmask(attributes_, &saved_mask);

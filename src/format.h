@@ -27,9 +27,9 @@ std::string ListToString(const std::list<std::string>& words_);
 // if no shell could be started or its status was lost.
 //
 // Not system(): that discards a SIGINT which arrives while it sets up. Here SIGINT is blocked, so
-// that a stop request stays pending until the command has ended. In all else the caller gets what
-// system() gives: SIGQUIT is ignored meanwhile, and the command starts with the caller's signal
-// mask and disposition of SIGQUIT, so that a Ctrl-C or Ctrl-\ at the terminal ends the command.
+// that a stop request stays pending until the command has ended. All else is as with system():
+// SIGQUIT is ignored meanwhile, and the command starts with the caller's signal mask and
+// disposition of SIGQUIT, so that a Ctrl-C or Ctrl-\ at the terminal ends the command.
 int RunShell(const std::string& cmd_);
 
 // True if status_, a result of RunShell, says that nothing ran or that the command exited with a
@@ -37,8 +37,8 @@ int RunShell(const std::string& cmd_);
 //
 // A command counts as done if a signal ends the shell itself. If a signal ends a program that the
 // shell waits for, the shell exits with 128 plus the signal's number, and the command counts as
-// failed. dash waits for every program. Other shells may become the program if it is all of the
-// command, as busybox does for a translator; then the command counts as done.
+// failed. dash waits for every program. Other shells may exec the program if the command is only
+// that program, as busybox does for a translator; then the command counts as done.
 bool CommandFailed(int status_);
 
 // Runs cmd_ through RunShell and logs it if it failed.
@@ -52,12 +52,12 @@ std::string CreateTemporaryDirectory(const char* prefix_);
 // Throws a string on failure.
 std::string CreateTemporaryFile(const char* prefix_);
 
-// Writes length_ bytes, in one system call if the file takes them so. False if not all of them
+// Writes length_ bytes, in one system call if the file takes all at once. False if not all of them
 // could be written; errno tells why.
 bool WriteWhole(int fd_, const char* data_, size_t length_);
 
-// A regular file opened for reading, closed with the object and on exec. Anything else, such as a
-// FIFO, whose writer would have to be waited for, or a device without an end, cannot be opened.
+// A regular file opened for reading, closed with the object and on exec. Nothing else can be
+// opened: a FIFO would have to wait for its writer, and a device may have no end.
 class InputFile {
  public:
   // If the file cannot be opened, errno tells why.
@@ -72,7 +72,7 @@ class InputFile {
   // Reads up to size_ bytes and returns their number, less than size_ only at the end of the
   // file or after an error. 0 if the file is not open.
   //
-  // The file ends where it did when it was opened, even if it grows: that saves the read that
+  // The file ends where it ended when it was opened, even if it grows: this saves the read that
   // would find the end.
   size_t Read(void* buffer_, size_t size_);
 

@@ -68,8 +68,8 @@ std::string Glossary::SubstituteSpeech(const std::string& word_) const {
     return word_;
   }
   const std::string& speech = entry->second;
-  // Where any byte of the key first occurs, not the key itself: for an entry "a.b" the point in
-  // front of ".a.b" counts as part of the written word. Glossaries are written with that in mind.
+  // Searches for any byte of the key, not for the key: for an entry "a.b" the full stop before
+  // ".a.b" counts as part of the written word. Existing glossaries rely on it.
   const size_t position = word_.find_first_of(key);
   if (position == std::string::npos) {
     return speech;

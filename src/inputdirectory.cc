@@ -32,7 +32,7 @@ constexpr size_t kMaxWordChars = 100;       // Code points.
 
 constexpr int kUpdateTimeout = 5;              // Seconds; for "ftp" the poll rate is added.
 constexpr unsigned int kHelperStopTime = 2;    // Seconds that a helper gets after SIGTERM.
-constexpr char kWatchPrefix[] = "/tmp/watch";  // Nothing else is ever removed as a whole.
+constexpr char kWatchPrefix[] = "/tmp/watch";  // Only such a directory is removed with rm -rf.
 
 // NOMUTATE(constant): the tests of the daemon see the first id.
 int last_message_id = 0;  // The last id handed out by any directory.
@@ -110,7 +110,7 @@ struct Attributes {
 // A private directory below "/tmp/", removed with everything in it.
 class WatchDirectory {
  public:
-  // The command that removes it is made at once: later there may be no memory for it.
+  // Makes the command that removes it now: later there may be no memory for it.
   WatchDirectory() : removal("rm -rf /tmp/watchXXXXXX"), path(CreateTemporaryDirectory("watch")) {
     removal.replace(strlen("rm -rf "), std::string::npos, path);  // As long as before.
   }
@@ -144,9 +144,9 @@ class Helper {
   pid_t pid = 0;  // 0: it could not be started.
 };
 
-// Makes this forked child the helper. No signal is blocked, whatever the daemon was started with;
-// exec makes those that the daemon catches as usual again. Those that were ignored when the daemon
-// started, as under nohup, stay ignored.
+// Turns this forked child into the helper. Unblocks all signals, also those that were blocked when
+// the daemon started. exec resets the signals that the daemon catches. Signals that were ignored
+// when the daemon started, as under nohup, stay ignored.
 [[noreturn]] void BecomeHelper(const char* kind_, const std::vector<const char*>& arguments_) {
   sigset_t none;
   sigemptyset(&none);
@@ -171,16 +171,16 @@ Helper::Helper(const char* kind_, const std::vector<std::string>& arguments_) {
   }
   // NOMUTATE(operator, constant): the child, for which it is 0, does not come here.
   if (child < 0) {
-    // -1 is not kept: a signal sent to it would end every process there is.
+    // Does not keep -1: a signal to it would go to every process.
     Debug(kDebugNormal, "Could not fork %s helper: %s", kind_, strerror(errno));
     return;
   }
   pid = child;
 }
 
-// The helper is not waited for: one that does not end in time must not hold up the daemon. One that
-// has ended is collected, or every reload would add a zombie; no earlier than here, as its number
-// could then be another process's by the time of the signal.
+// Does not wait for the helper: a helper that ignores SIGTERM must not delay the daemon. Collects a
+// helper that has ended, or every reload would leave a zombie. It is not collected earlier: another
+// process could get its number before the signal is sent.
 Helper::~Helper() {
   if (pid != 0) {
     Debug(kDebugNormal, "Sending SIGTERM to PID %u", static_cast<unsigned int>(pid));
@@ -239,9 +239,9 @@ struct FileIndex {
 
 // Reads every file. always_changed_: each counts as changed even if its text is the same.
 //
-// Names and known files are both in byte order, so the files are found by one merge, and the path
-// is built in one place: with thousands of files, look-ups and heap requests for each would cost
-// more than their reading.
+// Names and known files are both in byte order, so one merge finds the files, and all paths are
+// built in one buffer: with thousands of files, a look-up and a heap request for each would cost
+// more than reading them.
 void FileIndex::Update(const std::string& dirpath_, const FileParser& parser_,
                        bool always_changed_) {
   std::string path = dirpath_;
@@ -273,7 +273,8 @@ void FileIndex::UpdateFile(const std::string& path_, const std::string& name_,
   if (is_known && next_->second == crc && !always_changed_) {
     return;
   }
-  // Made first: a file that is noted as known but not queued, for lack of memory, would be lost.
+  // Allocated first: if memory ran out between the two steps, a file that is known but not queued
+  // would be lost.
   std::list<std::string> to_queue;
   if (!first_pass && !text.empty()) {
     to_queue.push_back(name_);
@@ -304,11 +305,11 @@ void FileIndex::ForgetVanished() {
   }
 }
 
-// Splits valid UTF-8 into words, as ranges of it: a message may have tens of thousands, and each
-// would be a request or two to the heap.
+// Splits valid UTF-8 into words. The words are ranges of the text: a message may have tens of
+// thousands of words, and copies would take one or two heap requests for each.
 //
 // Breaks and control characters end a word; punctuation stays at the end of the word that it
-// follows. A lone punctuation mark right after another one, or first of all, is dropped: "Stop.."
+// follows. A punctuation mark right after another one, or at the beginning, is dropped: "Stop.."
 // must not be read as "Stop. point". There is no limit on the number of words: each takes at least
 // one of the characters that are looked at.
 std::vector<std::string_view> SplitIntoWords(std::string_view text_) {
@@ -382,8 +383,8 @@ void ActiveMessage::SetText(std::string text_) {
   words = SplitIntoWords(text);
 }
 
-// Needs no memory, as the file may be gone already and its message must not be lost: takes the
-// name from filename_.
+// Requests no memory: the file may be removed already, and a failure would lose its message. So it
+// swaps filename_ instead of copying it.
 void ActiveMessage::Begin(std::string& filename_) {
   first_play = true;
   id = ++last_message_id;
@@ -405,7 +406,7 @@ void ActiveMessage::Stop() {
 // At least word_limit_ words, stretched up to twice that to end at a full stop or comma.
 std::list<std::string> ActiveMessage::TakeSnippet(int word_limit_, int loops_) {
   std::list<std::string> snippet;
-  // Looked at after a word was taken: even a limit of 0 or less makes progress.
+  // Checked after a word is taken, so that a limit of 0 or less makes progress too.
   const int64_t limit = word_limit_;
   const int64_t stretched_limit = 2 * limit;
   bool ended = false;
@@ -451,7 +452,7 @@ struct InputDirectory::Impl {
   Attributes attributes;
   int text_snippet_word_limit;
   std::optional<WatchDirectory> watch_directory;  // Of a remote directory.
-  std::optional<Helper> helper;                   // Ends before its watch directory goes.
+  std::optional<Helper> helper;                   // Destroyed before its watch directory.
   std::string rootdir;
   const FileParser* file_parser = nullptr;  // Not owned.
   Availability availability;
@@ -521,8 +522,8 @@ void InputDirectory::Impl::Process() {
   }
   files.ForgetVanished();
   if (availability.available) {
-    // Files that were there before the directory first became available are known by now, but
-    // were not queued: old messages are not announced.
+    // Files from before the directory first became available are known, but were not queued: old
+    // messages are not spoken.
     files.first_pass = false;
   }
   if (attributes.IsCache()) {
@@ -539,7 +540,8 @@ void InputDirectory::Impl::CheckAvailability(const std::string& dirpath_) {
   availability.Check(dirpath_, kUpdateTimeout + poll_rate);
 }
 
-// In cache mode nothing is spoken; what arrives is kept in the last-played directory, or dropped.
+// In cache mode nothing is spoken: queued files are copied to the last-played directory, or removed
+// if there is none.
 void InputDirectory::Impl::ProcessCacheQueue(const std::string& dirpath_) {
   while (!files.queued.empty()) {
     const std::string& name = files.queued.front();
@@ -588,9 +590,9 @@ void InputDirectory::Impl::ReadMessage(const std::string& path_) {
   }
 }
 
-// Removes a taken file, or copies it to the last-played directory, which then holds it alone.
-// Without a last-played directory the file goes whatever auto-delete says.
-// False if the file should be gone and is not.
+// Removes a taken file, or copies it to the last-played directory, which is emptied first. Without
+// a last-played directory the file is removed whatever auto-delete says. False if the file should
+// be removed but is still there.
 bool InputDirectory::Impl::DisposeOfMessageFile(const std::string& path_,
                                                 const std::string& name_) const {
   if (attributes.last_played_path.empty()) {
@@ -606,7 +608,7 @@ void InputDirectory::Impl::CopyToLastPlayed(const std::string& path_,
   RunShell("cp " + path_ + " " + AddTrailingSlash(attributes.last_played_path) + name_);
 }
 
-// In cache mode the queue is empty after every scan; the copies that were kept are counted instead.
+// In cache mode the queue is empty after every scan; the copies are counted instead.
 int InputDirectory::Impl::CountUpdatedFiles() const {
   if (!attributes.IsCache()) {
     return static_cast<int>(files.queued.size());

@@ -1,8 +1,8 @@
 // One source of messages: a directory whose files are scanned, queued, and spoken one by one.
 //
-// It is of type "local", a directory of this machine, or "cifs" or "ftp": a helper process then
-// mirrors the remote files into a private watch directory and shows that it is alive by rewriting
-// the file ".helper.timestamp" in there.
+// A directory of type "local" is on this machine. For type "cifs" or "ftp" a helper process mirrors
+// the remote files into a private watch directory. It rewrites the file ".helper.timestamp" there
+// to show that it is alive.
 //
 // Built from a "directory" element of the configuration. Each Process() is one scan; between
 // scans GetWords() hands out the active message a snippet at a time.
@@ -16,8 +16,8 @@ class XMLElement;
 
 class InputDirectory {
  public:
-  // Empties the last-played directory and, if it is local, the directory itself: messages from
-  // before are not spoken. Starts the helper of a remote one.
+  // Empties the last-played directory and, if it is local, the directory itself: old messages are
+  // not spoken. Starts the helper of a remote directory.
   // Throws a string if an attribute is unusable, if the helper's path is empty but needed, or if
   // the watch directory cannot be made.
   InputDirectory(const XMLElement& element_, const std::string& cifs_helper_script_path_,
@@ -66,8 +66,8 @@ class InputDirectory {
   std::string GetParserID() const;
   std::string GetEncoding() const;
 
-  // Sets the parser that reads this directory's files; null for none: no file is looked at
-  // then, and those that wait are dropped unspoken.
+  // Sets the parser that reads this directory's files. Null for none: files are then ignored, and
+  // queued files are dropped.
   // REQUIRES: it outlives its use by this object, which does not own it.
   void SetFileParser(const FileParser* file_parser_);
 

@@ -46,11 +46,11 @@ void OpenMissingStandardStreams() {
   }
 }
 
-// Keeps up to kKeptHeap of free memory, since each pass needs again what the last one released: to
-// return it and to ask for it again took a tenth of a pass that reads a glossary. Blocks of
-// kLargeBlock and more, such as the names of 1,024 files (128 on 32 bits), go back to the system at
-// once. On 64 bits the C library would raise that bound to 32 MiB by itself; on 32 bits it is the C
-// library's own highest.
+// Keeps up to kKeptHeap of free memory: each pass needs the same memory again, and returning it to
+// the system took a tenth of the time of a pass that reads a glossary. Blocks of kLargeBlock and
+// more, such as the names of 1,024 files (128 on 32 bits), go back to the system at once. On 64
+// bits the C library would raise that bound to 32 MiB by itself; on 32 bits kLargeBlock is its own
+// maximum.
 void LimitHeap() {
   mallopt(M_TRIM_THRESHOLD, kKeptHeap);    // NOMUTATE(call): shows in time and memory only.
   mallopt(M_MMAP_THRESHOLD, kLargeBlock);  // NOMUTATE(call): shows in time and memory only.
@@ -59,7 +59,7 @@ void LimitHeap() {
 void InstallSignalHandlers() {
   signal(SIGINT, handle_int);
   signal(SIGPIPE, handle_pipe);
-  signal(SIGCHLD, SIG_DFL);  // If it were ignored, the ends of children would be lost.
+  signal(SIGCHLD, SIG_DFL);  // If it were ignored, exit statuses would be lost.
 }
 
 std::unique_ptr<Vocastra> BuildPlayer(const Options& options_) {
@@ -70,8 +70,8 @@ std::unique_ptr<Vocastra> BuildPlayer(const Options& options_) {
                                     options_.output_file_count_limit);
 }
 
-// Returns when an exit was requested. Prints the date after every 101 passes that succeeded, which
-// dates the other output.
+// Returns when an exit was requested. Prints the date after every 101 passes that succeeded, to
+// date the other output.
 void RunUntilExitRequest(Vocastra& player_) {
   int counter = 0;
   while (exit_request == 0) {
@@ -85,13 +85,13 @@ void RunUntilExitRequest(Vocastra& player_) {
       }
     } catch (const std::string& text) {
       Debug(kDebugNormal, "%s", text.c_str());
-    } catch (const std::exception& e) {  // Mostly no memory; the next pass may find some.
+    } catch (const std::exception& e) {  // Usually no memory; the next pass may have some.
       Debug(kDebugNormal, "%s", e.what());
     }
   }
 }
 
-// The life of the daemon. Returns its exit status. Throws if the player cannot be built.
+// Runs the daemon and returns its exit status. Throws if the player cannot be built.
 int RunDaemon(int argc_, char** argv_) {
   int exit_status = EXIT_SUCCESS;
   const std::optional<Options> options = ParseOptions(argc_, argv_, exit_status);
@@ -102,7 +102,7 @@ int RunDaemon(int argc_, char** argv_) {
   InstallSignalHandlers();
   const std::unique_ptr<Vocastra> player = BuildPlayer(*options);
   RunUntilExitRequest(*player);
-  return EXIT_FAILURE;  // On purpose: a daemon that has ended, even on request, is no success.
+  return EXIT_FAILURE;  // On purpose: the daemon's end, even on request, is no success.
 }
 
 }  // namespace

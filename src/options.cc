@@ -39,10 +39,10 @@ class GetoptTable {
     long_options.push_back({nullptr, 0, nullptr, 0});
   }
 
-  // The long option that argument_ (an element of argv) means, in full or abbreviated and perhaps
-  // with a value, if getopt_long matched it to the entry with that value; else null. getopt_long
-  // leaves its index variable alone when such an option lacks its value or was given one that it
-  // does not take. The first entry is never named, see above.
+  // The long option that argument_ (an element of argv) means, if getopt_long matched it to the
+  // entry with that value; else null. argument_ may be abbreviated and may hold a value. Needed
+  // because getopt_long does not set its index if an option lacks its value or must not have one.
+  // The first entry is never named, see above.
   const char* FindMatchedName(const char* argument_, int value_) const {
     if (strncmp(argument_, "--", 2) != 0) {
       return nullptr;
@@ -61,8 +61,8 @@ class GetoptTable {
   std::vector<option> long_options;
 };
 
-// The message is one line. long_index_ is still that of an earlier long option if the bad option is
-// a short one, and then the earlier one is named; scripts that match this output know it so.
+// The message is one line. If the bad option is a short one, long_index_ is still that of an
+// earlier long option, and the line names that option; scripts match this output.
 void PrintBadOption(char** argv_, const GetoptTable& table_, int result_, int long_index_) {
   printf("%s: Unrecognized option or bad value for option: ", argv_[0]);
   const char* name = result_ == '?' ? table_.FindMatchedName(argv_[optind - 1], optopt) : nullptr;

@@ -36,6 +36,6 @@ std::vector<DaemonOption> DaemonOptions();
 // Parses the arguments, which may be reordered, and sets the debug mask at "-d". An option given
 // twice keeps its last value. Numbers are taken by strtol without a check: "5x" is 5, "x" is 0.
 //
-// Returns nothing if the program is to exit, with exit_status_: 0 after "-h", 1 after a bad option;
-// the usage text, or one line that names the bad option, is then on standard output.
+// Returns nothing if the program must exit with exit_status_: 0 after "-h", 1 after a bad option.
+// Then it has printed the usage text, or one line that names the bad option, on standard output.
 std::optional<Options> ParseOptions(int argc_, char** argv_, int& exit_status_);

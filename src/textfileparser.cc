@@ -45,8 +45,8 @@ std::string FromUtf16(const std::string& content_) {
   }
 }
 
-// On standard output, whatever the debug mask. In one write: the buffered stream makes 80 of 64 KiB
-// of text. What the stream holds goes out first, so that the dump keeps its place.
+// Prints on standard output, with any debug mask. In one write: the buffered stream would need 80
+// for 64 KiB of text. The stream is flushed first, so that the output stays in order.
 void DumpBytes(const std::string& text_) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string dump;

@@ -28,7 +28,7 @@ namespace {
 constexpr useconds_t kPassPause = 100000;  // Microseconds; the system's whole pacing.
 constexpr useconds_t kClipPause = 70000;   // Microseconds, after each clip.
 
-constexpr mode_t kStatusFileMode = 0666;  // Less the umask: for everybody to read.
+constexpr mode_t kStatusFileMode = 0666;  // Less the umask: everybody may read it.
 
 constexpr const char* kEncodings[] = {"ascii", "utf8", "utf16"};
 constexpr char kDefaultParser[] = "text-utf8";
@@ -37,7 +37,7 @@ constexpr char kPauseTag[] = "\\pau=300\\ ";  // 300 ms of silence lead every me
 // A file that is truncated in place, or created, and written at once. Closed on exec.
 class OutputFile {
  public:
-  // flags_ and mode_ as for open(). A FIFO is not waited for: without a reader it cannot be opened.
+  // flags_ and mode_ as for open(). A FIFO without a reader cannot be opened: open() does not wait.
   OutputFile(const std::string& path_, int flags_, mode_t mode_)
       : fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | flags_,
                 mode_)) {}
@@ -168,7 +168,7 @@ void Vocastra::Impl::Run() {
 
 // Applies the configuration file if it has changed. A string thrown before anything is changed
 // leaves the old configuration in force. After a load that failed halfway none is in force: the
-// file is loaded in the next pass even if it is as it was before.
+// file is loaded in the next pass even if it has not changed.
 void Vocastra::Impl::Configure() {
   const uint16_t new_config_file_crc = FileCRC(config_file_path);
   if (config_file_crc == new_config_file_crc) {
@@ -315,9 +315,9 @@ void Vocastra::Impl::ApplyState(const std::string& new_state_) {
 
 void Vocastra::Impl::ClearFileParsers() { id_to_file_parser.clear(); }
 
-// Rebuilds the glossary in every pass, so that an edit is heard from the next pass on even if the
-// file's checksum stays the same. Only a file whose checksum is 0, such as a missing or an empty
-// one, leaves a glossary in force.
+// Rebuilds the glossary in every pass, so that an edit takes effect in the next pass even if the
+// file's checksum stays the same. The old glossary is kept only if the file's checksum is 0, as it
+// is for a missing or an empty file.
 void Vocastra::Impl::CheckGlossary() {
   if (glossary_file_path.empty()) {
     return;
@@ -397,9 +397,9 @@ InputDirectory* Vocastra::Impl::ChooseDirectory() {
   return nullptr;
 }
 
-// False if the translator would find no text or a cut one. Everybody can write to the file's
-// directory: a link in its place is not followed, and a file that was removed is created as private
-// as the first.
+// False if the text could not be written, or only a part of it. Everybody can write to the file's
+// directory: a link in its place is not followed, and a file that was removed is created again with
+// the same private mode.
 bool Vocastra::Impl::WriteSnippet(const std::list<std::string>& words_, bool is_start_) {
   std::string text = is_start_ ? kPauseTag : "";
   for (const std::string& word : words_) {
@@ -419,7 +419,7 @@ bool Vocastra::Impl::Translate(const std::string& arguments_,
   const std::string command = Format(
       "%s %s %s %s \"%s\" > /dev/null 2>&1", translator_file_path.c_str(), temp_input_path.c_str(),
       temp_output_path.c_str(), arguments_.c_str(), message_filename_.c_str());
-  // Format returns the empty string when there is no memory, which would count as done.
+  // Format returns the empty string if there is no memory; an empty command would count as done.
   Debug(kDebugNormal, "calling engine");
   const int status = command.empty() ? -1 : RunShell(command);
   Debug(kDebugNormal, "done calling engine");
@@ -463,7 +463,7 @@ void Vocastra::Impl::Deliver(const std::string& path_, const std::string& name_)
   output_directory->CopyIntoDirectoryLocked(path_, name_);
 }
 
-// The next name; each one takes a number.
+// The name of the next output file; each call uses up a number.
 std::string Vocastra::Impl::OutputFileName(const std::string& folder_id_, bool is_bumper_,
                                            bool is_silence_, int is_preview_,
                                            bool start_of_message_) {
@@ -476,7 +476,7 @@ std::string Vocastra::Impl::OutputFileName(const std::string& folder_id_, bool i
   return name;
 }
 
-// Rewrites the status file in place: a reader may see half of it and tries again.
+// Rewrites the status file in place: a reader that sees half of it tries again.
 void Vocastra::Impl::DumpStatus() {
   if (status_file_path.empty()) {
     return;
@@ -495,7 +495,7 @@ void Vocastra::Impl::DumpStatus() {
   for (const auto& [id, directory] : id_to_directory) {
     root.AddChild(directory->GetStatus());
   }
-  // As one text: a stream on the file would cost a pass two system calls.
+  // As one text, because a stream on the file would cost two more system calls per pass.
   file.Write(root.DumpToString(""));  // If there is no room, a later pass writes it.
 }
 

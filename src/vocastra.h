@@ -21,7 +21,7 @@ class Vocastra {
 
   // One pass of the polling loop: reloads what changed, scans the input directories, makes
   // snippets while there is something to say and room for it, and writes the status file.
-  // Takes 100 ms longer than its work, also when it fails.
+  // Sleeps 100 ms at its end, also when it fails.
   // Throws a string if a step fails; the rest of the pass is left out then.
   void Run();
 

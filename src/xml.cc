@@ -24,7 +24,7 @@ namespace {
 using std::string_view_literals::operator""sv;
 
 // NOMUTATE(constant): shows in time only.
-constexpr size_t kFeedBytes = 1024;  // So many are fed to expat at once.
+constexpr size_t kFeedBytes = 1024;  // The length of a feed to expat.
 
 // The bound on a document's tree and text: a fixed part, and a multiple of the size of its file. No
 // tree without entities and attribute defaults needs more than 55 times its file (<a/> again and
@@ -76,7 +76,7 @@ class BoundedHeap : public std::pmr::memory_resource {
 };
 
 // NOMUTATE(constant): shows in time and memory only.
-constexpr size_t kPoolBytes = 512;  // To begin with.
+constexpr size_t kPoolBytes = 512;  // The first block.
 
 }  // namespace
 
@@ -111,7 +111,7 @@ struct XMLElement::Impl {
   int ToInteger(const Attribute& attribute_) const;
   void DumpStartTag(std::string& dump_) const;
 
-  std::unique_ptr<Pool> own_pool;  // Null if the element is pooled: then nobody deletes it.
+  std::unique_ptr<Pool> own_pool;  // Null if the element is in a pool: then it is not deleted.
   Pool& pool;
   std::string_view name;  // In the pool, followed by a zero byte.
   std::pmr::string text;
@@ -228,7 +228,7 @@ XMLElement* XMLElement::AddPooledChild(const char* name_, const char** attrs_) {
 
 XMLElement::~XMLElement() {
   // Each descendant's children take its place in the chain, so that no destructor finds any.
-  // Elements with a pool are deleted last: others that come later in the chain may lie in it.
+  // Elements with a pool are deleted last: later elements of the chain may be in that pool.
   XMLElement* owners = nullptr;
   XMLElement* doomed = std::exchange(impl->first_child, nullptr);
   while (doomed != nullptr) {
@@ -369,7 +369,7 @@ std::string XMLElement::DumpToString(std::string indent_) const {
       element = element->impl->first_child;
       continue;
     }
-    // Closes what ends here, up to an element that has a next one beside it.
+    // Closes elements, up to one that has a next sibling.
     while (element != this && element->impl->next_sibling == nullptr) {
       element = element->impl->parent;
       indent_.resize(indent_.size() - (sizeof(kIndent) - 1));
@@ -434,13 +434,13 @@ std::string ReadWholeFile(const std::string& path_) {
   return text;
 }
 
-// expat looks again at a token that is incomplete at the end of a feed, from its start, with every
-// further feed: a long token would take time quadratic in its length. Reparse deferral prevents
-// that and holds the token back until much more input has come. As no feed is ever marked as the
-// last one, deferral has to end before the last feed, or the end of the document would be lost.
+// Switches reparse deferral on or off; null if the library has no deferral.
 //
-// Null if the library has no deferral. It is looked up in the library that the program runs with:
-// distributions port it back to older releases, so neither headers nor version tell.
+// With each feed, expat scans an incomplete token again from its start: a long token would take
+// time quadratic in its length. Deferral prevents that: expat waits until much more input has come.
+// No feed is marked as the last one, so deferral must be off before the last feed, or the end of
+// the document would be lost. The function is looked up when the program runs: distributions port
+// it back to older releases, so neither the headers nor the version tell whether it exists.
 using SetReparseDeferral = XML_Bool (*)(XML_Parser, XML_Bool);
 SetReparseDeferral FindSetReparseDeferral() {
   static const auto function =
@@ -491,7 +491,7 @@ void XMLDocument::Impl::Parse(const char* expat_encoding_, const std::string& te
   const SetReparseDeferral set_reparse_deferral = FindSetReparseDeferral();
   size_t fed = 0;
   while (valid_xml && fed < text_.size()) {
-    // Without deferral an incomplete token gets as many bytes more as it has already.
+    // Without deferral, the next feed doubles an incomplete token: the time stays linear.
     // NOMUTATE(constant): the length of a feed shows in time only.
     const size_t wanted = set_reparse_deferral == nullptr ? IncompleteBytes(parser, fed) : 0;
     const size_t length = std::min(std::max(kFeedBytes, wanted), text_.size() - fed);

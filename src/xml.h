@@ -29,8 +29,8 @@ class XMLElement {
   // Copies the name and replaces the attributes; text, parent and children stay as they are.
   // The counterpart of operator==. The memory of the old ones is kept until the element ends.
   XMLElement& operator=(const XMLElement& rhs_);
-  // Compares name and attributes only: an input directory counts as unchanged when its
-  // element's attributes are, whatever is inside the element.
+  // Compares name and attributes only: an input directory is unchanged if the attributes of its
+  // element are, whatever is inside the element.
   bool operator==(const XMLElement& rhs_) const;
 
   // Appends child_ to the children and takes ownership of it.
@@ -53,8 +53,8 @@ class XMLElement {
   // They stay owned by this element.
   std::list<const XMLElement*> GetChildren(const std::string& name_) const;
 
-  // The same one by one, for whoever visits many: the first child, and the next one of the same
-  // parent; null if there is none.
+  // The same without a list: the first child, and the next child of the same parent; null if there
+  // is none.
   const XMLElement* GetFirstChild() const;
   const XMLElement* GetNextSibling() const;
   bool HasName(std::string_view name_) const;
@@ -96,13 +96,13 @@ class XMLElement {
 // deletes it, before or after the document.
 class XMLDocument {
  public:
-  // encoding_ is "utf16" (byte order is expat's to find), "ascii" (see ExtAsciiToUtf8Char), or
+  // encoding_ is "utf16" (expat finds the byte order), "ascii" (see ExtAsciiToUtf8Char), or
   // anything else for UTF-8. Invalid UTF-8 is replaced by U+FFFD before parsing.
   // A document that merely ends early is valid. One that is malformed is logged; the part of
-  // the tree before the error stays reachable. A document is malformed ("out of memory") from where
-  // its tree would take more than 4 MiB and 64 times the size of its file, or more than there is,
-  // and after 10,000 attribute declarations. Logs and throws a string if the file cannot be opened;
-  // throws std::bad_alloc if there is no memory for its bytes.
+  // the tree before the error stays reachable. A document is malformed ("out of memory") if its
+  // tree would take more than 4 MiB plus 64 times the size of its file, if memory runs out, or if
+  // it has more than 10,000 attribute declarations. Logs and throws a string if the file cannot be
+  // opened; throws std::bad_alloc if there is no memory for its bytes.
   XMLDocument(const std::string& path_, const std::string& encoding_);
   ~XMLDocument();
 
@@ -115,7 +115,7 @@ class XMLDocument {
   XMLElement* GetRoot(const std::string& name_) const;
   // False if the XML is malformed.
   bool IsValidXML() const;
-  // What is malformed and at which line, as logged; empty if IsValidXML().
+  // The error and its line, as logged; empty if IsValidXML().
   std::string GetError() const;
   // Writes the tree as XMLElement::Dump does; nothing if there is no root.
   void Dump(FILE* file_) const;

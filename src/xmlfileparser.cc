@@ -106,7 +106,7 @@ void XMLFileParser::Impl::ParseElement(std::string& text_, const XMLElement* ele
       element = element->GetFirstChild();
       continue;
     }
-    // Leaves what ends here, up to an element that has a next one beside it.
+    // Leaves elements, up to one that has a next sibling.
     while (element != element_ && element->GetNextSibling() == nullptr) {
       count_on_path(*element, -1);
       element = element->GetParent();

@@ -37,6 +37,6 @@ int NumberOf(const XMLElement& element_, const std::string& name_);
 // The text that the daemon takes for an attribute of the table that is not required.
 std::string TextOf(const XMLElement& element_, const std::string& name_);
 
-// Warns of attributes that nobody reads. item_ names the element in findings.
+// Warns of unknown attributes. item_ names the element in findings.
 void CheckAttributes(const Document& document_, const XMLElement& element_, const Place& place_,
                      Findings& findings_);

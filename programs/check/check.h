@@ -1,4 +1,4 @@
-// What vocastra-check does, between its command line and its findings.
+// The checks of vocastra-check, without its command line.
 #pragma once
 
 #include <map>

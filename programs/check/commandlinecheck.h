@@ -1,9 +1,9 @@
-// What the daemon makes of its command line.
+// Checks the daemon's command line.
 #pragma once
 
 #include "check.h"
 #include "findings.h"
 #include "paths.h"
 
-// Judges the daemon's options, those that are missing as well, and notes the paths among them.
+// Checks the daemon's options, missing ones too, and adds their paths to uses_.
 void CheckCommandLine(const CheckOptions& options_, PathUses& uses_, Findings& findings_);

@@ -20,8 +20,7 @@ std::string Text(const XMLElement& element_, const char* name_) {
   return element_.GetAttributeString(name_, "");
 }
 
-// False, with a finding, if a required attribute is missing: then the daemon takes no part of the
-// configuration.
+// False, with a finding, if a required attribute is missing: then every pass of the daemon fails.
 bool Require(const XMLElement& element_, const Place& place_, const char* name_,
              Findings& findings_) {
   try {
@@ -184,7 +183,7 @@ class DirectoryCheck {
     }
   }
 
-  // Values that are numbers or words and yet do not do what they seem to.
+  // Valid numbers and words that do not have the effect that they seem to have.
   void CheckValues() {
     if (NumberOf(element, "loops") < 1) {
       findings.Warning(place, "\"loops\" below 1: messages are spoken once", "Write 1 or more");
@@ -272,7 +271,8 @@ class DirectoryCheck {
     uses.AddFile(place, name_, path_);
   }
 
-  // Paths are words of shell commands. Where files are removed, half a path is a danger.
+  // Paths are words of shell commands. If the shell splits a path whose files are removed, it
+  // removes other files.
   void CheckShellPath(const std::string& name_, const std::string& path_, bool is_emptied_) {
     const std::string bad = ShellCharacters(path_, false);
     if (!bad.empty()) {
@@ -381,7 +381,7 @@ void CheckRoot(const Document& document_, Findings& findings_) {
   }
 }
 
-// True if the daemon would use the element, which has an id of its own; ids_ are those before it.
+// True if the element has an id of its own, so that the daemon uses it. ids_ are the earlier ids.
 bool CheckId(const Document& document_, const XMLElement& directory_, const Place& place_,
              std::set<std::string>& ids_, Findings& findings_) {
   CheckAttributes(document_, directory_, place_, findings_);

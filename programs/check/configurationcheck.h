@@ -1,10 +1,10 @@
-// What the daemon makes of its configuration.
+// Checks the daemon's configuration.
 #pragma once
 
 #include "check.h"
 #include "findings.h"
 #include "paths.h"
 
-// Judges the file, its parsers and its directories, and notes the paths in it. Of the command line
-// it only matters whether there is a helper for remote directories.
+// Checks the file, its parsers and its directories, and adds its paths to uses_. Of the command
+// line, only the helpers for remote directories matter.
 void CheckConfiguration(const CheckOptions& options_, PathUses& uses_, Findings& findings_);

@@ -28,8 +28,8 @@ std::string ReadWhole(const std::string& path_) {
 
 }  // namespace
 
-// Reads a file again, to the very end, and keeps what LoadXMLTree does not: the lines of its
-// elements, and that it ends early.
+// Reads a file a second time, to its end, and keeps what LoadXMLTree does not: the line of every
+// element, and whether the file ends early.
 class TagReader {
  public:
   explicit TagReader(const std::string& path_) {
@@ -122,7 +122,8 @@ void Document::CheckChildren(const XMLElement& element_, const std::vector<std::
 
 bool Document::IsReadable() const { return access(path.c_str(), R_OK) == 0; }
 
-// The daemon only says which root it misses when the XML breaks before there is one.
+// Adds the XML error to why_: if the XML is malformed before the root, the daemon only names the
+// missing root.
 std::string Document::Complete(const std::string& why_, const TagReader& reader_) const {
   const bool is_complete = !IsReadable() || reader_.error.empty() ||
                            why_.compare(0, reader_.error.size(), reader_.error) == 0;

@@ -10,7 +10,7 @@
 #include "findings.h"
 #include "xml.h"
 
-// What the daemon's tree does not keep of an element.
+// Properties of an element that the daemon's tree does not keep.
 struct Tag {
   int line = 0;
   std::vector<std::pair<std::string, std::string>> attributes;  // Name and value, in their order.

@@ -1,4 +1,4 @@
-// What a check finds: one line each, with the place and a remedy.
+// The findings of a check: one line each, with the place and a remedy.
 #pragma once
 
 #include <stddef.h>
@@ -23,14 +23,13 @@ std::string Quoted(const std::string& value_);
 
 class Findings {
  public:
-  // An error is what keeps messages from being spoken or destroys files that are not the daemon's
-  // own.
+  // An error: messages are not spoken, or files are destroyed that are not the daemon's own.
   void Error(const Place& place_, const std::string& problem_, const std::string& remedy_);
-  // A warning is where the daemon does something else than the text says.
+  // A warning: the daemon does something else than the text says.
   void Warning(const Place& place_, const std::string& problem_, const std::string& remedy_);
 
   // Writes "FILE:LINE: error|warning: ITEM: PROBLEM. REMEDY." for each to standard error, files in
-  // the order of their first findings, each by lines. Returns the gravest.
+  // the order of their first findings, each by lines. Returns the worst verdict.
   Verdict Print();
 
  private:

@@ -12,8 +12,8 @@
 
 namespace {
 
-// Why the daemon, which splits messages at these characters and strips words of some, never looks
-// that text up; empty if it does.
+// Why the daemon never looks that text up; empty if it does. It splits messages at these characters
+// and removes some of them from words.
 std::string WhyNeverMatches(const std::string& text_) {
   constexpr int kMaxWordChars = 100;
   int length = 0;

@@ -1,4 +1,4 @@
-// What the daemon makes of a glossary.
+// Checks a glossary.
 #pragma once
 
 #include <string>

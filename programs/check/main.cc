@@ -1,8 +1,8 @@
-// vocastra-check: finds out what the daemon would refuse, or do silently in another way than the
-// configuration says.
+// vocastra-check: reports what the daemon would refuse, or would silently do in another way than
+// the configuration says.
 //
-// The daemon's own modules judge what they can; the checker adds lines, remedies and what nobody
-// else looks at.
+// It uses the daemon's own modules where it can, and adds line numbers, remedies and further
+// checks.
 
 #include <stdio.h>
 

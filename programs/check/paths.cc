@@ -12,7 +12,7 @@
 
 namespace {
 
-// Without links, "." and ".."; as far as the path exists up to its last name.
+// Without links, "." and "..", if the path exists up to its last name.
 std::string RealPath(const std::string& path_) {
   char resolved[PATH_MAX];
   if (realpath(path_.c_str(), resolved) != nullptr) {
@@ -159,8 +159,8 @@ void PathUses::Check(Findings& findings_) const {
   }
 }
 
-// The daemon ignores sub-directories and never removes them, so that one directory inside another
-// is worth a warning only if either is the output.
+// The daemon ignores subdirectories and never removes them, so one directory inside another needs a
+// warning only if one of them is the output directory.
 void PathUses::CheckPair(const Use& first_, const Use& second_, Findings& findings_) {
   if (first_.real == second_.real) {
     CheckSame(first_, second_, findings_);

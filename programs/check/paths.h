@@ -1,4 +1,4 @@
-// Paths: what is wrong with one, what the shell makes of it, and which of them must not meet.
+// Checks of paths: errors in a path, characters that the shell reads, and directories that overlap.
 #pragma once
 
 #include <string>
@@ -15,8 +15,8 @@ std::string WhyUnusable(const std::string& path_);
 // Why that is not a program that can be executed; empty if it is.
 std::string WhyNotExecutable(const std::string& path_);
 
-// The characters of value_ that the shell does not take as they are, each once. Blanks are among
-// them unless value_ may be several words.
+// The characters of value_ with a meaning for the shell, each once. Blanks are among them unless
+// value_ may be several words.
 std::string ShellCharacters(const std::string& value_, bool may_be_words_);
 
 // Those characters as a text.
@@ -25,7 +25,7 @@ std::string Described(const std::string& characters_);
 // "<name_> goes through the shell, which reads <characters_>".
 std::string ThroughShell(const std::string& name_, const std::string& characters_);
 
-// The remedy for a path that the shell does not take as it is.
+// The remedy for a path with such characters.
 constexpr char kSafeCharacters[] = "Use letters, digits and . _ + - / only";
 
 // Roles of directories that are not treated alike, see PathUses.
@@ -40,7 +40,7 @@ class PathUses {
   void AddDirectory(const Place& place_, const std::string& role_, const std::string& path_);
   void AddFile(const Place& place_, const std::string& role_, const std::string& path_);
 
-  // Finds directories that must not be emptied, that meet, or that hold one of the files.
+  // Finds directories that must not be emptied, that overlap, or that hold one of the files.
   void Check(Findings& findings_) const;
 
  private:

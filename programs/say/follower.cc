@@ -22,8 +22,8 @@ const XMLElement* FindMessage(const XMLElement& directory_, const std::string& f
   return nullptr;
 }
 
-// True if the message whose snippet was made last is still some directory's active one, or none.
-// A message that has given its last words stays "now-playing" for a while after that.
+// True if the message whose snippet was made last is still active in some directory, or if there is
+// no such message. A message stays "now-playing" for a while after its last words.
 bool IsSettled(const XMLElement& status_) {
   const int playing = status_.GetAttributeInteger("now-playing");
   if (playing == 0) {
@@ -78,7 +78,7 @@ Follower::End Follower::Follow(const std::string& name_, int timeout_) {
   return End::kTimedOut;
 }
 
-// True if the daemon is to drop the directory or to build it again, which empties it.
+// True if the daemon will delete the directory, or create it again, which empties it.
 bool Follower::IsDirectoryReplaced() {
   const uint16_t crc = FileCRC(config_path);
   if (is_over || crc == config_crc) {
@@ -126,7 +126,7 @@ std::optional<Follower::End> Follower::Look(const XMLElement& status_, bool was_
   return IsSettled(status_) ? std::optional<End>(End::kSaid) : std::nullopt;
 }
 
-// True if the message, which is not the active one, has been that, was taken or is not queued.
+// True if the message was active, was taken or is not queued. REQUIRES: it is not active now.
 bool Follower::IsOver(const XMLElement& directory_, int timestamp_) const {
   const bool is_out_of_queue =
       timestamp_ >= seen_from && directory_.GetAttributeInteger("updated-file-count") == 0;

@@ -1,7 +1,7 @@
 // Follows one message through the daemon's status file to its end.
 //
-// A status tells what the daemon knew when it wrote it, so what counts is which scan came before:
-// there is one before every status, and the counter in it tells statuses apart.
+// The daemon scans before it writes a status, so a status shows the result of the scan before it.
+// The counter in the status tells statuses apart.
 #pragma once
 
 #include <limits.h>
@@ -17,7 +17,7 @@ class Follower {
  public:
   enum class End { kSaid, kDropped, kTimedOut };
 
-  // Throws a string if there is no daemon that has the directory.
+  // Throws a string if the status file cannot be read or does not show the directory.
   // REQUIRES: target_ outlives this object.
   Follower(const std::string& config_path_, const std::string& status_path_,
            const LocalDirectory& target_);

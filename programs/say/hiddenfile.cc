@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr mode_t kMessageMode = 0644;  // Whatever the umask: a message is there to be heard.
+constexpr mode_t kMessageMode = 0644;  // Whatever the umask: the daemon must read it.
 
 }  // namespace
 

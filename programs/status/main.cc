@@ -62,7 +62,7 @@ void Print(const std::string& text_) {
   }
 }
 
-// Looks at the status again and again, without waiting.
+// Looks at the status; notes when it last changed.
 class Watcher {
  public:
   explicit Watcher(const Options& options_) : options(options_) {}

@@ -1,4 +1,4 @@
-// What vocastra-status knows of the daemon at one moment, and how it is shown.
+// The daemon's status at one moment, and how it is shown.
 #pragma once
 
 #include <memory>
@@ -22,5 +22,5 @@ Report MakeReport(std::unique_ptr<XMLElement> status_, bool is_stale_, int limit
 // equal.
 std::string ToJson(const Report& report_, bool has_counter_);
 
-// Lines for people. Control characters of the status do not get into it.
+// A table for people. Control characters are replaced.
 std::string ToTable(const Report& report_);
