@@ -1,4 +1,4 @@
-"""Runs the daemon for MINUTES under all that a busy station can do to it, and counts.
+"""Runs the daemon for MINUTES under the load and failures of a busy station, and counts.
 
     tools/soak MINUTES [SEED]
 
@@ -6,13 +6,13 @@ Messages are dropped into several directories (everyday, urgent with clips, repe
 one whose translator fails now and then) while the configuration is reloaded, directories with
 helpers come and go, the state changes between "run" and "stop", a player takes files under the lock
 at random moments, and now and then the configuration is broken or a directory is away for a while.
-Every word is unique, so that each message can be followed from its drop to the audio. What a "stop"
-drops, and what a failing translator or a missing output directory loses, the daemon gives up by
-design: such messages are counted apart, and must still not be said twice or out of order.
+Every word is unique, so that each message can be followed from its drop to the audio. By design, a
+"stop" drops messages, and a failing translator or a missing output directory loses words. Such
+messages are counted separately, and must still not be said twice or out of order.
 
-Ends with a table and status 0 if nothing was lost, said twice or out of order, nothing grew and no
-time was burnt.
-The program is build/release/vocastra, or what the environment variable VOCASTRA says.
+Prints a table. The exit status is 0 if no message was lost, said twice or out of order, memory and
+descriptors did not grow, and processor time stayed below its limit.
+The program is build/release/vocastra, or the command in the environment variable VOCASTRA.
 """
 
 import os
@@ -53,7 +53,7 @@ class Message:
         self.words = [f"{self.name}-{i}" for i in range(words)]
         self.expected = self.words * plays
         self.heard = []
-        self.given_up = False
+        self.excused = False
 
     def is_done(self):
         return len(self.heard) >= len(self.expected)
@@ -180,7 +180,7 @@ class Soak:
                 if message.is_done():
                     del self.open[message.name]
 
-    # What disturbs it.
+    # Disturbances.
 
     def disturb(self):
         what = self.random.choice(["reload", "reload", "guest", "stop", "fault"])
@@ -198,16 +198,16 @@ class Soak:
             self.configure()
             self.reloads += 1
 
-    def give_up_what_was_taken(self):
-        """What still lies in an input directory is only queued, and must be said later on."""
+    def excuse_messages_in_work(self):
+        """Excuses the messages in work. A file still in an input directory must be said later."""
         with self.lock:
             for message in self.open.values():
-                message.given_up |= not (self.place(message.directory) / message.name).exists()
+                message.excused |= not (self.place(message.directory) / message.name).exists()
 
     def stop_and_go(self):
-        """What is active or in the output directory is dropped by design."""
+        """Stops and continues. Active messages and output files are dropped by design."""
         self.configure(state="stop")
-        self.give_up_what_was_taken()
+        self.excuse_messages_in_work()
         self.stops += 1
         self.configure(state="run")
 
@@ -226,10 +226,10 @@ class Soak:
         self.lose(path.parent, f'Could not open "{path}" for writing')
 
     def lose_output(self):
-        """What is made meanwhile is not delivered by design."""
+        """Takes the output directory away. By design, audio made meanwhile is not delivered."""
         with self.output_lock:
             self.lose(self.daemon.output, f'Could not open "{self.daemon.output}/" for counting: ')
-            self.give_up_what_was_taken()
+            self.excuse_messages_in_work()
 
     def lose(self, path, complaint):
         """Takes a directory away until the daemon has complained for a while."""
@@ -269,17 +269,17 @@ class Soak:
     def backlog(self):
         self.note_failures()
         with self.lock:
-            return sum(not message.given_up for message in self.open.values())
+            return sum(not message.excused for message in self.open.values())
 
     def note_failures(self):
-        """Gives up the messages of which the translator has lost words since the last look."""
+        """Excuses the messages of which the translator has lost words since the last call."""
         if self.failed.exists():
             failed = self.failed.read_text()
             failed = failed[: failed.rfind("\n") + 1]  # One call, one line; the last may be half.
             words = failed[self.failed_seen :].replace(PAUSE, "").split()
             self.failed_seen = len(failed)
             for name in {word.rpartition("-")[0] for word in words}:
-                self.by_name[name].given_up = True
+                self.by_name[name].excused = True
 
     def run(self, seconds):
         self.start()
@@ -302,7 +302,7 @@ class Soak:
         return samples
 
     def quiet_resources(self):
-        """Resources once all that is on its way has arrived or was given up."""
+        """Resources when all messages have been said or are excused."""
 
         def is_quiet():
             self.note_failures()
@@ -329,8 +329,8 @@ def is_in_order(message):
 
 def report(soak, samples):
     complete = [m for m in soak.messages if m.heard == m.expected]
-    given_up = [m for m in soak.messages if m.heard != m.expected and m.given_up]
-    lost = [m for m in soak.messages if m.heard != m.expected and not m.given_up]
+    excused = [m for m in soak.messages if m.heard != m.expected and m.excused]
+    lost = [m for m in soak.messages if m.heard != m.expected and not m.excused]
     disordered = [m for m in soak.messages if not is_in_order(m)]
     start, middle, end = samples
     print(
@@ -339,7 +339,7 @@ def report(soak, samples):
     )
     print(f"{'spoken whole':24}{len(complete)}")
     print(
-        f"{'given up by design':24}{len(given_up)} "
+        f"{'lost by design':24}{len(excused)} "
         "(under way at a stop or without output, or translator failed)"
     )
     print(f"{'lost':24}{len(lost)} {' '.join(m.name for m in lost[:5])}")

@@ -1,4 +1,4 @@
-"""What the documents point at exists, and their examples are right."""
+"""Links and paths in the documents exist, and their examples are valid."""
 
 import re
 
@@ -23,7 +23,7 @@ def is_valid(schema, text, tmp_path):
 
 
 @pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: str(path.relative_to(ROOT)))
-def test_links_lead_somewhere(path):
+def test_links_have_targets(path):
     text = re.sub(r"^```.*?^```$", "", path.read_text(), flags=re.DOTALL | re.MULTILINE)
     for target in re.findall(r"\]\(([^)#\s]+)(?:#[^)]*)?\)", text):
         assert "://" in target or (path.parent / target).exists(), target
@@ -78,7 +78,7 @@ def test_every_configuration_and_glossary_fits_its_schema():
     for pattern in ("**/*.xml", "**/*.conf"):
         for path in ROOT.glob(pattern):
             if {"build", ".git", "tests", "fuzz"} & set(path.relative_to(ROOT).parts):
-                continue  # Made, or wrong on purpose.
+                continue  # Generated, or wrong on purpose.
             root = re.search(r"<([a-z][\w-]*)", path.read_text(errors="replace"))
             if root and root[1] in roots:
                 roots[root[1]] += 1

@@ -1,4 +1,4 @@
-"""Each example runs as its README says, and speaks what its README promises."""
+"""Each example runs as its README says, and speaks the messages as its README says."""
 
 import os
 import re
@@ -135,7 +135,7 @@ class Example:
             return
 
         def alive():
-            try:  # The directory shows that the number still belongs to ours.
+            try:  # The directory shows that the number still belongs to our process.
                 return os.readlink(f"/proc/{pid}/cwd") == str(self.path)
             except FileNotFoundError:
                 return False

@@ -25,7 +25,7 @@ def texts_in_sources():
         source = path.read_text()
         for call in CALLS:
             texts.update(text.replace('\\"', '"') for text in re.findall(call, source))
-    return texts - {"%s"}  # That one passes on a text made elsewhere.
+    return texts - {"%s"}  # This call logs a text made elsewhere.
 
 
 def texts_in_document():

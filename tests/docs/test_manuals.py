@@ -153,7 +153,7 @@ def test_attributes_of_the_status_file(element):
 FULL = (ROOT / "examples/full/config.xml").read_text()
 # They have a default, with which nothing is spoken.
 NEEDED = {"type", "path"}
-# What the daemon uses without a parser.
+# The daemon uses these without a parser.
 NAMED_DEFAULTS = {"parser": "text", "encoding": "utf8"}
 
 

@@ -141,7 +141,7 @@ class Daemon:
                 self.arguments += [option, value]
         self.arguments += arguments
 
-    # What the daemon reads.
+    # Input of the daemon.
 
     def input(self, identity):
         """The local input directory of that id, made on first use."""
@@ -163,7 +163,7 @@ class Daemon:
     def configure(self, *elements, state="run"):
         """Writes the configuration; the daemon reads it in its next pass."""
         text = element("tts-config", elements or ("\n",), state=state)
-        # The daemon looks at a 16-bit checksum alone: a chance meeting of two must not fail a test.
+        # The daemon compares only a 16-bit checksum: two equal ones must not fail a test.
         if self.config.exists() and self.config.read_text() != text:
             while crc16(self.config.read_bytes()) == crc16(text.encode()):
                 text += "\n"
@@ -186,7 +186,7 @@ class Daemon:
         """Hands a message over to the local input directory of that id."""
         publish(self.input(identity) / name, data)
 
-    # Its life.
+    # Start and end.
 
     def start(self, wait=True, env=None, preexec_fn=None, **options):
         """Starts the daemon. With wait, returns after its first complete status.
@@ -256,7 +256,7 @@ class Daemon:
             else:
                 path.unlink(missing_ok=True)
 
-    # What can be seen of it.
+    # Output of the daemon.
 
     def log_text(self):
         if not self.log_path.exists():
@@ -390,7 +390,7 @@ class Daemon:
                 (self.output / name).unlink()
         return taken
 
-    # What steers the fake programs.
+    # Control of the fake programs.
 
     def behave(self, *words):
         """Tells the translator how to behave from its next call on; see fake_translator."""

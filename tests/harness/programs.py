@@ -16,7 +16,7 @@ from harness.wait import LIMIT, wait_until
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
 
-# What the sanitizers write when they found something.
+# The sanitizers write these texts when they find something.
 SANITIZER_REPORT = re.compile(r"==\d+==\s*ERROR: |: runtime error: |SUMMARY: \w+Sanitizer")
 
 

@@ -34,7 +34,7 @@ def directory_status(identity="a", status=1, path="/in", total=0, updated=0, mes
 
 
 class StatusWriter(threading.Thread):
-    """Stands in for a daemon: rewrites a status file in place, with a counter that grows.
+    """Replaces a daemon: rewrites a status file in place, with a counter that grows.
 
     record(timestamp) returns the text of each status.
     """

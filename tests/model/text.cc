@@ -157,7 +157,7 @@ std::string Speech(const std::map<std::string, std::string>& entries_, const std
   if (found == entries_.end()) {
     return word_;
   }
-  // The speech takes the place of the key's length, from the first byte that the key has too.
+  // The speech replaces as many bytes as the key has, from the first byte that is in the key.
   const size_t before = key.empty() ? std::string::npos : word_.find_first_of(key);
   if (before == std::string::npos) {
     return found->second;

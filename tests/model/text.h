@@ -23,7 +23,7 @@ std::vector<uint32_t> Decode(const std::string& text_);
 bool IsUtf8(const std::string& text_);
 std::string ReplaceInvalid(const std::string& text_);
 
-// The UTF-8 of an extended-ASCII byte. Of 0x80 to 0x9F it is not valid, by rule.
+// The UTF-8 of an extended-ASCII byte. For 0x80 to 0x9F it is invalid, as the rule says.
 std::string FromExtendedAscii(unsigned char byte_);
 
 // The words of a text, and the lines that the log has about them.
@@ -45,7 +45,7 @@ struct Splitting {
 // All snippets that the plays of a message yield.
 std::vector<Words> Snippets(const Words& words_, int limit_, int loops_);
 
-// A word as a glossary with these entries has it spoken.
+// A word after replacement by a glossary with these entries.
 std::string Speech(const std::map<std::string, std::string>& entries_, const std::string& word_);
 
 }  // namespace model

@@ -42,7 +42,7 @@ void Text(void* document_, const char* text_, int length_) {
   }
 }
 
-// Where expat has no such function, it defers nothing.
+// An expat without this function does not defer.
 void SwitchDeferralOff(XML_Parser parser_) {
   void* const found = dlsym(RTLD_DEFAULT, "XML_SetReparseDeferralEnabled");
   if (found != nullptr) {

@@ -1,5 +1,5 @@
 // XML documents, and the texts that fields extract from them: expat with feeds of 1024 bytes and no
-// deferral, a tree of plain nodes, and the rules step by step, recursion and all.
+// deferral, a tree of plain nodes, and the rules step by step, with recursion.
 #pragma once
 
 #include <deque>

@@ -1,4 +1,4 @@
-"""What can be said about the package without building it: units, versions, what is installed."""
+"""Checks of the package without building it: units, versions, installed files."""
 
 import json
 import re
@@ -24,7 +24,7 @@ def run(*command):
 
 @pytest.fixture(scope="module")
 def staged(tmp_path_factory):
-    """What CMake and debian/*.install bring into a system."""
+    """The files that CMake and debian/*.install install."""
     system = tmp_path_factory.mktemp("system")
     build = Path(program()[-1]).parent
     status, output = run("cmake", "--install", build, "--prefix", system / "usr")

@@ -2,13 +2,13 @@
 // on, it takes every feed that is not marked as the final one and parses none of it; with the first
 // feed after deferral was switched off, it parses all.
 //
-// The library beside it may know of deferral or not: nothing is left to that.
+// It works with a library with deferral and with one without.
 #include <dlfcn.h>
 #include <expat.h>
 #include <stdlib.h>
 #include <string.h>
 
-// Of the one parser that the daemon has at a time.
+// For the parser in use; the daemon has one at a time.
 static char* held;
 static size_t held_length;
 static int is_off;

@@ -1,5 +1,5 @@
-// Preloaded into the daemon by tools/faults: lets one request to the heap fail, drives the daemon
-// through a scripted life in its pauses, and reports what it sees.
+// Preloaded into the daemon by tools/faults: lets one request to the heap fail, runs a script in
+// the daemon's pauses, and writes a report.
 //
 // Environment: FAULT_AT, the number of the request that fails, from 1; 0 for none. FAULT_SCRIPT, a
 // file of lines (below). FAULT_OUTPUT, the output directory. FAULT_REPORT, the file that gets the
@@ -15,9 +15,9 @@
 //   failed PAUSES           the request failed when there had been that many pauses
 //   temporary PATH          the daemon made this file or directory
 //   locked PAUSE            the output directory was locked in a pause
-//   missing PATH            a wait was for nothing
+//   missing PATH            a wait timed out
 //   request NUMBER PLACE    requests with the same place have the same callers, up to main
-//   ended PAUSES REQUESTS   the script is done, and so many requests were made
+//   ended PAUSES REQUESTS   the script is done; the number of pauses and of requests so far
 #include <dlfcn.h>
 #include <errno.h>
 #include <execinfo.h>
@@ -108,7 +108,7 @@ static void Require(int holds, const char* subject) {
   }
 }
 
-// The programs that the daemon starts have a heap without failures.
+// In programs that the daemon starts, no request fails.
 __attribute__((constructor)) static void Begin(void) {
   is_ours = 1;
   unsetenv("LD_PRELOAD");

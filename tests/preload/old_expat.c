@@ -1,6 +1,6 @@
-// Preloaded into the daemon beside a copy of expat in which the function that switches deferral off
-// has another name: makes an expat of before deferral of it, which neither defers nor has that
-// function. A copy that never had the function is one already.
+// Preloaded into the daemon together with a copy of expat in which the function that switches
+// deferral off has another name. Makes this copy behave as an old expat, which does not defer and
+// does not have the function. A copy without the function needs no change.
 #include <dlfcn.h>
 #include <expat.h>
 #include <stdlib.h>

@@ -20,7 +20,7 @@ std::string Bytes(size_t length_) {
   return bytes;
 }
 
-TEST(CRCTest, HasTheCataloguedCheckValues) {
+TEST(CRCTest, HasTheCheckValuesOfTheCatalogue) {
   EXPECT_EQ(0x2189, CRCOf(0, "123456789"));
   EXPECT_EQ(0x6F91, CRCOf(0xFFFF, "123456789"));
 }
@@ -50,7 +50,7 @@ TEST(FileCRCTest, YieldsZeroForAnEmptyOrMissingFile) {
   EXPECT_EQ("", LogOf([&] { EXPECT_EQ(0, FileCRC(directory / "missing")); }, kDebugAvailable));
 }
 
-TEST(FileCRCTest, TakesTheBytesAsTheyAre) {
+TEST(FileCRCTest, ReadsAllBytesUnchanged) {
   const TemporaryDirectory directory;
   const std::string bytes("\r\n\n\r\x1A\0\xFF\xFE z", 10);
   EXPECT_EQ(model::CRC(0, bytes), FileCRC(directory.Write("file", bytes)));

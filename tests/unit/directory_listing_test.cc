@@ -7,7 +7,7 @@
 #include "directory_fixtures.h"
 #include "stand_ins/listing.h"
 
-// The sanitizer's malloc fails like any other. Meaningless without it.
+// Lets the sanitizer's malloc return null as any other. Without the sanitizer it has no effect.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
@@ -22,7 +22,7 @@ class ListingTest : public DirectoryTest {
  protected:
   ~ListingTest() override { listing = {}; }
 
-  // Entries that no disk holds, the same for each pass.
+  // Entries that are not on disk, the same for each pass.
   static void FakeListing(size_t count_, const std::string& name_, unsigned char type_ = DT_REG) {
     // Room for longer names than a dirent declares.
     const auto bytes = std::make_shared<std::vector<char>>(sizeof(dirent) + name_.size());
@@ -68,7 +68,7 @@ TEST_F(ListingTest, CutsANameAfter4095Bytes) {
   }
 }
 
-// Network shares hand out such numbers; a 32-bit program built for 32-bit ones fails at them.
+// Network shares have such numbers; a program built for 32-bit numbers cannot list them.
 TEST_F(ListingTest, ListsFilesWithInodeNumbersOf64Bits) {
   static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8 && sizeof(dirent::d_ino) == 8);
   dirent entry = {};

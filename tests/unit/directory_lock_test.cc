@@ -32,7 +32,7 @@ TEST_F(LockTest, KeepsTheLockIfItCannotList) {
   EXPECT_TRUE(other_process.CouldLock());
 }
 
-TEST_F(LockTest, WorksWithoutALockThatItCannotGet) {
+TEST_F(LockTest, ContinuesIfItCannotGetTheLock) {
   const std::string path = temporary.MakeDirectory("another");
   temporary.Write("another/file", "");
   Directory directory(path);
@@ -100,7 +100,7 @@ TEST_F(LockTest, HoldsTheLockWhileItListsAndCounts) {
   EXPECT_GE(calls, 3);
 }
 
-// The command goes to the shell as it is, and so this source is what flock says of the lock.
+// The shell expands the source, so its name shows whether flock finds the lock free.
 TEST_F(LockTest, HoldsTheLockWhileItCopiesAndMoves) {
   for (const bool copy : {true, false}) {
     temporary.Write("free", "free");
@@ -124,7 +124,7 @@ TEST_F(LockTest, WaitsForTheLock) {
     count = shared.GetFileCountLocked();
     counted = true;
   });
-  for (int i = 0; i < 50 && !counted; ++i) {  // A chance to go ahead in spite of the lock.
+  for (int i = 0; i < 50 && !counted; ++i) {  // Time to go on in spite of the lock.
     usleep(1000);
   }
   EXPECT_FALSE(counted);
@@ -165,7 +165,7 @@ TEST_F(LockTest, ClearsWithoutTheLock) {
 TEST_F(LockTest, ClearsTheRestIfAFileCannotBeRemoved) {
   WriteFiles({"a", "b", "c"});
   listing.before_unlink = [&](const std::string& path) {
-    if (path == shared_path + "b") {  // It turns into something that unlink does not remove.
+    if (path == shared_path + "b") {  // Becomes a directory, which unlink does not remove.
       listing.before_unlink = nullptr;
       Remove("b");
       temporary.MakeDirectory("shared/b");

@@ -46,7 +46,7 @@ TEST_F(GlossaryTest, ReplacesTheWordsThatItHas) {
   EXPECT_EQ("other", glossary.SubstituteSpeech("other"));
 }
 
-TEST_F(GlossaryTest, KeepsThePointsAndCommasAroundAWord) {
+TEST_F(GlossaryTest, KeepsFullStopsAndCommasAroundAWord) {
   const Glossary glossary = Load({{"Dr", "doctor"}});
   const struct {
     const char* word;
@@ -68,17 +68,17 @@ TEST_F(GlossaryTest, ComparesExactly) {
   }
 }
 
-TEST_F(GlossaryTest, LooksUpASinglePointOrCommaAsItIs) {
+TEST_F(GlossaryTest, LooksUpASingleFullStopOrComma) {
   const Glossary glossary = Load({{".", "full stop"}, {",", "comma"}});
   EXPECT_EQ("full stop", glossary.SubstituteSpeech("."));
   EXPECT_EQ("comma", glossary.SubstituteSpeech(","));
-  // The last one is looked up and spoken in place of the first one.
+  // The last character is looked up, and the first one is replaced.
   EXPECT_EQ("full stop..", glossary.SubstituteSpeech("..."));
   EXPECT_EQ(".comma", glossary.SubstituteSpeech(".,"));
   EXPECT_EQ(",full stop", glossary.SubstituteSpeech(",."));
 }
 
-TEST_F(GlossaryTest, ReplacesFromTheFirstByteThatTheKeyHasToo) {
+TEST_F(GlossaryTest, ReplacesFromTheFirstByteThatIsInTheKey) {
   const Glossary glossary = Load({{"a.b", "speech"}, {"x,y", "other"}});
   EXPECT_EQ("speech", glossary.SubstituteSpeech("a.b"));
   EXPECT_EQ("speechb", glossary.SubstituteSpeech(".a.b"));

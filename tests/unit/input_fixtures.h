@@ -33,8 +33,8 @@ inline std::string StatusAttribute(const InputDirectory& input_, const std::stri
   return std::unique_ptr<XMLElement>(input_.GetStatus())->GetAttributeString(name_);
 }
 
-// Hands out texts by file name; for other names the file's own content. A text in thrown is
-// thrown instead.
+// Returns texts by file name, and for other names the file's own content. Throws a text that is in
+// thrown.
 class FakeParser : public FileParser {
  public:
   std::string ParseFile(const std::string& path_) const override {
@@ -49,7 +49,7 @@ class FakeParser : public FileParser {
   std::map<std::string, std::string> thrown;
 };
 
-// A parser that is whatever function a test needs.
+// A parser made of the function that a test gives.
 class FunctionParser : public FileParser {
  public:
   explicit FunctionParser(std::function<std::string(const std::string&)> function_)

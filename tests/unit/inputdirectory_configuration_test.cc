@@ -19,7 +19,7 @@ TEST(InputDirectoryTest, HasDefaultsForEveryAttribute) {
   EXPECT_TRUE(input->FirstPlayOfActiveMessage());
 }
 
-TEST(InputDirectoryTest, HandsOutItsAttributes) {
+TEST(InputDirectoryTest, ReturnsItsAttributes) {
   const TemporaryDirectory directory;
   SetDebugMask(0);
   const auto input = Build({{"id", "a"},

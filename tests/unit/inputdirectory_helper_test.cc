@@ -148,7 +148,7 @@ TEST_F(HelperTest, ResetsCaughtAndBlockedSignals) {
 
 TEST_F(HelperTest, PassesOnlyTheStandardDescriptors) {
   const Directory held(scripts.path);
-  // Those that this program was started with are not the matter here.
+  // Ignores the descriptors that this program was started with.
   for (int fd = 3; fd < 1024; ++fd) {
     if (fcntl(fd, F_GETFD) == 0) {
       fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -199,7 +199,7 @@ TEST_F(HelperTest, StartsNoHelperWithoutAWatchDirectory) {
   EXPECT_THAT(stand_ins::processes.children, IsEmpty());
 }
 
-TEST_F(HelperTest, StopsTheHelperTwoSecondsBeforeItsDirectoryGoes) {
+TEST_F(HelperTest, StopsTheHelperTwoSecondsBeforeRemovingItsDirectory) {
   for (const RemoteType& remote : kRemoteTypes) {
     auto input = Start(remote.type, WriteScript("exec sleep 60"));
     const pid_t pid = stand_ins::processes.children.back();
@@ -222,14 +222,14 @@ TEST_F(HelperTest, StopsTheHelperTwoSecondsBeforeItsDirectoryGoes) {
   }
 }
 
-TEST_F(HelperTest, LeavesAHelperThatIgnoresSigterm) {
+TEST_F(HelperTest, DoesNotWaitForAHelperThatIgnoresSigterm) {
   auto input = Start("cifs", WriteScript("trap '' TERM; echo ready; exec sleep 60"));
   for (int i = 0; i < 30000 && Output().empty(); ++i) {
-    poll(nullptr, 0, 10);  // Milliseconds: here usleep() does not wait.
+    poll(nullptr, 0, 10);  // Milliseconds; usleep() is replaced and does not wait.
   }
   ASSERT_EQ("ready\n", Output());
   Destroy(input);
-  // A helper that has ended leaves no directory in /proc but a zombie's, which has no command line.
+  // A helper that has ended is a zombie, which has no command line in /proc.
   const std::string process = "/proc/" + Number(stand_ins::processes.children.back());
   EXPECT_NE("", ReadFile(process + "/cmdline")) << "still running";
 }
@@ -244,7 +244,7 @@ TEST_F(HelperTest, RemovesTheWatchDirectoryWithItsContents) {
   EXPECT_FALSE(Exists(watch));
 }
 
-TEST_F(HelperTest, KeepsADirectoryOfAnotherName) {
+TEST_F(HelperTest, DoesNotRemoveADirectoryOfAnotherName) {
   for (const RemoteType& remote : kRemoteTypes) {
     stand_ins::temporaries.mkdtemp_goes_astray = true;
     auto input = Start(remote.type, "/bin/true");

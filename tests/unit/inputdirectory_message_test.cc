@@ -136,7 +136,7 @@ TEST_F(TakenFileTest, InCacheModeCopiesQueuedFilesAndKeepsTheOlderCopies) {
   EXPECT_EQ(0, input->GetActiveMessageID());
 }
 
-TEST_F(TakenFileTest, TakesAnyOtherModeForTheDefault) {
+TEST_F(TakenFileTest, TreatsAnyOtherModeAsTheDefault) {
   Open({{"dir-mode", "Cache"}});
   directory.Write("n", "next");
   Activate("text");

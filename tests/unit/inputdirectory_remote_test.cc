@@ -85,7 +85,7 @@ TEST_F(RemoteDirectoryTest, LooksForFilesAndTimestampInItsSubdirectory) {
             Scan());
 }
 
-TEST_F(RemoteDirectoryTest, TimesOutAfterMoreThanItsTime) {
+TEST_F(RemoteDirectoryTest, TimesOutOnlyAfterItsTimeout) {
   const std::vector<std::tuple<std::string, Attributes, time_t>> cases = {
       {"cifs", {}, 5},
       {"cifs", {{"ftp-poll-rate", "60"}}, 5},
@@ -186,7 +186,7 @@ TEST_F(RemoteDirectoryTest, StaysAvailableAfterALateUpdate) {
   EXPECT_EQ(kNoLog, Scan(kDebugAvailable)) << "the update is looked at before the time-out";
 }
 
-TEST_F(RemoteDirectoryTest, SpeaksFilesThatComeAfterTheUpdatesCeased) {
+TEST_F(RemoteDirectoryTest, SpeaksFilesThatArriveWhenUpdatesHaveStopped) {
   Open("cifs");
   Beat("1");
   Scan();

@@ -9,11 +9,11 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Hands out one text as that of every file, so that a table of texts needs one directory only.
+// Returns one text for every file, so that a table of texts needs only one directory.
 class SplitterTest : public LocalDirectoryTest {
  protected:
   SplitterTest() {
-    // Preview: also a text whose checksum is that of the text before is taken.
+    // Preview: a text is taken even if its checksum equals that of the text before.
     Open({{"preview", "1"}}, INT_MAX);
   }
   // The words of text. The scan's log below mask goes to log.

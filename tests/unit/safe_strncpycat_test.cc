@@ -54,7 +54,7 @@ TEST(SafeStrncpyTest, CopiesWhatFitsAndZeroesTheRest) {
   }
 }
 
-TEST(SafeStrncpyTest, TakesNullForTheEmptyString) {
+TEST(SafeStrncpyTest, TreatsNullAsTheEmptyString) {
   Buffer buffer(4);
   EXPECT_EQ(buffer.data(), safe_strncpy(buffer.data(), 4, nullptr));
   EXPECT_EQ('\0', buffer.Content()[0]);

@@ -119,7 +119,7 @@ TEST_F(RunShellSigintTest, KeepsAStopRequestFromBeforeTheCommand) {
   sigprocmask(SIG_BLOCK, &sigint, &saved_mask);
   raise(SIGINT);
   EXPECT_EQ(0, RunShell(": >" + ended_path));
-  EXPECT_EQ(0, deliveries);  // The caller's block still stands.
+  EXPECT_EQ(0, deliveries);  // The caller still blocks it.
   sigprocmask(SIG_SETMASK, &saved_mask, nullptr);
   EXPECT_EQ(1, deliveries);
 }

@@ -41,7 +41,7 @@ TEST(ParseStatusTest, RejectsEveryTruncation) {
   }
 }
 
-TEST(ParseStatusTest, RejectsWhatFollowsTheEnd) {
+TEST(ParseStatusTest, RejectsTextAfterTheEnd) {
   EXPECT_FALSE(ParseStatus(std::string(kStatus) + "x"));
   EXPECT_FALSE(ParseStatus(std::string(kStatus) + kStatus));
 }
@@ -78,7 +78,7 @@ TEST(ReadStatusTest, ThrowsForAMissingFile) {
             ThrownText([&] { ReadStatus(directory / "none"); }));
 }
 
-TEST(ReadStatusTest, GivesUpOnHalfAFile) {
+TEST(ReadStatusTest, ThrowsForAnIncompleteFile) {
   const TemporaryDirectory directory;
   const std::string path = directory.Write("status", std::string(kStatus).substr(0, 100));
   EXPECT_EQ(path + ": holds no whole status", ThrownText([&] { ReadStatus(path); }));

@@ -59,7 +59,7 @@ TEST_F(TextFileParserTest, ReturnsValidUtf8AsItIs) {
   }
 }
 
-TEST_F(TextFileParserTest, TakesAnyOtherEncodingForUtf8) {
+TEST_F(TextFileParserTest, TreatsAnyOtherEncodingAsUtf8) {
   for (const std::string encoding : {"utf8", "", "UTF-8", "utf-16", "UTF16", "ASCII", "latin1"}) {
     EXPECT_EQ("é", Parse(encoding, "é").text) << encoding;
     EXPECT_EQ(kReplacement, Parse(encoding, "\xE9").text) << encoding;
@@ -140,7 +140,7 @@ TEST_F(TextFileParserTest, ReplacesACharacterThatTheLimitCuts) {
   EXPECT_EQ(start.substr(1) + "é", Parse("utf8", start.substr(1) + "éé").text);
 }
 
-TEST_F(TextFileParserTest, TakesAnUnreadableFileForEmpty) {
+TEST_F(TextFileParserTest, TreatsAnUnreadableFileAsEmpty) {
   for (const std::string encoding : {"utf8", "ascii"}) {
     const Outcome outcome = ParseMessage(encoding);
     EXPECT_EQ("", outcome.text);

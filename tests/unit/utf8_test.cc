@@ -41,7 +41,7 @@ TEST(Utf8ModelTest, AgreesOnEverySequence) {
   }
 }
 
-TEST(Utf8ModelTest, AgreesWhateverIsAround) {
+TEST(Utf8ModelTest, AgreesWithAnyBytesAround) {
   for (const std::string sequence : {"\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x9A\x86", "\xFF", "\xC3",
                                      "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xC0\xAF"}) {
     for (size_t before = 0; before <= 40; ++before) {

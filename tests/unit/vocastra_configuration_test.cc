@@ -17,7 +17,7 @@ TEST_F(ConfigurationTest, LogsHowItIsConfigured) {
             Run());
 }
 
-TEST_F(ConfigurationTest, LooksAtAnUnchangedConfigurationOnlyOnce) {
+TEST_F(ConfigurationTest, LoadsAnUnchangedConfigurationOnlyOnce) {
   Start(Element("a"));
   EXPECT_EQ(kNoLog, Run(0x3));
   Configure(Element("a"));
@@ -89,7 +89,7 @@ TEST_F(ConfigurationTest, DeletesDirectoriesThatAreNoLongerConfigured) {
   EXPECT_EQ(Processing() + "Deleted input directory b\n", Run());
 }
 
-TEST_F(ConfigurationTest, TakesTheFirstOfTwoDirectoriesWithTheSameID) {
+TEST_F(ConfigurationTest, UsesTheFirstOfTwoDirectoriesWithTheSameID) {
   Configure(Element("a", "display-id='one'") + Element("a", "display-id='two'"));
   player = Build(settings);
   EXPECT_EQ(Processing() + Created("a") + "Duplicate directory ID \"a\"\n" + Attached("a") +
@@ -196,7 +196,7 @@ TEST_F(ConfigurationTest, KeepsTheOldConfigurationIfTheNewOneIsBroken) {
   }
 }
 
-TEST_F(ConfigurationTest, TakesAMissingConfigurationForUnchangedIfItsChecksumWasZero) {
+TEST_F(ConfigurationTest, TreatsAMissingConfigurationAsUnchangedIfItsChecksumWasZero) {
   tree.Write("config.xml",
              WithCRCZero("<tts-config state='run'>" + Element("a") + "</tts-config>"));
   player = Build(settings);

@@ -10,7 +10,7 @@ constexpr useconds_t kPassPause = 100000;
 constexpr useconds_t kClipPause = 70000;
 constexpr char kPauseTag[] = "\\pau=300\\ ";
 
-// The text with a comment after it that makes its checksum 0.
+// The text, followed by a comment that makes its checksum 0.
 inline std::string WithCRCZero(const std::string& text_) {
   std::string candidate;
   for (int i = 0; candidate.empty() || CRCText(candidate) != "0"; ++i) {
@@ -133,7 +133,7 @@ class VocastraTest : public testing::Test {
                      const std::string& name_ = "m") const {
     return "Original is valid UTF-8\nFrom " + Input(id_) + "/" + name_ + ": " + text_ + "\n";
   }
-  // Those about a new file, which is indexed and taken in one pass.
+  // The lines about a new file, which is indexed and taken in one pass.
   std::string Taken(const std::string& id_, const std::string& text_) const {
     return Parsed(id_, text_) + "Adding m " + CRCText(text_) + " to file_map\n" +
            Parsed(id_, text_);

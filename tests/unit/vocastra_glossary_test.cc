@@ -34,7 +34,7 @@ TEST_F(GlossaryUseTest, KeepsTheGlossaryWhenItsFileVanishes) {
   EXPECT_EQ(kPauseTag + std::string("doctor. No "), DeliveredFile("0_a.text_live_first.raw"));
 }
 
-TEST_F(GlossaryUseTest, SpeaksTheGlossarysFormOfEveryWord) {
+TEST_F(GlossaryUseTest, ReplacesEveryWordOfTheGlossary) {
   settings.glossary = tree.Write(
       "glossary.xml",
       "<glossary><word text='Dr' speech='doctor'/><word text='St' speech='%s $1'/></glossary>");

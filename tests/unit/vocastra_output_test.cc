@@ -28,7 +28,7 @@ TEST_F(OutputTest, LogsAMessageFromFileToAudio) {
   EXPECT_EQ(kPauseTag + std::string("Hello world "), DeliveredFile("0_a.text_live_first.raw"));
 }
 
-TEST_F(OutputTest, LeadsOnlyTheFirstSnippetOfAMessageWithThePauseTag) {
+TEST_F(OutputTest, StartsOnlyTheFirstSnippetOfAMessageWithThePauseTag) {
   settings.words = 1;
   Start(Element("a", "loops='2'"));
   Drop("a", "1 2 3");
@@ -68,7 +68,7 @@ TEST_F(OutputTest, NumbersItsOutputAcrossMessagesAndReloads) {
                                        "2_a.text_live_first.raw"));
 }
 
-TEST_F(OutputTest, LeadsAMessageWithSpacerBumperAndSilence) {
+TEST_F(OutputTest, DeliversSpacerBumperAndSilenceBeforeAMessage) {
   settings.words = 1;
   const std::string clips = "bumper-path='" + tree.Write("bumper", "B") + "' spacer-path='" +
                             tree.Write("spacer", "S") + "' silence-path='" +
@@ -146,7 +146,7 @@ TEST_F(OutputTest, TranslatesButDeliversNothingWithoutAnOutputDirectory) {
   }
 }
 
-TEST_F(OutputTest, ServesTheSmallestPriorityNumberFirst) {
+TEST_F(OutputTest, SpeaksTheSmallestPriorityNumberFirst) {
   Start(Element("a", "priority='5'") + Element("b", "priority='1'") +
         Element("c", "priority='-1'") + Element("d") + Element("e", "priority='10'"));
   for (const char* id : {"a", "b", "c", "d", "e"}) {
@@ -158,7 +158,7 @@ TEST_F(OutputTest, ServesTheSmallestPriorityNumberFirst) {
                                        "4_e.text_live_first.raw"));
 }
 
-TEST_F(OutputTest, ServesEqualPrioritiesInOrderOfTheirIDs) {
+TEST_F(OutputTest, SpeaksEqualPrioritiesInOrderOfTheirIDs) {
   Start(Element("b") + Element("B") + Element("a"));
   for (const char* id : {"a", "b", "B"}) {
     Drop(id, "text");
@@ -228,7 +228,7 @@ TEST_F(OutputTest, IsNeverOutputBoundWithoutAnOutputDirectory) {
   EXPECT_EQ("0", StatusAttribute("output-bound"));
 }
 
-TEST_F(OutputTest, TakesAnOutputDirectoryThatCannotBeReadForEmpty) {
+TEST_F(OutputTest, TreatsAnUnreadableOutputDirectoryAsEmpty) {
   settings.files = 1;
   tree.Write("out/a", "");
   Start("");

@@ -76,7 +76,7 @@ TEST_F(ParsersTest, ReportsAParserOnlyIfItsIDIsAnEncodedOne) {
             Run());
 }
 
-TEST_F(ParsersTest, TakesTheFirstOfTwoParsersWithTheSameID) {
+TEST_F(ParsersTest, UsesTheFirstOfTwoParsersWithTheSameID) {
   const auto parser = [](const std::string& id, const std::string& tag) {
     return "<parser id='" + id + "' type='xml'><field tag='" + tag +
            "' attr='' attr_value=''/></parser>";

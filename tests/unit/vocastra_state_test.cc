@@ -99,7 +99,7 @@ TEST_F(StateTest, AppliesTheOldConfigurationAgainAfterAParserFailed) {
   EXPECT_THAT(Delivered(), ElementsAre("0_a.text_live_first.raw"));
 }
 
-TEST_F(StateTest, EndsItsDirectoriesInOrderOfTheirIDs) {
+TEST_F(StateTest, DestroysItsDirectoriesInOrderOfTheirIDs) {
   settings.cifs_helper = "/bin/true";
   std::string elements;
   for (const std::string id : {"d", "b", "a", "c", "e"}) {

@@ -61,7 +61,7 @@ TEST_F(TemporaryFilesTest, RemovesItsFilesIfATemporaryFileCannotBeMade) {
   EXPECT_EQ(1U, stand_ins::temporaries.files.size());
 }
 
-TEST_F(TemporaryFilesTest, EndsItsDirectoriesBeforeItsTemporaryFiles) {
+TEST_F(TemporaryFilesTest, DestroysItsDirectoriesBeforeItsTemporaryFiles) {
   settings.cifs_helper = "/bin/true";
   Start("<directory id='r' type='cifs'/>" + Element("a"), "stop");
   bool stopped_helper = false;

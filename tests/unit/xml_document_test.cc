@@ -44,7 +44,7 @@ TEST_F(XMLDocumentTest, ThrowsIfTheFileCannotBeOpened) {
                         [&] { const XMLDocument document(path, "utf8"); });
 }
 
-TEST_F(XMLDocumentTest, HandsOutOnlyARootOfTheGivenName) {
+TEST_F(XMLDocumentTest, ReturnsOnlyARootOfTheGivenName) {
   const XMLDocument document(Write("<a><b/></a>"), "utf8");
   const std::unique_ptr<const XMLElement> root(document.GetRoot());
   EXPECT_EQ(root.get(), document.GetRoot("a"));
@@ -186,9 +186,8 @@ TEST_F(XMLDocumentTest, ReadsTheSameWhereverAFeedEnds) {
   });
 }
 
-// expat can hold back a token that is incomplete at the end of a feed, for much longer than it
-// seems.
-TEST_F(XMLDocumentTest, LosesNothingAfterLongTokens) {
+// expat can defer a token that is incomplete at the end of a feed, for many feeds.
+TEST_F(XMLDocumentTest, ReadsEverythingAfterLongTokens) {
   ExpectNoLog([&] {
     for (size_t n = 10; n <= 9000; n += 7) {
       const std::string x(n, 'x');
@@ -275,7 +274,7 @@ TEST(XMLElementTest, TakesSortedAttributesFromAnArray) {
   EXPECT_EQ("<e B=\"3\" b=\"2\" \xC3\xA9=\"1\"/>\n", DumpOf(XMLElement("e", attributes)));
 }
 
-// Few bytes with a large tree: each "&e;" becomes ten elements.
+// A small document with a large tree: each "&e;" becomes ten elements.
 std::string DocumentOfElements(size_t count_) {
   return "<!DOCTYPE a [<!ENTITY e \"" + Repeat("<b/>", 10) + "\">]>\n<a>" +
          Repeat("&e;", count_ / 10) + "</a>";
@@ -302,7 +301,7 @@ TEST_F(XMLDocumentTest, StopsWhereTheTextExceedsItsLimit) {
   EXPECT_FALSE(valid);
 }
 
-TEST_F(XMLDocumentTest, HoldsEveryTreeWithoutEntities) {
+TEST_F(XMLDocumentTest, AcceptsEveryTreeWithoutEntities) {
   const std::string elements = Repeat("<b/>", 1000000);  // The largest tree for its bytes.
   Load("<a>" + elements + "</a>");
   ExpectValid();
@@ -324,7 +323,7 @@ TEST_F(XMLDocumentTest, StopsAfterTooManyAttributeDeclarations) {
   EXPECT_FALSE(valid);
 }
 
-TEST_F(XMLDocumentTest, CountsEachDocumentOnItsOwn) {
+TEST_F(XMLDocumentTest, LimitsEachDocumentSeparately) {
   Load(DocumentOfElements(10000));
   const std::unique_ptr<const XMLElement> first = std::move(tree);
   Load(DocumentOfElements(10000));

@@ -93,7 +93,7 @@ TEST_F(ExpatTest, ThrowsForASecondRoot) {
     expat.end(data, "inner");
     expat.end(data, "a");
     expat.start(data, "b", attributes);
-    expat.end(data, "b");  // Without effect: the failure stands.
+    expat.end(data, "b");  // Without effect: the failure remains.
   };
   const std::string& path = Write("<a/>" + std::string(2000, ' '));
   ExpectLoggedAndThrown("Root element must be a singleton",

@@ -1,4 +1,4 @@
-// Documents written to do harm: to bring in other files, or to grow beyond measure.
+// Hostile documents: they try to include other files, or to use up the memory.
 #include <stddef.h>
 
 #include "glossary.h"
@@ -7,7 +7,7 @@
 
 namespace {
 
-// A document that asks for a file which is there.
+// A document that refers to an existing file.
 class ExternalEntityTest : public testing::Test {
  protected:
   // The tree of a document with this DOCTYPE and these contents of its root.
@@ -58,7 +58,7 @@ TEST_F(ExternalEntityTest, ExternalDTDIsLeftOut) {
   EXPECT_EQ("none", root->GetFirstChild()->GetAttributeString("x", "none"));
 }
 
-// That the cases above would show a file that is brought in: an entity of the document itself is.
+// Shows that the tests above would notice an included file: an entity of the document is expanded.
 TEST_F(ExternalEntityTest, EntityOfTheDocumentIsExpanded) {
   const auto root =
       Load("[<!ENTITY e 'text'><!ATTLIST t x CDATA 'value'>]", "before &e; after<t/>");
@@ -84,8 +84,8 @@ TEST_F(ExternalEntityTest, GlossaryDoesNotSpeakAnotherFile) {
   EXPECT_EQ("said", glossary.SubstituteSpeech("a"));
 }
 
-// Each of the entities is ten times the one before: 10 GB from less than a kilobyte.
-TEST(HostileDocumentTest, NestedEntitiesAreCutShort) {
+// Each entity is ten times as long as the one before: 10 GB from less than a kilobyte.
+TEST(HostileDocumentTest, ExpansionOfNestedEntitiesIsLimited) {
   std::string declarations = "<!ENTITY e0 '0123456789'>";
   for (int i = 1; i < 10; ++i) {
     std::string references;

@@ -178,12 +178,12 @@ class Writer {
 
   std::string Reference() {
     constexpr const char* kReferences[] = {"", "", "&amp;", "&lt;", "&#233;", "&#x20AC;", "&none;"};
-    // An unknown entity is an error: seldom.
+    // An unknown entity is an error, so there are few.
     const int choice = Below(OneIn(8) ? 7 : 6);
     return has_entities && OneIn(2) ? (OneIn(2) ? "&e;" : "&f;") : kReferences[choice];
   }
 
-  // Of ten documents, three are left alone, three are cut and four have damage in the middle.
+  // Of ten documents, three are unchanged, three are cut and four are damaged in the middle.
   void Damage() {
     const int kind = Below(10);
     const size_t place = document.empty() ? 0 : random() % document.size();
@@ -207,7 +207,7 @@ class Writer {
     utf8::replace_invalid(document.begin(), document.end(), std::back_inserter(valid));
     std::vector<uint16_t> units;
     if (!OneIn(5)) {
-      units.push_back(0xFEFF);  // Without it, the order is the one that expat takes for granted.
+      units.push_back(0xFEFF);  // Without it, expat assumes its default order.
     }
     utf8::utf8to16(valid.begin(), valid.end(), std::back_inserter(units));
     const bool is_big = OneIn(2);
@@ -241,7 +241,7 @@ TEST_P(XMLModelTest, Agrees) {
     Writer writer(seed, GetParam());
     const std::string text = writer.Document();
     const model::Document expected(text, GetParam());
-    // Each in a file of its own: some file systems write a file out at once when it is replaced.
+    // Each in a file of its own: some file systems flush a file to disk when it is replaced.
     const std::string path = directory.Write(std::to_string(seed), text);
     const Outcome actual = DaemonOutcome(path, GetParam());
     unlink(path.c_str());

@@ -174,7 +174,7 @@ TEST_F(XMLFileParserTest, FindsMatchesWithinMatches) {
   EXPECT_EQ("xz. y", Extract(Field("t"), "<r><t>x<t>y</t>z</t></r>"));
 }
 
-TEST_F(XMLFileParserTest, TakesTheHolderOrItsAncestorForTheParent) {
+TEST_F(XMLFileParserTest, AcceptsTheHolderOrItsAncestorAsParent) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"<alert><body>x</body></alert>", "x"},
       {"<alert><info><body>x</body></info></alert>", "x"},
@@ -233,7 +233,7 @@ TEST_F(XMLFileParserTest, InAttributeModeExtractsNothingForAFieldWithoutAttribut
                                    "<r><u text='a'/><t text='b'>x</t></r>"));
 }
 
-TEST_F(XMLFileParserTest, InAttributeModeTakesAMissingAttributeForAnEmptyPiece) {
+TEST_F(XMLFileParserTest, InAttributeModeTreatsAMissingAttributeAsAnEmptyPiece) {
   EXPECT_EQ("a. b", ExtractAttributes(Field("t", "", "text"),
                                       "<r><t text='a'/><t/><t text=''/><t text='b'/></r>"));
 }
@@ -318,7 +318,7 @@ class RandomDocument {
  public:
   explicit RandomDocument(unsigned int seed_) : random(seed_) {}
 
-  // In some documents a few texts are so long that they fill the room.
+  // In some documents a few long texts reach the limit.
   std::string Make() {
     has_long_texts = random() % 20 == 0;
     return MakeElement(3);

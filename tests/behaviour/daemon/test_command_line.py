@@ -151,11 +151,11 @@ def test_without_options_it_runs_and_complains_once_per_pass(make_daemon):
     daemon.wait_log('Could not open "" for reading', 6)
     daemon.stop()
     elapsed = time.monotonic() - started
-    # The document says so and the main loop says so.
+    # XMLDocument logs the line, and the main loop logs it too.
     lines = daemon.log()
     assert set(lines) == {'Could not open "" for reading'}
     assert len(lines) % 2 == 0
-    # A pass that fails lasts 100 ms as well: a missing file neither spins nor floods.
+    # A failed pass also ends with the pause of 100 ms: a missing file does not flood the log.
     assert len(lines) / 2 <= elapsed / 0.1 + 1
     assert daemon.stdout() == b""
 
@@ -166,7 +166,7 @@ def test_missing_output_directory_ends_it_with_status_0(tmp_path):
 
 
 def unreadable_temporaries():
-    """The daemon's kind of temporary files, as far as nobody may read or write them."""
+    """Temporary files of daemons whose umask makes them unreadable."""
     found = set()
     for prefix in ("text", "speech"):
         for path in Path("/tmp").glob(prefix + "??????"):
@@ -177,8 +177,8 @@ def unreadable_temporaries():
 
 
 def test_temporary_files_do_not_outlive_the_program(make_daemon, tmp_path):
-    # The umask marks the files of these two runs among those of all the others that run beside
-    # this test, and the lock keeps this test from running beside itself.
+    # The umask marks the files of these two runs among those of other tests. The lock lets only one
+    # process run this test at a time.
     with locked("/tmp"):
         before = unreadable_temporaries()
         daemon = make_daemon(status=False)

@@ -1,6 +1,6 @@
-"""What goes wrong around the daemon: it survives, says so, and recovers without a restart.
+"""Failures around the daemon: it survives them, logs them, and recovers without a restart.
 
-Each test ends with a message that is spoken as ever, the same descriptors as at the start, no
+Each test ends with a message that is spoken as usual, the same descriptors as at the start, no
 zombie and a clean stop.
 """
 
@@ -33,7 +33,7 @@ def open_descriptors(daemon):
 
 
 def settled_descriptors(daemon):
-    """The descriptors that are open between two passes: those seen in several looks alike."""
+    """The descriptors that are open between two passes: the same in several samples."""
     looks = []
 
     def is_settled():
@@ -51,7 +51,7 @@ def cpu_time(daemon):
 
 
 class Station:
-    """A running daemon with one directory "a" that is checked to be well at the end."""
+    """A running daemon with one directory "a"; end() checks that it still works."""
 
     def __init__(self, daemon, **attributes):
         self.daemon = daemon
@@ -63,7 +63,7 @@ class Station:
         self.descriptors = len(settled_descriptors(daemon))
 
     def say(self):
-        """Drops a message and waits until it is heard, whole and once."""
+        """Drops a message and waits until it is spoken, whole and once."""
         self.count += 1
         name, before = f"well{self.count}", len(self.daemon.translator_runs())
         self.daemon.drop("a", name, f"all is well {self.count}")
@@ -77,7 +77,7 @@ class Station:
     def end(self):
         self.say()
         self.daemon.take()
-        # Found again by the path: a directory that was replaced has another target.
+        # Counts them: a directory that was replaced has another target.
         assert len(settled_descriptors(self.daemon)) == self.descriptors
         self.daemon.wait(lambda: not self.daemon.zombies(), "no zombie")
         said = self.daemon.spoken()
@@ -102,7 +102,7 @@ def fill(path):
             file.write(bytes(4096))
 
 
-# Where not, the tests on a full file system are not there; a limit on files stands in.
+# Without it, a limit on the size of files replaces the tests on a full file system.
 can_mount = (
     os.geteuid() == 0
     and subprocess.run(["unshare", "-m", "true"], check=False, stderr=subprocess.DEVNULL).returncode
@@ -113,7 +113,7 @@ can_mount = (
 class UnprivilegedDaemon(Daemon):
     """A daemon for which permission bits count, also when the tests run as root.
 
-    Then it has a user number of its own, by which what it leaves behind can be told.
+    As root, it gets a user id of its own, which identifies the processes and files that it leaves.
     """
 
     user = 100000 + os.getpid() if os.geteuid() == 0 else os.geteuid()
@@ -139,7 +139,7 @@ class UnprivilegedDaemon(Daemon):
 
 @pytest.fixture
 def make_unprivileged(monkeypatch):
-    """Makes unprivileged daemons, with copies of all that they start, in a public directory.
+    """Makes unprivileged daemons in a public directory, with copies of the programs they start.
 
     Both pytest's own directory and the project may be closed to other users.
     """
@@ -214,7 +214,7 @@ def test_output_that_may_not_be_read(make_unprivileged):
 
 
 def test_audio_over_the_limit_of_a_file(make_daemon):
-    """Stands in for a full file system where none can be mounted."""
+    """Replaces the test on a full file system where none can be mounted."""
     daemon = make_daemon()
     daemon.behave("fake:big=200000")
     daemon.configure(daemon.directory("a"))
@@ -302,8 +302,8 @@ def test_message_that_cannot_be_removed_is_not_spoken(make_unprivileged):
     daemon = station.daemon
     before = len(daemon.translator_runs())
     path = daemon.input("a") / "m"
-    publish(daemon.root / "m", "must not be said for ever")
-    # In one step with the loss of permission: the file is there, and nothing can be removed.
+    publish(daemon.root / "m", "must not be said again and again")
+    # Under the lock, so that the file appears only when it cannot be removed any more.
     os.rename(daemon.root / "m", daemon.input("a") / ".m")
     with locked(daemon.input("a")):
         os.rename(daemon.input("a") / ".m", path)
@@ -472,7 +472,7 @@ if can_mount:
         fill(ballast)
         daemon.configure(daemon.directory("a"))
         daemon.start(wait=False)
-        # Rewritten in every pass, and empty all the same.
+        # Rewritten in every pass, but still empty.
         times = set()
 
         def is_rewritten():
@@ -480,8 +480,8 @@ if can_mount:
             return len(times) > 3
 
         daemon.wait(is_rewritten, "three passes")
-        daemon.drop("a", "m", "spoken all the same")
-        daemon.wait_spoken(("m", PAUSE + "spoken all the same "))
+        daemon.drop("a", "m", "still spoken")
+        daemon.wait_spoken(("m", PAUSE + "still spoken "))
         assert daemon.status_path.read_bytes() == b""
         ballast.unlink()
         daemon.wait(lambda: daemon.timestamp() is not None, "a status")
@@ -534,7 +534,7 @@ OBSTACLES = {
 
 
 def put_in_the_way(path, obstacle):
-    """Something that is no regular file takes the place of the file, in one step if it can."""
+    """Replaces the file by something that is no regular file, in one step if possible."""
     hidden = path.with_name(".obstacle")
     OBSTACLES[obstacle](hidden)
     if obstacle == "directory":
@@ -544,7 +544,7 @@ def put_in_the_way(path, obstacle):
 
 @pytest.mark.core
 @pytest.mark.parametrize("obstacle", OBSTACLES)
-def test_no_regular_file_is_waited_for(make_daemon, obstacle):
+def test_daemon_reads_only_regular_files(make_daemon, obstacle):
     daemon = make_daemon(glossary=True)
     daemon.write_glossary(("well", "fine"))
     daemon.configure(daemon.directory("a"), daemon.directory("r", type="ftp", path="host"))
@@ -673,7 +673,7 @@ def test_translator_that_writes_50_mb(make_daemon):
 def test_closed_standard_error(make_daemon):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a"))
-    # Its number must not be given to another file, which log lines would then go to.
+    # No other file may get its number: that file would receive log lines.
     daemon.start(preexec_fn=lambda: os.close(2))
     daemon.drop("a", "m", "without a log")
     daemon.wait_outputs(1)
@@ -697,7 +697,7 @@ def test_log_whose_reader_is_gone(make_daemon):
     daemon.stop()
 
 
-# --- Trouble that lasts ---
+# --- Lasting failures ---
 
 
 @contextlib.contextmanager
@@ -720,7 +720,7 @@ def replaced(path, text):
 @contextlib.contextmanager
 def failing_translator(daemon):
     daemon.behave("fake:exit=1")
-    daemon.drop("a", "unheard", " ".join(f"word{i}" for i in range(600)))
+    daemon.drop("a", "lost", " ".join(f"word{i}" for i in range(600)))
     yield
     daemon.wait(lambda: 'now-playing="0"' in (daemon.status() or ""), "the end of the message")
     daemon.behave()
@@ -757,7 +757,7 @@ TROUBLES = {
 
 
 @pytest.mark.parametrize("trouble, line, lines", TROUBLES.values(), ids=TROUBLES)
-def test_lasting_trouble_burns_no_time(make_daemon, trouble, line, lines):
+def test_lasting_failure_uses_little_time(make_daemon, trouble, line, lines):
     daemon = make_daemon(files=100000, glossary=True, status="apart")
     daemon.write_glossary(("other", "word"))
     station = Station(daemon)
@@ -774,7 +774,7 @@ def test_lasting_trouble_burns_no_time(make_daemon, trouble, line, lines):
         daemon.wait(lambda: passes() >= count + 20, "20 passes")
         count, burnt = passes() - count, cpu_time(daemon) - burnt
         seconds = time.monotonic() - started
-    # A pass rests for 100 ms, however it ends, and takes a small part of that.
+    # Every pass ends with a pause of 100 ms, and its work takes a small part of that.
     assert count <= seconds / 0.1 + 1
     assert burnt <= seconds / 4
     station.end()
@@ -803,7 +803,7 @@ def test_interrupt_at_any_moment(make_unprivileged, batch):
         while time.monotonic() < deadline:
             time.sleep(0.001)
         if moment < 20:
-            # Not before the handler is there: until then the signal ends any program.
+            # Waits for the signal handler: without it the signal just ends the program.
             daemon.wait(lambda: "Processing configuration" in daemon.log_text(), "the first pass")
         else:
             daemon.wait(lambda: daemon.log_text() != "", "the first line")
@@ -817,7 +817,7 @@ def test_interrupt_at_any_moment(make_unprivileged, batch):
         wait_until(lambda: UnprivilegedDaemon.left_behind() == [], "nothing to be left")
 
 
-def test_kill_leaves_temporary_files_that_disturb_nobody(make_daemon):
+def test_kill_leaves_temporary_files_that_a_new_daemon_ignores(make_daemon):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a"), daemon.directory("r", type="ftp", path="host"))
     daemon.start()
@@ -831,10 +831,10 @@ def test_kill_leaves_temporary_files_that_disturb_nobody(make_daemon):
     again.configure(again.directory("a"), again.directory("r", type="ftp", path="host"))
     station = again
     station.start()
-    station.drop("a", "m", "as ever")
-    station.wait_spoken(("m", PAUSE + "as ever "))
+    station.drop("a", "m", "as usual")
+    station.wait_spoken(("m", PAUSE + "as usual "))
     station.stop()
-    assert Path(run.text_path).exists() and watch.exists()  # Whoever kills it clears up.
+    assert Path(run.text_path).exists() and watch.exists()  # Nobody removes them.
 
 
 def test_lock_held_for_seconds_delays_delivery_and_loses_nothing(make_daemon):

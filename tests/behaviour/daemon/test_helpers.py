@@ -102,20 +102,20 @@ def test_arguments_of_the_ftp_helper(make_daemon):
 # What it starts with.
 
 
-# Python leaves some signals ignored, and so may whoever starts the tests.
+# Python ignores some signals. The process that starts the tests may ignore others.
 IGNORABLE = signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}
 
 
 def test_helper_ignores_what_was_ignored_and_blocks_no_signal(make_daemon, tmp_path):
-    # Not a shell: some set their signals right themselves. This one waits forever and complains
-    # about the arguments that are no files.
+    # Not a shell: some shells reset signals themselves. tail waits forever and complains about
+    # arguments that are no files.
     program = tmp_path / "helper"
     program.symlink_to("/usr/bin/tail")
     daemon = make_daemon(helpers=False, arguments=["-i", program])
     daemon.configure(remote(daemon, "r", "cifs", path="-f", username="/dev/null"))
 
     def disturb():
-        # What a daemon may find itself with, depending on who starts it. It catches SIGPIPE itself.
+        # Signals as another process may leave them to the daemon. It catches SIGPIPE itself.
         for number in IGNORABLE:
             signal.signal(number, signal.SIG_DFL)
         for ignored in (signal.SIGHUP, signal.SIGUSR2, signal.SIGPIPE):
@@ -155,7 +155,7 @@ def test_helper_gets_the_standard_descriptors_alone(make_daemon):
     daemon.stop()
 
 
-# A message's road.
+# The way of a message.
 
 
 @pytest.mark.core
@@ -170,7 +170,7 @@ def test_remote_message_is_spoken_and_everything_ends(make_daemon, kind):
     assert re.fullmatch(r"/tmp/watch\w{6}", str(run.watch))
     assert stat.S_IMODE(run.watch.stat().st_mode) == 0o700
 
-    # Before the helper's first sign of life, files are known but not queued.
+    # Before the helper's first report, files are known but not queued.
     publish(run.watch / "sub" / "old.txt", "old")
     daemon.wait_log(f"From {scanned}old.txt: old", 2)
     found = wait_available(daemon, "r", "0")
@@ -243,7 +243,7 @@ def test_directory_is_missing_until_the_helper_makes_it(make_daemon):
     daemon.stop()
 
 
-# Signs of life.
+# Reports of a helper.
 
 
 @pytest.mark.parametrize(
@@ -256,7 +256,7 @@ def test_directory_is_missing_until_the_helper_makes_it(make_daemon):
     ],
     ids=["cifs silent", "cifs same", "ftp silent"],
 )
-def test_helper_that_falls_silent_and_comes_back(make_daemon, kind, attributes, behaviour):
+def test_helper_that_stops_and_continues_its_reports(make_daemon, kind, attributes, behaviour):
     daemon = make_daemon()
     daemon.configure(
         remote(daemon, "r", kind, **attributes),
@@ -267,13 +267,13 @@ def test_helper_that_falls_silent_and_comes_back(make_daemon, kind, attributes, 
     watch = Path(wait_available(daemon, "r").get("path"))
     wait_available(daemon, "slow")
     daemon.wait_passes(1)
-    # One that is gone for good says so only once.
+    # The loss is logged only once.
     daemon.tell_helpers(behaviour)
     gone = f"Directory {watch}/ is no longer receiving updates"
     daemon.wait_log(gone)
     wait_available(daemon, "r", "0")
     assert wait_available(daemon, "slow").get("status") == "1"
-    # What still arrives is spoken all the same.
+    # Files that still arrive are spoken.
     publish(watch / "m.txt", "one")
     daemon.wait_spoken(("m.txt", PAUSE + "one "))
     daemon.tell_helpers()

@@ -1,4 +1,4 @@
-"""A message's road: from the file that is dropped to the files that a player takes."""
+"""The way of a message: from the file that is dropped to the files that a player takes."""
 
 import re
 

@@ -1,4 +1,4 @@
-"""vocastra-check: every finding with its line, and none where there is nothing to find."""
+"""vocastra-check: every finding with its line, and no other finding."""
 
 import os
 import re
@@ -30,7 +30,7 @@ class World:
         self.glossary = root / "etc/glossary.xml"
 
     def check(self, text, *arguments, **options):
-        """Exit status and findings for that configuration; "@" in either stands for the root."""
+        """Exit status and findings for that configuration; "@" in either is the root."""
         data = text if isinstance(text, bytes) else text.encode()
         self.config.write_bytes(data.replace(b"@", os.fsencode(self.root)))
         arguments = [str(word).replace("@", str(self.root)) for word in arguments]
@@ -166,9 +166,9 @@ def test_file_that_is_not_utf8(world):
 
 
 def test_home_directory(world):
-    """The first home that fits, as no test can have a user database of its own.
+    """Uses a home of this machine, as a test cannot have a user database of its own.
 
-    Every Debian has some, /var/backups for instance; one of the system has another finding.
+    Every Debian has some, such as /var/backups. Directories of the system have another finding.
     """
     system = ("/bin/", "/boot/", "/dev/", "/etc/", "/lib", "/proc/", "/sbin/", "/sys/")
     system += ("/usr/bin/", "/usr/include/", "/usr/lib", "/usr/sbin/", "/usr/share/")
@@ -199,7 +199,7 @@ def test_shared_last_played(world):
 
 
 def test_subdirectories_of_one_path(world):
-    """What is emptied is the path itself, and nothing below it."""
+    """The daemon empties the path itself, and nothing below it."""
     for name in ("x", "y"):
         (world.root / "in2" / name).mkdir()
     text = around(
@@ -218,7 +218,7 @@ def test_subdirectories_of_one_path(world):
     )
 
 
-def test_values_stay_in_one_line(world):
+def test_finding_is_one_line_whatever_the_value(world):
     assert world.check(directory('type="a&#10;b&#127;"')) == (
         2,
         [
@@ -244,11 +244,11 @@ def test_findings_come_in_the_order_of_lines(world):
     ]
 
 
-# What depends on the user.
+# Permissions of the user.
 
 
 def as_daemon_user():
-    """A command prefix that takes root's power over permissions away."""
+    """A command prefix that lets permission bits count for root."""
     if os.geteuid() != 0:
         return []
     return ["setpriv", "--bounding-set=-dac_override,-dac_read_search,-fowner"]
@@ -293,7 +293,7 @@ def test_permissions(world, name, what):
 
 
 def test_sticky_directory(world):
-    """In /tmp only the owner may remove a file. Neither tool nor test need lie in public places."""
+    """In a sticky directory, as /tmp, only the owner may remove a file."""
     if os.geteuid() != 0:
         status, found = world.check(directory('last-played-path="@/last" path="/tmp"'))
     else:
@@ -360,14 +360,14 @@ def test_clean_glossary(world):
     assert world.check_glossary(f"<glossary>\n{words}</glossary>\n") == (0, [])
 
 
-# Whether the daemon does as it is said to.
+# The daemon does what the findings say.
 
 WORDS = "Dr Dr. ,Dr z.B z.B. ? . , .. !x x! x; 10:30 1,5 naïve - '".split()
 WORDS += ["a b", "a\u00a0b", "a\u0085b"] + [letter * n for letter in "xé" for n in (100, 101)]
 
 
-def test_verdict_on_words_is_the_daemons(world, make_daemon):
-    """Every word is said in a message of its own, among others."""
+def test_words_that_never_match_are_not_replaced_by_the_daemon(world, make_daemon):
+    """Each word is spoken in a message of its own, between two other words."""
     daemon = make_daemon(words=100, files=1000, glossary=True)
     daemon.configure(daemon.directory("a"))
     daemon.write_glossary(*[(word, f"spoken-{i}") for i, word in enumerate(WORDS)])
@@ -404,7 +404,7 @@ def test_unknown_type_stops_everything(world, make_daemon):
     daemon.stop()
 
 
-def test_daemon_takes_half_a_file(world, make_daemon):
+def test_daemon_uses_an_incomplete_file(world, make_daemon):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a"), daemon.directory("b"))
     whole = daemon.config.read_text()
@@ -415,7 +415,7 @@ def test_daemon_takes_half_a_file(world, make_daemon):
     daemon.stop()
 
 
-def test_daemon_empties_what_half_a_path_names(make_daemon):
+def test_daemon_removes_what_a_part_of_a_path_names(make_daemon):
     """Why a blank in a path is an error."""
     daemon = make_daemon()
     other = daemon.root / "other"

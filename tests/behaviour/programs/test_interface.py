@@ -1,4 +1,4 @@
-"""What all tools have in common: help, version, manual pages, completion, installation."""
+"""Common properties of all tools: help, version, manual pages, completion, installation."""
 
 import re
 import subprocess
@@ -61,7 +61,7 @@ def test_check_takes_every_option_of_the_daemon(tmp_path):
 
 
 def complete(*words):
-    """What bash offers for the last word."""
+    """The words that bash offers for the last word."""
     script = (
         'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
         '_vocastra "$1" "${@: -1}" "${@: -2:1}"; printf "%s\\n" "${COMPREPLY[@]}"'
@@ -85,7 +85,7 @@ def test_completion_offers_every_option(name):
     if name == "vocastra-check":
         expected |= long_options(run("vocastra", "-h")[1])
     assert set(complete(name, "--")) == expected
-    # Each of them is one that the program has.
+    # The program has each of them.
     if name == "vocastra":
         assert complete(name, "--glo") == ["--glossary"]
 

@@ -124,7 +124,7 @@ def test_everyone_may_read_the_file(tmp_path):
 
 
 class Inotify:
-    """What happens to the entries of a directory: (event, name) in order."""
+    """The events of the entries of a directory: (event, name) in order."""
 
     EVENTS = {0x100: "create", 0x8: "close-write", 0x40: "from", 0x80: "to", 0x200: "delete"}
 
@@ -432,7 +432,7 @@ def test_wait_goes_on_while_output_bound(bound):
 
 
 def test_wait_goes_on_until_there_is_room_again(make_daemon):
-    """What was just delivered has been said when the player has taken it."""
+    """The last piece has been said when the player has taken it."""
     daemon = make_daemon(words=1, files=1)
     daemon.configure(daemon.directory("a"))
     daemon.start()
@@ -493,7 +493,7 @@ def test_end_of_the_service_drops_the_message(bound):
     assert finish(process) == DROPPED
 
 
-def test_wait_has_an_end(make_daemon):
+def test_wait_times_out(make_daemon):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a"), state="stop")
     daemon.start()
@@ -506,7 +506,7 @@ def test_wait_has_an_end(make_daemon):
 
 
 def test_file_that_the_daemon_does_not_take_is_dropped(tmp_path):
-    """As if the daemon could not read or remove it: seen, but neither queued nor active."""
+    """The daemon cannot read or remove it: it is seen, but neither queued nor active."""
     config = write_config(tmp_path, local(tmp_path))
     record = [directory_status("a", path=tmp_path / "a", total=1)]
     with StatusWriter(

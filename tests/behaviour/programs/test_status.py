@@ -12,7 +12,7 @@ from harness.wait import wait_until
 
 
 def fake(path, **values):
-    """A writer of such statuses that are all fine but for the values."""
+    """A writer of statuses without problems, except for the values."""
     return StatusWriter(path, lambda timestamp: status_text(timestamp, **values))
 
 
@@ -88,7 +88,7 @@ def test_ended_daemon_is_stale(make_daemon):
     assert out.splitlines()[-1] == "PROBLEM: stale: not rewritten for 1 seconds"
 
 
-def test_every_problem_is_told(tmp_path):
+def test_every_problem_is_reported(tmp_path):
     path = tmp_path / "status"
     path.write_text(status_text(bound=1, directories=[directory_status("far", status=0)]))
     status, out, _ = run("vocastra-status", "--json", "--limit", "1", path)
@@ -120,7 +120,7 @@ def test_no_daemon(tmp_path, text, why):
 
 
 def test_half_files_are_read_again(tmp_path):
-    """Most of what the reader meets here is half a status."""
+    """The reader sees half a status most of the time."""
     path = tmp_path / "status"
     whole = status_text(directories=[directory_status(str(i)) for i in range(100)])
     ended = threading.Event()
@@ -154,7 +154,7 @@ def test_half_files_are_read_again(tmp_path):
 EVIL = ["a&b", "<", 'q"q', "back\\slash", "line\nend", "\x1b[31m", "\x7f", "\u0085", "é", "&amp;"]
 
 
-def test_values_as_they_are_in_json(tmp_path):
+def test_json_has_values_unchanged(tmp_path):
     records = [directory_status(i, path=i, message=(1, i, 0)) for i in EVIL]
     with fake(tmp_path / "status", state='r"&<', directories=records):
         status, out, _ = run("vocastra-status", "--json", tmp_path / "status")
@@ -183,11 +183,11 @@ def test_table_is_safe_for_a_terminal(tmp_path):
         "é",
         "&amp;",
     ]
-    # The second column begins below its head, also behind a letter of two bytes.
+    # The second column begins below its head, also after a letter of two bytes.
     assert {line.index("yes") for line in out.splitlines()[4:]} == {out.splitlines()[3].index("UP")}
 
 
-def test_invalid_utf8_is_mended(tmp_path):
+def test_invalid_utf8_is_replaced(tmp_path):
     text = status_text(directories=[directory_status("X")]).encode().replace(b'"X"', b'"\xff"')
     (tmp_path / "status").write_bytes(text)
     out = run("vocastra-status", "-j", "-l1", tmp_path / "status", encoding="utf-8")[1]
@@ -239,7 +239,7 @@ def test_follow_notices_that_a_status_gets_stale(tmp_path):
         finish(follower)
 
 
-def test_follow_ends_when_nobody_listens(tmp_path):
+def test_follow_ends_when_standard_output_is_closed(tmp_path):
     path = tmp_path / "status"
     with StatusWriter(path, lambda timestamp: status_text(timestamp, state=str(timestamp))):
         follower = start("vocastra-status", "-f", path)

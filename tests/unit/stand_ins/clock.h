@@ -1,4 +1,4 @@
-// In place of time(): a clock that only the test moves.
+// Replaces time(): only the test moves this clock.
 #pragma once
 
 #include <time.h>

@@ -1,4 +1,4 @@
-// In front of expat: notes its calls, and does things that a sound one never would.
+// Wraps expat: records its calls, and fails in ways in which the real one never does.
 #pragma once
 
 #include <expat.h>
@@ -19,7 +19,7 @@ struct Expat {
   XML_EndElementHandler end = nullptr;
   // While set, runs in place of XML_Parse, with the first argument of the handlers.
   std::function<void(void* data)> script;
-  std::string astray_at;  // The start of this element is followed by the ends of too many.
+  std::string astray_at;  // After the start of this element, too many elements end.
   bool out_of_memory = false;
 };
 extern Expat expat;

@@ -1,4 +1,4 @@
-// In front of read() and write().
+// Wraps read() and write().
 #pragma once
 
 #include <stddef.h>
@@ -11,9 +11,9 @@ namespace stand_ins {
 
 struct Files {
   size_t read_piece = SIZE_MAX;          // No read() gives more bytes.
-  int read_interruptions = 0;            // So many fail with EINTR first.
+  int read_interruptions = 0;            // This many calls fail with EINTR first.
   size_t write_piece = SIZE_MAX;         // No write() takes more bytes.
-  int write_interruptions = 0;           // So many fail with EINTR first.
+  int write_interruptions = 0;           // This many calls fail with EINTR first.
   int reads = 0;                         // Calls of read() so far.
   std::vector<size_t> writes_to_stdout;  // Bytes of each write().
   std::string full_file;                 // write() finds no room in it.

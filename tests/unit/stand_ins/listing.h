@@ -1,4 +1,4 @@
-// In front of readdir(), rewinddir() and unlink().
+// Wraps readdir(), rewinddir() and unlink().
 #pragma once
 
 #include <dirent.h>
@@ -8,7 +8,7 @@
 
 namespace stand_ins {
 
-// Each function runs while it is set.
+// Each function runs if it is set.
 struct Listing {
   std::function<const dirent*()> next_entry;  // Instead of readdir().
   std::function<void()> before_readdir;

@@ -1,4 +1,4 @@
-// In place of sleep() and usleep(): the calls are noted, and nothing waits.
+// Replaces sleep() and usleep(): records the calls and does not wait.
 #pragma once
 
 #include <unistd.h>
@@ -11,7 +11,7 @@ namespace stand_ins {
 struct Pauses {
   std::vector<unsigned int> sleeps;  // Seconds.
   std::vector<useconds_t> usleeps;   // Microseconds.
-  // Run in the meantime, as others would.
+  // These run during the pause, as another process would.
   std::function<void()> on_sleep = [] {};
   std::function<void()> on_usleep = [] {};
 };

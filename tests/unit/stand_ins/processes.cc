@@ -24,7 +24,7 @@ pid_t fork() noexcept {
   return pid;
 }
 
-// Passes on only signals to a child of this program: a stray kill(-1) would end everything.
+// Sends signals only to children of this program: kill(-1) by mistake would end every process.
 int kill(pid_t pid_, int signal_number_) noexcept {
   processes.signals.emplace_back(pid_, signal_number_);
   for (const pid_t child : processes.children) {
@@ -36,7 +36,7 @@ int kill(pid_t pid_, int signal_number_) noexcept {
   return -1;
 }
 
-// Without waiting, nothing has ended yet: that is left to the tests, which wait.
+// With WNOHANG, reports that no child has ended: the tests collect the children themselves.
 pid_t waitpid(pid_t pid_, int* status_, int options_) {
   if (options_ == WNOHANG) {
     processes.collected.push_back(pid_);

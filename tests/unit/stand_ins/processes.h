@@ -1,4 +1,4 @@
-// In front of fork(), kill() and waitpid().
+// Wraps fork(), kill() and waitpid().
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +12,7 @@ struct Processes {
   bool fork_fails = false;
   std::vector<pid_t> children;                 // Forked, oldest first.
   std::vector<std::pair<pid_t, int>> signals;  // Sent with kill().
-  std::vector<pid_t> collected;                // Whose end was asked for without waiting.
+  std::vector<pid_t> collected;                // By waitpid() with WNOHANG.
 };
 extern Processes processes;
 

@@ -1,4 +1,4 @@
-// The function of a library that a stand-in is in front of.
+// The function of a library that a stand-in wraps.
 #pragma once
 
 #include <dlfcn.h>

@@ -10,7 +10,7 @@
 
 bool stand_ins::processes_can_start = true;
 
-// Does not run a command that would empty the root: a mistake in the code must not cost the
+// Does not run a command that would empty the root: a mistake in the code must not destroy the
 // machine.
 int posix_spawn(pid_t* pid_, const char* path_, const posix_spawn_file_actions_t* actions_,
                 const posix_spawnattr_t* attributes_, char* const arguments_[],

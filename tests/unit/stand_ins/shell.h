@@ -1,4 +1,4 @@
-// In front of posix_spawn(), which starts the shell.
+// Wraps posix_spawn(), which starts the shell.
 #pragma once
 
 namespace stand_ins {

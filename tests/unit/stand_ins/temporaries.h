@@ -1,4 +1,4 @@
-// In front of mkostemp() and mkdtemp().
+// Wraps mkostemp() and mkdtemp().
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@ namespace stand_ins {
 
 struct Temporaries {
   std::string failing_template;      // Nothing is made for it.
-  bool mkdtemp_goes_astray = false;  // Makes a directory of another name than asked for.
+  bool mkdtemp_goes_astray = false;  // Makes a directory under a wrong name.
   std::vector<std::string> files;    // Made, oldest first.
 };
 extern Temporaries temporaries;
