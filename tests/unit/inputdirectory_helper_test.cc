@@ -161,19 +161,21 @@ TEST_F(HelperTest, PassesOnlyTheStandardDescriptors) {
 }
 
 TEST_F(HelperTest, LogsAHelperThatCannotBeExecuted) {
+  const std::string not_executable = scripts.Write("plain", "#!/bin/sh\n");
   for (const RemoteType& remote : kRemoteTypes) {
-    std::unique_ptr<InputDirectory> input;
-    int status = 0;
-    EXPECT_EQ(std::string("Unable to fork ") + remote.kind + " helper\n",
-              LogOf(
-                  [&] {
-                    input = Start(remote.type, scripts / "missing");
-                    status = ReapChild();
-                  },
-                  kDebugAvailable));
-    EXPECT_TRUE(WIFEXITED(status)) << remote.type;
-    EXPECT_EQ(255, WEXITSTATUS(status)) << remote.type;
-    Destroy(input);
+    for (const std::string& helper : {scripts / "missing", scripts.path, not_executable}) {
+      std::unique_ptr<InputDirectory> input;
+      int status = 0;
+      const auto start = [&] {
+        input = Start(remote.type, helper);
+        status = ReapChild();
+      };
+      EXPECT_EQ(std::string("Unable to fork ") + remote.kind + " helper\n",
+                LogOf(start, kDebugAvailable));
+      EXPECT_TRUE(WIFEXITED(status)) << remote.type << helper;
+      EXPECT_EQ(255, WEXITSTATUS(status)) << remote.type << helper;
+      Destroy(input);
+    }
   }
 }
 

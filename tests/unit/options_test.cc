@@ -77,9 +77,10 @@ TEST_F(OptionsTest, ReadsNumbersAsStrtolDoes) {
   const struct {
     const char* text;
     int number;
-  } rows[] = {{"5", 5}, {"-3", -3}, {"0x10", 16}, {"010", 8}, {"5x", 5}, {"x", 0}, {"", 0}};
+  } rows[] = {{"5", 5}, {"-3", -3}, {"0x10", 16}, {"010", 8}, {" 2x", 2}, {"x", 0}, {"", 0}};
   for (const auto& row : rows) {
-    const std::optional<Options> options = Parse({"-w", row.text, "--files", row.text});
+    const std::optional<Options> options =
+        Parse({"-w", "7", "-w", row.text, "-f7", "--files", row.text});
     ASSERT_TRUE(options) << row.text;
     EXPECT_EQ(row.number, options->text_snippet_word_limit) << row.text;
     EXPECT_EQ(row.number, options->output_file_count_limit) << row.text;

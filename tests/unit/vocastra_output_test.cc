@@ -91,6 +91,7 @@ TEST_F(OutputTest, DeliversSpacerBumperAndSilenceBeforeAMessage) {
 }
 
 TEST_F(OutputTest, DeliversTheClipsThatAreConfigured) {
+  settings.files = 1;  // The room is looked at once for each snippet.
   const std::string bumper = "bumper-path='" + tree.Write("bumper", "B") + "' ";
   const std::string spacer = "spacer-path='" + tree.Write("spacer", "S") + "' ";
   const std::string silence = "silence-path='" + tree.Write("silence", "0") + "' ";
@@ -182,7 +183,13 @@ TEST_F(OutputTest, StopsProducingWhileTheOutputDirectoryIsFull) {
   settings.words = 1;
   settings.files = 2;
   Start(Element("a"));
-  Drop("a", "1 2 3 4 5 6 7 8");
+  std::vector<std::string> states;
+  stand_ins::pauses.on_usleep = [&] {
+    const std::string start = "<tts-status now-playing=";  // "0" or else the message's number.
+    states.push_back((Status().find(start + "\"0\"") == 0 ? "idle" : "playing") +
+                     std::string(Status().find("output-bound=\"1\"") < 99 ? " bound" : ""));
+  };
+  Drop("a", "1 2 3 4 5 6");
   const std::string log = Run();
   EXPECT_EQ("copying 1_a.text_live_cont.raw\nNow output-bound\n", log.substr(log.rfind("copying")));
   EXPECT_EQ(2U, Delivered().size());
@@ -193,6 +200,12 @@ TEST_F(OutputTest, StopsProducingWhileTheOutputDirectoryIsFull) {
       "copying 2_a.text_live_cont.raw\nNow output-bound\n",
       Run());
   EXPECT_THAT(Delivered(), ElementsAre("1_a.text_live_cont.raw", "2_a.text_live_cont.raw"));
+  // A snippet's own status comes before the output is counted again.
+  EXPECT_THAT(states, ElementsAre("idle", "playing", "playing", "playing bound", "playing bound",
+                                  "playing"));
+  EXPECT_EQ(kNoLog, Run());
+  EXPECT_EQ("1", StatusAttribute("output-bound"));
+  EXPECT_NE("0", StatusAttribute("now-playing")) << "it does not look for messages";
 }
 
 TEST_F(OutputTest, CountsEveryVisibleFileInTheOutputDirectory) {

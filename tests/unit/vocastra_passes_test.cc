@@ -81,16 +81,17 @@ TEST_F(PassTest, PausesAtTheEndOfAFailingPassToo) {
 }
 
 TEST_F(PassTest, EndsThePassIfADirectoryCannotBeScanned) {
-  Start(Element("a") + Element("b"));
-  ASSERT_EQ(0, rmdir(Input("a").c_str()));
-  Drop("b", "text");
-  EXPECT_EQ(kNoLog, RunToFailure(kDebugAvailable));
-  EXPECT_EQ("Could not open directory " + Input("a") + "/", thrown);
+  Start(Element("a") + Element("b") + Element("c"));
+  ASSERT_EQ(0, rmdir(Input("b").c_str()));
+  Drop("a", "text");
+  Drop("c", "text");
+  EXPECT_EQ(Taken("a", "text"), RunToFailure());
+  EXPECT_EQ("Could not open directory " + Input("b") + "/", thrown);
   EXPECT_EQ("0", StatusAttribute("timestamp"));
   EXPECT_THAT(stand_ins::pauses.usleeps, ElementsAre(kPassPause));
-  ASSERT_EQ(0, mkdir(Input("a").c_str(), 0777));
+  ASSERT_EQ(0, mkdir(Input("b").c_str(), 0777));
   Run();
-  EXPECT_THAT(Delivered(), ElementsAre("0_b.text_live_first.raw"));
+  EXPECT_THAT(Delivered(), ElementsAre("0_a.text_live_first.raw", "1_c.text_live_first.raw"));
 }
 
 TEST_F(PassTest, EndsThePassIfADirectoryVanishesDuringIt) {
@@ -103,6 +104,10 @@ TEST_F(PassTest, EndsThePassIfADirectoryVanishesDuringIt) {
   EXPECT_THAT(stand_ins::pauses.usleeps, ElementsAre(kPassPause, kPassPause));
   EXPECT_THAT(Delivered(), ElementsAre("0_a.text_live_first.raw"));
   EXPECT_EQ("0", StatusAttribute("timestamp")) << "written only after the scan";
+  stand_ins::pauses.on_usleep = [] {};
+  ASSERT_EQ(0, mkdir(Input("a").c_str(), 0777));
+  Run();
+  EXPECT_EQ("3 4 ", DeliveredFile("1_a.text_live_cont.raw"));
 }
 
 }  // namespace

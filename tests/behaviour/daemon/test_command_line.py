@@ -71,28 +71,6 @@ def test_bad_option_is_named_on_one_line(arguments, named):
     assert run("vocastra", *arguments.split()) == (1, line, "")
 
 
-@pytest.mark.parametrize(
-    "arguments, limit",
-    [
-        (["-w", "5x"], 5),
-        (["-w", "0x3"], 3),
-        (["--words", "010"], 8),
-        (["--words=4", "-w", " 2"], 2),
-    ],
-    ids=str,
-)
-def test_words_are_read_as_strtol_does(make_daemon, arguments, limit):
-    daemon = make_daemon(arguments=arguments)
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    words = [f"w{number}" for number in range(20)]
-    daemon.drop("a", "m.txt", " ".join(words))
-    # Without punctuation a snippet is stretched to twice the limit.
-    first = PAUSE + "".join(word + " " for word in words[: 2 * limit])
-    assert daemon.wait_translator_runs(1)[0].text.decode() == first
-    daemon.stop()
-
-
 def test_long_options_mean_what_short_ones_do(make_daemon):
     daemon = make_daemon(words=1, debug=4, glossary=True)
     letters = {"-c": "--config", "-s": "--status", "-o": "--output", "-t": "--translator",
@@ -125,21 +103,6 @@ def test_words_limit_that_is_no_int(make_daemon):
     daemon.drop("a", "m.txt", "a b c d e")
     first = "a b c d e " if is_32_bit else "a b "
     assert daemon.wait_translator_runs(1)[0].text.decode() == PAUSE + first
-    daemon.stop()
-
-
-@pytest.mark.parametrize(
-    "arguments, limit",
-    [(["-f", "3x"], 3), (["--files", "0x2"], 2), (["-f", "02", "-f", "1"], 1)],
-    ids=str,
-)
-def test_files_are_read_as_strtol_does(make_daemon, arguments, limit):
-    daemon = make_daemon(words=1, arguments=arguments)
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    daemon.drop("a", "m.txt", "a b c d e f g h i j")
-    daemon.wait_log("Now output-bound")
-    assert len(daemon.outputs()) == limit
     daemon.stop()
 
 
@@ -193,14 +156,6 @@ def test_temporary_files_do_not_outlive_the_program(make_daemon, tmp_path):
         # The files are made before the output directory is looked for.
         assert run("vocastra", "-o", tmp_path / "none", umask=0o600)[0] == 0
         assert unreadable_temporaries() - before == set()
-
-
-def test_interrupt_ends_it_with_status_1(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    daemon.stop()
-    assert daemon.process.returncode == 1
 
 
 def test_interrupt_before_any_configuration(make_daemon):

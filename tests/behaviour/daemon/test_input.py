@@ -4,7 +4,6 @@ from pathlib import Path
 
 import pytest
 from harness.daemon import PAUSE
-from harness.files import crc16
 
 
 def names(path):
@@ -17,43 +16,6 @@ def last(tmp_path):
     path = tmp_path / "last"
     path.mkdir()
     return path
-
-
-@pytest.mark.core
-def test_files_of_the_first_scan_are_not_spoken(make_daemon):
-    daemon = make_daemon()
-    # The directory itself is emptied at the start, its subdirectory is not.
-    daemon.drop("a/sub/deep", "old.txt", "old")
-    daemon.configure(daemon.directory("a", subdir="sub/deep"))
-    daemon.start()
-    daemon.drop("a/sub/deep", "m.txt", "new")
-    daemon.wait_spoken(("m.txt", PAUSE + "new "))
-    assert names(daemon.input("a/sub/deep")) == ["old.txt"]
-    # Once it changes, it is news.
-    daemon.drop("a/sub/deep", "old.txt", "old but changed")
-    daemon.wait_spoken(("m.txt", PAUSE + "new "), ("old.txt", PAUSE + "old but changed "))
-    assert names(daemon.input("a/sub/deep")) == []
-    daemon.stop()
-    log = daemon.log()
-    assert f"Adding old.txt {crc16(b'old')} to file_map" in log
-    assert log.count("Updating old.txt in file_map") == 1
-
-
-def test_only_visible_regular_files_are_messages(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    path = daemon.input("a")
-    (path / ".hidden").write_text("hidden")
-    (path / "directory").mkdir()
-    (path / "directory" / "inside.txt").write_text("inside")
-    (path / "link").symlink_to(".hidden")
-    daemon.wait_passes(2)
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_spoken(("m.txt", PAUSE + "one "))
-    daemon.wait_status(lambda root: root.find("directory").get("total-file-count") == "0")
-    assert names(path) == [".hidden", "directory", "link"]
-    daemon.stop()
 
 
 @pytest.mark.core
@@ -96,39 +58,3 @@ def test_cache_mode_copies_to_the_last_played_directory(make_daemon, last):
     daemon.stop()
     assert daemon.spoken() == []
     assert names(last) == [".hidden", "m1.txt", "m2.txt"]
-
-
-def test_preview_repeats_a_file_that_stays(make_daemon, last):
-    daemon = make_daemon(files=4)
-    daemon.configure(daemon.directory("a", preview=1, last_played_path=last))
-    daemon.start()
-    daemon.drop("a", "m.txt", "one")
-    assert daemon.wait_outputs(4) == [f"{number}_a.text_pre_first.raw" for number in range(4)]
-    assert daemon.spoken() == [("m.txt", PAUSE + "one ")] * 4
-    daemon.stop()
-    assert daemon.log().count("Updating m.txt in file_map") >= 3
-
-
-def test_missing_directory_fails_every_pass_until_it_is_there(make_daemon):
-    daemon = make_daemon()
-    away = daemon.root / "away"
-    daemon.configure(daemon.directory("a"), daemon.directory("b", path=away))
-    daemon.start(wait=False)
-    line = f"Could not open directory {away}/"
-    daemon.wait_log(line, 3)
-    assert daemon.status() is None
-    away.mkdir()
-    daemon.wait_status()
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_spoken(("m.txt", PAUSE + "one "))
-    daemon.wait_outputs(1)
-    away.rename(daemon.root / "further")
-    count = daemon.log().count(line)
-    daemon.wait_log(line, count + 2)
-    # Seen and taken before the pass fails, spoken when it no longer does.
-    daemon.drop("a", "n.txt", "two")
-    daemon.wait_log(line, count + 4)
-    assert len(daemon.spoken()) == 1
-    (daemon.root / "further").rename(away)
-    daemon.wait_spoken(("m.txt", PAUSE + "one "), ("n.txt", PAUSE + "two "))
-    daemon.stop()

@@ -2,9 +2,6 @@
 
 import itertools
 import re
-import socket
-import threading
-import time
 
 import pytest
 from harness.daemon import PAUSE
@@ -82,71 +79,6 @@ def test_whole_log_of_start_message_and_stop(make_daemon, mask, shown):
     assert daemon.stdout() == b""
 
 
-def test_trace_of_glossary_in_every_pass(make_daemon):
-    daemon = make_daemon(debug=4, glossary=True, status="stream")
-    daemon.write_glossary(("Dr", "doctor"))
-    daemon.configure(state="idle")
-    daemon.start()
-    daemon.wait_passes(4)
-    daemon.stop()
-    # An unchanged glossary is read again, too.
-    rounds = len(daemon.statuses())
-    assert daemon.log() == [
-        "Original is valid UTF-8",
-        "EndElement: tts-config",
-        *[
-            f"Processing glossary {daemon.glossary}",
-            "Original is valid UTF-8",
-            "EndElement: word",
-            "EndElement: glossary",
-        ]
-        * rounds,
-    ]
-
-
-class Writes(threading.Thread):
-    """Collects what is written to a packet socket, one item for each write."""
-
-    def __init__(self):
-        super().__init__(daemon=True)
-        self.reader, self.writer = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self.items = []
-        self.start()
-
-    def run(self):
-        while item := self.reader.recv(1 << 20):
-            self.items.append(item)
-
-    def finish(self):
-        self.writer.close()
-        self.join()
-        self.reader.close()
-        return self.items
-
-
-def test_one_line_is_one_write(make_daemon):
-    # A text with a line break in it, and one that is longer than any buffer of stdio.
-    long_text = "again and " * 6000
-    daemon = make_daemon(words=100000)
-    daemon.configure(daemon.directory("a"))
-    writes = Writes()
-    daemon.start(stderr=writes.writer)
-    daemon.drop("a", "one.txt", "one\ntwo")
-    daemon.wait_outputs(1)
-    daemon.drop("a", "two.txt", long_text)
-    daemon.wait_outputs(2)
-    daemon.stop()
-    messages = [line for line in writes.finish() if b"From " in line or b"calling" in line]
-    path = daemon.input("a")
-    engine = [b"calling engine\n", b"done calling engine\n"]
-    assert messages == [
-        *[f"From {path}/one.txt: one\ntwo\n".encode()] * 2,
-        *engine,
-        *[f"From {path}/two.txt: {long_text}\n".encode()] * 2,
-        *engine,
-    ]
-
-
 def test_percent_signs_in_texts_and_names_are_plain(make_daemon):
     daemon = make_daemon(debug=7)
     daemon.configure(daemon.directory("a"))
@@ -156,20 +88,6 @@ def test_percent_signs_in_texts_and_names_are_plain(make_daemon):
     daemon.wait_outputs(1)
     daemon.stop()
     assert f"From {daemon.input('a')}/%s%n.txt: %s|%n|100%d" in daemon.log()
-
-
-def test_corrected_text_is_dumped_on_standard_output_at_once(make_daemon):
-    daemon = make_daemon(debug=0)
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    daemon.drop("a", "m.txt", b"a\xffb")
-    daemon.wait_spoken(("m.txt", PAUSE + "a\ufffdb "))
-    # Once for the look at what is new, once for the taking; whatever the mask says.
-    dump = b"0x61 0xef 0xbf 0xbd 0x62 \n\r"
-    assert daemon.stdout() == 2 * dump
-    daemon.stop()
-    assert daemon.stdout() == 2 * dump
-    assert daemon.log() == []
 
 
 def test_date_after_every_101_passes(make_daemon):
@@ -203,15 +121,3 @@ def test_date_after_every_101_passes(make_daemon):
     assert re.findall(r' timestamp="(\d+)"', dated.read_text()) == ["100", "201"]
     assert daemon.stdout() == 2 * dump + 2 * b"the date\n"
     assert descriptors(daemon.root / "date.descriptors").keys() - {10, 255} == {0, 1, 2}
-
-
-def test_failing_passes_are_paced(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a", path=daemon.root / "none"))
-    started = time.monotonic()
-    daemon.start(wait=False)
-    line = f"Could not open directory {daemon.root}/none/"
-    daemon.wait_log(line, 4)
-    count = daemon.log().count(line)
-    assert count <= (time.monotonic() - started) / 0.1 + 1
-    daemon.stop()

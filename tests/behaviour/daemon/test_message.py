@@ -44,71 +44,6 @@ def test_message_becomes_numbered_files(make_daemon):
     daemon.stop()
 
 
-@pytest.mark.core
-def test_pause_leads_the_first_snippet_alone(daemon):
-    daemon.drop("a", "m.txt", "a b c d e f g h i")
-    daemon.wait_spoken(("m.txt", PAUSE + "a b c d "), ("m.txt", "e f g h "), ("m.txt", "i "))
-    daemon.stop()
-
-
-SPLIT = [
-    ("one,two;three:four!five?six.seven", "one, two; three: four! five? six. seven"),
-    ("one\u00a0two\tthree\r\nfour\x7ffive", "one two three four five"),
-    ("wait... what?! , no", "wait. what? , no"),
-    ("\u00e9 \u65e5\u3002\u672c \U0001f525", "\u00e9 \u65e5\u3002\u672c \U0001f525"),
-    ("\u00e9" * 101, "\u00e9" * 100),
-]
-
-
-@pytest.mark.core
-def test_texts_are_split_into_words(make_daemon):
-    daemon = make_daemon(words=1000, files=100)
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    for number, (text, _) in enumerate(SPLIT):
-        daemon.drop("a", f"m{number}.txt", text)
-    daemon.wait_outputs(len(SPLIT))
-    expected = {f"m{number}.txt": f"{PAUSE}{words} " for number, (_, words) in enumerate(SPLIT)}
-    assert dict(daemon.spoken()) == expected
-    daemon.stop()
-    assert daemon.log().count("Word too long") == 1
-
-
-ENCODED = [
-    ("ascii", b"caf\xe9 \xa8Qu\xe9? \x85", "caf\u00e9 \u00bfQu\u00e9? \ufffde"),
-    ("utf8", b"caf\xc3\xa9 a\xffb", "caf\u00e9 a\ufffdb"),
-    ("utf16", "caf\u00e9 \U0001f525".encode("utf-16-le"), "caf\u00e9 \U0001f525"),
-]
-
-
-@pytest.mark.core
-@pytest.mark.parametrize("encoding, data, text", ENCODED)
-def test_encodings_of_text_files(make_daemon, encoding, data, text):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a", parser="text", encoding=encoding))
-    daemon.start()
-    daemon.drop("a", "m.txt", data)
-    daemon.wait_spoken(("m.txt", PAUSE + text + " "))
-    daemon.wait_outputs(1)
-    daemon.stop()
-
-
-def test_messages_wait_in_order_of_arrival(daemon):
-    daemon.hold()
-    daemon.drop("a", "m5.txt", "five")
-    daemon.wait_translator_runs(1)
-    # Found by one scan: in byte order of their names.
-    for name in ("b.txt", "B.txt", "10.txt", "9.txt"):
-        daemon.drop("a", name, name)
-    daemon.release()
-    names = ["10.txt", "9.txt", "B.txt", "b.txt"]
-    daemon.wait_spoken(
-        ("m5.txt", PAUSE + "five "),
-        *[(name, PAUSE + name.replace(".", ". ") + " ") for name in names],
-    )
-    daemon.stop()
-
-
 def test_same_message_is_spoken_again_when_dropped_again(daemon):
     for count in (1, 2):
         daemon.drop("a", "m.txt", "same")
@@ -116,21 +51,6 @@ def test_same_message_is_spoken_again_when_dropped_again(daemon):
         # A scan has to see that the file was gone.
         daemon.wait_passes(2)
     assert daemon.spoken() == [("m.txt", PAUSE + "same ")] * 2
-    daemon.stop()
-
-
-@pytest.mark.core
-def test_loops_repeat_a_message(make_daemon):
-    daemon = make_daemon(words=1)
-    daemon.configure(daemon.directory("a", loops=2))
-    daemon.start()
-    daemon.drop("a", "m.txt", "one two three")
-    assert daemon.wait_outputs(4) == ["0_a.text_live_first.raw"] + [
-        f"{number}_a.text_live_cont.raw" for number in (1, 2, 3)
-    ]
-    daemon.wait_status(lambda root: root.get("now-playing") == "0")
-    texts = [PAUSE + "one two ", "three ", "one two ", "three "]
-    assert daemon.spoken() == [("m.txt", text) for text in texts]
     daemon.stop()
 
 

@@ -48,20 +48,6 @@ def test_production_follows_the_room_in_the_output(make_daemon):
     ]
 
 
-def test_clips_may_exceed_the_limit(make_daemon):
-    daemon = make_daemon(files=1)
-    clip = daemon.root / "clip.wav"
-    clip.write_text("clip")
-    daemon.configure(daemon.directory("a", bumper_path=clip, spacer_path=clip, silence_path=clip))
-    daemon.start()
-    daemon.drop("a", "m.txt", "one")
-    # The room is looked at once for each snippet.
-    daemon.wait_outputs(4)
-    daemon.wait_log("Now output-bound")
-    daemon.stop()
-    assert len(daemon.outputs()) == 4
-
-
 @pytest.mark.core
 def test_lock_on_the_output_is_respected(make_daemon):
     daemon = make_daemon()
@@ -75,22 +61,6 @@ def test_lock_on_the_output_is_respected(make_daemon):
         assert daemon.timestamp() == timestamp
         assert daemon.spoken() == []
     daemon.wait_spoken(("m.txt", PAUSE + "one "))
-    daemon.wait_outputs(1)
-    daemon.stop()
-
-
-def test_delivery_waits_for_the_lock(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    daemon.hold()
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_translator_runs(1)
-    with locked(daemon.output):
-        daemon.release()
-        daemon.wait_lock()
-        assert daemon.log()[-1] == "copying 0_a.text_live_first.raw"
-        assert daemon.outputs() == []
     daemon.wait_outputs(1)
     daemon.stop()
 
@@ -123,24 +93,4 @@ def test_emptying_for_stop_waits_for_the_lock(make_daemon):
         assert 'Now in "stop" state' not in daemon.log()
     daemon.wait_log('Now in "stop" state')
     assert daemon.outputs() == []
-    daemon.stop()
-
-
-def test_output_that_vanishes_and_returns(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    away = daemon.root / "away"
-    daemon.output.rename(away)
-    line = f'Could not open "{daemon.output}/" for counting: No such file or directory'
-    daemon.wait_log(line, 2)
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_spoken(("m.txt", PAUSE + "one "))
-    audio = daemon.translator_runs()[0].audio_path
-    daemon.wait_log(f'Could not execute "cp {audio} {daemon.output}/0_a.text_live_first.raw"')
-    away.rename(daemon.output)
-    daemon.wait_passes(1)
-    daemon.drop("a", "n.txt", "two")
-    # The number of the file that could not be delivered is used up.
-    assert daemon.wait_outputs(1) == ["1_a.text_live_first.raw"]
     daemon.stop()

@@ -33,21 +33,3 @@ def test_urgent_message_interrupts_and_the_other_goes_on(make_daemon):
         "4_everyday.text_live_cont.raw",
     ]
     daemon.stop()
-
-
-def test_urgent_message_waits_for_room(make_daemon):
-    daemon = make_daemon(words=1, files=1)
-    daemon.configure(daemon.directory("a", priority=1), daemon.directory("b", priority=2))
-    daemon.start()
-    daemon.drop("b", "news.txt", "one two three four")
-    daemon.wait_log("Now output-bound")
-    daemon.drop("a", "fire.txt", "fire")
-    daemon.wait_status(lambda root: root.find("directory[@id='a']/message") is not None)
-    assert daemon.spoken() == [("news.txt", PAUSE + "one two ")]
-    daemon.take()
-    daemon.wait_log("Now output-bound", 2)
-    daemon.take()
-    daemon.wait_spoken(
-        ("news.txt", PAUSE + "one two "), ("fire.txt", PAUSE + "fire "), ("news.txt", "three four ")
-    )
-    daemon.stop()

@@ -42,36 +42,6 @@ def test_failing_translator_loses_its_words_alone(make_daemon):
     assert daemon.outputs()[0].startswith("0_")
 
 
-@pytest.mark.parametrize("status", [2, 137])
-def test_any_exit_status_but_0_is_a_failure(make_daemon, status):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a", conv_opts=f"fake:exit={status}"))
-    daemon.start()
-    daemon.drop("a", "m.txt", "one")
-    run = daemon.wait_translator_runs(1)[0]
-    daemon.wait_log(f'Could not execute "{command(daemon, run, f"fake:exit={status}")}"')
-    daemon.wait_status(lambda root: root.get("now-playing") == "0")
-    daemon.stop()
-    assert daemon.outputs() == []
-
-
-def test_translator_that_is_not_there(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a"))
-    daemon.translator.unlink()
-    daemon.start()
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_log("done calling engine")
-    daemon.wait_passes(1)
-    assert daemon.log()[-1].startswith(f'Could not execute "{daemon.translator} /tmp/text')
-    # It is there for the next message.
-    daemon.translator.symlink_to(HERE / "fake_translator")
-    daemon.drop("a", "n.txt", "two")
-    daemon.wait_spoken(("n.txt", PAUSE + "two "))
-    assert daemon.wait_outputs(1) == ["0_a.text_live_first.raw"]
-    daemon.stop()
-
-
 def test_end_by_a_signal_counts_as_done(make_daemon):
     daemon = make_daemon(words=1)
     daemon.configure(daemon.directory("a"))
@@ -103,18 +73,6 @@ def test_translator_that_writes_nothing_delivers_what_was_there(make_daemon):
     daemon.wait_outputs(1)
     assert daemon.take() == [("2_a.text_live_first.raw", audio)]
     daemon.stop()
-
-
-def test_translator_output_goes_nowhere(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    daemon.behave("fake:noise")
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_outputs(1)
-    daemon.stop()
-    assert daemon.stdout() == b""
-    assert "noise" not in daemon.log_text()
 
 
 @pytest.mark.core
