@@ -3,6 +3,7 @@
 import ctypes
 import os
 import re
+import shlex
 import stat
 import struct
 import subprocess
@@ -26,8 +27,12 @@ def daemon(make_daemon):
     return daemon
 
 
-def say(daemon, *arguments, **options):
-    return run("vocastra-say", "-c", daemon.config, "-s", daemon.status_path, *arguments, **options)
+def say(daemon, *arguments):
+    return finish(start_saying(daemon, *arguments))
+
+
+def start_saying(daemon, *arguments):
+    return start("vocastra-say", "-c", daemon.config, "-s", daemon.status_path, *arguments)
 
 
 def write_config(path, *elements, state="run"):
@@ -86,39 +91,36 @@ def test_text_survives_the_encoding_of_the_directory(make_daemon, encoding):
     daemon.stop()
 
 
-@pytest.mark.parametrize(
-    "attributes, options, data",
-    [
-        # Without a parser the daemon reads UTF-8, whatever "encoding" says.
-        ({"encoding": "utf16"}, [], "é𝄞".encode()),
-        ({"parser": "text", "encoding": "utf8"}, [], "é𝄞".encode()),
-        ({"parser": "text", "encoding": "utf16"}, [], "é𝄞".encode("utf-16-le")),
-        ({"parser": "text", "encoding": "utf16"}, ["-e", "utf8"], "é𝄞".encode()),
-        ({"parser": "text"}, ["-e", "utf16"], "é𝄞".encode("utf-16-le")),
-    ],
-)
-def test_bytes_of_the_encodings(tmp_path, attributes, options, data):
-    config = write_config(tmp_path, local(tmp_path, **attributes))
-    assert run("vocastra-say", "-c", config, *options, "é𝄞") == (0, "", "")
-    assert handed_over(tmp_path / "a") == data
+def say_into(path, *arguments, elements=None, **options):
+    """Says it with a configuration of these elements, or of the local directory "a"."""
+    config = write_config(path, *([local(path)] if elements is None else elements))
+    return run("vocastra-say", "-c", config, *arguments, **options)
 
 
-def test_byte_order_mark_is_not_a_part_of_the_message(tmp_path):
-    config = write_config(tmp_path, local(tmp_path))
-    assert run("vocastra-say", "-c", config, "\ufeffGo")[0] == 0
-    assert handed_over(tmp_path / "a") == b"Go"
+# Attributes of the directory, arguments, and the bytes that are handed over.
+BYTES = {
+    # Without a parser the daemon reads UTF-8, whatever "encoding" says.
+    "no parser": ({"encoding": "utf16"}, ["é𝄞"], "é𝄞".encode()),
+    "utf8": ({"parser": "text", "encoding": "utf8"}, ["é𝄞"], "é𝄞".encode()),
+    "utf16": ({"parser": "text", "encoding": "utf16"}, ["é𝄞"], "é𝄞".encode("utf-16-le")),
+    "option": ({"parser": "text", "encoding": "utf16"}, ["-e", "utf8", "é𝄞"], "é𝄞".encode()),
+    "option alone": ({"parser": "text"}, ["-e", "utf16", "é𝄞"], "é𝄞".encode("utf-16-le")),
+    "byte order mark": ({}, ["\ufeffGo"], b"Go"),
+    "longest": ({}, ["x" * 65536], b"x" * 65536),
+    "subdirectory": ({"subdir": "sub"}, ["Go"], b"Go"),
+}
 
 
-def test_subdirectory(tmp_path):
-    config = write_config(tmp_path, local(tmp_path, subdir="sub"))
-    (tmp_path / "a/sub").mkdir()
-    assert run("vocastra-say", "-c", config, "Go")[0] == 0
-    assert handed_over(tmp_path / "a/sub") == b"Go"
+@pytest.mark.parametrize("attributes, arguments, data", BYTES.values(), ids=BYTES)
+def test_bytes(tmp_path, attributes, arguments, data):
+    directory = tmp_path / "a" / attributes.get("subdir", "")
+    directory.mkdir(parents=True)
+    assert say_into(tmp_path, *arguments, elements=[local(tmp_path, **attributes)]) == (0, "", "")
+    assert handed_over(directory) == data
 
 
 def test_everyone_may_read_the_file(tmp_path):
-    config = write_config(tmp_path, local(tmp_path))
-    assert run("vocastra-say", "-c", config, "Go", umask=0o077)[0] == 0
+    assert say_into(tmp_path, "Go", umask=0o077)[0] == 0
     (path,) = (tmp_path / "a").iterdir()
     assert stat.S_IMODE(path.stat().st_mode) == 0o644
 
@@ -146,9 +148,9 @@ class Inotify:
 
 
 def test_file_is_hidden_until_it_is_whole(tmp_path):
-    config = write_config(tmp_path, local(tmp_path))
+    (tmp_path / "a").mkdir()
     watch = Inotify(tmp_path / "a")
-    assert run("vocastra-say", "-c", config, "x" * 60000)[0] == 0
+    assert say_into(tmp_path, "x" * 60000)[0] == 0
     events = watch.events()
     assert [event for event, _ in events] == ["create", "close-write", "from", "to"]
     names = [name for _, name in events]
@@ -171,91 +173,67 @@ def test_names_are_unique_and_in_order(tmp_path):
 
 
 def test_the_only_local_directory_is_the_default(tmp_path):
-    config = write_config(
-        tmp_path,
+    elements = [
         element("directory", id="far", type="ftp", path="host"),
         local(tmp_path, "near"),
         # The daemon ignores it.
         element("directory", id="near", type="local", path="/nowhere"),
-    )
-    assert run("vocastra-say", "-c", config, "Go")[0] == 0
+    ]
+    assert say_into(tmp_path, "Go", elements=elements)[0] == 0
     assert handed_over(tmp_path / "near") == b"Go"
 
 
 def test_announcements_are_the_default_among_several(tmp_path):
-    config = write_config(tmp_path, local(tmp_path, "alarms"), local(tmp_path, "announcements"))
-    assert run("vocastra-say", "-c", config, "Go")[0] == 0
+    elements = [local(tmp_path, "alarms"), local(tmp_path, "announcements")]
+    assert say_into(tmp_path, "Go", elements=elements)[0] == 0
     assert handed_over(tmp_path / "announcements") == b"Go"
-    assert run("vocastra-say", "-c", config, "-d", "alarms", "Run")[0] == 0
+    assert say_into(tmp_path, "-d", "alarms", "Run", elements=elements)[0] == 0
     assert handed_over(tmp_path / "alarms") == b"Run"
 
 
+def unmade(identity="a", kind="local", **attributes):
+    """A directory element at {path}/identity, which nobody makes."""
+    attributes = {"path": "{path}/" + str(identity), **attributes}
+    return element("directory", id=identity, type=kind, **attributes)
+
+
+X = {"parser": "x", "encoding": "utf8"}
+NO_ENCODING = 'directory "a" has no usable encoding: ""'
+EXPECTS_XML = 'directory "a" expects XML documents for parser "x": give one with --raw'
+NO_PARSER = 'directory "a" uses parser "x", which the configuration does not have'
+ON_SERVER = (
+    'directory "far" is of type "cifs": messages for it belong on its server, "//host/share"'
+)
+
+# The configuration's elements, options, and why it is refused.
 REFUSALS = {
-    "several": (
-        lambda path: [local(path, "a"), local(path, "b")],
-        [],
-        "name a directory with -d; there are a b",
-    ),
-    "no local one": (
-        lambda path: [element("directory", id="far", type="ftp", path="host")],
-        [],
-        "the configuration has no local directory",
-    ),
-    "unknown": (lambda path: [local(path)], ["-d", "b"], 'no directory "b" in {config}'),
-    "no id": (
-        lambda path: [element("directory", type="local", path=path)],
-        ["-d", ""],
-        'no directory "" in {config}',
-    ),
-    "remote": (
-        lambda path: [element("directory", id="far", type="cifs", path="//host/share")],
-        ["-d", "far"],
-        'directory "far" is of type "cifs": messages for it belong on its server, "//host/share"',
-    ),
-    "no encoding": (
-        lambda path: [local(path, parser="text")],
-        [],
-        'directory "a" has no usable encoding: ""',
-    ),
-    "xml": (
-        lambda path: [
-            local(path, parser="x", encoding="utf8"),
-            element("parser", id="x", type="xml"),
-        ],
-        [],
-        'directory "a" expects XML documents for parser "x": give one with --raw',
-    ),
-    "no parser": (
-        lambda path: [local(path, parser="x", encoding="utf8")],
-        ["--raw"],
-        'directory "a" uses parser "x", which the configuration does not have',
-    ),
-    "missing directory": (
-        lambda path: [element("directory", id="a", type="local", path=path / "none")],
-        [],
-        "cannot write to {path}/none/: No such file or directory",
-    ),
+    "several": (unmade("a") + unmade("b"), "", "name a directory with -d; there are a b"),
+    "no local one": (unmade("far", "ftp"), "", "the configuration has no local directory"),
+    "unknown": (unmade(), "-d b", 'no directory "b" in {path}/config.xml'),
+    "no id": (unmade(None), "-d ''", 'no directory "" in {path}/config.xml'),
+    "remote": (unmade("far", "cifs", path="//host/share"), "-d far", ON_SERVER),
+    "no encoding": (unmade(parser="text"), "", NO_ENCODING),
+    "xml": (unmade(**X) + element("parser", id="x", type="xml"), "", EXPECTS_XML),
+    "no parser": (unmade(**X), "--raw", NO_PARSER),
+    "missing directory": (unmade(), "", "cannot write to {path}/a/: No such file or directory"),
     "cache": (
-        lambda path: [local(path, dir_mode="cache")],
-        ["--wait"],
+        unmade(dir_mode="cache"),
+        "-w",
         'directory "a" is in cache mode: nothing in it is spoken',
     ),
-    "no daemon": (
-        lambda path: [local(path)],
-        ["--wait", "-s", "/nowhere/status"],
-        "/nowhere/status: No such file or directory",
-    ),
+    "no daemon": (unmade(), "-w -s /nowhere/s", "/nowhere/s: No such file or directory"),
 }
 
 
-@pytest.mark.parametrize("case", REFUSALS)
-def test_refused(tmp_path, case):
-    elements, options, why = REFUSALS[case]
-    config = write_config(tmp_path, *elements(tmp_path))
-    why = why.replace("{config}", str(config)).replace("{path}", str(tmp_path))
-    assert run("vocastra-say", "-c", config, *options, "Go") == (1, "", f"vocastra-say: {why}\n")
-    files = [path for path in tmp_path.rglob("*") if path.is_file()]
-    assert files == [config]
+@pytest.mark.parametrize("elements, options, why", REFUSALS.values(), ids=REFUSALS)
+def test_refused(tmp_path, elements, options, why):
+    elements, why = elements.format(path=tmp_path), why.format(path=tmp_path)
+    found = say_into(tmp_path, *shlex.split(options), "Go", elements=[elements])
+    assert found == (1, "", f"vocastra-say: {why}\n")
+    assert list(tmp_path.iterdir()) == [tmp_path / "config.xml"]
+
+
+TOO_LONG = 'the message is too long: {} bytes in "{}", of which the daemon reads 65536'
 
 
 @pytest.mark.parametrize(
@@ -266,51 +244,26 @@ def test_refused(tmp_path, case):
         ("utf8", b"caf\xe9", "the text is not valid UTF-8"),
         ("ascii", "2 €", '"€" (U+20AC) cannot be expressed in "ascii"'),
         ("ascii", "a²", '"²" (U+00B2) cannot be expressed in "ascii"'),
-        (
-            "utf8",
-            "x" * 65537,
-            'the message is too long: 65537 bytes in "utf8", of which the daemon reads 65536',
-        ),
-        (
-            "utf16",
-            "x" * 32769,
-            'the message is too long: 65538 bytes in "utf16", of which the daemon reads 65536',
-        ),
+        ("utf8", "x" * 65537, TOO_LONG.format(65537, "utf8")),
+        ("utf16", "x" * 32769, TOO_LONG.format(65538, "utf16")),
     ],
 )
 def test_text_that_cannot_be_said(tmp_path, encoding, text, why):
-    config = write_config(tmp_path, local(tmp_path, parser="text", encoding=encoding))
+    elements = [local(tmp_path, parser="text", encoding=encoding)]
     (tmp_path / "text").write_bytes(text if isinstance(text, bytes) else text.encode())
     with open(tmp_path / "text", "rb") as stdin:
-        assert run("vocastra-say", "-c", config, stdin=stdin, encoding="utf-8") == (
-            1,
-            "",
-            f"vocastra-say: {why}\n",
-        )
+        found = say_into(tmp_path, elements=elements, stdin=stdin, encoding="utf-8")
+    assert found == (1, "", f"vocastra-say: {why}\n")
     assert list((tmp_path / "a").iterdir()) == []
-
-
-def test_longest_message(tmp_path):
-    config = write_config(tmp_path, local(tmp_path))
-    (tmp_path / "text").write_bytes(b"x" * 65536)
-    with open(tmp_path / "text", "rb") as stdin:
-        assert run("vocastra-say", "-c", config, stdin=stdin) == (0, "", "")
-    assert len(handed_over(tmp_path / "a")) == 65536
 
 
 def test_bad_configuration(tmp_path):
     config = tmp_path / "config.xml"
-    assert run("vocastra-say", "-c", config, "Go") == (
-        1,
-        "",
-        f'vocastra-say: Could not open "{config}" for reading\n',
-    )
+    why = f'Could not open "{config}" for reading'
+    assert run("vocastra-say", "-c", config, "Go") == (1, "", f"vocastra-say: {why}\n")
     config.write_text("<tts-config>\n<a></b>")
-    assert run("vocastra-say", "-c", config, "Go") == (
-        1,
-        "",
-        "vocastra-say: mismatched tag at line 2\n",
-    )
+    why = "mismatched tag at line 2"
+    assert run("vocastra-say", "-c", config, "Go") == (1, "", f"vocastra-say: {why}\n")
 
 
 # XML documents.
@@ -356,9 +309,7 @@ def test_wait_ends_when_the_last_words_were_made(make_daemon):
     daemon.configure(daemon.directory("a", loops=2))
     daemon.start()
     daemon.hold()
-    process = start(
-        "vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "--wait", "a b c d e f g"
-    )
+    process = start_saying(daemon, "--wait", "a b c d e f g")
     daemon.wait_translator_runs(1)
     assert process.poll() is None
     daemon.release()
@@ -369,10 +320,7 @@ def test_wait_ends_when_the_last_words_were_made(make_daemon):
 
 
 def test_wait_for_messages_that_wait_for_each_other(daemon):
-    processes = [
-        start("vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "-w", f"Number {i}")
-        for i in range(8)
-    ]
+    processes = [start_saying(daemon, "-w", f"Number {i}") for i in range(8)]
     drain(daemon, *processes)
     assert [finish(process) for process in processes] == [(0, "", "")] * 8
     assert sorted(text for _, text in daemon.spoken()) == [f"{PAUSE}Number {i} " for i in range(8)]
@@ -399,9 +347,7 @@ def bound(make_daemon):
     daemon = make_daemon(words=1, files=1)
     daemon.configure(daemon.directory("a"))
     daemon.start()
-    process = start(
-        "vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "--wait", "a b c d e f"
-    )
+    process = start_saying(daemon, "--wait", "a b c d e f")
     daemon.wait_status(lambda root: root.get("output-bound") == "1")
     assert process.poll() is None
     return daemon, process
@@ -436,9 +382,7 @@ def test_wait_goes_on_until_there_is_room_again(make_daemon):
     daemon = make_daemon(words=1, files=1)
     daemon.configure(daemon.directory("a"))
     daemon.start()
-    process = start(
-        "vocastra-say", "-c", daemon.config, "-s", daemon.status_path, "--wait", "one two"
-    )
+    process = start_saying(daemon, "--wait", "one two")
     status = daemon.wait_status(lambda root: root.get("output-bound") == "1")
     assert [record.tag for record in status.iter()] == ["tts-status", "directory"]
     daemon.wait_passes(10)
@@ -448,23 +392,18 @@ def test_wait_goes_on_until_there_is_room_again(make_daemon):
     daemon.stop()
 
 
-def test_stop_drops_the_message(bound):
+# The id, attributes and state of the new configuration.
+DROPS = {
+    "stopped": ("a", {}, "stop"),
+    "changed": ("a", {"priority": 3}, "run"),
+    "removed": ("b", {}, "run"),
+}
+
+
+@pytest.mark.parametrize("identity, attributes, state", DROPS.values(), ids=DROPS)
+def test_change_drops_the_message(bound, identity, attributes, state):
     daemon, process = bound
-    daemon.configure(daemon.directory("a"), state="stop")
-    assert finish(process) == DROPPED
-    daemon.stop()
-
-
-def test_changed_directory_drops_the_message(bound):
-    daemon, process = bound
-    daemon.configure(daemon.directory("a", priority=3))
-    assert finish(process) == DROPPED
-    daemon.stop()
-
-
-def test_removed_directory_drops_the_message(bound):
-    daemon, process = bound
-    daemon.configure(daemon.directory("b"))
+    daemon.configure(daemon.directory(identity, **attributes), state=state)
     assert finish(process) == DROPPED
     daemon.stop()
 
@@ -477,66 +416,42 @@ def test_other_changes_do_not_drop_the_message(bound):
     daemon.stop()
 
 
-def test_restart_drops_the_message(bound):
+@pytest.mark.parametrize("comes_back", [True, False])
+def test_end_of_the_daemon_drops_the_message(bound, comes_back):
     daemon, process = bound
     daemon.stop()
     assert process.poll() is None
-    daemon.start()
+    if comes_back:
+        daemon.start()
+    else:
+        daemon.status_path.unlink()
     assert finish(process) == DROPPED
-    daemon.stop()
+    if comes_back:
+        daemon.stop()
 
 
-def test_end_of_the_service_drops_the_message(bound):
-    daemon, process = bound
-    daemon.stop()
-    daemon.status_path.unlink()
-    assert finish(process) == DROPPED
-
-
-def test_wait_times_out(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(daemon.directory("a"), state="stop")
-    daemon.start()
-    assert say(daemon, "--wait", "-t", "1", "Go") == (
-        4,
-        "",
-        "vocastra-say: not said within 1 seconds\n",
-    )
-    daemon.stop()
-
-
-def test_file_that_the_daemon_does_not_take_is_dropped(tmp_path):
-    """The daemon cannot read or remove it: it is seen, but neither queued nor active."""
-    config = write_config(tmp_path, local(tmp_path))
-    record = [directory_status("a", path=tmp_path / "a", total=1)]
-    with StatusWriter(
-        tmp_path / "status", lambda counter: status_text(counter, directories=record)
-    ):
-        assert run("vocastra-say", "-c", config, "-s", tmp_path / "status", "-w", "Go") == DROPPED
-
-
-def test_queued_message_is_waited_for(tmp_path):
-    """As long as the queue is not empty, the message may be in it."""
-    config = write_config(tmp_path, local(tmp_path))
-    record = [directory_status("a", path=tmp_path / "a", total=1, updated=1)]
-    with StatusWriter(
-        tmp_path / "status", lambda counter: status_text(counter, directories=record)
-    ):
-        status, _, _ = run(
-            "vocastra-say", "-c", config, "-s", tmp_path / "status", "-w", "-t", "1", "Go"
-        )
-    assert status == 4
+@pytest.mark.parametrize(
+    "queued, limit, expected",
+    [
+        # As if the daemon could not read or remove it: seen, but neither queued nor active.
+        (0, 60, DROPPED),
+        # As long as the queue is not empty, the message may be in it.
+        (1, 1, (4, "", "vocastra-say: not said within 1 seconds\n")),
+    ],
+)
+def test_message_that_is_not_active(tmp_path, queued, limit, expected):
+    record = [directory_status("a", path=tmp_path / "a", total=1, updated=queued)]
+    path = tmp_path / "status"
+    with StatusWriter(path, lambda counter: status_text(counter, directories=record)):
+        assert say_into(tmp_path, "-s", path, "-w", "-t", limit, "Go") == expected
     assert handed_over(tmp_path / "a") == b"Go"
 
 
 def test_daemon_without_the_directory(tmp_path):
-    config = write_config(tmp_path, local(tmp_path))
-    (tmp_path / "status").write_text(status_text())
-    assert run("vocastra-say", "-c", config, "-s", tmp_path / "status", "-w", "Go") == (
-        1,
-        "",
-        f'vocastra-say: the daemon that writes {tmp_path}/status does not have directory "a"\n',
-    )
+    path = tmp_path / "status"
+    path.write_text(status_text())
+    why = f'the daemon that writes {path} does not have directory "a"'
+    assert say_into(tmp_path, "-s", path, "-w", "Go") == (1, "", f"vocastra-say: {why}\n")
     assert list((tmp_path / "a").iterdir()) == []
 
 
