@@ -20,13 +20,11 @@ class LockTest : public DirectoryTest {
 
 TEST_F(LockTest, KeepsTheLockIfItCannotList) {
   ASSERT_EQ(0, rmdir(shared_path.c_str()));
-  EXPECT_EQ("", LogOf(
-                    [&] {
-                      EXPECT_EQ("Could not open \"" + shared_path +
-                                    "\" for enumeration: No such file or directory",
-                                ThrownText([&] { shared.GetFileNames(); }));
-                    },
-                    kDebugAvailable));
+  EXPECT_EQ("", WholeLogOf([&] {
+              EXPECT_EQ("Could not open \"" + shared_path +
+                            "\" for enumeration: No such file or directory",
+                        ThrownText([&] { shared.GetFileNames(); }));
+            }));
   EXPECT_FALSE(other_process.CouldLock());
   shared.Unlock();
   EXPECT_TRUE(other_process.CouldLock());
@@ -171,7 +169,7 @@ TEST_F(LockTest, ClearsTheRestIfAFileCannotBeRemoved) {
       temporary.MakeDirectory("shared/b");
     }
   };
-  EXPECT_EQ("", LogOf([&] { shared.ClearDirectoryLocked(); }, kDebugAvailable));
+  EXPECT_EQ("", WholeLogOf([&] { shared.ClearDirectoryLocked(); }));
   EXPECT_THAT(shared.GetFileNames(), IsEmpty());
   EXPECT_TRUE(Exists(shared_path + "b"));
 }

@@ -60,8 +60,7 @@ TEST_F(DirectoryTest, ThrowsForAMissingDirectory) {
               ThrownText([&path_to_open = path] { const Directory directory(path_to_open); }));
   }
   EXPECT_EQ("Could not open directory ", ThrownText([] { const Directory directory(""); }));
-  EXPECT_EQ(
-      "", LogOf([&] { ThrownText([&] { const Directory directory(missing); }); }, kDebugAvailable));
+  EXPECT_EQ("", WholeLogOf([&] { ThrownText([&] { const Directory directory(missing); }); }));
 }
 
 TEST_F(DirectoryTest, OpensAFileButCannotListIt) {
@@ -87,12 +86,10 @@ TEST_F(DirectoryTest, KeepsItsDescriptorFromChildrenAndClosesIt) {
 }
 
 TEST_F(DirectoryTest, FindsNothingInAnEmptyDirectory) {
-  EXPECT_EQ("", LogOf(
-                    [&] {
-                      EXPECT_EQ(0, shared.GetFileCountLocked());
-                      EXPECT_THAT(shared.GetFileNames(), IsEmpty());
-                    },
-                    kDebugAvailable));
+  EXPECT_EQ("", WholeLogOf([&] {
+              EXPECT_EQ(0, shared.GetFileCountLocked());
+              EXPECT_THAT(shared.GetFileNames(), IsEmpty());
+            }));
 }
 
 TEST_F(DirectoryTest, ListsVisibleFilesInByteOrder) {
@@ -145,8 +142,7 @@ class DirectoryCommandTest : public DirectoryTest {
 
 TEST_F(DirectoryCommandTest, CopiesUnderANewName) {
   const std::string source = temporary.Write("source", "text");
-  EXPECT_EQ("",
-            LogOf([&] { shared.CopyIntoDirectoryLocked(source, "1_new.raw"); }, kDebugAvailable));
+  EXPECT_EQ("", WholeLogOf([&] { shared.CopyIntoDirectoryLocked(source, "1_new.raw"); }));
   EXPECT_EQ("text", ReadFile(shared_path + "1_new.raw"));
   EXPECT_EQ("text", ReadFile(source));
   EXPECT_THAT(shared.GetFileNames(), ElementsAre("1_new.raw"));
@@ -154,8 +150,7 @@ TEST_F(DirectoryCommandTest, CopiesUnderANewName) {
 
 TEST_F(DirectoryCommandTest, MovesUnderANewName) {
   const std::string source = temporary.Write("source", "text");
-  EXPECT_EQ("",
-            LogOf([&] { shared.MoveIntoDirectoryLocked(source, "1_new.raw"); }, kDebugAvailable));
+  EXPECT_EQ("", WholeLogOf([&] { shared.MoveIntoDirectoryLocked(source, "1_new.raw"); }));
   EXPECT_EQ("text", ReadFile(shared_path + "1_new.raw"));
   EXPECT_FALSE(Exists(source));
   EXPECT_THAT(shared.GetFileNames(), ElementsAre("1_new.raw"));
@@ -186,7 +181,7 @@ TEST_F(DirectoryTest, ClearsTheListedFilesOnly) {
   WriteFiles({"a", "b", ".hidden"});
   temporary.MakeDirectory("shared/directory");
   EXPECT_EQ(0, symlink(".hidden", (shared_path + "link").c_str()));
-  EXPECT_EQ("", LogOf([&] { shared.ClearDirectoryLocked(); }, kDebugAvailable));
+  EXPECT_EQ("", WholeLogOf([&] { shared.ClearDirectoryLocked(); }));
   EXPECT_FALSE(Exists(shared_path + "a"));
   EXPECT_FALSE(Exists(shared_path + "b"));
   for (const char* const name : {".hidden", "directory", "link"}) {

@@ -71,7 +71,7 @@ TEST(InputDirectoryTest, ThrowsForEveryBadIntegerBeforeAnythingIsRemoved) {
                                    {"type", "local"},
                                    {"path", directory.path},
                                    {"last-played-path", directory.path}};
-    EXPECT_EQ(text + "\n", LogOf([&] { EXPECT_EQ(text, ThrownText([&] { Build(attributes); })); }));
+    ExpectLoggedAndThrown(text, [&] { Build(attributes); });
   }
   EXPECT_TRUE(Exists(directory / "kept"));
 }
@@ -81,12 +81,9 @@ TEST(InputDirectoryTest, EmptiesALocalDirectory) {
   directory.Write("a", "1");
   directory.Write("b", "2");
   directory.Write(".hidden", "3");
-  EXPECT_EQ("Removing contents of directory " + directory.path + "\n",
-            LogOf(
-                [&] {
-                  Build({{"type", "local"}, {"path", directory.path}});
-                },
-                kDebugAvailable));
+  EXPECT_EQ("Removing contents of directory " + directory.path + "\n", WholeLogOf([&] {
+              Build({{"type", "local"}, {"path", directory.path}});
+            }));
   EXPECT_FALSE(Exists(directory / "a"));
   EXPECT_FALSE(Exists(directory / "b"));
   EXPECT_TRUE(Exists(directory / ".hidden"));
@@ -122,7 +119,7 @@ TEST(InputDirectoryTest, EmptiesTheLastPlayedDirectoryFirst) {
 }
 
 TEST(InputDirectoryTest, RemovesNothingWithoutAPath) {
-  EXPECT_EQ(kNoLog, LogOf([] { Build({{"type", "local"}}); }, kDebugAvailable));
+  EXPECT_EQ(kNoLog, WholeLogOf([] { Build({{"type", "local"}}); }));
 }
 
 TEST(InputDirectoryTest, EmptiesOnlyTheLastPlayedDirectoryForAnUnknownType) {
@@ -132,15 +129,12 @@ TEST(InputDirectoryTest, EmptiesOnlyTheLastPlayedDirectoryForAnUnknownType) {
   directory.Write("kept", "");
   for (const char* type : {"", "Local", "smb"}) {
     last_played.Write("old", "");
-    EXPECT_EQ("Removing contents of directory " + last_played.path + "\n",
-              LogOf(
-                  [&] {
-                    const auto input = Build({{"type", type},
-                                              {"path", directory.path},
-                                              {"last-played-path", last_played.path}});
-                    EXPECT_EQ("", StatusAttribute(*input, "path")) << type;
-                  },
-                  kDebugAvailable));
+    EXPECT_EQ(
+        "Removing contents of directory " + last_played.path + "\n", WholeLogOf([&] {
+          const auto input = Build(
+              {{"type", type}, {"path", directory.path}, {"last-played-path", last_played.path}});
+          EXPECT_EQ("", StatusAttribute(*input, "path")) << type;
+        }));
     EXPECT_FALSE(Exists(last_played / "old")) << type;
   }
   EXPECT_TRUE(Exists(directory / "kept"));
@@ -153,8 +147,7 @@ TEST(InputDirectoryTest, QueuesNothingForAnUnknownType) {
   input->SetFileParser(&parser);
   LogOf([&] { input->Process(); });
   directory.Write("m", "new");
-  EXPECT_EQ("Adding m " + CRCText("new") + " to file_map\n",
-            LogOf([&] { input->Process(); }, kDebugAvailable));
+  EXPECT_EQ("Adding m " + CRCText("new") + " to file_map\n", WholeLogOf([&] { input->Process(); }));
   EXPECT_EQ(
       "<directory id=\"a\" path=\"\" status=\"0\" total-file-count=\"1\" "
       "updated-file-count=\"0\"/>\n",

@@ -15,10 +15,9 @@ using testing::StartsWith;
 
 TEST_F(HelperTest, ThrowsWithoutAHelper) {
   for (const RemoteType& remote : kRemoteTypes) {
-    EXPECT_EQ(
-        kNoLog,
-        LogOf([&] { EXPECT_EQ(remote.missing_text, ThrownText([&] { Start(remote.type, ""); })); },
-              kDebugAvailable));
+    EXPECT_EQ(kNoLog, WholeLogOf([&] {
+                EXPECT_EQ(remote.missing_text, ThrownText([&] { Start(remote.type, ""); }));
+              }));
   }
   EXPECT_THAT(stand_ins::processes.children, IsEmpty());
 }
@@ -184,10 +183,9 @@ TEST_F(HelperTest, LogsAFailedForkAndSignalsNothing) {
   for (const RemoteType& remote : kRemoteTypes) {
     std::unique_ptr<InputDirectory> input;
     EXPECT_EQ(std::string("Could not fork ") + remote.kind + " helper: " + strerror(EAGAIN) + "\n",
-              LogOf([&] { input = Start(remote.type, "/bin/true"); }, kDebugAvailable));
+              WholeLogOf([&] { input = Start(remote.type, "/bin/true"); }));
     const std::string watch = StatusAttribute(*input, "path");
-    EXPECT_EQ("Removing temporary directory " + watch + "\n",
-              LogOf([&] { input.reset(); }, kDebugAvailable));
+    EXPECT_EQ("Removing temporary directory " + watch + "\n", WholeLogOf([&] { input.reset(); }));
     EXPECT_FALSE(Exists(watch));
   }
   EXPECT_THAT(stand_ins::processes.signals, IsEmpty());
@@ -213,7 +211,7 @@ TEST_F(HelperTest, StopsTheHelperTwoSecondsBeforeRemovingItsDirectory) {
     };
     EXPECT_EQ(
         "Sending SIGTERM to PID " + Number(pid) + "\nRemoving temporary directory " + watch + "\n",
-        LogOf([&] { input.reset(); }, kDebugAvailable));
+        WholeLogOf([&] { input.reset(); }));
     EXPECT_THAT(stand_ins::pauses.sleeps, ElementsAre(2));
     EXPECT_THAT(stand_ins::processes.collected, ElementsAre(pid));
     EXPECT_FALSE(Exists(watch));
@@ -254,8 +252,7 @@ TEST_F(HelperTest, DoesNotRemoveADirectoryOfAnotherName) {
     const std::string path = StatusAttribute(*input, "path");
     ASSERT_THAT(path, StartsWith("/tmp/Xatch"));
     const std::string pid = Number(stand_ins::processes.children.back());
-    EXPECT_EQ("Sending SIGTERM to PID " + pid + "\n",
-              LogOf([&] { input.reset(); }, kDebugAvailable));
+    EXPECT_EQ("Sending SIGTERM to PID " + pid + "\n", WholeLogOf([&] { input.reset(); }));
     EXPECT_EQ(0, rmdir(path.c_str())) << "still there";
   }
 }
@@ -267,7 +264,7 @@ TEST_F(HelperTest, LocalDirectoryStartsNoHelper) {
   LogOf([&] {
     input = Build({{"type", "local"}, {"path", path}}, 10, "/bin/false", "/bin/false");
   });
-  EXPECT_EQ(kNoLog, LogOf([&] { input.reset(); }, kDebugAvailable));
+  EXPECT_EQ(kNoLog, WholeLogOf([&] { input.reset(); }));
   EXPECT_THAT(stand_ins::processes.children, IsEmpty());
   EXPECT_THAT(stand_ins::pauses.sleeps, IsEmpty());
   EXPECT_EQ(0, rmdir(path)) << "still there, whatever its name";

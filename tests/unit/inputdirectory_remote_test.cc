@@ -119,7 +119,7 @@ TEST_F(RemoteDirectoryTest, TimesOutEvenIfItCannotBeListed) {
   ASSERT_EQ(0, rename((watch + "/sub").c_str(), (watch + "/away").c_str()));
   stand_ins::now += 6;
   EXPECT_EQ("Directory " + watch + "/sub/ is no longer receiving updates\n",
-            LogOf([&] { ThrownText([&] { input->Process(); }); }, kDebugAvailable));
+            WholeLogOf([&] { ThrownText([&] { input->Process(); }); }));
   EXPECT_EQ("0", StatusAttribute(*input, "status"));
 }
 

@@ -28,7 +28,7 @@ TEST(SchemaTest, NamesEveryAttributeOfTheConfiguration) {
     EXPECT_FALSE(AttributesOf(element).empty()) << element;
     for (const Attribute& attribute : AttributesOf(element)) {
       const std::string pattern = std::string("attribute ") + attribute.name + " { ";
-      EXPECT_NE(std::string::npos, schema.find(pattern)) << element << " " << attribute.name;
+      EXPECT_THAT(schema, testing::HasSubstr(pattern)) << element << " " << attribute.name;
     }
   }
 }

@@ -220,7 +220,7 @@ TEST(RunCommandTest, LogsAnExitCodeOtherThanZero) {
 
 TEST(RunCommandTest, LogsNothingForSuccessAndSignals) {
   for (const std::string command : {"exit 0", "", "false; true", "kill -9 $$", "kill -15 $$"}) {
-    EXPECT_EQ("", LogOf([&] { RunCommand(command); }, kDebugAvailable)) << command;
+    EXPECT_EQ("", WholeLogOf([&] { RunCommand(command); })) << command;
   }
 }
 
@@ -228,7 +228,7 @@ TEST(RunCommandTest, LogsASignalThatTheShellReports) {
   const std::string program = "sh -c 'kill -9 $$'";
   const std::string command = "exec 2>/dev/null; " + program + "; exit $?";
   EXPECT_EQ("Could not execute \"" + command + "\"\n", LogOf([&] { RunCommand(command); }));
-  EXPECT_EQ("", LogOf([&] { RunCommand("exec " + program); }, kDebugAvailable));
+  EXPECT_EQ("", WholeLogOf([&] { RunCommand("exec " + program); }));
 }
 
 TEST(RunCommandTest, LogsACommandThatCouldNotBeStarted) {

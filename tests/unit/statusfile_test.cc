@@ -25,13 +25,7 @@ std::string WithId(const std::string& id_) {
 TEST(ParseStatusTest, YieldsTheTreeThatWasDumped) {
   const std::unique_ptr<XMLElement> status = ParseStatus(kStatus);
   ASSERT_TRUE(status);
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* file = open_memstream(&text, &size);
-  status->Dump(file, "");
-  fclose(file);
-  EXPECT_STREQ(kStatus, text);
-  free(text);
+  EXPECT_EQ(kStatus, DumpOf(*status));
 }
 
 TEST(ParseStatusTest, RejectsEveryTruncation) {

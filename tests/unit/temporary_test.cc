@@ -9,11 +9,6 @@ class CreateTemporaryTest : public testing::Test {
   std::string Prefix(const std::string& name_) const {
     return (scratch / name_).substr(std::string("/tmp/").size());
   }
-  unsigned int ModeOf(const std::string& path_) const {
-    struct stat status {};
-    EXPECT_EQ(0, stat(path_.c_str(), &status)) << path_;
-    return status.st_mode;
-  }
   // A prefix of that many characters in an existing directory.
   std::string LongPrefix(size_t length_) const {
     std::string path = scratch.path;
@@ -55,33 +50,34 @@ TEST_F(CreateTemporaryTest, KeepsNoDescriptor) {
   EXPECT_THAT(DescriptorsOf(directory), testing::IsEmpty());
 }
 
+// Neither function makes anything: each throws this template.
+void ExpectFailure(const std::string& prefix_, const std::string& template_) {
+  const std::string text = " with template \"" + template_ + "\"";
+  EXPECT_EQ("Could not create temporary directory" + text,
+            ThrownText([&] { CreateTemporaryDirectory(prefix_.c_str()); }));
+  EXPECT_EQ("Could not create temporary file" + text,
+            ThrownText([&] { CreateTemporaryFile(prefix_.c_str()); }));
+}
+
 TEST_F(CreateTemporaryTest, ThrowsTheTemplateWithoutItsDirectory) {
   const std::string prefix = Prefix("missing/x");
-  EXPECT_EQ("Could not create temporary directory with template \"/tmp/" + prefix + "XXXXXX\"",
-            ThrownText([&] { CreateTemporaryDirectory(prefix.c_str()); }));
-  EXPECT_EQ("Could not create temporary file with template \"/tmp/" + prefix + "XXXXXX\"",
-            ThrownText([&] { CreateTemporaryFile(prefix.c_str()); }));
+  ExpectFailure(prefix, "/tmp/" + prefix + "XXXXXX");
 }
 
 // 4095 characters: 5 of "/tmp/", 4084 of the prefix, 6 of "XXXXXX".
 TEST_F(CreateTemporaryTest, TakesAPrefixThatJustFits) {
   const std::string prefix = LongPrefix(4084);
-  const std::string directory = CreateTemporaryDirectory(prefix.c_str());
-  EXPECT_THAT(directory, testing::StartsWith("/tmp/" + prefix));
-  EXPECT_EQ(4095U, directory.size());
-  const std::string file = CreateTemporaryFile(prefix.c_str());
-  EXPECT_THAT(file, testing::StartsWith("/tmp/" + prefix));
-  EXPECT_EQ(4095U, file.size());
+  for (const auto create : {CreateTemporaryDirectory, CreateTemporaryFile}) {
+    const std::string path = create(prefix.c_str());
+    EXPECT_THAT(path, testing::StartsWith("/tmp/" + prefix));
+    EXPECT_EQ(4095U, path.size());
+  }
 }
 
 TEST_F(CreateTemporaryTest, FailsIfThePrefixCutsTheTemplate) {
   for (const size_t length : {4085U, 4089U, 4090U, 4091U, 5000U}) {
     const std::string prefix = length == 4085 ? LongPrefix(length) : std::string(length, 'p');
-    const std::string path = ("/tmp/" + prefix + "XXXXXX").substr(0, 4095);
-    EXPECT_EQ("Could not create temporary directory with template \"" + path + "\"",
-              ThrownText([&] { CreateTemporaryDirectory(prefix.c_str()); }));
-    EXPECT_EQ("Could not create temporary file with template \"" + path + "\"",
-              ThrownText([&] { CreateTemporaryFile(prefix.c_str()); }));
+    ExpectFailure(prefix, ("/tmp/" + prefix + "XXXXXX").substr(0, 4095));
   }
 }
 

@@ -94,6 +94,10 @@ inline std::string LogOf(const std::function<void()>& action_, unsigned int mask
   return log;
 }
 
+inline std::string WholeLogOf(const std::function<void()>& action_) {
+  return LogOf(action_, kDebugAvailable);
+}
+
 // The action's output to standard output.
 inline std::string OutputOf(const std::function<void()>& action_) {
   testing::internal::CaptureStdout();

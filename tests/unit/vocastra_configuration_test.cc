@@ -9,6 +9,11 @@ using testing::IsEmpty;
 
 class ConfigurationTest : public VocastraTest {};
 
+std::string NoInteger(const std::string& name_, const std::string& value_) {
+  return "While processing attribute \"" + name_ + "\" of \"directory\": Could not convert \"" +
+         value_ + "\" to integer";
+}
+
 TEST_F(ConfigurationTest, LogsHowItIsConfigured) {
   Configure(Element("b") + Element("a", "parser='text' encoding='ascii'"));
   player = Build(settings);
@@ -40,10 +45,9 @@ TEST_F(ConfigurationTest, HandsTheHelpersAndTheWordLimitToItsDirectories) {
   Configure(Element("a") + "<directory id='c' type='cifs'/><directory id='f' type='ftp'/>");
   player = Build(settings);
   const std::string log = Run();
-  EXPECT_NE(std::string::npos, log.find("Created new input directory c\n")) << log;
-  EXPECT_NE(std::string::npos,
-            log.find("Skipped directory f: Ignoring FTP dir; no FTP helper directory\n"))
-      << log;
+  EXPECT_THAT(log, testing::HasSubstr("Created new input directory c\n"));
+  EXPECT_THAT(
+      log, testing::HasSubstr("Skipped directory f: Ignoring FTP dir; no FTP helper directory\n"));
   Drop("a", "1 2 3 4 5");
   Run();
   EXPECT_EQ("5 ", DeliveredFile("1_a.text_live_cont.raw"));
@@ -74,7 +78,7 @@ TEST_F(ConfigurationTest, LosesTheMessageOfAReplacedDirectory) {
   Start(Element("a"), "wait");
   Drop("a", "text");
   Run();
-  EXPECT_NE(std::string::npos, Status().find("<message"));
+  EXPECT_THAT(Status(), testing::HasSubstr("<message"));
   Configure(Element("a", "loops='2'"));
   Run();
   EXPECT_THAT(Delivered(), IsEmpty());
@@ -103,9 +107,7 @@ TEST_F(ConfigurationTest, UsesTheFirstOfTwoDirectoriesWithTheSameID) {
 TEST_F(ConfigurationTest, ReportsADuplicateOfASkippedDirectory) {
   Configure(Element("a", "priority='x'") + Element("a"));
   player = Build(settings);
-  const std::string text =
-      "While processing attribute \"priority\" of \"directory\": Could not convert \"x\" to "
-      "integer";
+  const std::string text = NoInteger("priority", "x");
   EXPECT_EQ(Processing() + text + "\nSkipped directory a: " + text +
                 "\nDuplicate directory ID \"a\"\nNow in \"run\" state\n",
             Run());
@@ -116,8 +118,7 @@ TEST_F(ConfigurationTest, SkipsBadDirectoriesAndLoadsTheOthers) {
             "<directory id='' type='ftp'/>");
   player = Build(settings);
   const std::string no_id = "Element directory has no attribute id";
-  const std::string bad_loops =
-      "While processing attribute \"loops\" of \"directory\": Could not convert \" 1 \" to integer";
+  const std::string bad_loops = NoInteger("loops", " 1 ");
   EXPECT_EQ(Processing() + no_id + "\nSkipped directory : " + no_id + "\n" + bad_loops +
                 "\nSkipped directory a: " + bad_loops + "\n" + Created("b") +
                 "Skipped directory : Ignoring FTP dir; no FTP helper directory\n" + Attached("b") +
@@ -128,13 +129,11 @@ TEST_F(ConfigurationTest, SkipsBadDirectoriesAndLoadsTheOthers) {
 TEST_F(ConfigurationTest, DeletesADirectoryWhoseNewElementIsBad) {
   Start(Element("a") + Element("b"));
   Configure(Element("a", "priority='x'") + Element("b"));
-  const std::string text =
-      "While processing attribute \"priority\" of \"directory\": Could not convert \"x\" to "
-      "integer";
+  const std::string text = NoInteger("priority", "x");
   EXPECT_EQ(Processing() + "Deleted input directory a\n" + text + "\nSkipped directory a: " + text +
                 "\n" + Attached("b"),
             Run());
-  EXPECT_EQ(std::string::npos, Status().find("id=\"a\""));
+  EXPECT_THAT(Status(), testing::Not(testing::HasSubstr("id=\"a\"")));
   EXPECT_EQ(kNoLog, Run()) << "it is applied";
 }
 
@@ -192,7 +191,7 @@ TEST_F(ConfigurationTest, KeepsTheOldConfigurationIfTheNewOneIsBroken) {
     tree.Write("config.xml", good);
     EXPECT_EQ(kNoLog, Run()) << broken;
     EXPECT_EQ("wait", StatusAttribute("state")) << broken;
-    EXPECT_NE(std::string::npos, Status().find("<message")) << broken;
+    EXPECT_THAT(Status(), testing::HasSubstr("<message")) << broken;
   }
 }
 

@@ -21,7 +21,7 @@ TEST_F(GlossaryUseTest, KeepsAGlossaryWhoseChecksumIsZero) {
   settings.glossary = tree.Write("glossary.xml", WithCRCZero(Glossary("doctor")));
   Configure("");
   player = Build(settings);
-  EXPECT_NE(std::string::npos, Run(kDebugAvailable).find("Processing glossary"));
+  EXPECT_THAT(Run(kDebugAvailable), testing::HasSubstr("Processing glossary"));
   EXPECT_EQ(kNoLog, Run(kDebugAvailable));
 }
 

@@ -30,17 +30,15 @@ void CollectTexts(const XMLElement& element_, std::string& texts_) {
 
 Outcome DaemonOutcome(const std::string& path_, const std::string& encoding_) {
   Outcome outcome;
-  outcome.log = LogOf(
-      [&] {
-        const XMLDocument document(path_, encoding_);
-        const std::unique_ptr<XMLElement> root(document.GetRoot());
-        outcome.tree = Written([&](FILE* file) { document.Dump(file); });
-        outcome.error = document.GetError();
-        if (root) {
-          CollectTexts(*root, outcome.texts);
-        }
-      },
-      kDebugAvailable);
+  outcome.log = WholeLogOf([&] {
+    const XMLDocument document(path_, encoding_);
+    const std::unique_ptr<XMLElement> root(document.GetRoot());
+    outcome.tree = Written([&](FILE* file) { document.Dump(file); });
+    outcome.error = document.GetError();
+    if (root) {
+      CollectTexts(*root, outcome.texts);
+    }
+  });
   return outcome;
 }
 

@@ -63,9 +63,7 @@ TEST_F(XMLFileParserTest, RejectsAnElementWithoutARequiredAttribute) {
        "Element field has no attribute attr"},
   };
   for (const auto& [element, text] : cases) {
-    EXPECT_EQ(text + "\n", LogOf([&, thrown = text, xml = element] {
-                EXPECT_EQ(thrown, ThrownText([&] { Build(xml); })) << xml;
-              }));
+    ExpectLoggedAndThrown(text, [&xml = element] { Build(xml); });
   }
 }
 
@@ -73,11 +71,8 @@ TEST_F(XMLFileParserTest, RejectsAnAttrModeThatIsNoIntegerBeforeItLooksAtFields)
   const std::string text =
       "While processing attribute \"attr-mode\" of \"parser\": Could not convert \"yes\" to "
       "integer";
-  EXPECT_EQ(text + "\n", LogOf([&] {
-              EXPECT_EQ(text, ThrownText([] {
-                          Build("<parser id='p' type='xml' attr-mode='yes'><field/></parser>");
-                        }));
-            }));
+  ExpectLoggedAndThrown(
+      text, [] { Build("<parser id='p' type='xml' attr-mode='yes'><field/></parser>"); });
 }
 
 TEST_F(XMLFileParserTest, NeedsNeitherParentNorFields) {
@@ -110,7 +105,7 @@ TEST_F(XMLFileParserTest, YieldsNothingForAFileThatCannotBeOpened) {
   const auto parser = Build("<parser id='p' type='xml'/>");
   const std::string text = "Could not open \"" + Path() + "\" for reading";
   EXPECT_EQ(text + "\nUnable to read " + Path() + " as XML document: " + text + "\n",
-            LogOf([&] { EXPECT_EQ("", parser->ParseFile(Path())); }, kDebugAvailable));
+            WholeLogOf([&] { EXPECT_EQ("", parser->ParseFile(Path())); }));
 }
 
 TEST_F(XMLFileParserTest, YieldsNothingForAMalformedFile) {
@@ -388,7 +383,7 @@ TEST_F(XMLFileParserTest, AgreesWithTheModel) {
     const model::Document document(text, "utf8");
     const model::Extraction expected(fields, attribute_mode, document.nodes.front());
     std::string extracted;
-    log = LogOf([&] { extracted = parser.ParseFile(Path()); }, kDebugAvailable);
+    log = WholeLogOf([&] { extracted = parser.ParseFile(Path()); });
     ASSERT_EQ(expected.text, extracted) << i << text;
     ASSERT_EQ(document.log + expected.log, log) << i << text;
   }
