@@ -140,20 +140,16 @@ class DirectoryCommandTest : public DirectoryTest {
   DirectoryCommandTest() { setenv("LC_ALL", "C", 1); }  // For the texts of cp and mv.
 };
 
-TEST_F(DirectoryCommandTest, CopiesUnderANewName) {
+TEST_F(DirectoryCommandTest, CopiesAndMovesUnderANewName) {
   const std::string source = temporary.Write("source", "text");
-  EXPECT_EQ("", WholeLogOf([&] { shared.CopyIntoDirectoryLocked(source, "1_new.raw"); }));
-  EXPECT_EQ("text", ReadFile(shared_path + "1_new.raw"));
+  EXPECT_EQ("", WholeLogOf([&] { shared.CopyIntoDirectoryLocked(source, "1_copy.raw"); }));
   EXPECT_EQ("text", ReadFile(source));
-  EXPECT_THAT(shared.GetFileNames(), ElementsAre("1_new.raw"));
-}
-
-TEST_F(DirectoryCommandTest, MovesUnderANewName) {
-  const std::string source = temporary.Write("source", "text");
-  EXPECT_EQ("", WholeLogOf([&] { shared.MoveIntoDirectoryLocked(source, "1_new.raw"); }));
-  EXPECT_EQ("text", ReadFile(shared_path + "1_new.raw"));
+  EXPECT_EQ("", WholeLogOf([&] { shared.MoveIntoDirectoryLocked(source, "2_moved.raw"); }));
   EXPECT_FALSE(Exists(source));
-  EXPECT_THAT(shared.GetFileNames(), ElementsAre("1_new.raw"));
+  for (const char* name : {"1_copy.raw", "2_moved.raw"}) {
+    EXPECT_EQ("text", ReadFile(shared_path + name)) << name;
+  }
+  EXPECT_THAT(shared.GetFileNames(), ElementsAre("1_copy.raw", "2_moved.raw"));
 }
 
 TEST_F(DirectoryCommandTest, LogsACommandThatFails) {

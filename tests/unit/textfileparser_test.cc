@@ -12,6 +12,13 @@ struct Outcome {
   std::string dump;
 };
 
+void ExpectOutcome(const std::string& text_, const std::string& log_, const std::string& dump_,
+                   const Outcome& outcome_) {
+  EXPECT_EQ(text_, outcome_.text);
+  EXPECT_EQ(log_, outcome_.log);
+  EXPECT_EQ(dump_, outcome_.dump);
+}
+
 constexpr char kReplacement[] = "\xEF\xBF\xBD";
 
 class TextFileParserTest : public testing::Test {
@@ -52,10 +59,7 @@ std::string Bytes(const char* bytes_, size_t length_) { return std::string(bytes
 TEST_F(TextFileParserTest, ReturnsValidUtf8AsItIs) {
   for (const std::string text : {"", "plain", "two\r\nlines\n", "añejo ¿Qué?", "\uFEFFafter a mark",
                                  "日本 \xF0\x9F\x98\x80"}) {
-    const Outcome outcome = Parse("utf8", text);
-    EXPECT_EQ(text, outcome.text);
-    EXPECT_EQ(ValidLog(text), outcome.log);
-    EXPECT_EQ("", outcome.dump);
+    ExpectOutcome(text, ValidLog(text), "", Parse("utf8", text));
   }
 }
 
@@ -88,10 +92,7 @@ TEST_F(TextFileParserTest, ReplacesInvalidUtf8) {
       {"é\xF0\x9F\x98", "é\uFFFD", "0xc3 0xa9 0xef 0xbf 0xbd \n\r"},
   };
   for (const auto& [content, text, dump] : rows) {
-    const Outcome outcome = Parse("utf8", content);
-    EXPECT_EQ(text, outcome.text);
-    EXPECT_EQ(ReplacedLog(text), outcome.log);
-    EXPECT_EQ(dump, outcome.dump);
+    ExpectOutcome(text, ReplacedLog(text), dump, Parse("utf8", content));
   }
 }
 
@@ -177,10 +178,7 @@ TEST_F(TextFileParserTest, ConvertsUtf16) {
       {Bytes("A\0\xE9", 3), "Aé"},
   };
   for (const auto& [content, text] : rows) {
-    const Outcome outcome = Parse("utf16", content);
-    EXPECT_EQ(text, outcome.text);
-    EXPECT_EQ(Utf16Log(text), outcome.log);
-    EXPECT_EQ("", outcome.dump);
+    ExpectOutcome(text, Utf16Log(text), "", Parse("utf16", content));
   }
 }
 
@@ -235,10 +233,7 @@ TEST_F(TextFileParserTest, ConvertsExtendedAscii) {
       {Bytes("\0", 1), ""},
   };
   for (const auto& [content, text] : rows) {
-    const Outcome outcome = Parse("ascii", content);
-    EXPECT_EQ(text, outcome.text);
-    EXPECT_EQ(ValidLog(text), outcome.log);
-    EXPECT_EQ("", outcome.dump);
+    ExpectOutcome(text, ValidLog(text), "", Parse("ascii", content));
   }
 }
 

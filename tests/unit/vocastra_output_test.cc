@@ -141,26 +141,18 @@ TEST_F(OutputTest, TranslatesButDeliversNothingWithoutAnOutputDirectory) {
   }
 }
 
-TEST_F(OutputTest, SpeaksTheSmallestPriorityNumberFirst) {
+TEST_F(OutputTest, ServesTheSmallestPriorityNumberAndThenTheSmallestIDFirst) {
   Start(Element("a", "priority='5'") + Element("b", "priority='1'") +
-        Element("c", "priority='-1'") + Element("d") + Element("e", "priority='10'"));
-  for (const char* id : {"a", "b", "c", "d", "e"}) {
+        Element("c", "priority='-1'") + Element("d") + Element("B") + Element("A") +
+        Element("e", "priority='10'"));
+  for (const char* id : {"a", "b", "c", "d", "e", "A", "B"}) {
     Drop(id, "text");
   }
   Run();
-  EXPECT_THAT(Delivered(), ElementsAre("0_c.text_live_first.raw", "1_d.text_live_first.raw",
-                                       "2_b.text_live_first.raw", "3_a.text_live_first.raw",
-                                       "4_e.text_live_first.raw"));
-}
-
-TEST_F(OutputTest, SpeaksEqualPrioritiesInOrderOfTheirIDs) {
-  Start(Element("b") + Element("B") + Element("a"));
-  for (const char* id : {"a", "b", "B"}) {
-    Drop(id, "text");
-  }
-  Run();
-  EXPECT_THAT(Delivered(), ElementsAre("0_B.text_live_first.raw", "1_a.text_live_first.raw",
-                                       "2_b.text_live_first.raw"));
+  EXPECT_THAT(Delivered(), ElementsAre("0_c.text_live_first.raw", "1_A.text_live_first.raw",
+                                       "2_B.text_live_first.raw", "3_d.text_live_first.raw",
+                                       "4_b.text_live_first.raw", "5_a.text_live_first.raw",
+                                       "6_e.text_live_first.raw"));
 }
 
 TEST_F(OutputTest, RanksTheDirectoriesAgainAtAReload) {

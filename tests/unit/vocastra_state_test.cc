@@ -8,7 +8,17 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
-class StateTest : public VocastraTest {};
+class StateTest : public VocastraTest {
+ protected:
+  // With a message of which "1 2" is delivered, and no room for "3 4".
+  void StartHalfSaid() {
+    settings.words = 1;
+    settings.files = 1;
+    Start(Element("a"));
+    Drop("a", "1 2 3 4");
+    Run();
+  }
+};
 
 TEST_F(StateTest, ProducesOnlyInTheStateRun) {
   for (const std::string state : {"stop", "Run", "run ", "", "pause"}) {
@@ -37,11 +47,7 @@ TEST_F(StateTest, DoesNotLogAnEmptyFirstState) {
 }
 
 TEST_F(StateTest, StopsMessagesAndEmptiesTheOutputDirectoryOnceWhenStopped) {
-  settings.words = 1;
-  settings.files = 1;
-  Start(Element("a"));
-  Drop("a", "1 2 3 4");
-  Run();
+  StartHalfSaid();
   tree.Write("out/.hidden", "");
   ASSERT_THAT(Delivered(), ElementsAre("0_a.text_live_first.raw"));
   Configure(Element("a"), "stop");
@@ -58,11 +64,7 @@ TEST_F(StateTest, StopsMessagesAndEmptiesTheOutputDirectoryOnceWhenStopped) {
 }
 
 TEST_F(StateTest, KeepsMessagesAndOutputInAnyOtherState) {
-  settings.words = 1;
-  settings.files = 1;
-  Start(Element("a"));
-  Drop("a", "1 2 3 4");
-  Run();
+  StartHalfSaid();
   Configure(Element("a"), "pause");
   Run();
   EXPECT_THAT(Delivered(), ElementsAre("0_a.text_live_first.raw"));
@@ -126,11 +128,7 @@ TEST_F(StateTest, RetriesToStopUntilTheOutputDirectoryCanBeEmptied) {
 }
 
 TEST_F(StateTest, StopsNoMessageUntilTheOutputDirectoryCanBeEmptied) {
-  settings.words = 1;
-  settings.files = 1;
-  Start(Element("a"));
-  Drop("a", "1 2 3 4");
-  Run();
+  StartHalfSaid();
   const std::string running = ReadFile(settings.config);
   ASSERT_EQ(0, unlink((settings.output + "/0_a.text_live_first.raw").c_str()));
   ASSERT_EQ(0, rmdir(settings.output.c_str()));
