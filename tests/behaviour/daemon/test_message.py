@@ -4,6 +4,8 @@ import re
 
 import pytest
 from harness.daemon import PAUSE
+from harness.files import crc16, parser
+from harness.status import directory_status, status_text
 
 
 @pytest.fixture
@@ -110,4 +112,131 @@ def test_clips_lead_every_message_once(make_daemon):
         "copying 3_a.text_pre_first.raw",
         "calling engine",
         "done calling engine",
+    ]
+
+
+# XML.
+
+
+@pytest.mark.core
+def test_whole_log_of_an_xml_message(make_daemon):
+    daemon = make_daemon(words=1000)
+    daemon.configure(daemon.directory("a", parser="news", encoding="utf8"), parser("news", ("t",)))
+    daemon.start()
+    count = len(daemon.log())
+    daemon.drop("a", "m.xml", "<m><t>one</t><t>two</t></m>")
+    daemon.wait_spoken(("m.xml", PAUSE + "one. two "))
+    daemon.wait_outputs(1)
+    daemon.stop()
+    assert daemon.log()[count:] == [
+        f"Adding m.xml {crc16(b'one. two')} to file_map",
+        "calling engine",
+        "done calling engine",
+        "copying 0_a.text_live_first.raw",
+    ]
+
+
+def test_xml_and_text_are_read_side_by_side(make_daemon):
+    daemon = make_daemon()
+    daemon.configure(
+        daemon.directory("a", parser="news", encoding="utf8", priority=1),
+        daemon.directory("b", parser="text", encoding="ascii", priority=2),
+        daemon.directory("c", priority=3),
+        parser("news", ("t",)),
+    )
+    daemon.start()
+    document = "<m><t>one</t></m>"
+    daemon.hold()
+    daemon.drop("c", "c.txt", document)
+    daemon.wait_translator_runs(1)
+    daemon.drop("a", "a.xml", document)
+    daemon.drop("b", "b.txt", document)
+    daemon.release()
+    text = PAUSE + document + " "
+    daemon.wait_spoken(("c.txt", text), ("a.xml", PAUSE + "one "), ("b.txt", text))
+    daemon.stop()
+
+
+# Priorities.
+
+
+@pytest.mark.core
+def test_urgent_message_interrupts_and_the_other_goes_on(make_daemon):
+    daemon = make_daemon(words=1, files=100)
+    daemon.configure(
+        daemon.directory("everyday", priority=5), daemon.directory("urgent", priority=-1)
+    )
+    daemon.start()
+    daemon.hold()
+    daemon.drop("everyday", "news.txt", "one two three four five")
+    daemon.wait_translator_runs(1)
+    daemon.drop("urgent", "fire.txt", "fire in hall")
+    daemon.release()
+    daemon.wait_spoken(
+        ("news.txt", PAUSE + "one two "),
+        ("fire.txt", PAUSE + "fire in "),
+        ("fire.txt", "hall "),
+        # Where it was interrupted, and without a new pause.
+        ("news.txt", "three four "),
+        ("news.txt", "five "),
+    )
+    assert daemon.wait_outputs(5) == [
+        "0_everyday.text_live_first.raw",
+        "1_urgent.text_live_first.raw",
+        "2_urgent.text_live_cont.raw",
+        "3_everyday.text_live_cont.raw",
+        "4_everyday.text_live_cont.raw",
+    ]
+    daemon.stop()
+
+
+# The glossary.
+
+
+@pytest.mark.core
+def test_changed_glossary_serves_the_next_snippet(make_daemon):
+    daemon = make_daemon(glossary=True)
+    daemon.configure(daemon.directory("a"))
+    daemon.write_glossary(("one", "first"))
+    daemon.start()
+    daemon.drop("a", "m.txt", "one")
+    daemon.wait_outputs(1)
+    daemon.write_glossary(("one", "second"))
+    # Two statuses later a whole pass has begun after the change.
+    daemon.wait_passes(2)
+    daemon.drop("a", "n.txt", "one")
+    daemon.wait_spoken(("m.txt", PAUSE + "first "), ("n.txt", PAUSE + "second "))
+    daemon.wait_outputs(2)
+    daemon.stop()
+
+
+# The status.
+
+
+@pytest.mark.core
+def test_every_status_of_a_message_in_order(make_daemon):
+    daemon = make_daemon(words=1, status="stream")
+    daemon.configure(daemon.directory("b", loops=2), daemon.directory("a"))
+    daemon.start()
+    daemon.drop("b", "m.txt", "one two three")
+    daemon.wait_outputs(4)
+    daemon.wait_passes(2)
+    daemon.stop()
+
+    spoken = [(1, (1, "m.txt", 0)), (1, (1, "m.txt", 1)), (1, (1, "m.txt", 1)), (1, None)]
+    statuses = daemon.statuses()
+    first = next(i for i, text in enumerate(statuses) if ' now-playing="1"' in text)
+    idle = [(0, None)]
+    # The end of the message shows in the pass after its last snippet.
+    expected = idle * first + spoken + idle * (len(statuses) - first - len(spoken))
+    assert statuses == [
+        status_text(
+            timestamp=number,
+            playing=playing,
+            directories=[
+                directory_status("a", path=daemon.input("a")),
+                directory_status("b", path=daemon.input("b"), message=message),
+            ],
+        )
+        for number, (playing, message) in enumerate(expected)
     ]
