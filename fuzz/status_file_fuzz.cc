@@ -12,17 +12,6 @@ namespace {
 
 constexpr size_t kMaxDepth = 100;  // A dump has four columns more for each.
 
-std::string Dumped(const XMLElement& root_) {
-  char* buffer = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&buffer, &size);
-  root_.Dump(stream, "");
-  fclose(stream);
-  std::string text(buffer, size);
-  free(buffer);
-  return text;
-}
-
 bool IsFlat(const XMLElement* root_) {
   for (const XMLElement* element = root_; element != nullptr;
        element = fuzz::Next(element, root_)) {
@@ -76,9 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   if (text.find('\0') != std::string::npos || !IsFlat(root.get())) {
     return 0;  // Zero bytes end values in a dump. A status has none: they come from a file.
   }
-  const std::string dump = Dumped(*root);
+  const std::string dump = fuzz::Dumped(*root);
   const std::unique_ptr<XMLElement> again = ParseStatus(dump);
   fuzz::Require(again != nullptr, "a dump can be parsed", dump);
-  fuzz::Require(Dumped(*again) == dump, "a dump reads as the tree it came from", dump);
+  fuzz::Require(fuzz::Dumped(*again) == dump, "a dump reads as the tree it came from", dump);
   return 0;
 }
