@@ -1,4 +1,4 @@
-// What the benchmarks share: a scratch directory and files in it.
+// Shared by the benchmarks: a scratch directory and files in it.
 #pragma once
 
 #include <stdint.h>
@@ -52,8 +52,8 @@ inline std::string Repeated(const std::string& words_, size_t size_) {
   return text;
 }
 
-// At least size_ bytes of sentences, of words drawn at random, always the same: in a text that
-// repeats itself the branch predictor would know the words.
+// At least size_ bytes of sentences of random words, the same in every run. In a repeated text the
+// branch predictor would know the words.
 inline std::string NaturalText(size_t size_) {
   constexpr const char* kWords[] = {
       "der",    "Zug",    "nach", "Köln",  "fährt", "heute",     "the",   "train", "to",

@@ -1,4 +1,4 @@
-// The check and repair of UTF-8 beside utfcpp alone, and the conversion of extended ASCII.
+// The check and repair of UTF-8, compared with utfcpp alone, and the conversion of extended ASCII.
 
 #include <benchmark/benchmark.h>
 #include <utf8.h>
@@ -48,9 +48,9 @@ void UTF8Repair_Daemon(benchmark::State& state_) {
 void UTF8Repair_Utfcpp(benchmark::State& state_) {
   const std::string text = Repeated(std::string(kGerman) + "\xFF", kTextBytes);
   for (auto _ : state_) {
-    std::string mended;
-    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(mended), 0xFFFD);
-    benchmark::DoNotOptimize(mended);
+    std::string repaired;
+    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(repaired), 0xFFFD);
+    benchmark::DoNotOptimize(repaired);
   }
   SetBytes(state_, text);
 }
@@ -66,7 +66,7 @@ void ExtAscii_Daemon(benchmark::State& state_) {
   SetBytes(state_, text);
 }
 
-// The yardstick converts ISO 8859-1, without the characters that are placed otherwise.
+// The yardstick converts plain ISO 8859-1.
 void ExtAscii_ByteLoop(benchmark::State& state_) {
   const std::string text = ExtendedAscii();
   for (auto _ : state_) {

@@ -1,4 +1,4 @@
-// The CRC beside a plain byte table and Boost.CRC.
+// The CRC, compared with a plain byte table and Boost.CRC.
 
 #include <benchmark/benchmark.h>
 

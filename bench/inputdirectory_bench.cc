@@ -1,5 +1,5 @@
-// A message from its file to its words beside one pass over its code points, and the listing of a
-// directory beside its plain reading and sorting.
+// Compares reading a message from file to words with one pass over its code points, and listing a
+// directory with plain reading and sorting.
 
 #include <benchmark/benchmark.h>
 #include <dirent.h>
@@ -20,7 +20,7 @@ namespace {
 
 constexpr size_t kMessageBytes = 50000;
 
-// Log lines are formatted and written as in the daemon, but to nowhere, while this lives.
+// While it exists, log lines are formatted as in the daemon and written to /dev/null.
 class LogToNowhere {
  public:
   LogToNowhere() : saved(dup(STDERR_FILENO)) {

@@ -15,8 +15,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-# Programs of the build tree find the sysroot's libraries by themselves, and those that these need:
-# the old kind of tag holds for them too.
+# Programs of the build tree find the sysroot's libraries, and the libraries that these need. For the
+# latter the tag must be DT_RPATH: --disable-new-dtags.
 set(CMAKE_BUILD_RPATH ${armhf_sysroot}/lib/${CMAKE_LIBRARY_ARCHITECTURE}
                       ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}
                       ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/samba)

@@ -1,7 +1,7 @@
 // vocastra-check on a configuration and a glossary, separated by a line "====" (see document.h).
 //
-// Each finding is one line in the form that is promised, and the exit status is that of the
-// gravest. What the daemon refuses is an error.
+// Each finding is one line of the documented form, and the exit status is that of the worst. If the
+// daemon refuses the input, there is an error.
 #include <pwd.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,7 +16,7 @@
 #include "glossary.h"
 #include "xml.h"
 
-// One user, whatever the machine: reading the real ones takes most of the time.
+// The same single user on every machine: reading the real ones takes most of the time.
 extern "C" passwd* getpwent() {
   static char name[] = "somebody";
   static char home[] = "/home/somebody";
@@ -49,7 +49,7 @@ std::string Checked(const CheckOptions& options_, Verdict& verdict_) {
   return text;
 }
 
-// The gravest kind of the lines.
+// The worst kind among the lines.
 Verdict CheckLines(const std::string& text_) {
   Verdict gravest = Verdict::kClean;
   for (size_t start = 0; start < text_.size();) {

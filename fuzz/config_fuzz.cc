@@ -1,10 +1,9 @@
 // Configurations, two documents separated by a line "====" (see document.h), loaded one after the
 // other.
 //
-// Whatever they say, no command runs, no process starts and nothing outside the scratch directory
-// is listed: those calls are replaced below. A load ends normally or throws a text, and what a
-// reload leads to is what a start with the new document leads to. Loading keeps its limits of
-// memory.
+// No command runs, no process starts and nothing outside the scratch directory is listed: those
+// calls are replaced below. A load ends normally or throws a text. A reload has the same result as
+// a start with the new document. Loading keeps its limits of memory.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -25,16 +24,16 @@
 
 namespace {
 
-bool is_running = false;  // The daemon's code, that is, and not the fuzzer's own.
+bool is_running = false;  // The daemon's code runs, not the fuzzer's own.
 
-// The C library's function behind a replacement.
+// The C library's function that a replacement hides.
 template <typename Function>
 Function* Real(const char* name_, Function* /*replacement*/) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name_));
 }
 
 const fuzz::Scratch scratch;
-const fuzz::Scratch empty_directory;  // Stands for every directory that is listed.
+const fuzz::Scratch empty_directory;  // Opened for every other path.
 
 }  // namespace
 
@@ -64,7 +63,8 @@ char* mkdtemp(char* path_) noexcept {
 int open(const char* path_, int flags_, ...) {
   va_list arguments;
   va_start(arguments, flags_);
-  const mode_t mode = va_arg(arguments, mode_t);  // Whatever stands there if there is none.
+  const mode_t mode =
+      va_arg(arguments, mode_t);  // Without a mode argument, any value; open ignores it.
   va_end(arguments);
   const bool is_ours = strncmp(path_, scratch.Path().c_str(), scratch.Path().size()) == 0;
   return Real("open", open)(is_running && !is_ours ? empty_directory.Path().c_str() : path_, flags_,

@@ -1,5 +1,5 @@
-// What the fuzzers of XML files share: large and hostile documents from small inputs, and two
-// properties that hold for each document: its memory is limited, and it brings in no other file.
+// Shared by the fuzzers of XML files: large and hostile documents from small inputs, and two
+// properties of every document: its memory is limited, and it includes no other file.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace fuzz {
 
 constexpr size_t kMaxDocumentBytes = 1 << 20;
 
-// A file that no document may bring in.
+// A file that no document may include.
 class Secret {
  public:
   static const std::string& Path() { return Get().path; }
@@ -94,8 +94,8 @@ inline std::unique_ptr<XMLElement> Load(const std::string& path_, const std::str
   return root;
 }
 
-// Whether the secret has come into a text. A document cannot spell it by chance, but an input that
-// says it may: then nothing is known.
+// Whether a text has the secret. A document does not spell it by chance; an input that holds the
+// secret itself proves nothing.
 inline void RequireNoSecret(const std::string& text_, const std::string& document_) {
   Require(text_.find(Secret::kText) == std::string::npos ||
               document_.find("nobody-asked") != std::string::npos,

@@ -1,4 +1,4 @@
-// What the fuzzers share. Each one defines LLVMFuzzerTestOneInput for one kind of input and
+// Shared by the fuzzers. Each one defines LLVMFuzzerTestOneInput for one kind of input and
 // aborts, with a line that says why, when a property does not hold.
 #pragma once
 

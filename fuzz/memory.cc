@@ -1,5 +1,5 @@
-// Counts memory by replacing operator new and by giving expat functions of its own. Both work with
-// sanitizers as without; only a block of "new" that is released by "free" is not noticed any more.
+// Counts memory by replacing operator new and by giving expat its own functions. Both work with and
+// without sanitizers, but sanitizers no longer notice a block of "new" that is released by "free".
 #include "memory.h"
 
 #include <expat.h>
@@ -54,7 +54,7 @@ void Release(void* block_) noexcept {
 void* AllocateForExpat(size_t size_) { return expats.Add(malloc(size_)); }
 
 void* ReallocateForExpat(void* block_, size_t size_) {
-  // Old and new are held at once, as they are at worst.
+  // Counts old and new block together, as in the worst case.
   void* const moved = malloc(size_);
   if (moved == nullptr) {
     return nullptr;

@@ -25,7 +25,7 @@ class Memory {
 // most, and 4 bytes may come of one (0x85 of an "ascii" file is U+FFFD and "e"), so
 //   3 for the bytes as read, 2 * 2 for them as UTF-8, 3 * 4 for them with invalid ones replaced.
 // The sorting of an element's attributes: 16 bytes for each, which has at least 6 in the file.
-// Small things beside: 64 KiB.
+// Other small blocks: 64 KiB.
 inline size_t OwnLimit(size_t size_) {
   return (size_t{4} << 20) + 64 * size_ + (3 + 2 * 2 + 3 * 4 + 3) * size_ + (64 << 10);
 }

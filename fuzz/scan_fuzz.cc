@@ -65,7 +65,7 @@ int unlink(const char* path_) noexcept {
   return remove(path_);
 }
 
-// No shell, which would cost most of the time. Its two commands are done here.
+// Starts no shell, which would take most of the time: does the shell's two commands itself.
 int posix_spawn(pid_t* /*pid*/, const char* /*path*/, const posix_spawn_file_actions_t* /*actions*/,
                 const posix_spawnattr_t* /*attributes*/, char* const* arguments_,
                 char* const* /*environment*/) {
@@ -87,14 +87,14 @@ int posix_spawn(pid_t* /*pid*/, const char* /*path*/, const posix_spawn_file_act
   } else {
     fuzz::Require(false, "a command is known", command);
   }
-  return EAGAIN;  // Nothing is to be waited for.
+  return EAGAIN;  // No process to wait for.
 }
 
 }  // extern "C"
 
 namespace {
 
-// The file's content; a file that begins with "!" is one that a parser cannot take.
+// The file's content; throws for a file that begins with "!".
 class ContentParser : public FileParser {
  public:
   std::string ParseFile(const std::string& path_) const override { return Parse(ContentOf(path_)); }

@@ -1,8 +1,8 @@
 // Texts of status files, as vocastra-say and vocastra-status read them. They may be half written,
 // and values are not escaped.
 //
-// A text is refused, or its tree has everything that the tools read. The tree of a text is that of
-// its own dump, and no beginning of a text passes for the whole.
+// A text is refused, or its tree has everything that the tools read. Parsing the dump of a tree
+// gives the same tree, and every proper beginning of a text is refused.
 #include "debug.h"
 #include "document.h"
 #include "fuzz.h"

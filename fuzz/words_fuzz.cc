@@ -22,8 +22,8 @@ class FixedText : public FileParser {
 
 }  // namespace
 
-// No shell: the directory is known to be empty, and a process for each input would cost most of
-// the time.
+// Starts no shell: the directory is empty, and a process for each input would take most of the
+// time.
 extern "C" int posix_spawn(pid_t* /*pid*/, const char* /*path*/,
                            const posix_spawn_file_actions_t* /*actions*/,
                            const posix_spawnattr_t* /*attributes*/, char* const* /*arguments*/,
@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   element.SetAttributeString("type", "local");
   element.SetAttributeString("path", scratch.Path());
   element.SetAttributeInteger("loops", loops);
-  unlink((scratch.Path() + "/message").c_str());  // An empty message is left lying.
+  unlink((scratch.Path() + "/message").c_str());  // A message without words stays.
   InputDirectory directory(element, "", "", limit);
   directory.SetFileParser(&parser);
   directory.Process();

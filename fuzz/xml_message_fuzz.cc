@@ -20,8 +20,8 @@ constexpr int kMaxDepth = 300;  // The model is recursive.
 
 const fuzz::Scratch scratch;
 
-// Words of four letters each: parent, tag, attribute, value; '-' stands for none, other letters
-// for themselves. The first byte chooses mode and encoding.
+// Words of four letters each: parent, tag, attribute, value; '-' is none, other letters
+// are themselves. The first byte chooses mode and encoding.
 struct Configuration {
   explicit Configuration(const std::string& line_) {
     const unsigned int choice = line_.empty() ? 0 : static_cast<unsigned char>(line_[0]);

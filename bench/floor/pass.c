@@ -1,4 +1,5 @@
-// The least work of one idle pass: what any program with the daemon's outside behaviour must spend.
+// The least work of one idle pass: work that every program with the daemon's outside behaviour must
+// do.
 //
 // In each pass: the checksum of the configuration, the glossary fed to expat with empty handlers,
 // a scan of every input directory, a count of the output directory, and the status file. A scan
@@ -8,9 +9,10 @@
 //
 // pass [-c CONFIG] [-r] [-g GLOSSARY] [-s STATUS] [-o OUTPUT] [-f] [-x] DIRECTORY...
 //   -r  the configuration is checked for UTF-8 and fed to expat in every pass
-//   -f  names are kept in zeroed slots of 4096 bytes, made anew in every scan
+//   -f  every scan makes zeroed slots of 4096 bytes and keeps the names in them
 //   -x  message files are fed to expat instead of being logged and summed
 #include <dirent.h>
+#include <dlfcn.h>
 #include <expat.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -150,6 +152,13 @@ static void Start(void* data, const char* name, const char** attributes) {
 static void End(void* data, const char* name) { (void)data, (void)name; }
 static void Text(void* data, const char* text, int length) { (void)data, (void)text, (void)length; }
 
+// Null if the library has no reparse deferral. Looked up once, as in the daemon.
+static XML_Bool (*set_deferral)(XML_Parser, XML_Bool);
+
+static void FindDeferral(void) {
+  *(void**)&set_deferral = dlsym(RTLD_DEFAULT, "XML_SetReparseDeferralEnabled");
+}
+
 static void FeedExpat(const char* text, size_t length) {
   if (!IsValidUtf8((const unsigned char*)text, length)) {
     fputs("invalid UTF-8\n", stderr);
@@ -160,11 +169,9 @@ static void FeedExpat(const char* text, size_t length) {
   XML_SetCharacterDataHandler(parser, Text);
   for (size_t fed = 0; fed < length; fed += kFeedBytes) {
     const size_t rest = length - fed;
-#ifdef HAVE_XML_SET_REPARSE_DEFERRAL_ENABLED
-    if (rest <= kFeedBytes) {
-      XML_SetReparseDeferralEnabled(parser, XML_FALSE);
+    if (set_deferral != NULL && rest <= kFeedBytes) {
+      set_deferral(parser, XML_FALSE);
     }
-#endif
     if (XML_Parse(parser, text + fed, (int)(rest < kFeedBytes ? rest : kFeedBytes), XML_FALSE) !=
         XML_STATUS_OK) {
       fputs("malformed XML\n", stderr);
@@ -395,7 +402,8 @@ int main(int argc, char** argv) {
   }
   signal(SIGINT, HandleInt);
   MakeTable();
-  uint16_t sum = 0;  // Kept, so that no checksum can be left out.
+  FindDeferral();
+  uint16_t sum = 0;  // Used at the end, so that the compiler keeps every checksum.
   while (!exit_request) {
     char* text;
     if (config != NULL) {

@@ -1,5 +1,5 @@
 // The least work from start to the first status file, and the least memory: a process that links
-// what the daemon links, has the shell empty the input directory, writes a status file and waits.
+// the daemon's libraries, lets the shell empty the input directory, writes a status file and waits.
 //
 // start [DIRECTORY STATUS]; without arguments it only waits.
 #include <expat.h>

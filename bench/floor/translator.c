@@ -1,4 +1,4 @@
-// A translator that does nearly nothing: copies the text to the audio file as sixteen-bit samples.
+// A translator with little work: copies the text to the audio file as sixteen-bit samples.
 //
 // translator TEXT AUDIO [arguments...] MESSAGE
 #include <fcntl.h>

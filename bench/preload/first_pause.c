@@ -4,7 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
-// The programs that the program starts are measured as they are.
+// Programs that the program starts run without this library.
 __attribute__((constructor)) static void ForgetPreload(void) { unsetenv("LD_PRELOAD"); }
 
 int usleep(useconds_t useconds) {

@@ -1,5 +1,5 @@
-// Preloaded into the daemon or a floor: makes the pause between passes return at once, measures
-// what lies between two pauses, and ends the program by SIGINT after a number of passes.
+// Preloaded into the daemon or a floor: makes the pause between passes return at once, measures the
+// time between two pauses, and ends the program by SIGINT after a number of passes.
 //
 // Environment: BENCH_PASSES, how many passes are measured after BENCH_WARMUP others; BENCH_REPORT,
 // the file that gets the result. BENCH_COUNT_ONLY: no clock is read, and the pause is a real system
@@ -31,8 +31,8 @@ struct Sample {
   int64_t cpu;   // Nanoseconds.
 };
 
-// The programs that the program starts are measured as they are. Tools that count are different:
-// what they start is the program.
+// Programs that the program starts run without this library. Counting tools are different: they
+// start the program itself.
 __attribute__((constructor)) static void ForgetPreload(void) {
   if (getenv("BENCH_COUNT_ONLY") == NULL) {
     unsetenv("LD_PRELOAD");
@@ -44,7 +44,7 @@ static struct Sample samples[kMaxPasses];
 static long pauses;
 static unsigned long heap_at_start;
 
-// Memory of the library's own must not look like growth of the program.
+// Memory of this library must not count as growth of the program.
 __attribute__((constructor)) static void TouchSamples(void) { memset(samples, 1, sizeof(samples)); }
 
 static long Number(const char* name) {
@@ -160,8 +160,8 @@ static void FlipByte(const char* path) {
   close(fd);
 }
 
-// The name appears with the whole content, as for any well-behaved sender. The content varies: a
-// text that the daemon has seen under this name would be no news.
+// The name appears with the whole content, as every sender must do it. The content differs each
+// time: the daemon would not speak the same text under the same name.
 static void DropFile(const char* directory) {
   static unsigned int number;
   char hidden[4096];
