@@ -8,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   static const fuzz::Scratch scratch;
-  static FILE* const silenced = freopen("/dev/null", "w", stdout);  // The dump of repaired text.
+  static FILE* const silenced = freopen("/dev/null", "w", stdout);  // The dump of replaced bytes.
   fuzz::Require(silenced != nullptr, "standard output can be silenced");
   SetDebugMask(0);
   fuzz::Input input(data_, size_);

@@ -10,7 +10,6 @@ import pytest
 from harness.daemon import PAUSE
 from harness.files import publish
 from harness.programs import HERE, children, is_alive
-from harness.wait import wait_until
 
 
 def remote(daemon, identity, kind, **attributes):
@@ -115,64 +114,6 @@ def test_remote_message_is_spoken_and_everything_ends(make_daemon, kind):
 
     assert not is_alive(run.pid)
     assert not run.watch.exists()
-    log = [line for line in daemon.log() if not line.startswith(("From ", "Original is"))]
-    opening = "Could not open directory " + scanned
-    assert [line for line in log if line != opening] == [
-        f"Processing configuration {daemon.config}",
-        "Created new input directory r",
-        'Directory "r" using parser PARSER text-utf8',
-        'Now in "run" state',
-        log[[line.startswith("Adding old.txt ") for line in log].index(True)],
-        f"Directory {scanned} is receiving updates",
-        log[[line.startswith("Adding m.txt ") for line in log].index(True)],
-        "calling engine",
-        "done calling engine",
-        "copying 0_far.text_live_first.raw",
-        f"Sending SIGTERM to PID {run.pid}",
-        f"Removing temporary directory {run.watch}",
-    ]
-
-
-# Signs of life.
-
-
-def test_helper_that_falls_silent_and_comes_back(make_daemon):
-    daemon = make_daemon()
-    daemon.configure(remote(daemon, "r", "cifs"))
-    daemon.start()
-    watch = Path(wait_available(daemon, "r").get("path"))
-    daemon.wait_passes(1)
-    # One that is gone for good says so only once.
-    daemon.tell_helpers("silent")
-    gone = f"Directory {watch}/ is no longer receiving updates"
-    daemon.wait_log(gone)
-    wait_available(daemon, "r", "0")
-    # What still arrives is spoken all the same.
-    publish(watch / "m.txt", "one")
-    daemon.wait_spoken(("m.txt", PAUSE + "one "))
-    daemon.tell_helpers()
-    back = f"Directory {watch}/ is receiving updates"
-    daemon.wait_log(back, 2)
-    wait_available(daemon, "r")
-    daemon.wait_outputs(1)
-    daemon.stop()
-    assert [line for line in daemon.log() if f"{watch}/ is " in line] == [back, gone, back]
-
-
-def test_helper_that_quits_at_once(make_daemon):
-    daemon = make_daemon()
-    daemon.tell_helpers("quit")
-    daemon.configure(daemon.directory("a"), remote(daemon, "r", "cifs"))
-    daemon.start()
-    run = daemon.wait_helper_runs(1)[0]
-    wait_until(lambda: not is_alive(run.pid), "the helper's end")
-    daemon.drop("a", "m.txt", "one")
-    daemon.wait_spoken(("m.txt", PAUSE + "one "))
-    # Nobody starts it again, and files appear in the watch directory without it.
-    wait_available(daemon, "r", "0")
-    assert len(daemon.helper_runs()) == 1
-    daemon.stop()
-    assert f"Sending SIGTERM to PID {run.pid}" in daemon.log()
 
 
 # Their end.
