@@ -11,6 +11,7 @@
 #include "configuration.h"
 #include "document.h"
 #include "format.h"
+#include "translatorcheck.h"
 
 namespace {
 
@@ -128,9 +129,11 @@ class ParserCheck {
 // One "directory" element that has an id.
 class DirectoryCheck {
  public:
-  DirectoryCheck(const CheckOptions& options_, const XMLElement& element_, const Place& place_,
-                 PathUses& uses_, Findings& findings_)
+  DirectoryCheck(const CheckOptions& options_, TranslatorCheck& translator_,
+                 const XMLElement& element_, const Place& place_, PathUses& uses_,
+                 Findings& findings_)
       : options(options_),
+        translator(translator_),
         element(element_),
         place(place_),
         type(Text(element_, "type")),
@@ -145,6 +148,7 @@ class DirectoryCheck {
     }
     CheckValues();
     CheckNames();
+    CheckTranslation();
     CheckParser(parsers_);
     CheckClips();
     CheckLastPlayed();
@@ -218,6 +222,18 @@ class DirectoryCheck {
     bad = ShellCharacters(TextOf(element, "conv-opts"), true);
     if (!bad.empty()) {
       findings.Warning(place, ThroughShell("conv-opts", bad), "Make sure that this is meant");
+    }
+  }
+
+  void CheckTranslation() {
+    const std::string arguments = TextOf(element, "conv-opts");
+    const bool is_spoken = TextOf(element, "dir-mode") != "cache";
+    const std::string why = is_spoken ? translator.WhyRefused(arguments) : "";
+    if (!why.empty()) {
+      findings.Error(place,
+                     "the translator refuses conv-opts " + Quoted(arguments) + ": " + why +
+                         "; no message would be spoken",
+                     "Try it with --check");
     }
   }
 
@@ -357,6 +373,7 @@ class DirectoryCheck {
   }
 
   const CheckOptions& options;
+  TranslatorCheck& translator;
   const XMLElement& element;
   const Place place;
   const std::string type;
@@ -412,11 +429,12 @@ void CheckConfiguration(const CheckOptions& options_, PathUses& uses_, Findings&
   for (const XMLElement* parser : root.GetChildren("parser")) {
     parsers.Check(*parser);
   }
+  TranslatorCheck translator(options_.Argument('t'));
   std::set<std::string> ids;
   for (const XMLElement* directory : root.GetChildren("directory")) {
     const Place place = document.PlaceOf(*directory, "directory " + Quoted(Text(*directory, "id")));
     if (CheckId(document, *directory, place, ids, findings_)) {
-      DirectoryCheck(options_, *directory, place, uses_, findings_).Check(parsers);
+      DirectoryCheck(options_, translator, *directory, place, uses_, findings_).Check(parsers);
     }
   }
   if (ids.empty()) {

@@ -11,7 +11,7 @@ from pathlib import Path
 import pytest
 from harness.daemon import PAUSE
 from harness.files import publish
-from harness.programs import run, tool
+from harness.programs import ended, run, tool
 
 
 class World:
@@ -306,6 +306,103 @@ def test_wrong_use(arguments):
     status, out, err = run("vocastra-check", *arguments)
     assert (status, out) == (2, "")
     assert err.startswith(("vocastra-check: ", "/"))
+
+
+# Whether the translator takes its arguments. Each call is a line of the file "calls".
+
+ASKED = """#!/bin/sh
+printf '%s\\n' "$*" >> @/calls
+case $1 in
+  --help) echo "usage: $0 [--check ARGUMENT...]"; exit ;;
+  --check) shift ;;
+esac
+pwd > @/place
+[ "$*" != bad ] || { printf 'no voice\\033.\\nline two\\n' >&2; exit 1; }
+[ "$*" != "a b" ] || exit 1
+[ "$*" != odd ] || exit 2
+[ "$*" != killed ] || kill -9 $$
+"""
+REFUSED = "the translator refuses conv-opts {}; no message would be spoken. Try it with --check."
+
+
+def translator(world, text):
+    (world.root / "translator").write_text(text.replace("@", str(world.root)))
+
+
+def calls(world):
+    path = world.root / "calls"
+    found = path.read_text().splitlines() if path.exists() else []
+    path.unlink(missing_ok=True)
+    return found
+
+
+@pytest.mark.parametrize(
+    "conv_opts, call, refused",
+    [
+        ("good", "good", None),
+        (" good  &#9;better ", "good better", None),
+        ("bad", "bad", '"bad": no voice?'),
+        ("a b", "a b", '"a b": no reason given'),
+        ("odd", "odd", None),
+        ("killed", "killed", None),
+    ],
+)
+def test_translator_is_asked(world, conv_opts, call, refused):
+    translator(world, ASKED)
+    text = directory(f'type="local" path="@/in2" conv-opts="{conv_opts}"')
+    expected = [ERROR + REFUSED.format(refused)] if refused else []
+    assert world.check(text, *COMMAND_LINE)[1] == expected
+    assert calls(world) == ["--help", "--check", f"--check {call}"]
+    assert world.check(text) == (0, []) and calls(world) == []
+    assert (world.root / "place").read_text() == "/proc\n"
+
+
+def test_translator_is_asked_once_for_equal_arguments(world):
+    translator(world, ASKED)
+    text = directory('type="local" path="@/in2" conv-opts=""')
+    assert (
+        world.check(text, "-t", os.path.relpath(world.root / "translator"), *COMMAND_LINE[2:])[1]
+        == []
+    )
+    assert calls(world) == ["--help", "--check"]
+
+
+@pytest.mark.parametrize("attributes", ['conv-opts="$HOME"', 'conv-opts="bad" dir-mode="cache"'])
+def test_translator_is_not_asked_what_the_daemon_would_not(world, attributes):
+    translator(world, ASKED)
+    found = world.check(directory(f'type="local" path="@/in2" {attributes}'), *COMMAND_LINE)[1]
+    assert not any("refuses" in line for line in found)
+    assert calls(world) == ["--help", "--check"]
+
+
+@pytest.mark.parametrize(
+    "end", ["exit 1", "exit 0", "echo --check; exit 1", "echo --check >&2", "yes & exit 0"]
+)
+def test_translator_that_knows_no_check_makes_no_file(world, end):
+    """It takes its first argument for a text, and its second for an audio file."""
+    translator(world, f'#!/bin/sh\necho "$*" >> @/calls\necho sound > "${{2:-audio}}"\n{end}\n')
+    before = sorted(world.root.rglob("*"))
+    text = directory('type="local" path="@/in2" conv-opts="voice=nosuch"')
+    assert world.check(text, *COMMAND_LINE, cwd=world.root / "in") == (0, [])
+    assert calls(world) == ["--help"]
+    assert sorted(world.root.rglob("*")) == sorted([*before, world.config])
+
+
+@pytest.mark.parametrize("knows", ["", "[ $1 != --help ] || exec echo --check\n"])
+def test_translator_that_hangs_has_no_opinion_and_ends(world, knows):
+    translator(world, f"#!/bin/sh\n{knows}echo $$ > @/pid\nyes | sleep 1000\n")
+    text = directory('type="local" path="@/in2" conv-opts="b"')
+    assert world.check(text, *COMMAND_LINE) == (0, [])
+    assert ended(int((world.root / "pid").read_text()))
+
+
+@pytest.mark.parametrize("name", ["espeak-ng", "tone"])
+def test_translators_of_the_project(world, name):
+    text = directory('type="local" path="@/in2" conv-opts="speed=9 voice=de"')
+    found = world.check(text, "-t", tool("libexec") / "translators" / name, *COMMAND_LINE[2:])[1]
+    why = 'espeak-ng translator: speed must be a number from 80 to 450, not "9"'
+    refused = REFUSED.format(f'"speed=9 voice=de": {why}')
+    assert found == ([ERROR + refused] if name == "espeak-ng" else [])
 
 
 # The glossary.
