@@ -7,6 +7,7 @@ import signal
 import subprocess
 
 import pytest
+from harness.companions import COMPANIONS
 from harness.programs import ROOT, program
 from harness.schemas import validate
 from harness.wait import LIMIT, wait_until
@@ -70,7 +71,7 @@ class Example:
             ("player", PLAYER),
             ("helpers/ftp", HELPER),
         ):
-            self.write(f"companions/{file}", text.format(companions=ROOT / "companions"))
+            self.write(f"companions/{file}", text.format(companions=COMPANIONS))
 
     def write(self, name, text):
         path = self.scratch / name

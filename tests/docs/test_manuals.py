@@ -4,6 +4,7 @@ import re
 import xml.etree.ElementTree
 
 import pytest
+from harness.companions import COMPANIONS
 from harness.programs import ROOT, program, run_command
 
 MAN = sorted((ROOT / "man").glob("*.[1-8]"))
@@ -61,11 +62,10 @@ def test_defaults_are_those_of_the_usage_text(option):
 
 
 def test_options_of_the_player_are_those_of_its_usage_text():
-    text = run_command(ROOT / "companions/player", "--help").stdout
-    options = re.findall(r"^ +-(-[\w-]+)  ?", text, re.MULTILINE)
-    options += re.findall(r"^ +-(-[\w-]+) [A-Z]+ ", text, re.MULTILINE)
-    items = re.findall(r"^\.It Fl (-[\w-]+)", page("vocastra-player.1"), re.MULTILINE)
-    assert sorted(items) == sorted(set(options)) and options
+    text = run_command(COMPANIONS / "player", "--help").stdout
+    options = re.findall(r"^  (?:-\w, )?--([\w-]+)", text, re.MULTILINE)
+    items = re.findall(r"^\.It Fl -([\w-]+)", page("vocastra-player.1"), re.MULTILINE)
+    assert sorted(items) == sorted(options) and options
 
 
 # --- Attributes -----------------------------------------------------------------------------------

@@ -1,0 +1,21 @@
+// An audio file as samples of the stream: signed 16 bit, one channel, at the player's rate.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <memory>
+#include <string>
+
+class Clip {
+ public:
+  virtual ~Clip() = default;
+
+  // The next samples, at most count_ of them. Returns their number, which is less only at the end.
+  virtual size_t Read(int16_t* samples_, size_t count_) = 0;
+};
+
+// A file that begins with "RIFF" is WAV of any kind, rate and number of channels, every other one
+// raw samples, little-endian. rate_ is in hertz. It is read piece by piece, however long it is.
+// Throws a string with the reason if the file cannot be read.
+std::unique_ptr<Clip> OpenClip(const std::string& path_, int rate_);

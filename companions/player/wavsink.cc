@@ -1,0 +1,76 @@
+#include <fcntl.h>
+#include <sndfile.h>
+#include <unistd.h>
+
+#include "format.h"
+#include "sink.h"
+
+namespace {
+
+constexpr int kFormat = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+
+struct Descriptor {
+  explicit Descriptor(const std::string& path_)
+      : fd(open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666)) {
+    if (fd < 0) {
+      throw Format("cannot write %s", path_.c_str());
+    }
+  }
+  ~Descriptor() { close(fd); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  // Leaves the descriptor at the start.
+  bool IsEmpty() const { return lseek(fd, 0, SEEK_END) + lseek(fd, 0, SEEK_SET) == 0; }
+
+  const int fd;
+};
+
+struct Closer {
+  void operator()(SNDFILE* file_) const { sf_close(file_); }
+};
+
+class WavSink : public Sink {
+ public:
+  WavSink(const std::string& path_, int rate_, bool is_paced_)
+      : path(path_), pace(rate_), is_paced(is_paced_), descriptor(path_) {
+    SF_INFO info = {};
+    if (descriptor.IsEmpty()) {
+      info.samplerate = rate_;
+      info.channels = 1;
+      info.format = kFormat;
+    }
+    file.reset(sf_open_fd(descriptor.fd, SFM_RDWR, &info, SF_FALSE));
+    if (!file || info.format != kFormat || info.channels != 1 || info.samplerate != rate_) {
+      throw Format("%s is not a WAV file of this player at %d Hz", path.c_str(), rate_);
+    }
+    // What a killed player left after the last sample of the header is written over.
+    sf_seek(file.get(), 0, SEEK_END | SFM_WRITE);
+    sf_command(file.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+    sf_command(file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+  }
+
+  size_t Write(const int16_t* samples_, size_t count_) override {
+    const size_t count = is_paced ? pace.Pass(count_) : count_;
+    if (sf_write_short(file.get(), samples_, static_cast<sf_count_t>(count)) !=
+        static_cast<sf_count_t>(count)) {
+      throw Format("cannot write %s", path.c_str());
+    }
+    return count;
+  }
+
+  void Drain() override { pace.Drain(); }
+
+ private:
+  const std::string path;
+  Pace pace;
+  const bool is_paced;
+  const Descriptor descriptor;  // Outlives the file.
+  std::unique_ptr<SNDFILE, Closer> file;
+};
+
+}  // namespace
+
+std::unique_ptr<Sink> OpenWavSink(const std::string& path_, int rate_, bool is_paced_) {
+  return std::make_unique<WavSink>(path_, rate_, is_paced_);
+}
