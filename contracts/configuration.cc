@@ -1,5 +1,7 @@
 #include "configuration.h"
 
+#include <set>
+
 #include "format.h"
 
 bool IsEncoding(const std::string& name_) {
@@ -30,4 +32,21 @@ LocalDirectory::LocalDirectory(const XMLElement& directory_)
       encoding(parser.empty() ? "utf8" : directory_.GetAttributeString("encoding", "")),
       is_cache(directory_.GetAttributeString("dir-mode", "") == "cache") {
   element = directory_;
+}
+
+std::map<std::string, ConfiguredDirectory> ConfiguredDirectories(const XMLElement& root_) {
+  std::map<std::string, ConfiguredDirectory> result;
+  std::set<std::string> seen;
+  for (const XMLElement* element : root_.GetChildren("directory")) {
+    try {
+      const std::string id = element->GetAttributeString("id");
+      if (seen.insert(id).second) {
+        const std::string display_id = element->GetAttributeString("display-id", id);
+        result[id] = {display_id, element->GetAttributeInteger("priority", 0)};
+      }
+    } catch (const std::string&) {
+      continue;  // The accessor has logged it.
+    }
+  }
+  return result;
 }

@@ -2,6 +2,7 @@
 // understands them.
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "xml.h"
@@ -34,3 +35,13 @@ struct LocalDirectory {
   bool is_cache;       // Nothing is spoken.
   XMLElement element;  // Name and attributes.
 };
+
+// Of any input directory: what a player has to know.
+struct ConfiguredDirectory {
+  std::string display_id;
+  int priority;  // The smaller, the more urgent.
+};
+
+// The directories below root_ by their ids. One whose priority is not a number, which the daemon
+// skips, is left out.
+std::map<std::string, ConfiguredDirectory> ConfiguredDirectories(const XMLElement& root_);

@@ -16,11 +16,11 @@ constexpr size_t kMaxFileBytes = 16 << 20;  // More than any status; a device ha
 
 constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyz-";
 
-// Reads a status from front to back. Every step returns false at the first byte that is not as the
-// daemon writes it, and at the end of an incomplete file.
-class StatusParser {
+// Reads a dump from front to back. Every step returns false at the first byte that a dump does not
+// have there, and at the end of an incomplete file.
+class DumpParser {
  public:
-  explicit StatusParser(const std::string& text_) : text(text_) {}
+  explicit DumpParser(const std::string& text_) : text(text_) {}
 
   // Null if the text is no whole document.
   std::unique_ptr<XMLElement> Parse() {
@@ -144,6 +144,8 @@ bool IsStatus(const XMLElement& root_) {
   return root_.GetName() == "tts-status";
 }
 
+}  // namespace
+
 std::string ReadWhole(const std::string& path_) {
   InputFile file(path_);
   if (!file.IsOpen()) {
@@ -158,12 +160,24 @@ std::string ReadWhole(const std::string& path_) {
   return text;
 }
 
-}  // namespace
+std::unique_ptr<XMLElement> ParseDump(const std::string& text_) {
+  return DumpParser(text_).Parse();
+}
 
 std::unique_ptr<XMLElement> ParseStatus(const std::string& text_) {
-  std::unique_ptr<XMLElement> root = StatusParser(text_).Parse();
+  std::unique_ptr<XMLElement> root = ParseDump(text_);
   if (!root || !IsStatus(*root)) {
     return nullptr;
+  }
+  return root;
+}
+
+std::unique_ptr<XMLElement> TryReadStatus(const std::string& path_) {
+  const std::string text = ReadWhole(path_);
+  std::unique_ptr<XMLElement> root = ParseStatus(text);
+  // Reads again: the first text may consist of pieces of two statuses.
+  if (root && ReadWhole(path_) != text) {
+    root.reset();
   }
   return root;
 }
@@ -171,10 +185,8 @@ std::unique_ptr<XMLElement> ParseStatus(const std::string& text_) {
 std::unique_ptr<XMLElement> ReadStatus(const std::string& path_) {
   const double deadline = Now() + kHalfFileLimit;
   do {
-    const std::string text = ReadWhole(path_);
-    std::unique_ptr<XMLElement> root = ParseStatus(text);
-    // Reads again: the first text may consist of pieces of two statuses.
-    if (root && ReadWhole(path_) == text) {
+    std::unique_ptr<XMLElement> root = TryReadStatus(path_);
+    if (root) {
       return root;
     }
     Nap(kHalfFilePause);

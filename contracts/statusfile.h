@@ -7,11 +7,22 @@
 
 #include "xml.h"
 
+// The whole content of a regular file. Throws a string if it cannot be opened.
+std::string ReadWhole(const std::string& path_);
+
+// The tree of a text as XMLElement::Dump writes it, whose values are not escaped; null if it is not
+// one whole document.
+std::unique_ptr<XMLElement> ParseDump(const std::string& text_);
+
 // The tree of a status text; null if the text is not one whole document as the daemon writes it.
 // The tree has every attribute that the daemon reports, so reading them cannot fail. Values are
 // taken byte for byte, also a file name with a quote or an ampersand, which makes the text
 // malformed as XML.
 std::unique_ptr<XMLElement> ParseStatus(const std::string& text_);
+
+// One look at the status file at path_: its tree, or null while it holds half a status. Throws a
+// string if the file cannot be read.
+std::unique_ptr<XMLElement> TryReadStatus(const std::string& path_);
 
 // The tree of the status file at path_, which is read again while it holds half a status.
 // Throws a string if the file cannot be read, or after 2 seconds without a whole status.

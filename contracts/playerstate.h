@@ -1,0 +1,27 @@
+// The state file of the player, in the style of the daemon's status file but replaced by a rename.
+//
+//   <player-state device="default" device-ok="1" playing="7_lobby.text_live_cont.raw" problem=""
+//       problem-time="0" since="1700000000">
+//       <waiting name="8_lobby.text_live_cont.raw"/>
+//   </player-state>
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct PlayerState {
+  std::string playing;  // The name of the file; empty: none.
+  // Since when it plays, or nothing does; seconds since 1970.
+  long long since = 0;
+  std::vector<std::string> waiting;  // Names as the daemon gave them, the next one first.
+  std::string device;                // A sound device's name, "null", or the path of a WAV file.
+  bool device_ok = true;             // False while there is no such sound device.
+  std::string problem;               // The last one, as on standard error; empty: none yet.
+  long long problem_time = 0;        // Seconds since 1970.
+};
+
+// Replaces the file at path_. Throws a string if that fails.
+void WritePlayerState(const std::string& path_, const PlayerState& state_);
+
+// Throws a string if the file cannot be read or is no such state.
+PlayerState ReadPlayerState(const std::string& path_);

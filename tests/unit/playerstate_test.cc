@@ -1,0 +1,51 @@
+#include "playerstate.h"
+
+#include "test_util.h"
+
+namespace {
+
+TEST(PlayerStateTest, IsReadAsItWasWritten) {
+  const TemporaryDirectory directory;
+  PlayerState state;
+  state.playing = "7_a&\"b\".text_live_cont.raw";
+  state.since = 5000000000;
+  state.waiting = {"8_lobby.raw", "9_lobby.raw"};
+  state.device = "plughw:1,0";
+  state.device_ok = false;
+  state.problem = "two\nlines";
+  state.problem_time = 4999999999;
+  WritePlayerState(directory / "state", state);
+  const PlayerState read = ReadPlayerState(directory / "state");
+  EXPECT_EQ(state.playing, read.playing);
+  EXPECT_EQ(state.since, read.since);
+  EXPECT_EQ(state.waiting, read.waiting);
+  EXPECT_EQ(state.device, read.device);
+  EXPECT_FALSE(read.device_ok);
+  EXPECT_EQ("two?lines", read.problem);
+  EXPECT_EQ(state.problem_time, read.problem_time);
+  EXPECT_FALSE(Exists(directory / "state.new"));
+}
+
+TEST(PlayerStateTest, ReplacesTheFileByARename) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("state", "before");
+  ASSERT_EQ(0, link(path.c_str(), (directory / "other").c_str()));
+  WritePlayerState(path, {});
+  EXPECT_EQ("before", ReadFile(directory / "other"));
+  EXPECT_EQ(
+      "<player-state device=\"\" device-ok=\"1\" playing=\"\" problem=\"\" problem-time=\"0\" "
+      "since=\"0\"/>\n",
+      ReadFile(path));
+}
+
+TEST(PlayerStateTest, FailuresNameTheFile) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("state", "<tts-status/>\n");
+  EXPECT_EQ(path + ": holds no player's state", ThrownText([&] { ReadPlayerState(path); }));
+  EXPECT_EQ(path + "x: No such file or directory",
+            ThrownText([&] { ReadPlayerState(path + "x"); }));
+  EXPECT_EQ("cannot write " + path + "/x: Not a directory",
+            ThrownText([&] { WritePlayerState(path + "/x", {}); }));
+}
+
+}  // namespace
