@@ -1,0 +1,163 @@
+// The processes of a mirror.
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include "clock.h"
+#include "report.h"
+#include "test_util.h"
+#include "supervisor.h"
+
+namespace {
+
+// Runs a supervisor in another process.
+class MirrorSupervisorTest : public testing::Test {
+ protected:
+  ~MirrorSupervisorTest() override {
+    if (supervisor > 0) {
+      kill(supervisor, SIGKILL);
+      waitpid(supervisor, nullptr, 0);
+    }
+  }
+
+  // Each worker notes its number and goes on with work_, or waits for its end.
+  void Start(const std::function<void(Pulse&)>& work_ = {}) {
+    supervisor = fork();
+    if (supervisor == 0) {
+      Be(work_);
+    }
+  }
+
+  [[noreturn]] void Be(const std::function<void(Pulse&)>& work_) const {
+    FILE* const log = freopen((directory / "log").c_str(), "a", stderr);
+    const Report report("ftp", "host", Now);
+    _exit(log == nullptr ? 98 : Supervise(report, [&](Pulse& pulse_) {
+      pulse_.Promise(1000);
+      std::ofstream(directory / "workers", std::ios::app) << getpid() << "\n";
+      if (work_) {
+        work_(pulse_);
+      }
+      for (;;) {
+        pause();
+      }
+    }));
+  }
+
+  std::vector<pid_t> Workers() const {
+    std::ifstream file(directory / "workers");
+    std::vector<pid_t> workers;
+    for (pid_t worker = 0; file >> worker;) {
+      workers.push_back(worker);
+    }
+    return workers;
+  }
+
+  static void WaitUntil(const std::function<bool()>& is_true_) {
+    const double end = Now() + 60;
+    while (!is_true_()) {
+      ASSERT_LT(Now(), end);
+      Nap(5);
+    }
+  }
+
+  // The numbers of the workers as soon as there are so many.
+  std::vector<pid_t> WaitForWorkers(size_t count_) const {
+    WaitUntil([&] { return Workers().size() >= count_; });
+    return Workers();
+  }
+
+  std::string Log() const { return ReadFile(directory / "log"); }
+
+  // The exit status of the supervisor.
+  int Reap() {
+    int status = 0;
+    EXPECT_EQ(supervisor, waitpid(supervisor, &status, 0));
+    supervisor = 0;
+    return status;
+  }
+
+  static bool Lives(pid_t pid_) { return kill(pid_, 0) == 0; }
+
+  const TemporaryDirectory directory;
+  pid_t supervisor = 0;
+};
+
+TEST_F(MirrorSupervisorTest, SignalEndsBoth) {
+  for (const int number : {SIGTERM, SIGHUP}) {
+    unlink((directory / "workers").c_str());
+    Start();
+    const pid_t worker = WaitForWorkers(1)[0];
+    kill(supervisor, number);
+    EXPECT_EQ(0, Reap());
+    EXPECT_FALSE(Lives(worker));
+    EXPECT_EQ("", Log());
+  }
+}
+
+TEST_F(MirrorSupervisorTest, InterruptIsIgnored) {
+  Start();
+  const pid_t worker = WaitForWorkers(1)[0];
+  kill(supervisor, SIGINT);
+  kill(worker, SIGINT);
+  Nap(50);
+  kill(supervisor, SIGTERM);
+  EXPECT_EQ(0, Reap());
+  EXPECT_EQ(1, Workers().size());
+}
+
+TEST_F(MirrorSupervisorTest, WorkerThatDiesIsStartedAgain) {
+  Start();
+  kill(WaitForWorkers(1)[0], SIGALRM);
+  kill(WaitForWorkers(2)[1], SIGKILL);
+  WaitForWorkers(3);
+  EXPECT_EQ(
+      "ftp helper: host: the worker was ended by signal 14 and is started again\n"
+      "ftp helper: host: the worker was ended by signal 9 and is started again\n",
+      Log());
+}
+
+TEST_F(MirrorSupervisorTest, WorkerThatThrowsIsStartedAgain) {
+  Start([](Pulse&) { throw std::string("no library"); });
+  WaitForWorkers(2);
+  EXPECT_THAT(Log(),
+              testing::StartsWith(
+                  "ftp helper: host: no library\n"
+                  "ftp helper: host: the worker ended with status 1 and is started again\n"));
+}
+
+TEST_F(MirrorSupervisorTest, WorkerThatHangsIsStartedAgain) {
+  Start([](Pulse& pulse_) { pulse_.Promise(0.1); });
+  WaitForWorkers(2);
+  EXPECT_THAT(Log(), testing::StartsWith("ftp helper: host: the worker hangs\n"
+                                         "ftp helper: host: the worker was ended by signal 9"));
+}
+
+TEST_F(MirrorSupervisorTest, WorkerDiesWithTheSupervisor) {
+  Start();
+  const pid_t worker = WaitForWorkers(1)[0];
+  kill(supervisor, SIGKILL);
+  Reap();
+  WaitUntil([&] { return !Lives(worker); });
+}
+
+TEST_F(MirrorSupervisorTest, BothEndWithTheParent) {
+  // The processes whose parent is gone become this one's children.
+  ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1));
+  const pid_t parent = fork();
+  if (parent == 0) {
+    Start();
+    for (;;) {
+      pause();
+    }
+  }
+  const pid_t worker = WaitForWorkers(1)[0];
+  kill(parent, SIGKILL);
+  EXPECT_EQ(parent, waitpid(parent, nullptr, 0));
+  int status = 1;
+  EXPECT_LT(0, waitpid(-1, &status, 0));
+  EXPECT_EQ(0, status);
+  EXPECT_FALSE(Lives(worker));
+}
+
+}  // namespace
