@@ -5,8 +5,7 @@
 #include <sys/wait.h>
 
 #include "clock.h"
-#include "report.h"
-#include "test_util.h"
+#include "mirror_fixtures.h"
 #include "supervisor.h"
 
 namespace {
@@ -158,6 +157,36 @@ TEST_F(MirrorSupervisorTest, BothEndWithTheParent) {
   EXPECT_LT(0, waitpid(-1, &status, 0));
   EXPECT_EQ(0, status);
   EXPECT_FALSE(Lives(worker));
+}
+
+// All parts together, in real time.
+TEST_F(MirrorSupervisorTest, MirrorGoesOnAfterItsWorkerWasKilled) {
+  const TemporaryDirectory local;
+  MirrorSettings settings;
+  settings.kind = "ftp";
+  settings.source = "host";
+  settings.directory = local.path;
+  settings.settle_seconds = 0;
+  supervisor = fork();
+  if (supervisor == 0) {
+    FILE* const log = freopen((directory / "log").c_str(), "a", stderr);
+    FakeServer server;
+    server.Put("a", "A.");
+    _exit(log == nullptr ? 98 : RunMirror(settings, [&](std::function<bool()> go_on_) {
+      std::ofstream(directory / "workers", std::ios::app) << getpid() << "\n";
+      return std::make_unique<FakeRemote>(server, std::move(go_on_));
+    }));
+  }
+  WaitUntil([&] { return ReadFile(local / "a") == "A."; });
+  WaitUntil([&] { return Exists(local / ".helper.timestamp"); });
+  ASSERT_EQ(0, unlink((local / "a").c_str()));
+  kill(WaitForWorkers(1)[0], SIGKILL);
+  WaitForWorkers(2);
+  const std::string beat = ReadFile(local / ".helper.timestamp");
+  WaitUntil([&] { return ReadFile(local / ".helper.timestamp") != beat; });
+  EXPECT_FALSE(Exists(local / "a"));
+  kill(supervisor, SIGTERM);
+  EXPECT_EQ(0, Reap());
 }
 
 }  // namespace

@@ -1,0 +1,36 @@
+#include "heartbeat.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "format.h"
+#include "localfile.h"
+
+namespace {
+
+// The daemon compares 16-bit checksums of the texts and takes 0 for a missing file: those of these
+// texts are distinct, and none is 0.
+constexpr int kTexts = 100;
+constexpr char kText[] = "alive %02d\n";
+constexpr size_t kTextSize = 9;  // Bytes of a text.
+
+}  // namespace
+
+Heartbeat::Heartbeat(const std::string& directory_) : path(directory_ + ".helper.timestamp") {
+  InputFile file(path);
+  char text[kTextSize + 1] = "";
+  file.Read(text, kTextSize);
+  if (file.IsOpen() && sscanf(text, kText, &number) != 1) {  // NOLINT(cert-err34-c): two digits.
+    number = 0;
+  }
+}
+
+void Heartbeat::Beat() {
+  const int next = (number + 1) % kTexts;
+  const std::string text = Format(kText, next);
+  LocalFile file(path + ".new", O_TRUNC);
+  file.Write(text.data(), text.size());
+  file.Rename(path);
+  number = next;
+}

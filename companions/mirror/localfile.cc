@@ -1,0 +1,40 @@
+#include "localfile.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "format.h"
+
+namespace {
+
+constexpr mode_t kMode = 0644;
+
+}  // namespace
+
+LocalFile::LocalFile(const std::string& path_, int flags_)
+    : path(path_),
+      fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | flags_, kMode)) {
+  if (fd < 0) {
+    throw LocalTrouble{strerror(errno)};
+  }
+  fchmod(fd, kMode);
+}
+
+LocalFile::~LocalFile() { close(fd); }
+
+void LocalFile::Write(const char* data_, size_t size_) {
+  if (!WriteWhole(fd, data_, size_)) {
+    throw LocalTrouble{strerror(errno)};
+  }
+}
+
+void LocalFile::Rename(const std::string& path_) {
+  if (rename(path.c_str(), path_.c_str()) != 0) {
+    throw LocalTrouble{strerror(errno)};
+  }
+  path = path_;
+}

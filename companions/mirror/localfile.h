@@ -1,0 +1,34 @@
+// A file in the local directory that is being written, closed with the object and on exec.
+#pragma once
+
+#include <stddef.h>
+#include <sys/types.h>
+
+#include <string>
+
+// The local directory does not take what it has to. Not a string, as it is no failure of the
+// server.
+struct LocalTrouble {
+  std::string reason;
+};
+
+class LocalFile {
+ public:
+  // Opens path_ for writing at its end and creates it if it is missing; flags_ are added, such as
+  // O_TRUNC. Everybody may read it, whatever the umask: the daemon may copy a message, with its
+  // mode, for others to read. Throws LocalTrouble, as the others do.
+  explicit LocalFile(const std::string& path_, int flags_ = 0);
+  ~LocalFile();
+
+  LocalFile(const LocalFile&) = delete;
+  LocalFile& operator=(const LocalFile&) = delete;
+
+  void Write(const char* data_, size_t size_);
+
+  // Gives the file another name, in place of the file that has it.
+  void Rename(const std::string& path_);
+
+ private:
+  std::string path;
+  int fd;
+};
