@@ -52,8 +52,8 @@ class Mirror {
   Mirror(const Mirror&) = delete;
   Mirror& operator=(const Mirror&) = delete;
 
-  // Looks at the server once and does what follows from it, which takes a minute and a half at
-  // most. Returns the seconds until the next look.
+  // Looks at the server once and does what follows from it. Returns the seconds until the next
+  // look.
   double Look();
 
  private:
