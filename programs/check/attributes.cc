@@ -34,7 +34,7 @@ constexpr Attribute kAttributes[] = {
     {"directory", "password", "text", "", kRemote, true},
     {"directory", "mount-opts", "text", "", "cifs", true},
     {"directory", "ftp-poll-rate", kInteger, "5", "ftp", true},
-    {"directory", "ftp-mode", "\"passive\" | \"active\"", "passive", "ftp", true},
+    {"directory", "ftp-mode", "ftp-mode", "passive", "ftp", true},
 
     {"parser", "id", "parser-id", nullptr, nullptr, true},
     {"parser", "type", "\"xml\"", nullptr, nullptr, true},

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <list>
 #include <set>
 #include <string>
@@ -201,10 +202,19 @@ class DirectoryCheck {
       findings.Warning(place, "dir-mode " + Quoted(mode) + " means nothing",
                        "Write \"cache\" or remove it");
     }
-    const std::string ftp_mode = TextOf(element, "ftp-mode");
-    if (ftp_mode != "passive" && ftp_mode != "active") {
-      findings.Warning(place, "ftp-mode " + Quoted(ftp_mode) + " is unknown",
-                       "Write \"passive\" or \"active\"");
+    CheckFtpMode(TextOf(element, "ftp-mode"));
+  }
+
+  // Options have values, which are the helper's.
+  void CheckFtpMode(const std::string& mode_) {
+    size_t end = 0;
+    for (size_t begin = 0; begin <= mode_.size(); begin = end + 1) {
+      end = std::min(mode_.find(',', begin), mode_.size());
+      const std::string word = mode_.substr(begin, end - begin);
+      if (word != "passive" && word != "active" && word.find('=') == std::string::npos) {
+        findings.Warning(place, "ftp-mode " + Quoted(word) + " is unknown",
+                         "Write \"passive\" or \"active\", or an option of the helper");
+      }
     }
   }
 

@@ -70,7 +70,7 @@ FULL = """<?xml version="1.0"?>
   <directory id="b" parser="alarm" encoding="utf8" type="cifs" path="//host/sh are" subdir="x y"
     username="u" password="p$'" mount-opts="vers=3.0" dir-mode="cache"/>
   <directory id="c" parser="items" encoding="utf16" type="ftp" path="host/in" username=""
-    ftp-poll-rate="10" ftp-mode="active" auto-delete=""/>
+    ftp-poll-rate="10" ftp-mode="active,settle=1,ca=/c" auto-delete=""/>
 </tts-config>
 """
 
