@@ -25,6 +25,7 @@ constexpr long kKeepAliveSeconds = 15;
 constexpr int kShortestWait = 5;  // Milliseconds.
 constexpr int kLongestWait = 200;
 constexpr char kNoAnswer[] = "no answer";
+constexpr char kBroken[] = "the connection broke";
 
 // Answers to a command that a server does not know, or not with these arguments.
 constexpr long kUnknownCommand = 500;
@@ -178,6 +179,7 @@ struct CurlRemote::Impl {
   std::string reply;          // The server's last line, FTP only.
   char error[CURL_ERROR_SIZE] = "";
   bool has_received = false;  // Since that was last looked at.
+  bool is_lost = false;       // The server has closed the connection that was closed last.
 };
 
 size_t CurlRemote::Impl::TakeData(char* data_, size_t /*one_*/, size_t size_, void* self_) {
@@ -222,8 +224,11 @@ curl_socket_t CurlRemote::Impl::OpenSocket(void* self_, curlsocktype /*purpose_*
 }
 
 int CurlRemote::Impl::CloseSocket(void* self_, curl_socket_t socket_) {
-  std::vector<curl_socket_t>* sockets = &static_cast<Impl*>(self_)->sockets;
+  Impl* self = static_cast<Impl*>(self_);
+  std::vector<curl_socket_t>* sockets = &self->sockets;
   sockets->erase(std::remove(sockets->begin(), sockets->end(), socket_), sockets->end());
+  char byte = 0;
+  self->is_lost = recv(socket_, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0;
   return close(socket_);
 }
 
@@ -301,6 +306,7 @@ void CurlRemote::Impl::Perform(const Take& take_) {
   take = &take_;
   thrown = nullptr;
   reply.clear();
+  is_lost = false;
   error[0] = '\0';
   const Running running(sessions, handle);
   const CURLcode result = Wait();
@@ -359,6 +365,10 @@ void CurlRemote::Impl::Fail(CURLcode result_) {
   const std::string text = has_reply          ? reply
                            : error[0] != '\0' ? error
                                               : curl_easy_strerror(result_);
+  // For SFTP, each step has an error of its own, also if the connection is why it failed.
+  if (place.kind == FtpKind::kSftp && is_lost) {
+    throw std::string(kBroken);
+  }
   switch (result_) {
     case CURLE_LOGIN_DENIED:
       throw Refused{has_reply ? reply : "login denied"};
@@ -380,7 +390,7 @@ void CurlRemote::Impl::Fail(CURLcode result_) {
     case CURLE_RECV_ERROR:
     case CURLE_GOT_NOTHING:
     case CURLE_PARTIAL_FILE:
-      throw std::string(has_reply ? reply : "the connection broke");
+      throw has_reply ? reply : std::string(kBroken);
     default:
       throw text;
   }

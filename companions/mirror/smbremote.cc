@@ -357,6 +357,10 @@ std::string TextOf(int failure_) {
   switch (failure_) {
     case ETIMEDOUT:
       return "no answer";
+    case ECONNABORTED:
+    case ECONNRESET:
+    case EPIPE:
+      return "the connection broke";
     case ENODEV:
       return "no such share";
     default:
