@@ -8,6 +8,7 @@ status      statuses: as texts, from a file, through a FIFO
 daemon      a daemon in a scratch tree, with a fake translator and fake helpers
 companions  a private directory for scripts and the programs that they call
 sound       raw audio
-servers     FTP and SMB servers on loopback
+servers     FTP, SFTP and SMB servers on loopback
+proxy       counts connections to a server, and cuts them
 remote      helpers and daemons that watch such a server
 """

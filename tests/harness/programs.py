@@ -5,6 +5,7 @@ does, so that an emulator can be in front; without it, build/release/vocastra. T
 are beside it.
 """
 
+import contextlib
 import os
 import re
 import shlex
@@ -99,6 +100,15 @@ def ended(pid):
 def children(pid):
     """The process ids of a process's children."""
     return [int(child) for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
+
+
+def descendants(pid):
+    """A process and all below it, the oldest first."""
+    pids = [pid]
+    for parent in pids:
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            pids += children(parent)
+    return pids
 
 
 def descriptors(path):

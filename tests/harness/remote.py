@@ -33,25 +33,18 @@ def wait_beats(directory, count, wait):
 class Helper:
     """A helper that runs by itself. close() ends it in any case."""
 
-    def __init__(self, root, server, script=None, watch=None, **changes):
+    def __init__(self, root, server, **changes):
         self.root = root
-        self.server = server
-        self.watch = Path(watch or root / "watch")
+        self.watch = root / "watch"
         self.local = self.watch / changes.get("subdir", "")
-        self.command = [
-            str(script or HELPERS / server.kind),
-            *server.arguments(self.watch, **changes),
-        ]
+        self.command = [str(HELPERS / server.kind), *server.arguments(self.watch, **changes)]
         self.scratch = root / "scratch"
-        self.bin = root / "bin"
         self.process = None
-        for directory in (root, self.scratch, self.bin):
-            directory.mkdir(exist_ok=True)
+        self.scratch.mkdir(parents=True)
 
     def environment(self):
-        """Its temporary files go to scratch; programs in bin come before the others."""
-        env = {name: value for name, value in os.environ.items() if "proxy" not in name.lower()}
-        return dict(env, TMPDIR=str(self.scratch), PATH=f"{self.bin}:{env['PATH']}")
+        """Its temporary files go to scratch. A proxy that answers nothing must not be asked."""
+        return dict(os.environ, TMPDIR=str(self.scratch), ALL_PROXY="http://127.0.0.1:9")
 
     def start(self):
         with open(self.root / "log", "ab") as log:
@@ -60,14 +53,8 @@ class Helper:
             )
         return self
 
-    def wrap(self, name, script):
-        """Has a shell script run before each run of a program, with its arguments."""
-        program = self.bin / name
-        program.write_text(f'#!/bin/sh\n{script}\nexec /usr/bin/{name} "$@"\n')
-        program.chmod(0o755)
-
     def read(self, name):
-        """What a script of wrap() has written to that file in root, "" as long as there is none."""
+        """The text of that file in root, "" as long as there is none."""
         path = self.root / name
         return path.read_text(errors="replace") if path.exists() else ""
 
@@ -118,15 +105,19 @@ class Helper:
         """Waits for so many new proofs of life: so many more looks at the server."""
         wait_beats(self.local, count, self.wait)
 
-    def client_pid(self):
-        """The client that runs for the helper just now, or None."""
-        pids = [self.process.pid]
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-            for pid in pids:
-                pids += children(pid)
-                if Path(f"/proc/{pid}/comm").read_text() == f"{self.server.client}\n":
-                    return pid
-        return None
+    def wait_quiet(self):
+        """Waits until the looks at the server have stopped."""
+        beats = []
+
+        def look():
+            beats.append(self.beat())
+            return len(beats) > 100 and len(set(beats[-100:])) == 1
+
+        self.wait(look, "an end of the beats")
+
+    def parts(self):
+        """The hidden files that are being fetched."""
+        return list(self.local.glob(".helper.part*"))
 
     def stop(self):
         """SIGTERM, then asserts that it ends and leaves only the files."""
@@ -138,7 +129,7 @@ class Helper:
         wait_until(lambda: self.process.poll() is not None, lambda: "its end" + self.describe())
         assert self.process.returncode == 0, self.describe()
         assert list(self.scratch.iterdir()) == []
-        assert {path.name for path in self.local.glob(".*")} <= {".helper.timestamp"}
+        assert all(path.name.startswith(".helper.") for path in self.local.glob(".*"))
 
     def close(self):
         if self.process and self.process.poll() is None:

@@ -1,4 +1,4 @@
-"""FTP and SMB servers on loopback, each in a tree of its own.
+"""FTP, SFTP and SMB servers on loopback, each in a tree of its own.
 
 A Server shows the directory `inbox` to whoever logs in with its user name and password. It
 starts on a free port and keeps it when it is stopped and started again.
@@ -17,7 +17,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-from harness.programs import HERE
+from harness.programs import HERE, descendants
 from harness.wait import wait_until
 
 # Whatever a client's command language, a URL or a list could trip over.
@@ -38,6 +38,27 @@ def accepts(port):
     return False
 
 
+def run_quietly(*command, data=""):
+    done = subprocess.run(
+        [str(word) for word in command], input=data, capture_output=True, text=True, check=False
+    )
+    assert done.returncode == 0, done.stderr
+    return done.stdout
+
+
+def make_certificates(root, host):
+    """Makes ca.crt and, signed by it, server.crt and server.key for a host."""
+    new = ("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256")
+    new += ("-nodes", "-days", "7")
+    run_quietly(*new, "-subj", "/CN=Test", "-keyout", root / "ca.key", "-out", root / "ca.crt")
+    kind = "IP" if host[0].isdigit() else "DNS"
+    run_quietly(
+        *(*new, "-subj", "/CN=Server", "-CA", root / "ca.crt", "-CAkey", root / "ca.key"),
+        *("-addext", f"subjectAltName={kind}:{host}", "-addext", "basicConstraints=CA:FALSE"),
+        *("-keyout", root / "server.key", "-out", root / "server.crt"),
+    )
+
+
 class Server:
     """What the servers have in common.
 
@@ -46,7 +67,6 @@ class Server:
     """
 
     kind = "ftp"
-    client = "lftp"
     user = "ftp"
 
     def __init__(self, root, writable=True, modes=("active", "passive"), rate=0):
@@ -58,6 +78,7 @@ class Server:
         self.modes = modes
         self.rate = rate
         self.port = None
+        self.front = self  # or a proxy: where clients connect to
         self.process = None
 
     @property
@@ -73,7 +94,7 @@ class Server:
     @property
     def path(self):
         """The inbox as the helper's PATH."""
-        return f"127.0.0.1:{self.port}/inbox"
+        return f"127.0.0.1:{self.front.port}/inbox"
 
     # Its life.
 
@@ -108,13 +129,18 @@ class Server:
     def options(self):
         return {"start_new_session": True}
 
+    def signal(self, number):
+        """Sends a signal to the server and all of its sessions, which may have groups of their own."""
+        for pid in descendants(self.process.pid):
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, number)
+
     def stop(self):
         """Ends the server and every session of it."""
         if not self.process:
             return
-        # All of its processes are one group, whose number is that of the first.
-        with contextlib.suppress(ProcessLookupError):
-            os.killpg(self.process.pid, signal.SIGKILL)
+        self.signal(signal.SIGSTOP)  # no new session while they are counted
+        self.signal(signal.SIGKILL)
         self.process.wait()
         self.process = None
 
@@ -123,15 +149,16 @@ class Server:
 
     def freeze(self):
         """From now on the system accepts connections for the server, which says nothing."""
-        os.killpg(self.process.pid, signal.SIGSTOP)
+        self.signal(signal.SIGSTOP)
 
     def thaw(self):
-        os.killpg(self.process.pid, signal.SIGCONT)
+        self.signal(signal.SIGCONT)
+
+    def log(self):
+        return (self.root / "server.log").read_text(errors="replace")
 
     def describe(self):
-        return f"{type(self).__name__} at port {self.port}: " + (
-            self.root / "server.log"
-        ).read_text(errors="replace")
+        return f"{type(self).__name__} at port {self.port}: {self.log()}"
 
     # Its files.
 
@@ -153,14 +180,14 @@ class Server:
     def arguments(self, watch, **changes):
         """The helper's arguments, in its order."""
         values = {"path": self.path, "user": self.user, "password": PASSWORD, "subdir": ""}
-        values.update({"auto_delete": 0, "poll": 1, "mode": "passive"}, **changes)
+        values.update({"auto_delete": 0, "poll": 1, "mode": "passive,settle=0"}, **changes)
         order = ("path", "subdir", "user", "password", None, "auto_delete", "poll", "mode")
         return [str(values[name]) if name else str(watch) for name in order]
 
     def attributes(self, **changes):
         """The attributes of the daemon's directory element."""
         values = {"type": self.kind, "path": self.path, "username": self.user}
-        values.update({"password": PASSWORD, "ftp_poll_rate": 1}, **changes)
+        values.update({"password": PASSWORD, "ftp_poll_rate": 1, "ftp_mode": "settle=0"}, **changes)
         return values
 
 
@@ -187,7 +214,36 @@ class VsFtpd(Server):
 
     It serves "anonymous" users under the rights of whoever runs the test, with a list of the
     passwords that it accepts: that needs no user, no PAM service and no privilege.
+
+    tls: "", "explicit" or "implicit". host: the host of its certificate.
     """
+
+    def __init__(self, root, tls="", host="127.0.0.1", **options):
+        super().__init__(root, **options)
+        self.tls = tls
+        if tls:
+            make_certificates(root, host)
+
+    @property
+    def path(self):
+        scheme = {"": "", "explicit": "ftpes://", "implicit": "ftps://"}[self.tls]
+        return scheme + super().path
+
+    def arguments(self, watch, **changes):
+        if self.tls:
+            changes.setdefault("mode", f"passive,settle=0,ca={self.root}/ca.crt")
+        return super().arguments(watch, **changes)
+
+    def tls_settings(self):
+        return {
+            "ssl_enable": "YES",
+            "allow_anon_ssl": "YES",
+            "force_anon_logins_ssl": "YES",
+            "force_anon_data_ssl": "YES",
+            "implicit_ssl": "YES" if self.tls == "implicit" else "NO",
+            "rsa_cert_file": self.root / "server.crt",
+            "rsa_private_key_file": self.root / "server.key",
+        }
 
     def command(self):
         passwords = self.root / "passwords"
@@ -219,14 +275,85 @@ class VsFtpd(Server):
             "xferlog_enable": "YES",
             "vsftpd_log_file": self.root / "vsftpd.log",
         }
+        if self.tls:
+            settings.update(self.tls_settings())
         config = self.root / "vsftpd.conf"
         config.write_text("".join(f"{name}={value}\n" for name, value in settings.items()))
         return ["/usr/sbin/vsftpd", str(config)]
 
 
+class Sshd(Server):
+    """OpenSSH's SFTP. Its user is whoever runs the test, and logs in with a key.
+
+    With a password, which needs root, it is one of the server's own.
+    """
+
+    user = user_name()
+
+    def __init__(self, root, login="key", **options):
+        super().__init__(root, **options)
+        self.login = login
+        self.known = "host_key"
+        for name in ("host_key", "user_key"):
+            run_quietly("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", root / name)
+
+    @property
+    def path(self):
+        return f"sftp://{super().path}"
+
+    def write_known_hosts(self):
+        """Says that the client expects the key `known`."""
+        words = (self.root / f"{self.known}.pub").read_text().split()[:2]
+        ports = {self.port, self.front.port}
+        lines = [f"[127.0.0.1]:{port} {' '.join(words)}\n" for port in ports]
+        (self.root / "known_hosts").write_text("".join(lines))
+
+    def arguments(self, watch, **changes):
+        self.write_known_hosts()
+        mode = f"settle=0,known-hosts={self.root}/known_hosts"
+        if self.login == "key":
+            mode += f",key={self.root}/user_key"
+            changes.setdefault("password", "")
+        changes.setdefault("mode", mode)
+        return super().arguments(watch, **changes)
+
+    def attributes(self, **changes):
+        arguments = self.arguments("", **changes)
+        values = {"password": arguments[3], "ftp_mode": arguments[7]}
+        return super().attributes(**{**values, **changes})
+
+    def command(self):
+        settings = {
+            "Port": self.port,
+            "ListenAddress": "127.0.0.1",
+            "HostKey": self.root / "host_key",
+            "AuthorizedKeysFile": self.root / "user_key.pub",
+            "StrictModes": "no",
+            "UsePAM": "no",
+            "PidFile": "none",
+            "PermitRootLogin": "yes",
+            "MaxStartups": 100,
+            "LogLevel": "VERBOSE",
+            "PasswordAuthentication": "yes" if self.login == "password" else "no",
+            "Subsystem": f"sftp internal-sftp -d {self.tree}{'' if self.writable else ' -R'}",
+        }
+        config = self.root / "sshd_config"
+        config.write_text("".join(f"{name} {value}\n" for name, value in settings.items()))
+        command = ["/usr/sbin/sshd", "-D", "-e", "-f", str(config)]
+        return command if os.getuid() else [*self.privately(), *command]
+
+    def privately(self):
+        """Root's server wants a directory in /run; a password is put in place of the real one."""
+        script = "mount -t tmpfs none /run && mkdir /run/sshd"
+        if self.login == "password":
+            hashed = run_quietly("openssl", "passwd", "-6", "-stdin", data=PASSWORD + "\n").strip()
+            (self.root / "shadow").write_text(f"{self.user}:{hashed}:19000:0:99999:7:::\n")
+            script += f" && mount --bind {self.root}/shadow /etc/shadow"
+        return ["unshare", "--mount", "sh", "-c", script + ' && exec "$@"', "sh"]
+
+
 class Smbd(Server):
     kind = "cifs"
-    client = "smbclient"
     user = user_name()
 
     def __init__(self, root, **options):
@@ -286,14 +413,17 @@ class Smbd(Server):
 
     def arguments(self, watch, **changes):
         values = {"path": self.path, "user": self.user, "password": PASSWORD, "subdir": ""}
-        values.update({"auto_delete": 0, "mount_opts": f"port={self.port}"}, **changes)
+        values.update(
+            {"auto_delete": 0, "mount_opts": f"port={self.front.port},settle=0"}, **changes
+        )
         order = ("path", "user", "password", "subdir", None, "mount_opts", "auto_delete")
         return [str(values[name]) if name else str(watch) for name in order]
 
     def attributes(self, **changes):
-        values = super().attributes(mount_opts=f"port={self.port}", **changes)
-        del values["ftp_poll_rate"]
+        options = f"port={self.front.port},settle=0"
+        values = super().attributes(mount_opts=options, **changes)
+        del values["ftp_poll_rate"], values["ftp_mode"]
         return values
 
 
-SERVERS = {"pyftpdlib": PyFtpdLib, "vsftpd": VsFtpd, "smbd": Smbd}
+SERVERS = {"pyftpdlib": PyFtpdLib, "vsftpd": VsFtpd, "sshd": Sshd, "smbd": Smbd}

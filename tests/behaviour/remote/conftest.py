@@ -1,6 +1,7 @@
 """Fixtures of the tests against real servers."""
 
 import pytest
+from harness.proxy import Proxy
 from harness.remote import Helper, RemoteDaemon
 from harness.servers import SERVERS
 
@@ -15,6 +16,12 @@ def make_server(request, maker):
 @pytest.fixture
 def server(make_server):
     return make_server()
+
+
+@pytest.fixture
+def make_proxy(maker):
+    """Puts a proxy (see Proxy) in front of a server."""
+    return maker(Proxy, "proxy")
 
 
 @pytest.fixture
