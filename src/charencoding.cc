@@ -35,6 +35,7 @@ const unsigned char* SkipAscii(const unsigned char* p_, const unsigned char* end
     if (((words[0] | words[1]) & kNotAscii) != 0) {
       // NOMUTATE(constant): compilers warn that it is always true.
       return (words[0] & kNotAscii) != 0 ? p_ + LeadingAscii(words[0])
+                                         // NOMUTATE(operator): asan notices; it comes here again.
                                          : p_ + sizeof(words[0]) + LeadingAscii(words[1]);
     }
     p_ += sizeof(words);
@@ -59,6 +60,7 @@ bool SkipLongSequence(const unsigned char*& p_, const unsigned char* end_) {
   if (lead < 0xF0) {
     const unsigned char lowest = lead == 0xE0 ? 0xA0 : 0x80;
     const unsigned char highest = lead == 0xED ? 0x9F : 0xBF;
+    // NOMUTATE(constant): the zero byte after the text continues nothing.
     if (available < 3 || p_[1] < lowest || p_[1] > highest || !IsContinuation(p_[2])) {
       return false;
     }
@@ -67,6 +69,7 @@ bool SkipLongSequence(const unsigned char*& p_, const unsigned char* end_) {
   }
   const unsigned char lowest = lead == 0xF0 ? 0x90 : 0x80;
   const unsigned char highest = lead == 0xF4 ? 0x8F : 0xBF;
+  // NOMUTATE(constant): the zero byte after the text continues nothing.
   if (lead > 0xF4 || available < 4 || p_[1] < lowest || p_[1] > highest || !IsContinuation(p_[2]) ||
       !IsContinuation(p_[3])) {
     return false;

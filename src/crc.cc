@@ -51,6 +51,7 @@ uint32_t Step(uint32_t crc_, const uint8_t* data_) {
 uint16_t CRC(uint16_t crc_, const uint8_t* data_, size_t length_) {
   uint32_t crc = crc_;
   size_t i = 0;
+  // NOMUTATE(operator): the last bytes may also be taken one by one.
   for (; length_ - i >= kSlices; i += kSlices) {
     crc = Step(crc, data_ + i);
   }

@@ -29,7 +29,8 @@ __attribute__((format(printf, 1, 0))) void WriteLine(const char* format_, va_lis
     line[length] = '\n';
     WriteWhole(STDERR_FILENO, line, length + 1);
   } else if (result >= 0) {
-    char* long_line = static_cast<char*>(malloc(length + 1));  // NOMUTATE(constant): asan notices.
+    // NOMUTATE(operator, constant): asan notices.
+    char* long_line = static_cast<char*>(malloc(length + 1));
     if (long_line != nullptr) {
       // NOMUTATE(constant): the text ends before that; asan notices.
       vsnprintf(long_line, length + 1, format_, args_again);

@@ -68,6 +68,7 @@ struct Attributes {
         bumper_path(element_.GetAttributeString("bumper-path", "")),
         spacer_path(element_.GetAttributeString("spacer-path", "")),
         silence_path(element_.GetAttributeString("silence-path", "")),
+        // NOMUTATE(text): all but "cache" are the same.
         dir_mode(element_.GetAttributeString("dir-mode", "")),
         auto_delete(element_.GetAttributeInteger("auto-delete", 0)),
         ftp_poll_rate(element_.GetAttributeInteger("ftp-poll-rate", 5)),
@@ -378,7 +379,7 @@ struct ActiveMessage {
 
 // Splits the text into the words that Begin() makes the active message.
 void ActiveMessage::SetText(std::string text_) {
-  words.clear();
+  words.clear();  // Ranges of the old text. NOMUTATE(call): nobody takes words before Begin.
   text = ToValidUtf8(std::move(text_), kDebugTrace, "Re-encoding invalid parser output to UTF-8");
   words = SplitIntoWords(text);
 }
@@ -573,7 +574,7 @@ void InputDirectory::Impl::TakeMessage(const std::string& dirpath_) {
 
 // Makes the words of the file those of the message; none if the parser throws.
 void InputDirectory::Impl::ReadMessage(const std::string& path_) {
-  message.words.clear();
+  message.words.clear();  // NOMUTATE(call): there are some only if memory ran out before Begin.
   std::string text;
   if (file_parser != nullptr) {
     try {

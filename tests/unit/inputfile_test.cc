@@ -36,7 +36,12 @@ TEST(WriteWholeTest, GoesOnDespiteSignals) {
   close(ends[1]);
 }
 
-TEST(WriteWholeTest, StopsWhenNothingIsTaken) {
+TEST(WriteWholeTest, GoesOnWhileAnythingIsTaken) {
+  EXPECT_EQ("abc", LogOf([] {
+              stand_ins::files.write_piece = 1;
+              errno = 0;
+              EXPECT_TRUE(WriteWhole(STDERR_FILENO, "abc", 3));
+            }));
   stand_ins::files.write_piece = 0;
   EXPECT_FALSE(WriteWhole(STDERR_FILENO, "abc", 3));
   stand_ins::files.write_piece = SIZE_MAX;
@@ -136,6 +141,10 @@ TEST(InputFileTest, EndsWhereTheFileEndedWhenItWasOpened) {
   EXPECT_EQ("0123456789", ReadAll(&growing, 20));
   directory.Write("file", "01234");
   EXPECT_EQ("01234", ReadAll(&shrinking, 20));
+  directory.Write("file", "0");
+  InputFile smallest(path);
+  directory.Write("file", "01");
+  EXPECT_EQ("0", ReadAll(&smallest, 20));
 }
 
 TEST(InputFileTest, ReadsAFileOfUnknownSize) {

@@ -1,6 +1,7 @@
 #include "textfileparser.h"
 
 #include "stand_ins/files.h"
+#include "stand_ins/heap.h"
 #include "test_util.h"
 
 namespace {
@@ -157,6 +158,16 @@ TEST_F(TextFileParserTest, TreatsAnUnreadableFileAsEmpty) {
   ASSERT_EQ(0, unlink(path.c_str()));
   ASSERT_EQ(0, symlink("/dev/zero", path.c_str()));
   EXPECT_EQ(ValidLog(""), ParseMessage("utf8").log);
+}
+
+TEST_F(TextFileParserTest, YieldsNothingWithoutMemory) {
+  directory.Write("message", std::string(20000, 'x'));
+  EXPECT_EQ("Unable to read " + path + ": std::bad_alloc\n", LogOf([&] {
+              const TextFileParser parser("utf8");
+              stand_ins::failing_request = 10000;
+              EXPECT_EQ("", parser.ParseFile(path));
+              stand_ins::failing_request = SIZE_MAX;
+            }));
 }
 
 TEST_F(TextFileParserTest, ConvertsUtf16) {

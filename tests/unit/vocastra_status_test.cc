@@ -122,6 +122,7 @@ TEST_F(StatusFileTest, RewritesTheStatusFileInPlace) {
   tree.Write("status.xml", std::string(10000, 'x'));
   Run();
   EXPECT_EQ(Status(), ReadFile(link));
+  EXPECT_THAT(DescriptorsOf(link), testing::IsEmpty());
   EXPECT_EQ("1", StatusAttribute("timestamp"));
 }
 
