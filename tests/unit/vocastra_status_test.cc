@@ -122,7 +122,6 @@ TEST_F(StatusFileTest, RewritesTheStatusFileInPlace) {
   tree.Write("status.xml", std::string(10000, 'x'));
   Run();
   EXPECT_EQ(Status(), ReadFile(link));
-  EXPECT_THAT(DescriptorsOf(link), testing::IsEmpty());
   EXPECT_EQ("1", StatusAttribute("timestamp"));
 }
 
@@ -133,6 +132,7 @@ TEST_F(StatusFileTest, EndsThePassIfADirectorysStatusFails) {
   EXPECT_EQ(kNoLog, RunToFailure());
   EXPECT_EQ("Could not open directory " + last_played + "/", thrown);
   EXPECT_EQ("", Status());
+  EXPECT_THAT(DescriptorsOf(settings.status), testing::IsEmpty());
   ASSERT_EQ(0, mkdir(last_played.c_str(), 0777));
   Run();
   EXPECT_EQ("2", StatusAttribute("timestamp")) << "the write that failed counts";
