@@ -97,7 +97,7 @@ Directory::Impl::Impl(const std::string& path_) : path(AddTrailingSlash(path_)) 
 Directory::Impl::~Impl() {
   Unlock();
   close(dirfd);
-  free(file_name_buffer);  // NOMUTATE(call): asan notices.
+  free(file_name_buffer);
 }
 
 void Directory::Impl::Lock() const {

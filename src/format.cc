@@ -206,7 +206,6 @@ size_t InputFile::Read(void* buffer_, size_t size_) {
   char* const buffer = static_cast<char*>(buffer_);
   const size_t limit = unread < static_cast<off_t>(size_) ? static_cast<size_t>(unread) : size_;
   size_t length = 0;
-  // NOMUTATE(operator): a read of no bytes ends the loop, too.
   while (IsOpen() && length < limit) {
     const ssize_t count = read(fd, buffer + length, limit - length);
     if (count < 0 && errno == EINTR) {

@@ -23,7 +23,6 @@ namespace {
 
 using std::string_view_literals::operator""sv;
 
-// NOMUTATE(constant): shows in time only.
 constexpr size_t kFeedBytes = 1024;  // The length of a feed to expat.
 
 // The bound on a document's tree and text: a fixed part, and a multiple of the size of its file. No
