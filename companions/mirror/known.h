@@ -10,6 +10,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <limits>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -24,10 +25,12 @@ struct KnownFile {
   uint64_t delivered = 0;  // That of the copy that was delivered; 0: none.
   uint64_t version = 0;    // Fingerprint of that copy's size and exact time.
   double due = 0;          // When the file may be fetched, or deleted, at the earliest.
-  uint32_t seen = 0;       // Number of the last look that found it.
-  uint16_t tries = 0;      // That did not succeed since it was delivered last.
-  uint8_t told = 0;        // Bits: the troubles that were reported.
-  bool is_local = false;   // The last look into the local directory found the copy.
+  double next_check = std::numeric_limits<double>::infinity();  // When to ask for the exact time.
+  uint32_t seen = 0;      // Number of the last look that found it.
+  uint16_t tries = 0;     // That did not succeed since it was delivered last.
+  uint8_t told = 0;       // Bits: the troubles that were reported.
+  uint8_t checks = 0;     // How often the exact time was asked for since the delivery.
+  bool is_local = false;  // The last look into the local directory found the copy.
 };
 
 class Known {

@@ -180,7 +180,9 @@ bool ReadColumns(string_view line_, RemoteFile* file_, bool* is_file_) {
 }  // namespace
 
 ListingReader::ListingReader(ListingForm form_, std::function<void(const RemoteFile&)> take_)
-    : form(form_), take(std::move(take_)) {}
+    : form(form_), take(std::move(take_)) {
+  file.is_rounded = form == ListingForm::kColumns;
+}
 
 void ListingReader::Feed(const char* data_, size_t size_) {
   const char* const end = data_ + size_;

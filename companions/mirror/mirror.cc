@@ -42,6 +42,7 @@ constexpr size_t kMaxFiles = 100'000;  // Files that a listing may have,
 constexpr size_t kMaxNames = 8 << 20;  // and bytes in all of their names.
 constexpr size_t kClockEntries = 256;  // Entries of a listing between two looks at the clock.
 constexpr size_t kBatch = 100;         // Files that one look deals with.
+constexpr uint8_t kChecks = 7;         // The last one is 127 seconds after the first was planned.
 constexpr int kPatience = 10;          // Turns of a slow file for which the first heartbeat waits.
 
 // What was told of a file: bits of KnownFile::told.
@@ -107,6 +108,7 @@ struct Mirror::Impl {
   void Fail(const std::string& name_, uint8_t trouble_, const std::string& text_);
   void Tell(KnownFile& known_file_, uint8_t trouble_, const std::string& text_);
   void Retry(KnownFile& known_file_);
+  void PlanCheck(KnownFile& known_file_) const;
   KnownFile& Of(const std::string& name_) { return known.files().at(name_); }
 
   const MirrorSettings settings;
@@ -310,6 +312,10 @@ void Mirror::Impl::Take(const RemoteFile& file_) {
     known_file.due = now() + settings.settle_seconds;
     known_file.shown = shown;
   }
+  if (known_file.seen == 0 && known_file.delivered == shown && file_.is_rounded) {
+    known_file.checks = kChecks - 1;  // By a process before this one.
+    PlanCheck(known_file);
+  }
   known_file.seen = look;
   ++listed;
   const bool is_due = known_file.due <= start;
@@ -326,6 +332,8 @@ void Mirror::Impl::Take(const RemoteFile& file_) {
     }
   } else if (settings.auto_delete && is_due && !known_file.is_local && taken.size() < kBatch) {
     taken.push_back(file_);
+  } else if (known_file.next_check <= start) {
+    AddDue(file_, known_file.tries);
   }
   known_file.is_local = false;
 }
@@ -439,6 +447,9 @@ void Mirror::Impl::FetchDue() {
 bool Mirror::Impl::Prepare(Due& due_) {
   const RemoteFile& file = due_.file;
   KnownFile& known_file = Of(file.name);
+  if (known_file.delivered == known_file.shown) {
+    PlanCheck(known_file);
+  }
   Begin(kAnswerSeconds, true);
   try {
     due_.time = remote->Time(file);
@@ -510,6 +521,11 @@ void Mirror::Impl::Deliver(const Due& due_, Part& part_) {
   }
   file->second.told = 0;
   file->second.tries = 0;
+  file->second.next_check = kNever;
+  if (due_.file.is_rounded) {
+    file->second.checks = is_mirrored ? 0 : kChecks - 1;
+    PlanCheck(file->second);
+  }
 }
 
 bool Mirror::Impl::IsFirstMirrorComplete() const {
@@ -556,6 +572,15 @@ void Mirror::Impl::Retry(KnownFile& known_file_) {
   const int factor = 1 << std::min<int>(known_file_.tries, kDoublings);
   const double wait = std::min<double>(settings.poll_seconds * factor, kLongestRetry);
   known_file_.due = now() + std::max<double>(wait, settings.settle_seconds);
+}
+
+// A listing that rounds times shows nothing of a file that is written again within the same minute,
+// with the same size. So the exact time is asked for, less and less often, until that minute is
+// over.
+void Mirror::Impl::PlanCheck(KnownFile& known_file_) const {
+  known_file_.next_check =
+      known_file_.checks < kChecks ? now() + (1 << known_file_.checks) : kNever;
+  ++known_file_.checks;
 }
 
 // --- Outside ---

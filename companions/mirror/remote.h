@@ -16,6 +16,7 @@ struct RemoteFile {
   // listings round to minutes and change their format with the file's age, so that different texts
   // can still mean the same time.
   std::string stamp;
+  bool is_rounded = false;  // The stamp does not tell times within the same minute apart.
 };
 
 // The server refuses the login, or the client refuses the server's certificate or host key: trying

@@ -9,7 +9,7 @@ from pathlib import Path
 
 from harness.companions import COMPANIONS
 from harness.daemon import PAUSE, Daemon
-from harness.programs import children, ended
+from harness.programs import ended
 from harness.wait import wait_until
 
 HELPERS = COMPANIONS / "helpers"

@@ -130,7 +130,7 @@ class Server:
         return {"start_new_session": True}
 
     def signal(self, number):
-        """Sends a signal to the server and all of its sessions, which may have groups of their own."""
+        """Sends a signal to the server and its sessions, which may have groups of their own."""
         for pid in descendants(self.process.pid):
             with contextlib.suppress(ProcessLookupError):
                 os.kill(pid, number)

@@ -20,6 +20,7 @@ struct FakeServer {
     std::string time;
     std::string stamp;  // Empty: that of the listing is the time.
     uint64_t size = 0;  // 0: that of the content.
+    bool is_rounded = false;
   };
 
   std::map<std::string, File> files;
@@ -37,7 +38,7 @@ struct FakeServer {
   std::function<void(const std::function<void(const RemoteFile&)>&)> listing;
 
   void Put(const std::string& name_, const std::string& content_, const std::string& time_ = "1") {
-    files[name_] = {content_, time_, "", 0};
+    files[name_] = {content_, time_, "", 0, false};
   }
   // Calls so far that begin with that text.
   long Count(const std::string& text_) const {
@@ -58,7 +59,7 @@ class FakeRemote : public Remote {
       return;
     }
     for (const auto& [name, file] : server.files) {
-      take_({name, SizeOf(file), file.stamp.empty() ? file.time : file.stamp});
+      take_({name, SizeOf(file), file.stamp.empty() ? file.time : file.stamp, file.is_rounded});
     }
   }
 

@@ -207,6 +207,36 @@ TEST_F(MirrorTest, StampThatReadsDifferentlyIsNoChange) {
   EXPECT_EQ(times, server.Count("time"));
 }
 
+TEST_F(MirrorTest, FileThatIsWrittenAgainWithinAMinuteIsDeliveredAgain) {
+  EXPECT_EQ(kNoLog, Run(10));
+  server.files["a.txt"] = {"A.", "1", "minute", 0, true};
+  EXPECT_EQ(kNoLog, Run(10));
+  EXPECT_EQ("A.", TakeLocal("a.txt"));
+  server.files["a.txt"] = {"B.", "2", "minute", 0, true};
+  EXPECT_EQ(kNoLog, Run(20));
+  EXPECT_EQ("B.", TakeLocal("a.txt"));
+  EXPECT_EQ(kNoLog, Run(58));
+  server.files["a.txt"] = {"C.", "3", "minute", 0, true};
+  EXPECT_EQ(kNoLog, Run(70));
+  EXPECT_EQ("C.", TakeLocal("a.txt"));
+  EXPECT_EQ(kNoLog, Run(200));
+  server.calls.clear();
+  EXPECT_EQ(kNoLog, Run(200));
+  EXPECT_EQ(0, server.Count("time"));
+}
+
+TEST_F(MirrorTest, RoundedTimeOfAnOldFileIsCheckedOnce) {
+  server.files["a.txt"] = {"A.", "1", "minute", 0, true};
+  EXPECT_EQ(kNoLog, Run(10));
+  server.calls.clear();
+  EXPECT_EQ(kNoLog, Run(200));
+  EXPECT_EQ(1, server.Count("time"));
+  Start();
+  server.calls.clear();
+  EXPECT_EQ(kNoLog, Run(200));
+  EXPECT_EQ(1, server.Count("time"));
+}
+
 TEST_F(MirrorTest, KnownFilesCostOneListing) {
   for (int i = 0; i < 10; ++i) {
     server.Put("file" + std::to_string(i), "text");
@@ -232,12 +262,12 @@ TEST_F(MirrorTest, AutoDeleteRemovesWhatTheDaemonTook) {
 
 TEST_F(MirrorTest, AutoDeleteSparesAFileThatHasChanged) {
   settings.auto_delete = true;
-  server.files["a.txt"] = {"A.", "1", "minute", 0};
-  server.files["b.txt"] = {"B.", "1", "minute", 0};
+  server.files["a.txt"] = {"A.", "1", "minute", 0, false};
+  server.files["b.txt"] = {"B.", "1", "minute", 0, false};
   Run(20);
   TakeLocal("a.txt");
   TakeLocal("b.txt");
-  server.files["a.txt"] = {"C.", "2", "minute", 0};  // The listing does not tell them apart.
+  server.files["a.txt"] = {"C.", "2", "minute", 0, false};  // The listing does not tell them apart.
   server.Put("b.txt", "Another B.", "2");
   Run(20);
   EXPECT_EQ(0, server.Count("delete"));

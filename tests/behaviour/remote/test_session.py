@@ -10,7 +10,7 @@ from harness.servers import PASSWORD
 only_vsftpd = pytest.mark.parametrize("make_server", ["vsftpd"], indirect=True)
 only_sshd = pytest.mark.parametrize("make_server", ["sshd"], indirect=True)
 
-# Bytes from the server in which a session is cut: the greeting, the login, two looks and some files.
+# Bytes from the server in which a session is cut: greeting, login, two looks and some files.
 CUT_RANGE = {"pyftpdlib": 2000, "vsftpd": 2000, "sshd": 6000, "smbd": 4000}
 CUTS = 13
 
