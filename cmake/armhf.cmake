@@ -16,10 +16,13 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
 # Programs of the build tree find the sysroot's libraries, and the libraries that these need. For the
-# latter the tag must be DT_RPATH: --disable-new-dtags.
-set(CMAKE_BUILD_RPATH ${armhf_sysroot}/lib/${CMAKE_LIBRARY_ARCHITECTURE}
-                      ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}
-                      ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/samba)
+# latter the tag must be DT_RPATH: --disable-new-dtags. Libraries with a DT_RUNPATH of their own do
+# not obey it and need LD_LIBRARY_PATH.
+set(armhf_libraries ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
+set(CMAKE_BUILD_RPATH ${armhf_sysroot}/lib/${CMAKE_LIBRARY_ARCHITECTURE} ${armhf_libraries}
+                      ${armhf_libraries}/samba ${armhf_libraries}/pulseaudio)
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--disable-new-dtags")
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L /usr/arm-linux-gnueabihf)
+list(JOIN CMAKE_BUILD_RPATH ":" armhf_path)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L /usr/arm-linux-gnueabihf
+  -E LD_LIBRARY_PATH=${armhf_path} -E ESPEAK_DATA_PATH=${armhf_libraries}/espeak-ng-data)

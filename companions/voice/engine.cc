@@ -110,8 +110,6 @@ Engine::Engine(const Arguments& arguments_) {
   espeak_SetSynthCallback(Record);
 }
 
-Engine::~Engine() { espeak_ng_Terminate(); }
-
 int Engine::Rate() const { return espeak_ng_GetSampleRate(); }
 
 Samples Engine::Speak(const std::string& markup_) {

@@ -1,4 +1,5 @@
-// The speech engine, in this process. There can be only one.
+// The speech engine, in this process. There can be only one, up to the end of the process: the
+// engine's own way of ending waits for its thread, and was seen to wait forever.
 #pragma once
 
 #include <string>
@@ -10,7 +11,6 @@ class Engine {
  public:
   // Loads the engine's data and the voice. Throws a string that says why it cannot.
   explicit Engine(const Arguments& arguments_);
-  ~Engine();
 
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
