@@ -26,6 +26,7 @@ constexpr int kNoStatus = -1;
 // streams. Its directory is /proc, where nobody can make a file. Returns 0 if it cannot be started.
 pid_t Start(const std::vector<std::string>& command_, int stream_, int descriptor_) {
   std::vector<char*> arguments;
+  arguments.reserve(command_.size() + 1);
   for (const std::string& word : command_) {
     arguments.push_back(const_cast<char*>(word.c_str()));
   }
