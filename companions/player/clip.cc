@@ -95,7 +95,7 @@ class WavClip : public Clip {
         }
         mono.assign(kBlock, 0);
         Resample(mono);
-        ready.resize(std::min<uint64_t>(ready.size(), total - produced));
+        ready.resize(static_cast<size_t>(std::min<uint64_t>(ready.size(), total - produced)));
       } else {
         frames += mono.size();
         Resample(mono);
