@@ -192,6 +192,7 @@ const Piece* Player::Impl::Best() const {
 // Takes the most urgent piece, if it is more urgent than limit_.
 std::optional<Playing> Player::Impl::TakeBest(int64_t limit_) {
   const Piece* best = nullptr;
+  is_locked = false;
   while ((best = Best()) != nullptr && UrgencyOf(*best) < limit_) {
     Playing next;
     const Queue::Result result = queue.Take(*best, next.piece);
@@ -216,8 +217,8 @@ std::optional<Playing> Player::Impl::TakeBest(int64_t limit_) {
 // Starts the most urgent piece. False if there is none, or it has to wait.
 bool Player::Impl::StartNext() {
   const Piece* const best = Best();
-  is_locked = false;
   if (best == nullptr) {
+    is_locked = false;
     return false;
   }
   // A less urgent piece would only be interrupted by the next one of the message.

@@ -11,7 +11,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 constexpr int kRate = 1000;  // A block has 20 samples.
 
@@ -241,7 +240,6 @@ TEST_F(PlayerTest, NoRoomIsMadeWithoutNeed) {
   EXPECT_TRUE(keeps("alarm", false));
   EXPECT_TRUE(keeps("", true));
   EXPECT_TRUE(keeps("news", true));
-  options.after_piece = true;
   directory.Write("out/3_other.raw", "");
   Configure(
       "<tts-config><directory id=\"alarm\" priority=\"1\"/>"
@@ -369,7 +367,7 @@ TEST_F(PlayerTest, CommandsRunAroundSound) {
   Run([&] { return sink.sound.size() == 200; });
   EXPECT_EQ("begin\n", ReadFile(path));
   Run([&] { return ReadFile(path) == "begin\nend\n"; });
-  Run([&] { return ReadPlayerState(directory / "state").problem != ""; });
+  Run([&] { return !ReadPlayerState(directory / "state").problem.empty(); });
   EXPECT_EQ("player: --end: exit status 3\n", log);
   Deliver("3_lobby.raw", 3);
   Run([&] { return sink.sound.size() == 300; });
