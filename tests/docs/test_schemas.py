@@ -12,7 +12,7 @@ SCHEMAS = ["tts-config", "glossary", "tts-status"]
 
 
 def read_cases():
-    """The right document of each schema, and what is wrong: schema, name, right text, wrong text."""
+    """The right document of each schema, and the faults: schema, name, right text, wrong text."""
     text = Path(__file__).with_name("wrong.txt").read_text()
     right, wrong = {}, []
     for schema, rest in re.findall(r"^# (\S+)\n(.*?)(?=^# |\Z)", text, re.MULTILINE | re.DOTALL):

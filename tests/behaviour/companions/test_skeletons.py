@@ -87,9 +87,7 @@ def test_helper(sandbox, skeleton):
     skeleton("helper")
     sandbox.provide("ls", f'echo >> {sandbox.path}/listings; exec /bin/ls "$@"')
     # The parent stands for the daemon: the helper ends with it.
-    command = (
-        f"./helper {remote.parent} sub user password {watch} 0 1 passive & echo $!; wait"
-    )
+    command = f"./helper {remote.parent} sub user password {watch} 0 1 passive & echo $!; wait"
     daemon = sandbox.start("/bin/bash", "-c", command)
     helper = int(daemon.stdout.readline())
     there = watch / "sub"
