@@ -375,7 +375,7 @@ struct SmbRemote::Impl {
       : session(std::make_shared<Session>(place_)), go_on(std::move(go_on_)) {}
 
   // Has something done with the session by the thread. A failure is thrown.
-  void Do(std::function<int(Session*)> action_) {
+  void Do(const std::function<int(Session*)>& action_) {
     const int failure = Ask([shared = session, action_] { return action_(shared.get()); });
     if (failure == 0) {
       is_open = true;
