@@ -41,7 +41,7 @@ TEST(TrimEndTest, RemovesSilence) {
 TEST(TrimEndTest, KeepsLoudSamplesUpToTheLastFewOfThem) {
   // Five samples of this level make a window of 441 loud.
   const Samples loud = Level(kRate, 1000);
-  for (const size_t silence : {0, 1, 440, 441, 442, 10000}) {
+  for (const size_t silence : {0U, 1U, 440U, 441U, 442U, 10000U}) {
     EXPECT_EQ(loud.size() - 4, LengthTrimmed(loud + Level(silence, 0))) << silence;
     EXPECT_EQ(loud.size() - 4, LengthTrimmed(loud + Level(silence, kTooQuiet / 50))) << silence;
   }
