@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -279,14 +280,17 @@ class Worker {
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
-  // Has a job done and returns its result. Throws a string if go_on_ returns false; the job goes on
-  // then, and the things that it uses must live on with it.
+  // Has a job done and returns its result; throws what it throws. Throws a string if go_on_ returns
+  // false; the job goes on then, and the things that it uses must live on with it.
   int Do(Job job_, const std::function<bool()>& go_on_) {
     std::unique_lock<std::mutex> lock(state->mutex);
     Wait(&lock, go_on_);
     state->job = std::move(job_);
     state->changed.notify_all();
     Wait(&lock, go_on_);
+    if (state->thrown) {
+      std::rethrow_exception(std::exchange(state->thrown, nullptr));
+    }
     return state->result;
   }
 
@@ -294,8 +298,9 @@ class Worker {
   struct State {
     std::mutex mutex;
     std::condition_variable changed;
-    Job job;  // Empty when it is done.
-    int result = 0;
+    Job job;                    // Empty when it is done.
+    int result = 0;             // Of the last job,
+    std::exception_ptr thrown;  // or what it threw.
     bool is_over = false;
   };
 
@@ -318,9 +323,16 @@ class Worker {
         return;
       }
       lock.unlock();
-      const int result = state_->job();
+      int result = 0;
+      std::exception_ptr thrown;
+      try {
+        result = state_->job();
+      } catch (...) {
+        thrown = std::current_exception();
+      }
       lock.lock();
       state_->result = result;
+      state_->thrown = thrown;
       state_->job = nullptr;
       state_->changed.notify_all();
     }

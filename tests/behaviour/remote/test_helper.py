@@ -259,6 +259,18 @@ def test_guest(server, make_helper, changes):
 
 
 @only_smb
+def test_temporary_directory_that_is_missing(server, make_helper):
+    server.put("new.txt", "New.")
+    helper = make_helper(server)
+    helper.scratch = helper.root / "later"
+    helper.start().wait_messages("cannot make a temporary directory: No such file or directory")
+    helper.scratch.mkdir()
+    helper.wait_files(new="New.")
+    helper.stop()
+    assert len(helper.messages()) == 2  # It works again. The worker has not died.
+
+
+@only_smb
 def test_smb_paths(server, make_helper):
     server.put("new.txt", "New.")
     for path in ("\\\\127.0.0.1\\share\\inbox", "//127.0.0.1/share/inbox/"):
