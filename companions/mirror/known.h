@@ -46,6 +46,12 @@ class Known {
 
   Files& files() { return known; }
 
+  // Somebody has emptied the directory, or put another one into its place: the memory is gone.
+  bool HasLostMemory() const { return memory && !memory->IsInPlace(); }
+
+  // Writes the memory again.
+  void Rewrite();
+
   // A number for a new hidden file, never 0, and the file's path.
   uint64_t NextPart() { return ++last_part; }
   std::string PartPath(uint64_t part_) const;
@@ -64,7 +70,6 @@ class Known {
   void TakeLine(const std::string& line_);
   void RemoveParts() const;
   void Remember(const std::string& line_);
-  void Rewrite();
 
   std::string directory;
   Files known;

@@ -38,3 +38,12 @@ void LocalFile::Rename(const std::string& path_) {
   }
   path = path_;
 }
+
+bool LocalFile::IsInPlace() const {
+  struct stat mine {};
+  struct stat there {};
+  if (stat(path.c_str(), &there) != 0) {
+    return errno != ENOENT && errno != ENOTDIR;
+  }
+  return fstat(fd, &mine) != 0 || (mine.st_dev == there.st_dev && mine.st_ino == there.st_ino);
+}

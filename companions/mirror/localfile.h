@@ -28,6 +28,9 @@ class LocalFile {
   // Gives the file another name, in place of the file that has it.
   void Rename(const std::string& path_);
 
+  // False if somebody has removed the file, or put another one into its place.
+  bool IsInPlace() const;
+
  private:
   std::string path;
   int fd;

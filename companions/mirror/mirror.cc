@@ -81,6 +81,7 @@ struct Mirror::Impl {
 
   double Look();
   void LookAndDeal();
+  void KeepMemory();
   double Lost(const std::string& reason_, double seconds_);
   double Pause() const;
 
@@ -182,6 +183,7 @@ double Mirror::Impl::Look() {
 
 void Mirror::Impl::LookAndDeal() {
   known.Finish();
+  KeepMemory();
   if (settings.auto_delete) {
     FindLocalCopies();
   }
@@ -200,6 +202,20 @@ void Mirror::Impl::LookAndDeal() {
     Beat();
   }
   DeleteTaken();
+}
+
+// Copies that are gone with their directory are not those that the daemon took, whose remote files
+// are to be deleted: what is still there remotely is delivered again.
+void Mirror::Impl::KeepMemory() {
+  if (!known.HasLostMemory()) {
+    return;
+  }
+  if (settings.auto_delete) {
+    for (auto& [name, known_file] : known.files()) {
+      known_file.delivered = 0;
+    }
+  }
+  known.Rewrite();
 }
 
 // Two looks are "in a row" only if nothing failed between them: an upload that broke off because

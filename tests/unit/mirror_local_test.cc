@@ -14,6 +14,11 @@ class MirrorLocalTest : public MirrorTest {
 
   void Fill(const std::string& name_) const { stand_ins::files.full_file = directory / name_; }
 
+  void Replace() const {
+    ASSERT_EQ(0, system(("rm -r " + directory.path).c_str()));
+    ASSERT_EQ(0, mkdir(directory.path.c_str(), 0755));
+  }
+
   std::string Trouble(const std::string& reason_ = "No space left on device") const {
     return "cannot write to " + directory.path + ": " + reason_ + "\n";
   }
@@ -111,6 +116,29 @@ TEST_F(MirrorLocalTest, DirectoryThatIsGoneIsReportedOnce) {
   EXPECT_EQ(Trouble("No such file or directory"), Run(20));
   ASSERT_EQ(0, mkdir(directory.path.c_str(), 0755));
   EXPECT_EQ("can write files again\n", Run(20));
+}
+
+TEST_F(MirrorLocalTest, DirectoryThatIsReplacedGetsTheMemoryAgain) {
+  server.Put("a", "A.");
+  Run(20);
+  TakeLocal("a");
+  Replace();
+  EXPECT_EQ("", Run(20));
+  Start();
+  EXPECT_EQ("", Run(20));
+  EXPECT_EQ(Files(), Local());
+}
+
+TEST_F(MirrorLocalTest, CopyThatIsGoneWithItsDirectoryWasNotTaken) {
+  settings.auto_delete = true;
+  server.Put("a", "A.");
+  Run(20);
+  Replace();
+  EXPECT_EQ("", Run(20));
+  EXPECT_EQ(0, server.Count("delete"));
+  EXPECT_EQ("A.", TakeLocal("a"));
+  Run(20);
+  EXPECT_EQ(1, server.Count("delete"));
 }
 
 TEST_F(MirrorLocalTest, DeliveryIsCompletedWhenItsNameIsFree) {
