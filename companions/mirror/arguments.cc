@@ -1,5 +1,7 @@
 #include "arguments.h"
 
+#include <string.h>
+
 #include <algorithm>
 #include <functional>
 #include <map>
@@ -9,11 +11,24 @@
 
 namespace {
 
+constexpr int kLongestPoll = 24 * 60 * 60;  // Seconds.
+
 // An option's value is handed to its function; one without "=" has an empty value.
 using Options = std::map<std::string, std::function<void(const std::string&)>>;
 
 bool StartsWith(const std::string& text_, const std::string& start_) {
   return text_.compare(0, start_.size(), start_) == 0;
+}
+
+// The text without a user and a password in front of the host: it is for messages.
+std::string WithoutLogin(const std::string& path_) {
+  const size_t scheme = path_.find("://");
+  const size_t begin = scheme == std::string::npos
+                           ? std::min(path_.find_first_not_of("/\\"), path_.size())
+                           : scheme + strlen("://");
+  const size_t end = std::min(path_.find_first_of("/\\", begin), path_.size());
+  const size_t at = path_.substr(begin, end - begin).rfind('@');
+  return at == std::string::npos ? path_ : path_.substr(0, begin) + path_.substr(begin + at + 1);
 }
 
 // Removes the slashes at the end.
@@ -158,7 +173,7 @@ void ReadSmbPath(const std::string& path_, const std::string& subdir_, SmbPlace*
   const size_t share_end = std::min(path.find('/', host_end + 1), path.size());
   place_->host = path.substr(2, host_end - 2);
   place_->share = path.substr(host_end + 1, share_end - host_end - 1);
-  if (place_->share.empty()) {
+  if (place_->share.empty() || place_->host.find('@') != std::string::npos) {
     throw std::string("PATH is not //host/share[/directory]");
   }
   place_->directory = Joined(WithoutFirstSlashes(path.substr(share_end)), subdir_);
@@ -214,7 +229,7 @@ void ReadMountOptions(const std::string& options_, SmbArguments* result_) {
 
 void ReadFtpArguments(const std::vector<std::string>& arguments_, FtpArguments* result_) {
   result_->settings.kind = "ftp";
-  result_->settings.source = Joined(Trimmed(arguments_[0]), arguments_[1]);
+  result_->settings.source = WithoutLogin(Joined(Trimmed(arguments_[0]), arguments_[1]));
   result_->settings.directory = Joined(arguments_[4], arguments_[1]);
   RefuseLineBreaks(arguments_);
   FtpPlace* place = &result_->place;
@@ -223,7 +238,7 @@ void ReadFtpArguments(const std::vector<std::string>& arguments_, FtpArguments* 
   place->password = arguments_[3];
   result_->settings.auto_delete = arguments_[5] != "0" && !arguments_[5].empty();
   result_->settings.poll_seconds =
-      std::max(1, Seconds(arguments_[6], 0, "POLL-RATE \"" + arguments_[6] + "\""));
+      std::clamp(Seconds(arguments_[6], 0, "POLL-RATE \"" + arguments_[6] + "\""), 1, kLongestPoll);
   ReadFtpMode(arguments_[7], result_);
   if (place->kind == FtpKind::kSftp && place->user.empty()) {
     throw std::string("sftp:// needs a USERNAME");
@@ -232,7 +247,7 @@ void ReadFtpArguments(const std::vector<std::string>& arguments_, FtpArguments* 
 
 void ReadSmbArguments(const std::vector<std::string>& arguments_, SmbArguments* result_) {
   result_->settings.kind = "cifs";
-  result_->settings.source = Joined(Trimmed(arguments_[0]), arguments_[3]);
+  result_->settings.source = WithoutLogin(Joined(Trimmed(arguments_[0]), arguments_[3]));
   result_->settings.directory = Joined(arguments_[4], arguments_[3]);
   RefuseLineBreaks(arguments_);
   SmbPlace* place = &result_->place;
