@@ -234,6 +234,7 @@ int CurlRemote::Impl::CloseSocket(void* self_, curl_socket_t socket_) {
 
 void CurlRemote::Impl::SetCommon() {
   Set(CURLOPT_PROTOCOLS_STR, SchemeOf(place.kind));
+  Set(CURLOPT_PATH_AS_IS, 1L);  // ".." is for the server.
   Set(CURLOPT_PROXY, "");
   Set(CURLOPT_NOSIGNAL, 1L);
   Set(CURLOPT_QUICK_EXIT, 1L);  // Does not wait for a name server.
@@ -262,7 +263,8 @@ void CurlRemote::Impl::SetCommon() {
 }
 
 void CurlRemote::Impl::SetTls() {
-  if (place.kind == FtpKind::kFtpes) {
+  // Also from the start: else a server could have the data without it.
+  if (place.kind == FtpKind::kFtpes || place.kind == FtpKind::kFtps) {
     Set(CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
   }
   Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));

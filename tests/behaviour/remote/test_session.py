@@ -163,13 +163,15 @@ def test_sftp_with_password(make_server, make_helper, password):
 
 
 @only_sshd
-def test_sftp_with_a_directory_that_begins_at_the_root(make_server, make_helper):
+@pytest.mark.parametrize("directory", ["tree/inbox", "link/.."])
+def test_sftp_with_a_directory_that_begins_at_the_root(make_server, make_helper, directory):
     server = make_server()
     server.put("new.txt", "New.")
-    helper = make_helper(
-        server, path=f"sftp://127.0.0.1:{server.port}/{server.inbox}", auto_delete=1
-    ).start()
+    (server.inbox / "deeper").mkdir()  # A server goes up from there, where the link leads.
+    (server.root / "link").symlink_to(server.inbox / "deeper")
+    path = f"sftp://127.0.0.1:{server.port}/{server.root}/{directory}"
+    helper = make_helper(server, path=path, auto_delete=1).start()
     helper.wait_first_beat()
     Taker(helper).wait(("new.txt", "New."))
-    helper.wait(lambda: server.names() == [], "the file to be deleted")
+    helper.wait(lambda: server.names() == ["deeper"], "the file to be deleted")
     helper.stop()
