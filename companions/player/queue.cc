@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
@@ -29,6 +30,11 @@ constexpr int64_t kRestartTime = 90000000;
 // of the daemon, names come again.
 constexpr char kPlaying[] = ".playing.";
 constexpr char kWaiting[] = ".waiting.";
+
+// Without the end of the longest names: what they tell is at their start.
+std::string HiddenName(const std::string& prefix_, const std::string& name_) {
+  return (prefix_ + name_).substr(0, NAME_MAX);
+}
 
 // The name that the daemon gave a hidden file; empty if no player has hidden it.
 std::string NameOfHidden(const std::string& file_) {
@@ -197,10 +203,10 @@ Queue::Result Queue::Impl::Hide(const Piece& piece_, const char* prefix_, std::s
   if (!piece_.IsHidden() && !Lock()) {
     return Result::kLocked;
   }
-  file_ = prefix_ + piece_.name;
+  file_ = HiddenName(prefix_, piece_.name);
   for (int number = 1; faccessat(directory, file_.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
        ++number) {
-    file_ = Format("%s%d.", prefix_, number) + piece_.name;
+    file_ = HiddenName(Format("%s%d.", prefix_, number), piece_.name);
   }
   const bool is_done = renameat(directory, piece_.file.c_str(), directory, file_.c_str()) == 0;
   const int error = errno;

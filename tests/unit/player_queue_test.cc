@@ -164,6 +164,23 @@ TEST_F(QueueTest, NamesThatComeAgainReplaceNoHiddenFile) {
   EXPECT_THAT(Waiting(), ElementsAre("1_a", "1_a", "1_a"));
 }
 
+TEST_F(QueueTest, LongestNamesCanBeHidden) {
+  const std::string id(255 - strlen("1_.text_live_cont.raw"), 'a');
+  const std::string name = "1_" + id + ".text_live_cont.raw";
+  for (int round = 0; round < 2; ++round) {
+    Deliver(name, 1000 + round);
+    Waiting();
+    queue->PutBack(Take(name));
+    Waiting();
+  }
+  Restart();
+  Waiting();
+  EXPECT_EQ(2U, queue->Waiting().size());
+  for (const Piece& piece : queue->Waiting()) {
+    EXPECT_EQ(id, piece.parts.id);
+  }
+}
+
 TEST_F(QueueTest, OnlyWhatWasMovedAsideIsRemovedWithTheRest) {
   for (const char* const name : {"1_a", "2_a", "3_a"}) {
     Deliver(name);
