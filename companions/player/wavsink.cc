@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sndfile.h>
+#include <stdint.h>
 #include <unistd.h>
 
 #include "format.h"
@@ -8,6 +9,9 @@
 namespace {
 
 constexpr int kFormat = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+
+// Samples. The header has 32 bits for the size of the file less its first 8 bytes.
+constexpr sf_count_t kMost = (UINT32_MAX - 36) / 2;
 
 struct Descriptor {
   explicit Descriptor(const std::string& path_)
@@ -45,18 +49,22 @@ class WavSink : public Sink {
       throw Format("%s is not a WAV file of this player at %d Hz", path.c_str(), rate_);
     }
     // What a killed player left after the last sample of the header is written over.
-    sf_seek(file.get(), 0, SEEK_END | SFM_WRITE);
+    length = sf_seek(file.get(), 0, SEEK_END | SFM_WRITE);
     sf_command(file.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
     sf_command(file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
   }
 
   size_t Write(const int16_t* samples_, size_t count_) override {
-    const size_t count = is_paced ? pace.Pass(count_) : count_;
-    if (sf_write_short(file.get(), samples_, static_cast<sf_count_t>(count)) !=
-        static_cast<sf_count_t>(count)) {
+    const size_t passed = is_paced ? pace.Pass(count_) : count_;
+    const auto count = static_cast<sf_count_t>(passed);
+    if (count > kMost - length) {
+      throw Format("%s is full", path.c_str());
+    }
+    if (sf_write_short(file.get(), samples_, count) != count) {
       throw Format("cannot write %s", path.c_str());
     }
-    return count;
+    length += count;
+    return passed;
   }
 
   void Drain() override { pace.Drain(); }
@@ -67,6 +75,7 @@ class WavSink : public Sink {
   const bool is_paced;
   const Descriptor descriptor;  // Outlives the file.
   std::unique_ptr<SNDFILE, Closer> file;
+  sf_count_t length = 0;  // Samples.
 };
 
 }  // namespace

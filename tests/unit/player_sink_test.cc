@@ -203,6 +203,27 @@ TEST(WavSinkTest, OtherFilesAreRefused) {
             ThrownText([&] { OpenWavSink("/nonexistent/wav", 22050, false); }));
 }
 
+TEST(WavSinkTest, EndsBeforeTheSizesOfTheHeaderOverflow) {
+  const TemporaryDirectory directory;
+  const std::string path = directory / "wav";
+  OpenWavSink(path, 22050, false);
+  std::string header = ReadFile(path);
+  const uint32_t sound = UINT32_MAX - 36 - 3;  // One sample less than there is room for.
+  const uint32_t riff = sound + 36;
+  memcpy(&header[4], &riff, sizeof(riff));
+  memcpy(&header[40], &sound, sizeof(sound));
+  directory.Write("wav", header);
+  ASSERT_EQ(0, truncate(path.c_str(), off_t{44} + sound));
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(path + " is full", ThrownText([&] {
+                const auto sink = OpenWavSink(path, 22050, false);
+                for (int i = 0; i < 2; ++i) {
+                  WriteAll(*sink, {1});
+                }
+              }));
+  }
+}
+
 TEST(WavSinkTest, FullDiskEndsIt) {
   EXPECT_NE("", ThrownText([&] {
               const auto sink = OpenWavSink("/dev/full", 22050, false);
