@@ -71,7 +71,8 @@ class WavClip : public Clip {
     size_t count = 0;
     while (count < count_ && (position < ready.size() || Refill())) {
       const float sample = roundf(ready[position++] * 32768);
-      samples_[count++] = static_cast<int16_t>(std::clamp(sample, -32768.F, 32767.F));
+      samples_[count++] =
+          isnan(sample) ? int16_t{0} : static_cast<int16_t>(std::clamp(sample, -32768.F, 32767.F));
     }
     return count;
   }

@@ -66,9 +66,23 @@ TEST(ClipTest, ChannelsAreMixed) {
                                        {{1, -1}, 0},
                                        {{0.25F, 0, 0.25F, 0.5F}, 8192},
                                        {{2}, 32767},
+                                       {{NAN}, 0},
+                                       {{0.5F, NAN}, 0},
+                                       {{INFINITY}, 32767},
                                        {{-2}, -32768}}) {
     WriteWav(path, SF_FORMAT_FLOAT, kRate, 3, values);
     EXPECT_THAT(Samples(path), ElementsAre(sample, sample, sample));
+  }
+}
+
+TEST(ClipTest, ValueThatIsNoNumberDoesNotSpoilTheRest) {
+  const TemporaryDirectory directory;
+  const std::string path = WriteWav(directory / "clip", SF_FORMAT_FLOAT, 8000, 8000, {0.5F});
+  std::string content = ReadFile(path);
+  for (const float bad : {NAN, INFINITY, 1e30F}) {
+    memcpy(&content[content.size() - 4 * 7000], &bad, sizeof(bad));
+    directory.Write("clip", content);
+    EXPECT_NEAR(16384, Samples(path)[kRate / 2], 2) << bad;
   }
 }
 
