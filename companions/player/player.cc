@@ -352,6 +352,7 @@ void Player::Impl::OpenSink() {
 // What was playing waits for the device: nobody knows how much of it was heard.
 void Player::Impl::LoseSink(const std::string& reason_) {
   is_open = false;
+  is_locked = false;
   next_open = now + kSlowInterval;
   pending.clear();
   pending_at = 0;

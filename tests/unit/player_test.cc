@@ -422,7 +422,11 @@ TEST_F(PlayerTest, SoundGoesOnWhileAnotherProcessHoldsTheLock) {
   sink.room = SIZE_MAX;
   Run([&] { return sink.sound.size() == 100; });
   EXPECT_LE(player->Step(), 5);
+  sink.is_missing = true;
+  Run([&] { return !ReadPlayerState(directory / "state").device_ok; });
   close(other);
+  Run([&] { return player->Step() > 100; });  // Nothing else is urgent.
+  sink.is_missing = false;
   Run([&] { return sink.sound.size() == 200; });
 }
 
