@@ -45,5 +45,8 @@ std::string RunHook(const std::string& command_) {
     }
     Nap(kPause);
   }
-  return CommandFailed(status) ? Format("exit status %d", WEXITSTATUS(status)) : "";
+  if (WIFSIGNALED(status)) {
+    return Format("signal %d", WTERMSIG(status));
+  }
+  return status != 0 ? Format("exit status %d", WEXITSTATUS(status)) : "";
 }

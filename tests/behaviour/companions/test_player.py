@@ -325,9 +325,13 @@ def test_wav_file_of_an_earlier_run_is_continued(output, wav):
 
 def test_commands_run_around_sound(output, sandbox, wav):
     output.deliver("1_lobby.raw", pcm(1, 10))
-    collect(output, wav, "--begin", "ls -A out >begin", "--end", "ls -A out >end")
+    begin = "ls -A out >begin; ls -l /proc/$$/fd >descriptors"
+    collect(output, wav, "--begin", begin, "--end", "ls -A out >end")
     assert (sandbox.path / "begin").read_text() == "1_lobby.raw\n"
     assert (sandbox.path / "end").read_text() == ""
+    descriptors = (sandbox.path / "descriptors").read_text()
+    assert "/descriptors" in descriptors or "/dev/null" in descriptors
+    assert not re.search(r"inotify|signalfd|/out$|\.wav$", descriptors, re.MULTILINE)
 
 
 def test_missing_device_is_waited_for(output, sandbox):
