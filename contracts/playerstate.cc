@@ -47,7 +47,8 @@ void WritePlayerState(const std::string& path_, const PlayerState& state_) {
   bool is_written = file != nullptr;
   if (is_written) {
     root.Dump(file, "");
-    is_written = fclose(file) == 0;
+    is_written = ferror(file) == 0;
+    is_written = fclose(file) == 0 && is_written;
   }
   if (!is_written || rename(temporary.c_str(), path_.c_str()) != 0) {
     const std::string why = strerror(errno);
