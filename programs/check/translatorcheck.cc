@@ -20,6 +20,7 @@ namespace {
 constexpr double kLimit = 5;  // Seconds.
 constexpr int kTick = 10;     // Milliseconds.
 constexpr size_t kMaxOutput = 64 << 10;
+constexpr size_t kMaxPipe = 64 << 10;  // Bytes that a pipe holds.
 constexpr int kNoStatus = -1;
 
 // Starts a program in a group of its own, with stream_ into the descriptor and nothing in its other
@@ -52,11 +53,16 @@ pid_t Start(const std::vector<std::string>& command_, int stream_, int descripto
   return pid;
 }
 
-// Reads what is there; descriptor_ is -1 after the end.
+// Reads what is there, and no more: a program may write faster than this reads. descriptor_ is -1
+// after the end.
 void Drain(int& descriptor_, std::string& output_) {
-  char block[4096];
-  ssize_t count = 0;
-  while (descriptor_ >= 0 && (count = read(descriptor_, block, sizeof(block))) >= 0) {
+  char block[kMaxPipe];
+  for (size_t rest = kMaxPipe; descriptor_ >= 0 && rest > 0;) {
+    const ssize_t count = read(descriptor_, block, rest);
+    if (count < 0) {
+      return;
+    }
+    rest -= static_cast<size_t>(count);
     if (count == 0) {
       close(descriptor_);
       descriptor_ = -1;
