@@ -33,7 +33,7 @@ namespace {
 // Directories are compared with each other: time and findings take the square of their number.
 constexpr size_t kMaxBytes = 16 << 10;
 
-const fuzz::Scratch scratch;
+const fuzz::Scratch kScratch;
 
 // The check's lines on standard error, and its verdict.
 std::string Checked(const CheckOptions& options_, Verdict& verdict_) {
@@ -91,8 +91,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   const std::string glossary = middle < text.size()
                                    ? fuzz::Unfold(text.substr(middle + separator.size()), kMaxBytes)
                                    : "<glossary/>";
-  const std::string config_path = scratch.Write("config.xml", config);
-  const std::string glossary_path = scratch.Write("glossary.xml", glossary);
+  const std::string config_path = kScratch.Write("config.xml", config);
+  const std::string glossary_path = kScratch.Write("glossary.xml", glossary);
 
   CheckOptions options;
   options.config_path = config_path;

@@ -32,8 +32,8 @@ Function* Real(const char* name_, Function* /*replacement*/) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name_));
 }
 
-const fuzz::Scratch scratch;
-const fuzz::Scratch empty_directory;  // Opened for every other path.
+const fuzz::Scratch kScratch;
+const fuzz::Scratch kEmptyDirectory;  // Opened for every other path.
 
 }  // namespace
 
@@ -66,13 +66,13 @@ int open(const char* path_, int flags_, ...) {
   const mode_t mode =
       va_arg(arguments, mode_t);  // Without a mode argument, any value; open ignores it.
   va_end(arguments);
-  const bool is_ours = strncmp(path_, scratch.Path().c_str(), scratch.Path().size()) == 0;
-  return Real("open", open)(is_running && !is_ours ? empty_directory.Path().c_str() : path_, flags_,
+  const bool is_ours = strncmp(path_, kScratch.Path().c_str(), kScratch.Path().size()) == 0;
+  return Real("open", open)(is_running && !is_ours ? kEmptyDirectory.Path().c_str() : path_, flags_,
                             mode);
 }
 
 DIR* opendir(const char* path_) {
-  return Real("opendir", opendir)(is_running ? empty_directory.Path().c_str() : path_);
+  return Real("opendir", opendir)(is_running ? kEmptyDirectory.Path().c_str() : path_);
 }
 
 int usleep(useconds_t /*microseconds*/) { return 0; }
@@ -90,7 +90,7 @@ class Station {
  public:
   // Hands the document over and runs one pass. True if it came to its end.
   bool Run(const std::string& config_) {
-    const std::string path = scratch.Write("config.xml", config_);
+    const std::string path = kScratch.Write("config.xml", config_);
     bool is_valid = false;
     fuzz::Load(path, "utf8", config_.size(), is_valid);
     is_running = true;
@@ -105,13 +105,13 @@ class Station {
     return is_done;
   }
   static std::string Status() {
-    std::ifstream file(scratch.Path() + "/status.xml");
+    std::ifstream file(kScratch.Path() + "/status.xml");
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
  private:
-  Vocastra player{scratch.Path() + "/config.xml",
-                  scratch.Path() + "/status.xml",
+  Vocastra player{kScratch.Path() + "/config.xml",
+                  kScratch.Path() + "/status.xml",
                   "",
                   "",
                   "",

@@ -31,7 +31,7 @@ namespace {
 constexpr char kHidden = 'g';  // Is ".g".
 constexpr char kStuck = 'h';   // A file of this name cannot be removed.
 
-const fuzz::Scratch scratch;
+const fuzz::Scratch kScratch;
 
 bool IsVisible(const std::string& name_) { return name_[0] != '.'; }
 
@@ -132,7 +132,7 @@ class Pair {
   model::Directory model;
 
   Pair(const std::string& line_, size_t number_)
-      : model(Describe(line_, number_)), path(scratch.Path() + "/in" + std::to_string(number_)) {
+      : model(Describe(line_, number_)), path(kScratch.Path() + "/in" + std::to_string(number_)) {
     last_played_path = path + "-played";
     for (const std::string& made : {path, last_played_path}) {
       mkdir(made.c_str(), 0700);
@@ -140,8 +140,8 @@ class Pair {
         remove((made + "/" + name).c_str());
       }
     }
-    scratch.Write(Name('a'), "an old file that is removed");
-    scratch.Write(Name(kStuck), "an old file that stays");
+    kScratch.Write(Name('a'), "an old file that is removed");
+    kScratch.Write(Name(kStuck), "an old file that stays");
     model.files = {{"a", "an old file that is removed"}, {{kStuck}, "an old file that stays"}};
     model.id = "d";
     model.path = path;
@@ -220,7 +220,7 @@ class Pair {
     for (char& c : text_) {
       c = c == '|' ? '\n' : c;
     }
-    scratch.Write(path.substr(path.rfind('/') + 1) + "/" + name_, text_);
+    kScratch.Write(path.substr(path.rfind('/') + 1) + "/" + name_, text_);
     model.files[name_] = text_;
   }
 

@@ -25,7 +25,8 @@ bool IsFlat(const XMLElement* root_) {
   return true;
 }
 
-// Reads all that the tools read of a status. They do not check it first.
+// Reads all that the tools read of a status. They do not check it first. The list is also in the
+// reader, and is here again on purpose: an attribute that the reader forgets is noticed here.
 void ReadAll(const XMLElement& root_) {
   for (const char* name : {"timestamp", "now-playing", "output-bound"}) {
     root_.GetAttributeInteger(name);

@@ -31,10 +31,10 @@ extern "C" int posix_spawn(pid_t* /*pid*/, const char* /*path*/,
   return EAGAIN;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   static const fuzz::Scratch scratch;
   SetDebugMask(0);
-  fuzz::Input input(data, size);
+  fuzz::Input input(data_, size_);
   const int byte = input.Byte();
   const int limit = byte < 128 ? byte : byte - 256;  // Also below 0.
   const int loops = input.Byte() % 4;

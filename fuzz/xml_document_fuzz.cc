@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kMaxDumpBytes = 4 << 20;
 
-const fuzz::Scratch scratch;
+const fuzz::Scratch kScratch;
 
 void CheckElements(const XMLElement* root_, const std::string& document_) {
   for (const XMLElement* element = root_; element != nullptr;
@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   const std::string text = fuzz::Unfold(input.Rest());
   bool is_valid = false;
   const auto root =
-      fuzz::Load(scratch.Write("document.xml", text), encoding, text.size(), is_valid);
+      fuzz::Load(kScratch.Write("document.xml", text), encoding, text.size(), is_valid);
   if (!root) {
     return 0;
   }
@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   if (encoding == "utf16" || NeedsEscaping(text)) {
     return 0;
   }
-  const XMLDocument again(scratch.Write("dump.xml", dump), "utf8");
+  const XMLDocument again(kScratch.Write("dump.xml", dump), "utf8");
   const std::unique_ptr<XMLElement> reread(again.GetRoot());
   fuzz::Require(again.IsValidXML() && reread, "a dump can be parsed", dump);
   fuzz::Require(fuzz::Dumped(*reread) == dump, "a dump reads as the tree it came from", dump);

@@ -18,7 +18,7 @@ namespace {
 constexpr size_t kBound = 65536;
 constexpr int kMaxDepth = 300;  // The model is recursive.
 
-const fuzz::Scratch scratch;
+const fuzz::Scratch kScratch;
 
 // Words of four letters each: parent, tag, attribute, value; '-' is none, other letters
 // are themselves. The first byte chooses mode and encoding.
@@ -64,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   fuzz::Input input(data_, size_);
   const Configuration configuration(input.Line());
   const std::string content = fuzz::Unfold(input.Rest());
-  const std::string path = scratch.Write("message.xml", content);
+  const std::string path = kScratch.Write("message.xml", content);
   const std::string text = MakeParser(configuration).ParseFile(path);
   fuzz::Require(fuzz::IsUtf8(text), "the text is UTF-8", text);
   fuzz::Require(text.size() <= kBound + 1, "the text keeps its bound");

@@ -32,7 +32,7 @@ struct Directory {
   // A parser makes a text of a file's name and content, or throws a string.
   bool has_parser = true;
   std::function<std::string(const std::string&, const std::string&)> parse =
-      [](const std::string&, const std::string& content) { return content; };
+      [](const std::string&, const std::string& content_) { return content_; };
 
   // As the construction of the daemon's directory: empties both directories.
   void Open();

@@ -36,7 +36,7 @@ uint16_t CRC(uint16_t crc_, const std::string& bytes_) {
 }
 
 std::string Encode(uint32_t cp_) {
-  const auto trail = [cp_](int shift) { return static_cast<char>(0x80 | (cp_ >> shift & 0x3F)); };
+  const auto trail = [cp_](int shift_) { return static_cast<char>(0x80 | (cp_ >> shift_ & 0x3F)); };
   if (cp_ < 0x80) {
     return {static_cast<char>(cp_)};
   }

@@ -18,15 +18,15 @@ std::set<uint32_t> Points(const std::vector<std::pair<uint32_t, uint32_t>>& rang
   return points;
 }
 
-void ExpectTrueExactlyFor(const std::set<uint32_t>& points_, bool (*classifier)(uint32_t)) {
+void ExpectTrueExactlyFor(const std::set<uint32_t>& points_, bool (*classifier_)(uint32_t)) {
   for (uint32_t cp = 0; cp <= 0x200; ++cp) {
-    EXPECT_EQ(points_.count(cp) == 1, classifier(cp)) << std::hex << cp;
+    EXPECT_EQ(points_.count(cp) == 1, classifier_(cp)) << std::hex << cp;
   }
   // Also some whose low byte or low half would belong to a class.
   for (const uint32_t cp :
        {0x2003U, 0x2020U, 0x202FU, 0x3000U, 0x4141U, 0xFFFFU, 0x10020U, 0x10041U, 0x1F3A0U,
         0x10FFFFU, 0x110000U, 0x80000020U, 0xFFFFFF20U, 0xFFFFFF41U, 0xFFFFFFFFU}) {
-    EXPECT_FALSE(classifier(cp)) << std::hex << cp;
+    EXPECT_FALSE(classifier_(cp)) << std::hex << cp;
   }
 }
 

@@ -49,12 +49,12 @@ std::vector<std::string> WritesOf(const std::function<void()>& action_) {
 }
 
 // Before any test could set a mask.
-const bool initially_normal = IsDebugEnabled(0x1);
-const bool initially_others = IsDebugEnabled(~0x1U);
+const bool kInitiallyNormal = IsDebugEnabled(0x1);
+const bool kInitiallyOthers = IsDebugEnabled(~0x1U);
 
 TEST(DebugTest, WritesNormalMessagesOnlyUntilAMaskIsSet) {
-  EXPECT_TRUE(initially_normal);
-  EXPECT_FALSE(initially_others);
+  EXPECT_TRUE(kInitiallyNormal);
+  EXPECT_FALSE(kInitiallyOthers);
 }
 
 TEST(DebugTest, WritesAMessageIfOneOfItsBitsIsInTheMask) {
@@ -123,9 +123,9 @@ TEST(DebugTest, WritesALongLineAtOnce) {
 }
 
 TEST(DebugTest, KeepsErrno) {
-  const auto errno_after = [](unsigned int message) {
+  const auto errno_after = [](unsigned int message_) {
     errno = ERANGE;
-    Debug(message, "text");
+    Debug(message_, "text");
     return errno;
   };
   EXPECT_EQ("text\n", LogOf([&] { EXPECT_EQ(ERANGE, errno_after(1)); }));

@@ -152,8 +152,8 @@ TEST_F(LockTest, ReleasesTheLockWithTheObject) {
 TEST_F(LockTest, ClearsWithoutTheLock) {
   WriteFiles({"a", "b"});
   std::vector<std::string> removed;
-  listing.before_unlink = [&](const std::string& path) {
-    removed.push_back(path);
+  listing.before_unlink = [&](const std::string& path_) {
+    removed.push_back(path_);
     EXPECT_TRUE(other_process.CouldLock());
   };
   shared.ClearDirectoryLocked();
@@ -162,8 +162,8 @@ TEST_F(LockTest, ClearsWithoutTheLock) {
 
 TEST_F(LockTest, ClearsTheRestIfAFileCannotBeRemoved) {
   WriteFiles({"a", "b", "c"});
-  listing.before_unlink = [&](const std::string& path) {
-    if (path == shared_path + "b") {  // Becomes a directory, which unlink does not remove.
+  listing.before_unlink = [&](const std::string& path_) {
+    if (path_ == shared_path + "b") {  // Becomes a directory, which unlink does not remove.
       listing.before_unlink = nullptr;
       Remove("b");
       temporary.MakeDirectory("shared/b");

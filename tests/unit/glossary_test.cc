@@ -156,10 +156,10 @@ TEST_F(GlossaryTest, FailsForAWordWithoutAnAttribute) {
 
 TEST_F(GlossaryTest, AgreesWithTheModel) {
   std::mt19937 random(20261120);
-  const auto random_text = [&random](const std::string& alphabet, size_t max_length) {
+  const auto random_text = [&random](const std::string& alphabet_, size_t max_length_) {
     std::string text;
-    for (size_t length = random() % (max_length + 1); length > 0; --length) {
-      text += alphabet[random() % alphabet.size()];
+    for (size_t length = random() % (max_length_ + 1); length > 0; --length) {
+      text += alphabet_[random() % alphabet_.size()];
     }
     return text;
   };

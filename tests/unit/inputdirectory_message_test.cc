@@ -98,9 +98,9 @@ TEST_F(TakenFileTest, TakesTheNextFileAfterOneThatCannotBeRemoved) {
 TEST_F(TakenFileTest, SkipsAFileThatVanishesWhileItIsTaken) {
   Open();
   int calls = 0;
-  const FunctionParser function_parser([&](const std::string& path) {
+  const FunctionParser function_parser([&](const std::string& path_) {
     if (++calls == 2) {
-      EXPECT_EQ(0, unlink(path.c_str()));
+      EXPECT_EQ(0, unlink(path_.c_str()));
     }
     return "text";
   });

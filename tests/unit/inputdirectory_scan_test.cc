@@ -137,11 +137,11 @@ TEST_F(ScanTest, WithPreviewQueuesEveryFileAtEveryScan) {
 TEST_F(ScanTest, LogsOnlyNewAndChangedFilesByDefault) {
   Open();
   int calls = 0;
-  const FunctionParser function_parser([&](const std::string& path) {
+  const FunctionParser function_parser([&](const std::string& path_) {
     if (++calls == 3) {
       throw std::string("bad file");
     }
-    return ReadFile(path);
+    return ReadFile(path_);
   });
   input->SetFileParser(&function_parser);
   directory.Write("a", "first");
@@ -178,7 +178,7 @@ TEST_F(ScanTest, AgreesWithTheModel) {
   const std::vector<std::string> names = {"!", "0", "10", "9", "A", "a", "aa", "b", ".hidden"};
   const std::vector<std::string> texts = {"", "one", "two. 2, 2", "..", "three\xFF"};
   std::mt19937 random(20261120);
-  const auto below = [&random](unsigned int bound) { return random() % bound; };
+  const auto below = [&random](unsigned int bound_) { return random() % bound_; };
   for (unsigned int round = 0; round < 16; ++round) {
     model::Directory expected;
     expected.id = "d";
@@ -190,11 +190,11 @@ TEST_F(ScanTest, AgreesWithTheModel) {
     expected.is_cache = (round & 4) != 0;
     expected.has_last_played = (round & 8) != 0;
     std::set<std::string> unreadable;
-    expected.parse = [&](const std::string& name, const std::string& content) {
-      if (unreadable.count(name) != 0) {
-        throw name + " is bad";
+    expected.parse = [&](const std::string& name_, const std::string& content_) {
+      if (unreadable.count(name_) != 0) {
+        throw name_ + " is bad";
       }
-      return content;
+      return content_;
     };
     Open({{"id", "d"},
           {"loops", Number(expected.loops)},

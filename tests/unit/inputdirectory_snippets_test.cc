@@ -131,16 +131,16 @@ TEST_F(SnippetTest, FreesTheMemoryOfAMessageThatIsOver) {
   Open({}, INT_MAX);
   const auto held_bytes = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
   const std::function<void(const std::string&)> ways[] = {
-      [this](const std::string& text) {
-        Activate(text);
+      [this](const std::string& text_) {
+        Activate(text_);
         input->GetWords();
       },
-      [this](const std::string& text) {
-        Activate(text);
+      [this](const std::string& text_) {
+        Activate(text_);
         input->StopMessage();
       },
-      [this](const std::string& text) {
-        Write(std::string(text.size(), '.'));  // Has no words.
+      [this](const std::string& text_) {
+        Write(std::string(text_.size(), '.'));  // Has no words.
         Scan();
       },
   };

@@ -23,11 +23,11 @@ TEST_F(StatusTest, ReportsItsActiveMessage) {
   directory.Write("n", "next");
   Activate("one two three");
   const std::string id = Number(input->GetActiveMessageID());
-  const auto status_with_plays = [&](const std::string& plays) {
+  const auto status_with_plays = [&](const std::string& plays_) {
     return "<directory id=\"a\" path=\"" + directory.path +
            "\" status=\"1\" total-file-count=\"2\" updated-file-count=\"1\">\n    <message "
            "filename=\"m\" id=\"" +
-           id + "\" plays=\"" + plays + "\"/>\n</directory>\n";
+           id + "\" plays=\"" + plays_ + "\"/>\n</directory>\n";
   };
   EXPECT_EQ(status_with_plays("0"), StatusOf(*input));
   EXPECT_THAT(input->GetWords(), ElementsAre("one", "two"));

@@ -149,9 +149,9 @@ class RunShellSigquitTest : public testing::Test {
   ~RunShellSigquitTest() override { sigaction(SIGQUIT, &saved, nullptr); }
 
   static void Note(int /*signal_number*/) { ++deliveries; }
-  static void SetDisposition(void (*disposition)(int)) {
+  static void SetDisposition(void (*disposition_)(int)) {
     struct sigaction action {};
-    action.sa_handler = disposition;
+    action.sa_handler = disposition_;
     action.sa_flags = SA_RESTART;
     sigaction(SIGQUIT, &action, nullptr);
   }

@@ -145,7 +145,7 @@ inline std::string Written(const std::function<void(FILE*)>& write_) {
 }
 
 inline std::string DumpOf(const XMLElement& element_, const std::string& indent_ = "") {
-  return Written([&](FILE* file) { element_.Dump(file, indent_); });
+  return Written([&](FILE* file_) { element_.Dump(file_, indent_); });
 }
 
 inline std::string Number(int value_) { return std::to_string(value_); }

@@ -41,9 +41,9 @@ TEST_F(ParsersTest, AttachesNoParserIfTheNamedOneDoesNotExist) {
   Configure(Element("a", "parser='text'") + Element("b", "parser='x' encoding='utf8'") +
             Element("c", "encoding='nonsense'") + Element("d", "parser='text' encoding='UTF8'"));
   player = Build(settings);
-  const auto missing = [](const std::string& id, const std::string& parser) {
-    return "Directory \"" + id + "\" uses nonexistent parser \"" + parser + "\"\nDirectory \"" +
-           id + "\" using parser (nil) " + parser + "\n";
+  const auto missing = [](const std::string& id_, const std::string& parser_) {
+    return "Directory \"" + id_ + "\" uses nonexistent parser \"" + parser_ + "\"\nDirectory \"" +
+           id_ + "\" using parser (nil) " + parser_ + "\n";
   };
   EXPECT_EQ(Processing() + Created("a") + Created("b") + Created("c") + Created("d") +
                 missing("a", "text-") + missing("b", "x-utf8") + Attached("c") +
@@ -77,8 +77,8 @@ TEST_F(ParsersTest, ReportsAParserOnlyIfItsIDIsAnEncodedOne) {
 }
 
 TEST_F(ParsersTest, UsesTheFirstOfTwoParsersWithTheSameID) {
-  const auto parser = [](const std::string& id, const std::string& tag) {
-    return "<parser id='" + id + "' type='xml'><field tag='" + tag +
+  const auto parser = [](const std::string& id_, const std::string& tag_) {
+    return "<parser id='" + id_ + "' type='xml'><field tag='" + tag_ +
            "' attr='' attr_value=''/></parser>";
   };
   Configure(parser("x", "one") + parser("x", "two") + parser("text", "one") +
@@ -128,8 +128,8 @@ TEST_F(ParsersTest, KeepsTheDirectoryChangesMadeBeforeAParserFailed) {
 }
 
 TEST_F(ParsersTest, RebuildsTheParsersAtEveryReload) {
-  const auto parser = [](const std::string& tag) {
-    return "<parser id='x' type='xml'><field tag='" + tag + "' attr='' attr_value=''/></parser>";
+  const auto parser = [](const std::string& tag_) {
+    return "<parser id='x' type='xml'><field tag='" + tag_ + "' attr='' attr_value=''/></parser>";
   };
   const std::string element = Element("a", "parser='x' encoding='utf8'");
   Start(element + parser("one"));

@@ -19,18 +19,19 @@ TEST_F(StatusFileTest, ShowsTheMessageThatIsPlayedAndThoseThatWait) {
   stand_ins::pauses.on_usleep = [&] { states.push_back(Status()); };
   Run();
   ASSERT_EQ(7U, states.size());
-  const auto status = [&](int timestamp, int playing, const std::string& a, const std::string& b) {
-    const auto directory = [&](const std::string& name, const std::string& rest) {
-      return "    <directory id=\"" + name + "\" path=\"" + Input(name) +
-             "\" status=\"1\" total-file-count=" + rest;
+  const auto status = [&](int timestamp_, int playing_, const std::string& a_,
+                          const std::string& b_) {
+    const auto directory = [&](const std::string& name_, const std::string& rest_) {
+      return "    <directory id=\"" + name_ + "\" path=\"" + Input(name_) +
+             "\" status=\"1\" total-file-count=" + rest_;
     };
-    return "<tts-status now-playing=\"" + Number(playing) +
-           "\" output-bound=\"0\" state=\"run\" timestamp=\"" + Number(timestamp) + "\">\n" +
-           directory("a", a) + directory("b", b) + "</tts-status>\n";
+    return "<tts-status now-playing=\"" + Number(playing_) +
+           "\" output-bound=\"0\" state=\"run\" timestamp=\"" + Number(timestamp_) + "\">\n" +
+           directory("a", a_) + directory("b", b_) + "</tts-status>\n";
   };
-  const auto message = [](const std::string& name, int message_id, int plays) {
-    return ">\n        <message filename=\"" + name + "\" id=\"" + Number(message_id) +
-           "\" plays=\"" + Number(plays) + "\"/>\n    </directory>\n";
+  const auto message = [](const std::string& name_, int message_id_, int plays_) {
+    return ">\n        <message filename=\"" + name_ + "\" id=\"" + Number(message_id_) +
+           "\" plays=\"" + Number(plays_) + "\"/>\n    </directory>\n";
   };
   const std::string none = "\"0\" updated-file-count=\"0\"";
   const std::string n = "\"1\" updated-file-count=\"1\"" + message("n", id + 1, 0);

@@ -118,9 +118,9 @@ TEST_F(TemporaryFilesTest, LosesTheWordsForWhichTheTextFileCannotBeOpened) {
   settings.words = 1;
   const std::string other = tree.Write("other", "precious");
   const std::function<int(const char*)> obstacles[] = {
-      [](const char* path) { return mkdir(path, 0700); },
-      [&](const char* path) { return symlink(other.c_str(), path); },
-      [](const char* path) { return mkfifo(path, 0600); },  // It has no reader.
+      [](const char* path_) { return mkdir(path_, 0700); },
+      [&](const char* path_) { return symlink(other.c_str(), path_); },
+      [](const char* path_) { return mkfifo(path_, 0600); },  // It has no reader.
   };
   for (const auto& obstacle : obstacles) {
     stand_ins::temporaries = {};

@@ -309,9 +309,9 @@ TEST_F(XMLDocumentTest, AcceptsEveryTreeWithoutEntities) {
 }
 
 TEST_F(XMLDocumentTest, StopsAfterTooManyAttributeDeclarations) {
-  const auto document = [](int count) {
+  const auto document = [](int count_) {
     std::string declarations;
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < count_; ++i) {
       declarations += " a" + std::to_string(i) + " CDATA #IMPLIED";
     }
     return "<!DOCTYPE a [<!ATTLIST a" + declarations + ">]><a/>";

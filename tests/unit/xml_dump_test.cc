@@ -10,8 +10,8 @@ void OnASmallStack(const std::function<void()>& action_) {
   pthread_attr_init(&attributes);
   ASSERT_EQ(0, pthread_attr_setstacksize(&attributes, 512 * 1024));
   pthread_t thread{};
-  const auto run = [](void* function) -> void* {
-    (*static_cast<const std::function<void()>*>(function))();
+  const auto run = [](void* function_) -> void* {
+    (*static_cast<const std::function<void()>*>(function_))();
     return nullptr;
   };
   ASSERT_EQ(

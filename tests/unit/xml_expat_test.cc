@@ -85,15 +85,15 @@ TEST_F(ExpatTest, TellsExpatTheEncoding) {
 
 TEST_F(ExpatTest, ThrowsForASecondRoot) {
   int calls = 0;
-  expat.script = [&calls](void* data) {
+  expat.script = [&calls](void* data_) {
     const char* attributes[] = {nullptr};
     ++calls;
-    expat.start(data, "a", attributes);
-    expat.start(data, "inner", attributes);
-    expat.end(data, "inner");
-    expat.end(data, "a");
-    expat.start(data, "b", attributes);
-    expat.end(data, "b");  // Without effect: the failure remains.
+    expat.start(data_, "a", attributes);
+    expat.start(data_, "inner", attributes);
+    expat.end(data_, "inner");
+    expat.end(data_, "a");
+    expat.start(data_, "b", attributes);
+    expat.end(data_, "b");  // Without effect: the failure remains.
   };
   const std::string& path = Write("<a/>" + std::string(2000, ' '));
   ExpectLoggedAndThrown("Root element must be a singleton",
@@ -102,12 +102,12 @@ TEST_F(ExpatTest, ThrowsForASecondRoot) {
 }
 
 TEST_F(ExpatTest, ThrowsForMoreEndsThanStarts) {
-  expat.script = [](void* data) {
+  expat.script = [](void* data_) {
     const char* attributes[] = {nullptr};
-    expat.start(data, "a", attributes);
-    expat.end(data, "a");
-    expat.end(data, "a");
-    expat.end(data, "a");
+    expat.start(data_, "a", attributes);
+    expat.end(data_, "a");
+    expat.end(data_, "a");
+    expat.end(data_, "a");
   };
   const std::string& path = Write("<a/>");
   ExpectLoggedAndThrown("XML parse error; closed more elements than were open",
@@ -130,9 +130,9 @@ TEST_F(ExpatTest, ThrowsWithoutAParser) {
 }
 
 TEST_F(ExpatTest, TakesAnElementWithoutAttributeArray) {
-  expat.script = [](void* data) {
-    expat.start(data, "a", nullptr);
-    expat.end(data, "other");  // expat has compared the names already.
+  expat.script = [](void* data_) {
+    expat.start(data_, "a", nullptr);
+    expat.end(data_, "other");  // expat has compared the names already.
   };
   Load("<a/>");
   ExpectValid();

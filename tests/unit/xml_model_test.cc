@@ -33,7 +33,7 @@ Outcome DaemonOutcome(const std::string& path_, const std::string& encoding_) {
   outcome.log = WholeLogOf([&] {
     const XMLDocument document(path_, encoding_);
     const std::unique_ptr<XMLElement> root(document.GetRoot());
-    outcome.tree = Written([&](FILE* file) { document.Dump(file); });
+    outcome.tree = Written([&](FILE* file_) { document.Dump(file_); });
     outcome.error = document.GetError();
     if (root) {
       CollectTexts(*root, outcome.texts);

@@ -18,7 +18,7 @@ struct Expat {
   XML_StartElementHandler start = nullptr;
   XML_EndElementHandler end = nullptr;
   // While set, runs in place of XML_Parse, with the first argument of the handlers.
-  std::function<void(void* data)> script;
+  std::function<void(void* data_)> script;
   std::string astray_at;  // After the start of this element, too many elements end.
   bool out_of_memory = false;
 };
