@@ -5,7 +5,7 @@ import shutil
 import signal
 import subprocess
 
-from harness.programs import tool
+from harness.programs import environment, start_command, tool
 from harness.wait import LIMIT
 
 # As installed: "player", "helpers/ftp", "translators/tone" and so on.
@@ -21,7 +21,7 @@ class Sandbox:
         self.bin = path / "bin"
         for directory in (path, self.scratch, self.bin):
             directory.mkdir(exist_ok=True)
-        self.environment = dict(os.environ, TMPDIR=str(self.scratch), LC_ALL="C")
+        self.environment = environment(TMPDIR=str(self.scratch))
         self.environment["PATH"] = f"{self.bin}:/usr/bin:/bin"
         self.started = []
 
@@ -50,16 +50,8 @@ class Sandbox:
         )
 
     def start(self, *command, **options):
-        process = subprocess.Popen(
-            [str(word) for word in command],
-            cwd=self.path,
-            env=self.environment,
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            text=True,
-            start_new_session=True,
-            **options,
+        process = start_command(
+            *command, cwd=self.path, env=self.environment, start_new_session=True, **options
         )
         self.started.append(process)
         return process

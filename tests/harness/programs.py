@@ -42,13 +42,21 @@ def environment(**changes):
     return env
 
 
-def start(name, *arguments, prefix=(), **options):
-    """Starts a program, in the C locale, with a prefix command in front of it."""
+def start_command(*command, **options):
+    """Starts any command: without input, in the C locale, with pipes for both outputs.
+
+    Options are those of subprocess.Popen.
+    """
     settings = {"stdin": subprocess.DEVNULL, "env": environment(), "text": True}
     settings.update(stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     settings.update(options)
-    command = [*prefix, *(program() if name == "vocastra" else [tool(name)]), *arguments]
     return subprocess.Popen([str(word) for word in command], **settings)
+
+
+def start(name, *arguments, prefix=(), **options):
+    """Starts a program, with a prefix command in front of it."""
+    command = program() if name == "vocastra" else [tool(name)]
+    return start_command(*prefix, *command, *arguments, **options)
 
 
 def finish(process, data=None):
