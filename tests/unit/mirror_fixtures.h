@@ -75,7 +75,7 @@ class FakeRemote : public Remote {
     for (uint64_t sent = offset_; sent < content.size(); sent += server.piece) {
       Wait(server.seconds[name_]);
       server.on_piece(name_, sent);
-      const std::string piece = content.substr(sent, server.piece);
+      const std::string piece = content.substr(static_cast<size_t>(sent), server.piece);
       take_(piece.data(), piece.size());
     }
   }
