@@ -15,16 +15,19 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-# Programs of the build tree find the sysroot's libraries, and the libraries that these need. For the
-# latter the tag must be DT_RPATH: --disable-new-dtags. Libraries with a DT_RUNPATH of their own do
-# not obey it and need LD_LIBRARY_PATH.
+# The program itself finds its libraries in the sysroot.
 set(armhf_libraries ${armhf_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
-set(CMAKE_BUILD_RPATH ${armhf_sysroot}/lib/${CMAKE_LIBRARY_ARCHITECTURE} ${armhf_libraries}
-                      ${armhf_libraries}/samba ${armhf_libraries}/pulseaudio)
+set(CMAKE_BUILD_RPATH ${armhf_sysroot}/lib/${CMAKE_LIBRARY_ARCHITECTURE} ${armhf_libraries})
+# The linker also looks at what the libraries need.
+set(CMAKE_EXE_LINKER_FLAGS_INIT
+  "-Wl,-rpath-link,${armhf_libraries}/samba -Wl,-rpath-link,${armhf_libraries}/pulseaudio")
 # GCC notes that it passes some arguments otherwise than before version 7; all here is built by one.
 set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--disable-new-dtags")
 
+# Tests of companions also need what their libraries need. A daemon under test does without, since
+# tests give it libraries of their own.
+set(VOCASTRA_EMULATOR qemu-arm-static -L /usr/arm-linux-gnueabihf)
 list(JOIN CMAKE_BUILD_RPATH ":" armhf_path)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L /usr/arm-linux-gnueabihf
-  -E LD_LIBRARY_PATH=${armhf_path} -E ESPEAK_DATA_PATH=${armhf_libraries}/espeak-ng-data)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${VOCASTRA_EMULATOR}
+  -E LD_LIBRARY_PATH=${armhf_path}:${armhf_libraries}/samba:${armhf_libraries}/pulseaudio
+  -E ESPEAK_DATA_PATH=${armhf_libraries}/espeak-ng-data)
