@@ -47,20 +47,6 @@ const char* SchemeOf(FtpKind kind_) {
   }
 }
 
-// Slashes and what needs no quoting stay; all other bytes are escaped.
-std::string Escaped(const std::string& path_) {
-  const char plain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._/";
-  std::string escaped;
-  for (const char c : path_) {
-    if (c != '\0' && strchr(plain, c) != nullptr) {
-      escaped += c;
-    } else {
-      escaped += Format("%%%02X", static_cast<unsigned char>(c));
-    }
-  }
-  return escaped;
-}
-
 // The directory's URL, with a slash at its end.
 std::string UrlOf(const FtpPlace& place_) {
   std::string url = std::string(SchemeOf(place_.kind)) + "://" + place_.host;
@@ -71,9 +57,10 @@ std::string UrlOf(const FtpPlace& place_) {
   // The library takes a path of SFTP for absolute, one of FTP for relative.
   if (place_.kind == FtpKind::kSftp) {
     const bool is_absolute = !place_.directory.empty() && place_.directory[0] == '/';
-    url += is_absolute ? Escaped(place_.directory.substr(1)) : "~/" + Escaped(place_.directory);
+    url += is_absolute ? EscapedPath(place_.directory.substr(1))
+                       : "~/" + EscapedPath(place_.directory);
   } else {
-    url += Escaped(place_.directory);
+    url += EscapedPath(place_.directory);
   }
   return url.back() == '/' ? url : url + '/';
 }
@@ -444,7 +431,7 @@ void CurlRemote::List(const std::function<void(const RemoteFile&)>& take_) {
 }
 
 std::string CurlRemote::Time(const RemoteFile& file_) {
-  impl->SetRequest(impl->url + Escaped(file_.name));
+  impl->SetRequest(impl->url + EscapedPath(file_.name));
   impl->Set(CURLOPT_NOBODY, 1L);
   impl->Set(CURLOPT_FILETIME, 1L);
   impl->Perform([](const char*, size_t) {});
@@ -460,7 +447,7 @@ std::string CurlRemote::Time(const RemoteFile& file_) {
 }
 
 void CurlRemote::Fetch(const std::string& name_, uint64_t offset_, const Take& take_) {
-  impl->SetRequest(impl->url + Escaped(name_));
+  impl->SetRequest(impl->url + EscapedPath(name_));
   impl->Set(CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(offset_));
   impl->Perform(take_);
 }

@@ -36,3 +36,6 @@ struct SmbPlace {
   std::string oldest = "SMB2_02";
   std::string newest = "SMB3";
 };
+
+// A path as it is written in a URL: slashes and bytes that need no escape stay.
+std::string EscapedPath(const std::string& path_);

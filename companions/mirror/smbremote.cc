@@ -31,23 +31,9 @@ constexpr size_t kPieceSize = 1 << 16;
 constexpr uint16_t kVolume = 0x08;
 constexpr uint16_t kDirectory = 0x10;
 
-// All bytes but the plainest are escaped.
-std::string Escaped(const std::string& path_) {
-  const char plain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._/";
-  std::string escaped;
-  for (const char c : path_) {
-    if (c != '\0' && strchr(plain, c) != nullptr) {
-      escaped += c;
-    } else {
-      escaped += Format("%%%02X", static_cast<unsigned char>(c));
-    }
-  }
-  return escaped;
-}
-
 std::string UrlOf(const SmbPlace& place_) {
-  const std::string url = "smb://" + place_.host + "/" + Escaped(place_.share) + "/";
-  const std::string directory = Escaped(place_.directory);
+  const std::string url = "smb://" + place_.host + "/" + EscapedPath(place_.share) + "/";
+  const std::string directory = EscapedPath(place_.directory);
   return directory.empty() || directory.back() == '/' ? url + directory : url + directory + "/";
 }
 
@@ -127,7 +113,7 @@ class Session {
     if (failure != 0) {
       return failure;
     }
-    const std::string path = url + Escaped(name_);
+    const std::string path = url + EscapedPath(name_);
     open_file = smbc_getFunctionOpen(context)(context, path.c_str(), O_RDONLY, 0);
     if (open_file == nullptr) {
       return errno;
@@ -162,7 +148,7 @@ class Session {
     if (failure != 0) {
       return failure;
     }
-    const std::string path = url + Escaped(name_);
+    const std::string path = url + EscapedPath(name_);
     struct stat status = {};
     if (smbc_getFunctionStat(context)(context, path.c_str(), &status) < 0) {
       return errno;
@@ -178,7 +164,7 @@ class Session {
     if (failure != 0) {
       return failure;
     }
-    const std::string path = url + Escaped(name_);
+    const std::string path = url + EscapedPath(name_);
     return smbc_getFunctionUnlink(context)(context, path.c_str()) < 0 ? errno : 0;
   }
 
