@@ -18,8 +18,6 @@
 
 namespace {
 
-using std::string_view_literals::operator""sv;
-
 constexpr size_t kMaxFileBytes = 65536;
 
 std::string ReadContent(const std::string& path_) {
@@ -67,10 +65,10 @@ void ShowReencoded(const std::string& text_) {
 
 std::string ReadText(const std::string& path_, const std::string& encoding_) {
   std::string content = ReadContent(path_);
-  if (encoding_ == "utf16"sv) {
+  if (encoding_ == std::string_view("utf16")) {
     return FromUtf16(content);
   }
-  if (encoding_ == "ascii"sv) {
+  if (encoding_ == std::string_view("ascii")) {
     content = ExtAsciiToUtf8String(content);
   }
   return ToValidUtf8(std::move(content), kDebugNormal, "Re-encoding file to UTF-8", ShowReencoded);

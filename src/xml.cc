@@ -21,8 +21,6 @@
 
 namespace {
 
-using std::string_view_literals::operator""sv;
-
 constexpr size_t kFeedBytes = 1024;  // The length of a feed to expat.
 
 // The bound on a document's tree and text: a fixed part, and a multiple of the size of its file. No
@@ -466,10 +464,10 @@ void XMLDocument::Impl::Load(const std::string& path_) {
 
 // Converts text_ for expat and returns the name of its encoding.
 const char* XMLDocument::Impl::Prepare(std::string& text_) const {
-  if (encoding == "utf16"sv) {
+  if (encoding == std::string_view("utf16")) {
     return "UTF-16";
   }
-  if (encoding == "ascii"sv) {
+  if (encoding == std::string_view("ascii")) {
     text_ = ExtAsciiToUtf8String(text_);
   }
   text_ = ToValidUtf8(std::move(text_), kDebugTrace, "Re-encoding invalid parser output to UTF-8");

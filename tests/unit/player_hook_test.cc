@@ -20,7 +20,7 @@ TEST(HookTest, CommandThatDoesNotEndIsKilledWithAllThatItStarted) {
   const TemporaryDirectory directory;
   const std::string path = directory / "pids";
   EXPECT_EQ("it did not end", RunHook("sleep 600 & echo $! >" + path + "; wait"));
-  const pid_t pid = atoi(ReadFile(path).c_str());
+  const pid_t pid = std::stoi(ReadFile(path));
   ASSERT_GT(pid, 1);
   // Whoever inherits it may be slow to collect it.
   const std::string state = "/proc/" + std::to_string(pid) + "/stat";
