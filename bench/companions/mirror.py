@@ -26,13 +26,15 @@ from harness.remote import read_beat
 from harness.servers import PASSWORD, PyFtpdLib, Smbd, Sshd
 
 KINDS = {"ftp": PyFtpdLib, "sftp": Sshd, "smb": Smbd}
-GOALS = {  # Milliseconds with 100 and with 10,000 files, MiB.
-    "ftp": (1, 60, 16),
-    "sftp": (1, 60, 16),
-    "smb": (2, 60, 32),
-}
 COUNTS = (100, 10_000)
+LOOK_GOALS = {  # Milliseconds with so many files.
+    "ftp": {100: 1, 10_000: 60},
+    "sftp": {100: 1, 10_000: 60},
+    "smb": {100: 2, 10_000: 60},
+}
+MEMORY_GOALS = {"ftp": 16, "sftp": 16, "smb": 32}  # MiB
 SECONDS = 20  # A measurement of processor time takes that long.
+SMOKE_SECONDS = 2
 RENAMES = 7
 TICK = 1000 / os.sysconf("SC_CLK_TCK")  # Milliseconds.
 
@@ -82,11 +84,11 @@ def wait(condition, seconds, program):
         time.sleep(0.002)
 
 
-def count_beats(local):
-    """Beats in some seconds: looks at the server."""
+def count_beats(local, seconds):
+    """Beats in so many seconds: looks at the server."""
     beats = 0
     last = read_beat(local)
-    end = time.monotonic() + SECONDS
+    end = time.monotonic() + seconds
     while time.monotonic() < end:
         time.sleep(0.02)
         beat = read_beat(local)
@@ -125,14 +127,14 @@ def floor_command(floors, kind, server):
     return [floors / "list_smb", "smb://127.0.0.1/share/inbox", *login]
 
 
-def measure_floor(floors, kind, server):
+def measure_floor(floors, kind, server, seconds):
     """It looks once a second; the first looks log in."""
     with contextlib.closing(Program(floor_command(floors, kind, server))) as program:
         time.sleep(3)
 
         def looks():
-            time.sleep(SECONDS)
-            return SECONDS
+            time.sleep(seconds)
+            return seconds
 
         if program.process.poll() is not None:
             raise Unmeasured
@@ -152,9 +154,9 @@ def measure_renames(server, local, program):
     return statistics.median(took)
 
 
-def measure_helper(helpers, floors, kind, root, count):
+def measure_helper(helpers, floors, kind, root, count, seconds):
     """The rows of one kind of server with so many files."""
-    millisecond_goal = GOALS[kind][COUNTS.index(count)]
+    look_goal = LOOK_GOALS[kind].get(count)
     name = f"{kind}, {count:,} known files"
     with contextlib.closing(KINDS[kind](root).start()) as server:
         for number in range(count):
@@ -169,25 +171,22 @@ def measure_helper(helpers, floors, kind, root, count):
         with contextlib.closing(helper):
             wait(lambda: read_beat(local), 600, helper)
             # Until exact times of delivered files are not asked for any more.
-            time.sleep(80 if kind == "sftp" else 5)
-            milliseconds = per_look(helper, lambda: count_beats(local))
-            rows = [
-                [f"{name}: processor time of a look", milliseconds, "ms", None, millisecond_goal]
-            ]
+            time.sleep(4 * seconds if kind == "sftp" else 5)
+            milliseconds = per_look(helper, lambda: count_beats(local, seconds))
+            rows = [[f"{name}: processor time of a look", milliseconds, "ms", None, look_goal]]
             if floors:
-                rows[0][3] = measure_floor(floors, kind, server)
-            memory_goal = GOALS[kind][2]
+                rows[0][3] = measure_floor(floors, kind, server, seconds)
             rows.append(
                 [f"{name}: resident memory, shared pages in parts", helper.memory("Pss"), "MiB"]
             )
-            rows[-1] += [None, memory_goal]
-            if count == COUNTS[0]:
+            rows[-1] += [None, MEMORY_GOALS[kind]]
+            if count < COUNTS[-1]:
                 seconds = measure_renames(server, local, helper)
                 rows.append([f"{name}: from a rename to the delivery", seconds, "s", None, None])
     return rows
 
 
-def measure(helpers, floors=None, counts=COUNTS):
+def measure(helpers, floors=None, counts=COUNTS, seconds=SECONDS):
     """Rows (name, value, unit, floor, goal) for the helpers of a directory.
 
     floors: the directory of the floors, or None. A value, floor or goal is None if there is none.
@@ -197,10 +196,12 @@ def measure(helpers, floors=None, counts=COUNTS):
         for count in counts:
             root = Path(tempfile.mkdtemp(prefix="mirror-bench-"))
             try:
-                rows += measure_helper(Path(helpers), floors and Path(floors), kind, root, count)
+                rows += measure_helper(
+                    Path(helpers), floors and Path(floors), kind, root, count, seconds
+                )
             except Unmeasured:
                 name = f"{kind}, {count:,} known files: processor time of a look"
-                rows.append([name, None, "ms", None, GOALS[kind][COUNTS.index(count)]])
+                rows.append([name, None, "ms", None, LOOK_GOALS[kind].get(count)])
             finally:
                 shutil.rmtree(root)
     return [tuple(row) for row in rows]
