@@ -1,0 +1,57 @@
+// The health file: what the station knows about the service. It is replaced by a rename whenever
+// something in it changes.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+// A reason for which messages may not be heard.
+struct Problem {
+  std::string id;        // For programs: a word, then perhaps ":" and what it is about.
+  std::string sentence;  // The cause, for people.
+  std::string remedy;    // What to do, one sentence.
+  long long since = 0;   // Seconds since 1970.
+};
+
+// What became of a message in a local directory.
+struct MessageRecord {
+  enum State {
+    kWaiting,
+    kSpeaking,
+    kSaid,     // Every piece is in the output directory.
+    kFailed,   // Ended, and at least one piece could not be made.
+    kDropped,  // The daemon did not take it, or removed it unspoken.
+    kHeard     // Said, and the player has played every piece.
+  };
+
+  std::string directory;  // The id in the configuration.
+  std::string file;       // The name in the directory.
+  State state = kWaiting;
+  int pieces = 0;         // Delivered so far.
+  int failed = 0;         // Pieces that could not be made.
+  long long arrived = 0;  // Seconds since 1970.
+  long long ended = 0;    // Seconds since 1970; 0: not yet.
+};
+
+struct Health {
+  int station = 0;       // The station's process.
+  int daemon = 0;        // The daemon's process; 0: none.
+  bool is_hung = false;  // The daemon does not advance.
+  std::string saying;    // Directory and file of the message that is being said; may be empty.
+  std::map<std::string, long long> counters;  // messages, pieces, failed, lost, restarts.
+  std::vector<Problem> problems;              // The oldest first.
+  std::vector<MessageRecord> messages;        // Those that have not ended, and the last that have.
+};
+
+// The name of a state in the file: "waiting", "speaking" and so on.
+const char* NameOf(MessageRecord::State state_);
+
+// Replaces the file at path_. Throws a string if that fails.
+void WriteHealth(const std::string& path_, const Health& health_);
+
+// Throws a string if the file cannot be read or is no health file.
+Health ReadHealth(const std::string& path_);
+
+// True if the station that wrote it is running.
+bool IsStationRunning(const Health& health_);

@@ -1,0 +1,46 @@
+// Finds out why messages may not be heard: by looking at directories, player and status, and by the
+// log.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "health.h"
+#include "logevent.h"
+#include "options.h"
+#include "xml.h"
+
+// The service as the station sees it at one moment.
+struct View {
+  const XMLElement* configuration = nullptr;  // The checked copy; null: there is none.
+  const XMLElement* status = nullptr;         // The daemon's last status; null: there is none.
+  int daemon = 0;                             // Its process; 0: none.
+  double still = 0;   // Seconds since the status last advanced, or since the start.
+  double engine = 0;  // Seconds since the translator was started; 0: it does not run.
+};
+
+class Problems {
+ public:
+  // options_: the daemon's. has_player_: a player is expected.
+  Problems(const std::string& run_, const Options& options_, bool has_player_);
+  ~Problems();
+
+  void OnLog(const LogEvent& event_);
+
+  // Looks at everything; to be called once a second or so.
+  void Check(const View& view_);
+
+  // Sets or ends a problem that another part has found. The time of its start stays.
+  void Set(const std::string& id_, const std::string& sentence_, const std::string& remedy_);
+  void Clear(const std::string& id_);
+
+  // True if another process holds a lock that the daemon waits for: a restart would not help.
+  bool IsLocked() const;
+
+  void AddTo(Health& health_) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl;
+};
