@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 from harness.companions import COMPANIONS
-from harness.programs import ROOT, program
+from harness.programs import ROOT, program, tool
 from harness.schemas import validate
 from harness.wait import LIMIT, wait_until
 
@@ -86,6 +86,7 @@ class Example:
             os.environ,
             SCRATCH=str(self.scratch),
             companions=str(self.scratch / "companions"),
+            clips=str(tool("clips")),
             PATH=f"{self.scratch}/bin:{os.environ['PATH']}",
             LC_ALL="C.UTF-8",
         )

@@ -4,10 +4,12 @@ import json
 import re
 import shutil
 import signal
+import wave
 from pathlib import Path
 
 import pytest
 from harness.programs import ROOT, program, run_command, start
+from harness.sound import RATE, samples
 from harness.wait import LIMIT, wait_until
 
 UNITS = {
@@ -82,6 +84,17 @@ def test_tools_read_the_files_that_the_manuals_name(staged):
     assert paths == ["/etc/vocastra/vocastra.conf", "/run/vocastra/status.xml"]
     manual = (ROOT / "man/vocastra-say.1").read_text()
     assert [path for path in paths if f".It Pa {path}" not in manual] == []
+
+
+@pytest.mark.parametrize("name, seconds", [("gong", 2), ("silence-half", 0.5), ("silence-one", 1)])
+def test_clips_have_the_format_of_speech(name, seconds, staged):
+    with wave.open(str(staged / f"usr/share/vocastra/clips/{name}.wav")) as clip:
+        form = (clip.getnchannels(), clip.getsampwidth(), clip.getframerate())
+        sound = samples(clip.readframes(clip.getnframes()))
+    assert form == (1, 2, RATE) and len(sound) == seconds * RATE
+    loudest = max(map(abs, sound))
+    assert loudest > 10000 if name == "gong" else loudest == 0
+    assert max(abs(sound[0]), abs(sound[-1])) < 100  # No click.
 
 
 def test_program_notes_and_package_have_one_version():
