@@ -12,10 +12,9 @@ from harness.programs import ROOT, program, run_command, start
 from harness.sound import RATE, samples
 from harness.wait import LIMIT, wait_until
 
-UNITS = {
-    "vocastra": ROOT / "debian/vocastra.service",
-    "vocastra-player": ROOT / "debian/vocastra.vocastra-player.service",
-}
+BUILD = Path(program()[-1]).parent
+# As CMake has configured them.
+UNITS = sorted((BUILD / "units").iterdir())
 
 
 def run(*command):
@@ -28,22 +27,25 @@ def run(*command):
 def staged(tmp_path_factory):
     """The files that CMake and debian/*.install install."""
     system = tmp_path_factory.mktemp("system")
-    build = Path(program()[-1]).parent
-    status, output = run("cmake", "--install", build, "--prefix", system / "usr")
+    status, output = run("cmake", "--install", BUILD, "--prefix", system / "usr")
     assert status == 0, output
     shutil.copytree(ROOT / "debian/conf", system / "etc/vocastra")
     shutil.copytree(ROOT / "debian/default", system / "etc/default")
     return system
 
 
-@pytest.fixture(params=UNITS)
+@pytest.fixture(params=UNITS, ids=lambda path: path.name)
 def unit(request, staged, tmp_path):
-    """A unit under its installed name, whose programs are those that were staged."""
-    path = tmp_path / f"{request.param}.service"
-    path.write_text(
-        re.sub("/usr/(sbin|libexec)/", rf"{staged}\g<0>", UNITS[request.param].read_text())
-    )
+    """A unit, or an instance of a template, whose programs are those that were staged."""
+    path = tmp_path / request.param.name.replace("@.", "@hall.")
+    path.write_text(re.sub("/usr/(s?bin|libexec)/", rf"{staged}\g<0>", request.param.read_text()))
     return path
+
+
+def test_there_are_units():
+    assert {"vocastra.service", "vocastra-player.service", "vocastra-player@.service"} <= {
+        path.name for path in UNITS
+    }
 
 
 def test_units_are_without_fault(unit):
@@ -55,10 +57,10 @@ def test_exposure_is_at_most_1_5(unit):
     assert status == 0, output
 
 
-@pytest.mark.parametrize("name", UNITS)
-def test_units_name_files_that_are_installed(name, staged):
-    text = UNITS[name].read_text()
-    paths = set(re.findall(r"(?<![\w/])/(?:usr|etc)/[\w./-]+", text)) - {
+@pytest.mark.parametrize("path", UNITS, ids=lambda path: path.name)
+def test_units_name_files_that_are_installed(path, staged):
+    text = path.read_text()
+    paths = set(re.findall(r"(?<![\w/])/(?:usr|etc)/[\w./-]+(?![\w./%-])", text)) - {
         "/etc/vocastra",
         "/etc/default",
     }
@@ -75,6 +77,16 @@ def test_what_the_readme_installs_is_where_the_manuals_look(staged):
     paths = sorted({path.rstrip(".") for path in named})
     assert "/usr/sbin/vocastra" in paths and "/usr/libexec/vocastra/player" in paths
     assert [path for path in paths if not (staged / path[1:]).exists()] == []
+
+
+def test_files_of_the_running_service_have_the_names_that_were_configured():
+    """In manuals, documents and the package's own files."""
+    names = re.findall(r"RUN_DIR}/([\w.]+)", (ROOT / "cmake/paths.cmake").read_text())
+    places = [ROOT / "README.md", ROOT / "debian", ROOT / "man", ROOT / "doc", ROOT / "examples"]
+    files = [file for place in places for file in (place, *place.rglob("*")) if file.is_file()]
+    text = "\n".join(file.read_text(errors="replace") for file in files)
+    used = set(re.findall(r"/run/vocastra/([\w.]*\w)", text))
+    assert "out" in used and used <= set(names)
 
 
 def test_tools_read_the_files_that_the_manuals_name(staged):

@@ -1,0 +1,17 @@
+# Where the service of the package keeps its files. The defaults of the programs and the units are made
+# from this; a test compares the manuals with it.
+
+set(VOCASTRA_CONFIG_FILE "${CMAKE_INSTALL_FULL_SYSCONFDIR}/vocastra/vocastra.conf"
+  CACHE STRING "Configuration")
+set(VOCASTRA_GLOSSARY_FILE "${CMAKE_INSTALL_FULL_SYSCONFDIR}/vocastra/glossary.xml"
+  CACHE STRING "Glossary")
+set(VOCASTRA_KEEP_DIR "/var/lib/vocastra" CACHE STRING "Last usable configuration and glossary")
+set(VOCASTRA_RUN_DIR "/run/vocastra" CACHE STRING "Files of the running service")
+
+# In the directory of the running service.
+set(VOCASTRA_OUT_DIR "${VOCASTRA_RUN_DIR}/out")
+set(VOCASTRA_STATUS_FILE "${VOCASTRA_RUN_DIR}/status.xml")
+set(VOCASTRA_HEALTH_FILE "${VOCASTRA_RUN_DIR}/health")
+set(VOCASTRA_PLAYER_FILE "${VOCASTRA_RUN_DIR}/player")
+set(VOCASTRA_CHECKED_CONFIG_FILE "${VOCASTRA_RUN_DIR}/vocastra.conf")
+set(VOCASTRA_CHECKED_GLOSSARY_FILE "${VOCASTRA_RUN_DIR}/glossary.xml")
