@@ -1,5 +1,13 @@
 // The health file: what the station knows about the service. It is replaced by a rename whenever
-// something in it changes.
+// something in it changes. It is well-formed XML, with values escaped:
+//
+//   <health daemon="812" hung="0" saying="lobby/train" station="811" station-start="4711">
+//       <counter name="messages" value="12"/>
+//       <problem id="player" remedy="..." sentence="..." since="1700000000"/>
+//       <message arrived="1700000000" directory="lobby" ended="0" failed="0" file="train"
+//       pieces="2"
+//           state="speaking"/>
+//   </health>
 #pragma once
 
 #include <map>
@@ -35,7 +43,10 @@ struct MessageRecord {
 };
 
 struct Health {
-  int station = 0;       // The station's process.
+  int station = 0;  // The station's process.
+  // When that process began, in ticks since the start of the system: its number may come again.
+  // Only ReadHealth sets it; WriteHealth finds it out.
+  long long station_start = 0;
   int daemon = 0;        // The daemon's process; 0: none.
   bool is_hung = false;  // The daemon does not advance.
   std::string saying;    // Directory and file of the message that is being said; may be empty.
@@ -50,6 +61,7 @@ const char* NameOf(MessageRecord::State state_);
 // Replaces the file at path_. Throws a string if that fails.
 void WriteHealth(const std::string& path_, const Health& health_);
 
+// A file name with control characters or invalid UTF-8 is read with "?" or U+FFFD for them.
 // Throws a string if the file cannot be read or is no health file.
 Health ReadHealth(const std::string& path_);
 

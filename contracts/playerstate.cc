@@ -1,33 +1,11 @@
 #include "playerstate.h"
 
-#include <errno.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <memory>
 
 #include "format.h"
+#include "statefile.h"
 #include "statusfile.h"
 #include "xml.h"
-
-namespace {
-
-// Line ends and the like would break a line-based reader.
-std::string OneLine(std::string text_) {
-  std::replace_if(
-      text_.begin(), text_.end(),
-      [](char c_) { return static_cast<unsigned char>(c_) < ' ' || c_ == 127; }, '?');
-  return text_;
-}
-
-long long Time(const XMLElement& element_, const char* name_) {
-  return strtoll(element_.GetAttributeString(name_).c_str(), nullptr, 10);
-}
-
-}  // namespace
 
 void WritePlayerState(const std::string& path_, const PlayerState& state_) {
   XMLElement root("player-state");
@@ -42,19 +20,7 @@ void WritePlayerState(const std::string& path_, const PlayerState& state_) {
     waiting->SetAttributeString("name", OneLine(name));
     root.AddChild(waiting.release());
   }
-  const std::string temporary = path_ + ".new";
-  FILE* const file = fopen(temporary.c_str(), "we");
-  bool is_written = file != nullptr;
-  if (is_written) {
-    root.Dump(file, "");
-    is_written = ferror(file) == 0;
-    is_written = fclose(file) == 0 && is_written;
-  }
-  if (!is_written || rename(temporary.c_str(), path_.c_str()) != 0) {
-    const std::string why = strerror(errno);
-    unlink(temporary.c_str());
-    throw Format("cannot write %s: %s", path_.c_str(), why.c_str());
-  }
+  ReplaceByDump(path_, root);
 }
 
 PlayerState ReadPlayerState(const std::string& path_) {
@@ -64,13 +30,13 @@ PlayerState ReadPlayerState(const std::string& path_) {
   }
   PlayerState state;
   state.playing = root->GetAttributeString("playing");
-  state.since = Time(*root, "since");
+  state.since = LongAttribute(*root, "since");
   for (const XMLElement* waiting : root->GetChildren("waiting")) {
     state.waiting.push_back(waiting->GetAttributeString("name"));
   }
   state.device = root->GetAttributeString("device");
   state.device_ok = root->GetAttributeInteger("device-ok") != 0;
   state.problem = root->GetAttributeString("problem");
-  state.problem_time = Time(*root, "problem-time");
+  state.problem_time = LongAttribute(*root, "problem-time");
   return state;
 }

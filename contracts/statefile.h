@@ -1,0 +1,15 @@
+// Files that hold the state of a program as XML and are replaced by a rename.
+#pragma once
+
+#include <string>
+
+#include "xml.h"
+
+// The text without line ends and other control characters, which would break a reader.
+std::string OneLine(std::string text_);
+
+// Replaces the file at path_ by the dump of root_. Throws a string if that fails.
+void ReplaceByDump(const std::string& path_, const XMLElement& root_);
+
+// An attribute that was written by "%lld". Throws a string if it is absent.
+long long LongAttribute(const XMLElement& element_, const char* name_);
