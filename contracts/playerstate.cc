@@ -11,6 +11,7 @@ void WritePlayerState(const std::string& path_, const PlayerState& state_) {
   XMLElement root("player-state");
   root.SetAttributeString("device", OneLine(state_.device));
   root.SetAttributeInteger("device-ok", state_.device_ok ? 1 : 0);
+  root.SetAttributeInteger("pid", state_.pid);
   root.SetAttributeString("playing", OneLine(state_.playing));
   root.SetAttributeString("problem", OneLine(state_.problem));
   root.SetAttributeString("problem-time", Format("%lld", state_.problem_time));
@@ -29,6 +30,7 @@ PlayerState ReadPlayerState(const std::string& path_) {
     throw Format("%s: holds no player's state", path_.c_str());
   }
   PlayerState state;
+  state.pid = root->GetAttributeInteger("pid");
   state.playing = root->GetAttributeString("playing");
   state.since = LongAttribute(*root, "since");
   for (const XMLElement* waiting : root->GetChildren("waiting")) {

@@ -1,7 +1,7 @@
 // The state file of the player, in the style of the daemon's status file but replaced by a rename.
 //
-//   <player-state device="default" device-ok="1" playing="7_lobby.text_live_cont.raw" problem=""
-//       problem-time="0" since="1700000000">
+//   <player-state device="default" device-ok="1" pid="812" playing="7_lobby.text_live_cont.raw"
+//       problem="" problem-time="0" since="1700000000">
 //       <waiting name="8_lobby.text_live_cont.raw"/>
 //   </player-state>
 #pragma once
@@ -10,6 +10,7 @@
 #include <vector>
 
 struct PlayerState {
+  int pid = 0;          // The player's process.
   std::string playing;  // The name of the file; empty: none.
   // Since when it plays, or nothing does; seconds since 1970.
   long long since = 0;

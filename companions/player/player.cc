@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
@@ -66,6 +67,7 @@ struct Player::Impl {
         sink(sink_),
         messages(options.rate, Print) {
     state.device = options.device;
+    state.pid = getpid();
   }
 
   int Step();

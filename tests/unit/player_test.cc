@@ -386,6 +386,7 @@ TEST_F(PlayerTest, StateTellsWhatPlaysAndWhatWaits) {
   EXPECT_EQ("3_hall.raw", state.playing);
   EXPECT_THAT(state.waiting, ElementsAre("1_lobby.raw", "2_lobby.raw"));
   EXPECT_EQ("speaker", state.device);
+  EXPECT_EQ(getpid(), state.pid);
   EXPECT_EQ("", state.problem);
   EXPECT_LE(time(nullptr) - 60, state.since);
   // It is written on change only.

@@ -7,6 +7,7 @@ namespace {
 TEST(PlayerStateTest, IsReadAsItWasWritten) {
   const TemporaryDirectory directory;
   PlayerState state;
+  state.pid = 4711;
   state.playing = "7_a&\"b\".text_live_cont.raw";
   state.since = 5000000000;
   state.waiting = {"8_lobby.raw", "9_lobby.raw"};
@@ -16,6 +17,7 @@ TEST(PlayerStateTest, IsReadAsItWasWritten) {
   state.problem_time = 4999999999;
   WritePlayerState(directory / "state", state);
   const PlayerState read = ReadPlayerState(directory / "state");
+  EXPECT_EQ(state.pid, read.pid);
   EXPECT_EQ(state.playing, read.playing);
   EXPECT_EQ(state.since, read.since);
   EXPECT_EQ(state.waiting, read.waiting);
@@ -33,8 +35,8 @@ TEST(PlayerStateTest, ReplacesTheFileByARename) {
   WritePlayerState(path, {});
   EXPECT_EQ("before", ReadFile(directory / "other"));
   EXPECT_EQ(
-      "<player-state device=\"\" device-ok=\"1\" playing=\"\" problem=\"\" problem-time=\"0\" "
-      "since=\"0\"/>\n",
+      "<player-state device=\"\" device-ok=\"1\" pid=\"0\" playing=\"\" problem=\"\" "
+      "problem-time=\"0\" since=\"0\"/>\n",
       ReadFile(path));
 }
 
