@@ -1,10 +1,6 @@
 #include "arguments.h"
 
-#include <string.h>
-
 #include <algorithm>
-#include <functional>
-#include <map>
 
 #include "commandline.h"
 #include "format.h"
@@ -13,251 +9,45 @@ namespace {
 
 constexpr int kLongestPoll = 24 * 60 * 60;  // Seconds.
 
-// An option's value is handed to its function; one without "=" has an empty value.
-using Options = std::map<std::string, std::function<void(const std::string&)>>;
-
-bool StartsWith(const std::string& text_, const std::string& start_) {
-  return text_.compare(0, start_.size(), start_) == 0;
-}
-
-// The text without a user and a password in front of the host: it is for messages.
-std::string WithoutLogin(const std::string& path_) {
-  const size_t scheme = path_.find("://");
-  const size_t begin = scheme == std::string::npos
-                           ? std::min(path_.find_first_not_of("/\\"), path_.size())
-                           : scheme + strlen("://");
-  const size_t end = std::min(path_.find_first_of("/\\", begin), path_.size());
-  const size_t at = path_.substr(begin, end - begin).rfind('@');
-  return at == std::string::npos ? path_ : path_.substr(0, begin) + path_.substr(begin + at + 1);
-}
-
 // Removes the slashes at the end.
 std::string Trimmed(const std::string& path_) {
   return path_.substr(0, path_.find_last_not_of('/') + 1);
 }
 
-std::string WithoutFirstSlashes(const std::string& path_) {
-  return path_.substr(std::min(path_.size(), path_.find_first_not_of('/')));
-}
+bool IsSet(const std::string& number_) { return number_ != "0" && !number_.empty(); }
 
-std::string Joined(const std::string& directory_, const std::string& below_) {
-  const std::string below = WithoutFirstSlashes(below_);
-  if (below.empty() || directory_.empty()) {
-    return directory_ + below;
-  }
-  return directory_ + (directory_.back() == '/' ? "" : "/") + below;
-}
-
-void RefuseLineBreaks(const std::vector<std::string>& arguments_) {
-  for (const std::string& argument : arguments_) {
-    if (argument.find_first_of(std::string("\r\n")) != std::string::npos) {
-      throw std::string("a line break in an argument");
-    }
-  }
-}
-
-int Seconds(const std::string& text_, int minimum_, const std::string& what_) {
-  const int seconds = ParseSeconds(text_.c_str(), minimum_);
-  if (seconds < 0) {
-    throw Format("%s is not a number of seconds", what_.c_str());
-  }
-  return seconds;
-}
-
-int Port(const std::string& text_, const std::string& failure_) {
-  int port = -1;
-  try {
-    port = ParseInteger(text_);
-  } catch (const std::string&) {
-    // Reported below.
-  }
-  if (port < 1 || port > 0xffff) {
-    throw failure_;
-  }
-  return port;
-}
-
-// Reads options that are joined by commas.
-void ReadOptions(const std::string& text_, const std::string& where_, const Options& known_) {
-  size_t end = 0;
-  for (size_t begin = 0; begin < text_.size(); begin = end + 1) {
-    end = std::min(text_.find(',', begin), text_.size());
-    const std::string option = text_.substr(begin, end - begin);
-    const size_t equals = std::min(option.find('='), option.size());
-    const bool has_value = equals < option.size();
-    const std::string name = option.substr(0, equals) + (has_value ? "=" : "");
-    const auto found = known_.find(name);
-    if (found != known_.end()) {
-      found->second(has_value ? option.substr(equals + 1) : "");
-    } else if (!option.empty()) {
-      throw Format("unknown option \"%s\" in %s", name.c_str(), where_.c_str());
-    }
-  }
-}
-
-// Splits host[:port] or [address][:port].
-void ReadHost(const std::string& text_, FtpPlace* place_) {
-  const std::string wrong = "PATH is not host[:port][/directory]";
-  const std::string safe = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._:%[]-";
-  const bool is_address = StartsWith(text_, "[");
-  size_t end = is_address ? text_.find(']') : text_.find(':');
-  if (is_address && end != std::string::npos) {
-    ++end;
-  }
-  if (text_.find_first_not_of(safe) != std::string::npos ||
-      (is_address && end == std::string::npos)) {
-    throw wrong;
-  }
-  place_->host = text_.substr(0, end);
-  const std::string rest = text_.substr(place_->host.size());
-  if (place_->host.empty() || (!rest.empty() && rest[0] != ':')) {
-    throw wrong;
-  }
-  if (!rest.empty()) {
-    place_->port = Port(rest.substr(1), wrong);
-  }
-}
-
-void ReadFtpPath(const std::string& path_, const std::string& subdir_, FtpPlace* place_) {
-  const std::pair<const char*, FtpKind> schemes[] = {{"ftp://", FtpKind::kFtp},
-                                                     {"ftps://", FtpKind::kFtps},
-                                                     {"ftpes://", FtpKind::kFtpes},
-                                                     {"sftp://", FtpKind::kSftp}};
-  std::string site = path_;
-  for (const auto& [name, kind] : schemes) {
-    if (StartsWith(path_, name)) {
-      place_->kind = kind;
-      site = path_.substr(std::string(name).size());
-    }
-  }
-  const size_t slash = std::min(site.find('/'), site.size());
-  ReadHost(site.substr(0, slash), place_);
-  place_->directory = Joined(slash < site.size() ? site.substr(slash + 1) : "", subdir_);
-}
-
-void ReadFtpMode(const std::string& mode_, FtpArguments* result_) {
-  FtpPlace* place = &result_->place;
-  ReadOptions(
-      mode_, "MODE",
-      {{"passive", [place](const std::string&) { place->is_active = false; }},
-       {"active", [place](const std::string&) { place->is_active = true; }},
-       {"ca=", [place](const std::string& value_) { place->ca_file = value_; }},
-       {"known-hosts=", [place](const std::string& value_) { place->known_hosts = value_; }},
-       {"key=", [place](const std::string& value_) { place->key_file = value_; }},
-       {"settle=", [result_](const std::string& value_) {
-          result_->settings.settle_seconds = Seconds(value_, 0, "settle");
-        }}});
-  const bool is_sftp = place->kind == FtpKind::kSftp;
-  if (!place->ca_file.empty() && place->kind != FtpKind::kFtps && place->kind != FtpKind::kFtpes) {
-    throw std::string("ca= in MODE needs ftps:// or ftpes:// in PATH");
-  }
-  if (!is_sftp && !(place->known_hosts.empty() && place->key_file.empty())) {
-    throw std::string("known-hosts= and key= in MODE need sftp:// in PATH");
-  }
-  if (is_sftp && place->known_hosts.empty()) {
-    place->known_hosts = "/etc/ssh/ssh_known_hosts";
-  }
-}
-
-// Reads //host/share[/directory], the slashes backward or forward, with or without "smb:" in front.
-void ReadSmbPath(const std::string& path_, const std::string& subdir_, SmbPlace* place_) {
-  std::string path = path_;
-  std::replace(path.begin(), path.end(), '\\', '/');
-  if (StartsWith(path, "smb://")) {
-    path.erase(0, path.find('/'));
-  }
-  const size_t host_end = path.find('/', 2);
-  if (!StartsWith(path, "//") || host_end == 2 || host_end == std::string::npos) {
-    throw std::string("PATH is not //host/share[/directory]");
-  }
-  const size_t share_end = std::min(path.find('/', host_end + 1), path.size());
-  place_->host = path.substr(2, host_end - 2);
-  place_->share = path.substr(host_end + 1, share_end - host_end - 1);
-  if (place_->share.empty() || place_->host.find('@') != std::string::npos) {
-    throw std::string("PATH is not //host/share[/directory]");
-  }
-  place_->directory = Joined(WithoutFirstSlashes(path.substr(share_end)), subdir_);
-}
-
-void ReadVersion(const std::string& version_, SmbPlace* place_) {
-  struct Version {
-    const char* name;
-    const char* oldest;
-    const char* newest;
-  };
-  const Version versions[] = {
-      {"1.0", "NT1", "NT1"},           {"2.0", "SMB2_02", "SMB2_02"},
-      {"2.1", "SMB2_10", "SMB2_10"},   {"3.0", "SMB3_00", "SMB3_00"},
-      {"3.02", "SMB3_02", "SMB3_02"},  {"3.0.2", "SMB3_02", "SMB3_02"},
-      {"3.1.1", "SMB3_11", "SMB3_11"}, {"3.11", "SMB3_11", "SMB3_11"},
-      {"3", "SMB3_00", "SMB3"},        {"default", "SMB2_10", "SMB3"},
-  };
-  for (const Version& version : versions) {
-    if (version_ == version.name) {
-      place_->oldest = version.oldest;
-      place_->newest = version.newest;
-      return;
-    }
-  }
-  throw std::string("unknown version in vers=");
-}
-
-void ReadMountOptions(const std::string& options_, SmbArguments* result_) {
-  SmbPlace* place = &result_->place;
-  bool is_guest = false;
-  const auto take_domain = [place](const std::string& value_) { place->domain = value_; };
-  ReadOptions(options_, "MOUNT-OPTS",
-              {{"guest", [&is_guest](const std::string&) { is_guest = true; }},
-               {"domain=", take_domain},
-               {"dom=", take_domain},
-               {"workgroup=", take_domain},
-               {"port=",
-                [place](const std::string& value_) {
-                  place->port = Port(value_, "unknown port in port=");
-                }},
-               {"vers=", [place](const std::string& value_) { ReadVersion(value_, place); }},
-               {"settle=", [result_](const std::string& value_) {
-                  result_->settings.settle_seconds = Seconds(value_, 0, "settle");
-                }}});
-  if (is_guest) {
-    place->user.clear();
-    place->password.clear();
-  }
+// Source and directory, which do not depend on whether the arguments can work.
+void SetPlaces(const RemoteAttributes& attributes_, const std::string& watch_directory_,
+               MirrorSettings* settings_) {
+  settings_->source = WithoutLogin(Joined(Trimmed(attributes_.path), attributes_.subdir));
+  settings_->directory = Joined(watch_directory_, attributes_.subdir);
 }
 
 }  // namespace
 
 void ReadFtpArguments(const std::vector<std::string>& arguments_, FtpArguments* result_) {
-  result_->settings.kind = "ftp";
-  result_->settings.source = WithoutLogin(Joined(Trimmed(arguments_[0]), arguments_[1]));
-  result_->settings.directory = Joined(arguments_[4], arguments_[1]);
-  RefuseLineBreaks(arguments_);
-  FtpPlace* place = &result_->place;
-  ReadFtpPath(arguments_[0], arguments_[1], place);
-  place->user = arguments_[2];
-  place->password = arguments_[3];
-  result_->settings.auto_delete = arguments_[5] != "0" && !arguments_[5].empty();
-  result_->settings.poll_seconds =
-      std::clamp(Seconds(arguments_[6], 0, "POLL-RATE \"" + arguments_[6] + "\""), 1, kLongestPoll);
-  ReadFtpMode(arguments_[7], result_);
-  if (place->kind == FtpKind::kSftp && place->user.empty()) {
-    throw std::string("sftp:// needs a USERNAME");
+  MirrorSettings& settings = result_->settings;
+  settings.kind = "ftp";
+  const RemoteAttributes attributes = {arguments_[0], arguments_[1], arguments_[2], arguments_[3],
+                                       arguments_[7]};
+  SetPlaces(attributes, arguments_[4], &settings);
+  result_->place = ReadFtpPlace(attributes);
+  settings.auto_delete = IsSet(arguments_[5]);
+  const int poll = ParseSeconds(arguments_[6].c_str(), 0);
+  if (poll < 0) {
+    throw Format("POLL-RATE \"%s\" is not a number of seconds", arguments_[6].c_str());
   }
+  settings.poll_seconds = std::clamp(poll, 1, kLongestPoll);
+  settings.settle_seconds = result_->place.settle_seconds.value_or(settings.settle_seconds);
 }
 
 void ReadSmbArguments(const std::vector<std::string>& arguments_, SmbArguments* result_) {
-  result_->settings.kind = "cifs";
-  result_->settings.source = WithoutLogin(Joined(Trimmed(arguments_[0]), arguments_[3]));
-  result_->settings.directory = Joined(arguments_[4], arguments_[3]);
-  RefuseLineBreaks(arguments_);
-  SmbPlace* place = &result_->place;
-  ReadSmbPath(arguments_[0], arguments_[3], place);
-  const size_t backslash = arguments_[1].find('\\');
-  if (backslash != std::string::npos) {
-    place->domain = arguments_[1].substr(0, backslash);
-  }
-  place->user = arguments_[1].substr(backslash == std::string::npos ? 0 : backslash + 1);
-  place->password = arguments_[2];
-  ReadMountOptions(arguments_[5], result_);
-  result_->settings.auto_delete = arguments_[6] != "0" && !arguments_[6].empty();
+  MirrorSettings& settings = result_->settings;
+  settings.kind = "cifs";
+  const RemoteAttributes attributes = {arguments_[0], arguments_[3], arguments_[1], arguments_[2],
+                                       arguments_[5]};
+  SetPlaces(attributes, arguments_[4], &settings);
+  result_->place = ReadSmbPlace(attributes);
+  settings.auto_delete = IsSet(arguments_[6]);
+  settings.settle_seconds = result_->place.settle_seconds.value_or(settings.settle_seconds);
 }

@@ -1,7 +1,18 @@
-// A directory on a server, as the helpers' arguments name it.
+// A directory on a server, as the attributes of a remote input directory name it and the helpers
+// understand it: see vocastra-helpers(1).
 #pragma once
 
+#include <optional>
 #include <string>
+
+// Of the element "directory".
+struct RemoteAttributes {
+  std::string path;
+  std::string subdir;
+  std::string username;
+  std::string password;
+  std::string options;  // "ftp-mode" or "mount-opts".
+};
 
 // What libcurl speaks.
 enum class FtpKind {
@@ -22,6 +33,7 @@ struct FtpPlace {
   std::string ca_file;      // Empty: the certificates of the system.
   std::string known_hosts;  // SFTP only.
   std::string key_file;     // SFTP only; empty: log in with the password.
+  std::optional<int> settle_seconds;
 };
 
 struct SmbPlace {
@@ -35,7 +47,19 @@ struct SmbPlace {
   // Names of protocol versions as the library knows them.
   std::string oldest = "SMB2_02";
   std::string newest = "SMB3";
+  std::optional<int> settle_seconds;
 };
 
 // A path as it is written in a URL: slashes and bytes that need no escape stay.
 std::string EscapedPath(const std::string& path_);
+
+// The text without a user and a password in front of the host: it is for messages.
+std::string WithoutLogin(const std::string& path_);
+
+// A directory and another one below it; either may be empty.
+std::string Joined(const std::string& directory_, const std::string& below_);
+
+// Throw a string if the attributes cannot work. It has no value that could be a password, and names
+// the attributes as the helpers' usage texts do: PATH, MODE, MOUNT-OPTS.
+FtpPlace ReadFtpPlace(const RemoteAttributes& attributes_);
+SmbPlace ReadSmbPlace(const RemoteAttributes& attributes_);
