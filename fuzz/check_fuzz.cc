@@ -30,7 +30,6 @@ extern "C" passwd* getpwent() {
 
 namespace {
 
-// Directories are compared with each other: time and findings take the square of their number.
 constexpr size_t kMaxBytes = 16 << 10;
 
 const fuzz::Scratch kScratch;

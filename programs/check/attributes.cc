@@ -1,10 +1,11 @@
 #include "attributes.h"
 
-#include <ctype.h>
 #include <string.h>
 
 #include <algorithm>
 #include <iterator>
+
+#include "names.h"
 
 namespace {
 
@@ -56,17 +57,6 @@ const Attribute& Find(const std::string& element_, const std::string& name_) {
   });
 }
 
-// Letters and digits in lower case: "Bumper_Path" and "bumper-path" are alike.
-std::string Simplified(const std::string& name_) {
-  std::string text;
-  for (const char c : name_) {
-    if (isalnum(static_cast<unsigned char>(c)) != 0) {
-      text += static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    }
-  }
-  return text;
-}
-
 }  // namespace
 
 bool Attribute::HasMeaningFor(const std::string& directory_type_) const {
@@ -95,18 +85,15 @@ std::string TextOf(const XMLElement& element_, const std::string& name_) {
 
 void CheckAttributes(const Document& document_, const XMLElement& element_, const Place& place_,
                      Findings& findings_) {
-  const std::vector<Attribute> known = AttributesOf(element_.GetName());
-  for (const auto& [name, value] : document_.TagOf(element_).attributes) {
-    std::string remedy = "Remove it";
-    bool is_known = false;
-    for (const Attribute& attribute : known) {
-      is_known = is_known || name == attribute.name;
-      if (Simplified(name) == Simplified(attribute.name)) {
-        remedy = "Write " + Quoted(attribute.name);
-      }
-    }
-    if (!is_known) {
-      findings_.Warning(place_, "unknown attribute " + Quoted(name) + " is ignored", remedy);
+  std::vector<std::string> known;
+  for (const Attribute& attribute : AttributesOf(element_.GetName())) {
+    known.emplace_back(attribute.name);
+  }
+  for (const std::string& name : document_.TagOf(element_).attributes) {
+    if (std::find(known.begin(), known.end(), name) == known.end()) {
+      const std::string meant = NearestName(name, known);
+      findings_.Warning(place_, "unknown attribute " + Quoted(name) + " is ignored",
+                        meant.empty() ? "Remove it" : DidYouMean(meant));
     }
   }
 }

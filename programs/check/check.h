@@ -9,6 +9,7 @@
 struct CheckOptions {
   std::string config_path;
   std::string glossary_path;  // Empty: none.
+  int player_rate = 22050;    // Hertz.
   // The other options of the daemon that were given, by letter, with their arguments. If there is
   // any, the daemon's whole command line is judged.
   std::map<char, std::string> daemon;

@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr char kMakeDirectory[] = "Make the directory, for the daemon's user";
 constexpr char kNameProgram[] = "Name a program that the daemon may execute";
 
 Place OptionPlace(char letter_) { return {"<command-line>", 0, std::string("-") + letter_}; }
@@ -90,7 +89,7 @@ void CheckOutput(const std::string& path_, PathUses& uses_, Findings& findings_)
   }
   const std::string why = WhyUnusable(path_);
   if (!why.empty()) {
-    findings_.Error(place, Quoted(path_) + ": " + why, kMakeDirectory);
+    findings_.Error(place, Quoted(path_) + ": " + why, RemedyForDirectory(path_));
   }
   uses_.AddDirectory(place, kOutput, path_);
 }
@@ -101,8 +100,9 @@ void CheckStatus(const std::string& path_, PathUses& uses_, Findings& findings_)
   }
   const bool is_there = access(path_.c_str(), F_OK) == 0;
   if (access(is_there ? path_.c_str() : ParentOf(path_).c_str(), W_OK) != 0) {
-    findings_.Warning(OptionPlace('s'), Quoted(path_) + " cannot be written: " + strerror(errno),
-                      "Make its directory, for the daemon's user");
+    const std::string why = strerror(errno);
+    findings_.Warning(OptionPlace('s'), Quoted(path_) + " cannot be written: " + why,
+                      RemedyForDirectory(ParentOf(path_)));
   }
   uses_.AddFile(OptionPlace('s'), "status file", path_);
 }
@@ -114,9 +114,27 @@ void CheckHelper(char letter_, const std::string& path_, Findings& findings_) {
   }
 }
 
+void CheckFiles(const CheckOptions& options_, bool has_priorities_, Findings& findings_) {
+  constexpr int kUsual = 10;  // The daemon's default.
+  const int count = CheckNumber(options_, 'f', findings_).value_or(kUsual);
+  const std::string text = Quoted(options_.Argument('f'));
+  if (count < 1) {
+    findings_.Error(OptionPlace('f'), text + " files: there is never room for audio",
+                    "Write 1 or more");
+  } else if (count > kUsual && has_priorities_) {
+    findings_.Warning(OptionPlace('f'),
+                      text +
+                          " files, and directories of different priority: the pieces that wait "
+                          "in the output are played before an alarm, unless the player knows "
+                          "priorities",
+                      "Write 10 or less");
+  }
+}
+
 }  // namespace
 
-void CheckCommandLine(const CheckOptions& options_, PathUses& uses_, Findings& findings_) {
+void CheckCommandLine(const CheckOptions& options_, bool has_priorities_, PathUses& uses_,
+                      Findings& findings_) {
   CheckTranslator(options_.Argument('t'), findings_);
   CheckOutput(options_.Argument('o'), uses_, findings_);
   CheckStatus(options_.Argument('s'), uses_, findings_);
@@ -134,9 +152,5 @@ void CheckCommandLine(const CheckOptions& options_, PathUses& uses_, Findings& f
                       Quoted(options_.Argument('w')) + " words: every word is spoken by itself",
                       "Write 1 or more");
   }
-  if (CheckNumber(options_, 'f', findings_).value_or(1) < 1) {
-    findings_.Error(OptionPlace('f'),
-                    Quoted(options_.Argument('f')) + " files: there is never room for audio",
-                    "Write 1 or more");
-  }
+  CheckFiles(options_, has_priorities_, findings_);
 }

@@ -4,7 +4,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "findings.h"
@@ -13,7 +12,8 @@
 // Properties of an element that the daemon's tree does not keep.
 struct Tag {
   int line = 0;
-  std::vector<std::pair<std::string, std::string>> attributes;  // Name and value, in their order.
+  int text_line = 0;                    // Of the first text in the element; 0: there is none.
+  std::vector<std::string> attributes;  // Names that the tag itself has, in their order.
 };
 
 class TagReader;
@@ -30,12 +30,14 @@ class Document {
   const Tag& TagOf(const XMLElement& element_) const { return tags.at(&element_); }
   Place PlaceOf(const XMLElement& element_, const std::string& item_) const;
 
-  // Warns of children of element_ whose names are not in known_.
-  void CheckChildren(const XMLElement& element_, const std::vector<std::string>& known_,
-                     Findings& findings_) const;
+  // Finds text in element_, and children whose names are not in known_: in a configuration, an
+  // error if such a name is probably a misspelt one.
+  void CheckContent(const XMLElement& element_, const std::vector<std::string>& known_,
+                    Findings& findings_) const;
 
  private:
   bool IsReadable() const;
+  void Explain(const std::string& why_, const std::string& root_name_, Findings& findings_) const;
   std::string Complete(const std::string& why_, const TagReader& reader_) const;
   std::string RemedyFor(const TagReader& reader_) const;
   void NoteTags(const TagReader& reader_);

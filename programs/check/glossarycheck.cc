@@ -44,6 +44,7 @@ void CheckWord(const Document& document_, const XMLElement& word_, std::set<std:
   const std::string text = word_.GetAttributeString("text", "");
   const Place place = document_.PlaceOf(word_, "word " + Quoted(text));
   CheckAttributes(document_, word_, place, findings_);
+  document_.CheckContent(word_, {}, findings_);
   try {
     word_.GetAttributeString("text");
     word_.GetAttributeString("speech");
@@ -68,7 +69,7 @@ void CheckGlossary(const std::string& path_, Findings& findings_) {
   }
   const XMLElement& root = *document.Root();
   CheckAttributes(document, root, document.PlaceOf(root, "glossary"), findings_);
-  document.CheckChildren(root, {"word"}, findings_);
+  document.CheckContent(root, {"word"}, findings_);
   std::set<std::string> texts;
   for (const XMLElement* word : root.GetChildren("word")) {
     CheckWord(document, *word, texts, findings_);

@@ -13,12 +13,14 @@
 #include "check.h"
 #include "commandline.h"
 #include "debug.h"
+#include "format.h"
 #include "options.h"
 
 namespace {
 
 // The options that are only for the checker, and the daemon's, which are not in the usage text.
-std::vector<ProgramOption> OptionTable(CheckOptions& options_, bool& is_verbose_) {
+std::vector<ProgramOption> OptionTable(CheckOptions& options_, std::string& rate_,
+                                       bool& is_verbose_) {
   std::vector<ProgramOption> table;
   for (const DaemonOption& entry : DaemonOptions()) {
     const char letter = entry.letter;
@@ -33,17 +35,19 @@ std::vector<ProgramOption> OptionTable(CheckOptions& options_, bool& is_verbose_
            [&options_, letter](const char* argument_) { options_.daemon[letter] = argument_; }});
     }
   }
+  table.push_back({'r', "rate", "HZ", "The player's rate, unless it is 22050", Keep(rate_)});
   table.push_back({'v', "verbose", "", "Say so when there is nothing to say", Set(is_verbose_)});
   return table;
 }
 
 CheckOptions ParseOptions(int argc_, char** argv_, bool& is_verbose_) {
   CheckOptions options;
+  std::string rate = std::to_string(options.player_rate);
   const Program program = {
       "vocastra-check", static_cast<int>(Verdict::kErrors),
-      "Usage: vocastra-check CONFIG [-v] [-g GLOSSARY] [options of the daemon]\n"
+      "Usage: vocastra-check CONFIG [-v] [-g GLOSSARY] [-r HZ] [options of the daemon]\n"
       "Says what the vocastra daemon would refuse or do silently.\n\n",
-      OptionTable(options, is_verbose_),
+      OptionTable(options, rate, is_verbose_),
       "Of the daemon's options, -c CONFIG means the same as CONFIG; with any of -d -f -i -o -p -s\n"
       "-t -w the daemon's whole command line is judged. Run it as the daemon's user.\n\n"
       "Findings go to standard error: FILE:LINE: error|warning: ELEMENT: what is wrong. Remedy.\n"
@@ -54,6 +58,11 @@ CheckOptions ParseOptions(int argc_, char** argv_, bool& is_verbose_) {
   }
   if (operands.size() > 1 || options.config_path.empty()) {
     FailUsage(program, "name one configuration file (see --help)");
+  }
+  try {
+    options.player_rate = ParseInteger(rate);
+  } catch (const std::string& why) {
+    FailUsage(program, "--rate: " + why);
   }
   return options;
 }

@@ -32,22 +32,20 @@ bool IsBelow(const std::string& path_, const std::string& directory_) {
          path_[directory_.size()] == '/';
 }
 
-// The user whose home directory that is; empty if there is none.
-std::string UserAtHomeIn(const std::string& real_) {
-  std::string name;
+// The users by their home directories.
+std::map<std::string, std::string> UsersAtHome() {
+  std::map<std::string, std::string> users;
   setpwent();
   while (const passwd* user = getpwent()) {
-    if (RealPath(user->pw_dir) == real_) {
-      name = user->pw_name;
-      break;
-    }
+    users.emplace(RealPath(user->pw_dir), user->pw_name);
   }
   endpwent();
-  return name;
+  return users;
 }
 
 // Why the files in that directory must not be removed; empty if nothing is known against it.
-std::string WhyPrecious(const std::string& real_) {
+std::string WhyPrecious(const std::string& real_,
+                        const std::map<std::string, std::string>& users_at_home_) {
   static const char* const kSystemTrees[] = {"/bin",     "/boot",     "/etc",       "/lib",
                                              "/proc",    "/sbin",     "/sys",       "/usr/bin",
                                              "/usr/lib", "/usr/sbin", "/usr/share", "/usr/include"};
@@ -65,8 +63,20 @@ std::string WhyPrecious(const std::string& real_) {
       return "other programs keep files there";
     }
   }
-  const std::string user = UserAtHomeIn(real_);
-  return user.empty() ? "" : "it is the home directory of " + user;
+  const auto user = users_at_home_.find(real_);
+  return user == users_at_home_.end() ? "" : "it is the home directory of " + user->second;
+}
+
+bool IsInput(const std::string& role_) {
+  return role_ == kPath || role_ == kSubdir || role_ == kAboveSubdir;
+}
+
+// The daemon ignores directories in the directories that it uses, and never removes them. But
+// people take a file in an inner directory for one of the outer directory.
+bool MustBeApart(const std::string& outer_role_, const std::string& inner_role_) {
+  const bool are_inputs =
+      IsInput(outer_role_) && IsInput(inner_role_) && outer_role_ != kAboveSubdir;
+  return are_inputs || (outer_role_ == kOutput) != (inner_role_ == kOutput);
 }
 
 }  // namespace
@@ -88,6 +98,20 @@ std::string WhyUnusable(const std::string& path_) {
     return "not readable and writable";
   }
   return "";
+}
+
+std::string RemedyForDirectory(const std::string& path_) {
+  const std::string real = RealPath(path_);
+  const auto is_in = [&](const char* place_) { return real == place_ || IsBelow(real, place_); };
+  const bool is_service = getenv("INVOCATION_ID") != nullptr;  // systemd sets it.
+  if (!is_service || is_in("/run/vocastra") || is_in("/var/spool/vocastra")) {
+    return "Make the directory, for the daemon's user";
+  }
+  return "Use a directory below /var/spool/vocastra; or make it, for the daemon's user, and let "
+         "the "
+         "service write there, by \"systemctl edit vocastra\" with the lines [Service] and "
+         "ReadWritePaths=" +
+         path_;
 }
 
 std::string WhyNotExecutable(const std::string& path_) {
@@ -129,48 +153,76 @@ std::string ThroughShell(const std::string& name_, const std::string& characters
 
 void PathUses::AddDirectory(const Place& place_, const std::string& role_,
                             const std::string& path_) {
-  directories.push_back({place_, role_, path_, RealPath(path_)});
+  directories.push_back({directories.size(), place_, role_, path_, RealPath(path_)});
 }
 
 void PathUses::AddFile(const Place& place_, const std::string& role_, const std::string& path_) {
-  files.push_back({place_, role_, path_, RealPath(path_)});
+  files.push_back({files.size(), place_, role_, path_, RealPath(path_)});
 }
 
 void PathUses::Check(Findings& findings_) const {
-  for (size_t i = 0; i < directories.size(); ++i) {
-    const Use& directory = directories[i];
-    const std::string why = WhyPrecious(directory.real);
+  const std::map<std::string, std::string> users_at_home = UsersAtHome();
+  Groups files_in;
+  for (const Use& file : files) {
+    files_in[ParentOf(file.real)].push_back(&file);
+  }
+  Groups groups;
+  for (const Use& directory : directories) {
+    const std::string why = WhyPrecious(directory.real, users_at_home);
     if (!why.empty()) {
       findings_.Error(directory.place,
                       directory.role + " " + Quoted(directory.path) + " is emptied, but " + why,
                       "Use a directory of its own");
     }
-    for (size_t j = 0; j < i; ++j) {
-      CheckPair(directories[j], directory, findings_);
+    std::vector<const Use*>& group = groups[directory.real];
+    for (const Use* first : group) {
+      CheckSame(*first, directory, findings_);
     }
-    for (const Use& file : files) {
-      if (ParentOf(file.real) == directory.real) {
-        findings_.Error(file.place,
-                        file.role + " " + Quoted(file.path) + " lies in the " + directory.role +
-                            " of " + directory.place.item + ", where files are taken or removed",
-                        "Move it elsewhere");
-      }
+    for (const Use* file : group.empty() ? files_in[directory.real] : std::vector<const Use*>()) {
+      findings_.Error(file->place,
+                      file->role + " " + Quoted(file->path) + " lies in the " + directory.role +
+                          " of " + directory.place.item + ", where files are taken or removed",
+                      "Move it elsewhere");
     }
+    if (!HasRole(group, directory.role)) {
+      group.push_back(&directory);
+    }
+  }
+  for (const Use& directory : directories) {
+    CheckAbove(directory, groups, findings_);
   }
 }
 
-// The daemon ignores subdirectories and never removes them, so one directory inside another needs a
-// warning only if one of them is the output directory.
-void PathUses::CheckPair(const Use& first_, const Use& second_, Findings& findings_) {
-  if (first_.real == second_.real) {
-    CheckSame(first_, second_, findings_);
-  } else if ((first_.role == kOutput) != (second_.role == kOutput) &&
-             (IsBelow(first_.real, second_.real) || IsBelow(second_.real, first_.real))) {
-    findings_.Warning(second_.place,
-                      second_.role + " " + Quoted(second_.path) + " and the " + first_.role + " " +
-                          Quoted(first_.path) + " of " + first_.place.item +
-                          " lie one inside the other",
-                      "Keep them apart");
+bool PathUses::HasRole(const std::vector<const Use*>& uses_, const std::string& role_) {
+  return std::any_of(uses_.begin(), uses_.end(),
+                     [&](const Use* use_) { return use_->role == role_; });
+}
+
+// Finds the nearest directory around inner_ that must not be there.
+void PathUses::CheckAbove(const Use& inner_, const Groups& groups_, Findings& findings_) {
+  for (std::string path = inner_.real; path.find('/') != std::string::npos && path != "/";) {
+    path = ParentOf(path);
+    const auto group = groups_.find(path);
+    if (group == groups_.end()) {
+      continue;
+    }
+    const std::vector<const Use*>& outers = group->second;
+    if (inner_.role == kSubdir && HasRole(outers, kAboveSubdir)) {
+      return;  // Whatever is around that is found for it, too.
+    }
+    const auto outer = std::find_if(outers.begin(), outers.end(), [&](const Use* use_) {
+      return MustBeApart(use_->role, inner_.role);
+    });
+    if (outer != outers.end()) {
+      const Use& first = (*outer)->number < inner_.number ? **outer : inner_;
+      const Use& second = (*outer)->number < inner_.number ? inner_ : **outer;
+      findings_.Warning(second.place,
+                        second.role + " " + Quoted(second.path) + " and the " + first.role + " " +
+                            Quoted(first.path) + " of " + first.place.item +
+                            " lie one inside the other",
+                        "Keep them apart");
+      return;
+    }
   }
 }
 

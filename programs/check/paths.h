@@ -1,6 +1,9 @@
 // Checks of paths: errors in a path, characters that the shell reads, and directories that overlap.
 #pragma once
 
+#include <stddef.h>
+
+#include <map>
 #include <string>
 #include <vector>
 
@@ -11,6 +14,11 @@ std::string ParentOf(const std::string& path_);
 
 // Why that is not a directory in which the daemon can read, write and search; empty if it is.
 std::string WhyUnusable(const std::string& path_);
+
+// The remedy for a directory, or for the directory of a file, that is missing or unusable. In a
+// service it names the confinement too, which lets the package's service write below two
+// directories only.
+std::string RemedyForDirectory(const std::string& path_);
 
 // Why that is not a program that can be executed; empty if it is.
 std::string WhyNotExecutable(const std::string& path_);
@@ -29,6 +37,8 @@ std::string ThroughShell(const std::string& name_, const std::string& characters
 constexpr char kSafeCharacters[] = "Use letters, digits and . _ + - / only";
 
 // Roles of directories that are not treated alike, see PathUses.
+constexpr char kPath[] = "path";
+constexpr char kSubdir[] = "subdir";
 constexpr char kAboveSubdir[] = "path above subdir";  // Emptied, but not looked into.
 constexpr char kLastPlayed[] = "last-played-path";
 constexpr char kOutput[] = "output";
@@ -40,19 +50,24 @@ class PathUses {
   void AddDirectory(const Place& place_, const std::string& role_, const std::string& path_);
   void AddFile(const Place& place_, const std::string& role_, const std::string& path_);
 
-  // Finds directories that must not be emptied, that overlap, or that hold one of the files.
+  // Finds directories that must not be emptied, that overlap, or that hold one of the files. A
+  // directory that has several roles for several others is compared with the first of each role.
   void Check(Findings& findings_) const;
 
  private:
   struct Use {
+    size_t number;  // In the order of the calls.
     Place place;
     std::string role;
     std::string path;
     std::string real;  // Without links, "." and "..".
   };
+  // By their real paths; only the first of each role, and of files all, by their directories.
+  using Groups = std::map<std::string, std::vector<const Use*>>;
 
-  static void CheckPair(const Use& first_, const Use& second_, Findings& findings_);
+  static bool HasRole(const std::vector<const Use*>& uses_, const std::string& role_);
   static void CheckSame(const Use& first_, const Use& second_, Findings& findings_);
+  static void CheckAbove(const Use& inner_, const Groups& groups_, Findings& findings_);
 
   std::vector<Use> directories;
   std::vector<Use> files;

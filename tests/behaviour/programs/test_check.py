@@ -11,7 +11,10 @@ from pathlib import Path
 import pytest
 from harness.daemon import PAUSE
 from harness.files import publish
-from harness.programs import ended, run, tool
+from harness.programs import ended, environment, run, start, tool
+
+
+WAV = b"RIFF\x2e\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x22\x56\0\0\x44\xac\0\0\2\0\x10\0data\2\0\0\0\1\2"
 
 
 class World:
@@ -22,17 +25,25 @@ class World:
         for name in ("in", "in2", "last", "last2", "out", "run", "etc"):
             (root / name).mkdir()
         for name in ("bumper", "spacer", "silence"):
-            (root / f"{name}.wav").write_bytes(b"RIFF")
+            (root / f"{name}.wav").write_bytes(WAV)
         for name in ("translator", "helper"):
             (root / name).write_text("#!/bin/sh\n")
             (root / name).chmod(0o755)
         self.config = root / "etc/config.xml"
         self.glossary = root / "etc/glossary.xml"
 
-    def check(self, text, *arguments, **options):
-        """Exit status and findings for that configuration; "@" in either is the root."""
+    def check(self, text, *arguments, mode=0o600, service=None, **options):
+        """Exit status and findings for that configuration; "@" in either is the root.
+
+        mode is that of the file. service is an id that the service manager gives.
+        """
         data = text if isinstance(text, bytes) else text.encode()
         self.config.write_bytes(data.replace(b"@", os.fsencode(self.root)))
+        self.config.chmod(mode)
+        options["env"] = environment()
+        options["env"].pop("INVOCATION_ID", None)
+        if service:
+            options["env"]["INVOCATION_ID"] = service
         arguments = [str(word).replace("@", str(self.root)) for word in arguments]
         status, out, err = run("vocastra-check", self.config, *arguments, **options)
         assert out == ""
@@ -68,8 +79,9 @@ FULL = """<?xml version="1.0"?>
     last-played-path="@/last" auto-delete="1"
     bumper-path="@/bumper.wav" spacer-path="@/spacer.wav" silence-path="@/silence.wav"/>
   <directory id="b" parser="alarm" encoding="utf8" type="cifs" path="//host/sh are" subdir="x y"
-    username="u" password="p$'" mount-opts="vers=3.0" dir-mode="cache"/>
-  <directory id="c" parser="items" encoding="utf16" type="ftp" path="host/in" username=""
+    username="u" password="p$'" mount-opts="vers=3.0,port=4450" dir-mode="cache"
+    last-played-path="@/last2"/>
+  <directory id="c" parser="items" encoding="utf16" type="ftp" path="ftps://host:99/in" username=""
     ftp-poll-rate="10" ftp-mode="active,settle=1,ca=/c" auto-delete=""/>
 </tts-config>
 """
@@ -137,15 +149,29 @@ def test_finding(world, case):
     given, expected = CASES[case]
     kind, _, rest = given.partition(":")
     (world.root / "in/out").mkdir()
+    options = {"cwd": world.root / "run"}
     if kind == "options":
-        words = shlex.split(rest)
+        words, _, elements = rest.partition("\n")
+        words = shlex.split(words)
         words = COMMAND_LINE + words[1:] if words[0] == "..." else words
-        status, found = world.check(CLEAN, *words)
+        status, found = world.check(around(elements) if elements else CLEAN, *words)
     elif kind == "glossary":
         status, found = world.check_glossary(rest.lstrip())
+    elif kind == "clip":
+        name, content = rest.split(maxsplit=1)
+        content = content.encode("latin-1").decode("unicode_escape").encode("latin-1")
+        (world.root / name).write_bytes(content.replace(b"(wav)", WAV))
+        status, found = world.check(directory(f'silence-path="@/{name}"'))
     else:
-        texts = {"directory": directory(rest.lstrip()), "file": rest[1:]}
-        status, found = world.check(texts.get(kind, around(given)), cwd=world.root / "run")
+        text = {
+            "file": lambda: rest[1:],
+            "utf16": lambda: rest[1:].encode("utf-16"),
+            "directory": lambda: directory(rest.lstrip()),
+            "service": lambda: directory(rest.lstrip()),
+            "public": lambda: directory(rest.lstrip()),
+        }.get(kind, lambda: around(given))()
+        options["service"] = "1" if kind == "service" else None
+        status, found = world.check(text, mode=0o644 if kind == "public" else 0o600, **options)
     assert found == expected
     assert status == (2 if ": error: " in "".join(expected) else 1)
 
@@ -204,6 +230,31 @@ def test_subdirectories_of_one_path(world):
     )
 
 
+@pytest.mark.parametrize("path, findings", [("@/in", 200), ("@/in/out", 200 + 199)])
+def test_each_directory_is_compared_with_the_first_of_a_path(world, path, findings):
+    """Were each pair a finding, time and memory would grow with the square of the number."""
+    (world.root / "in/out").mkdir()
+    many = "".join(f'<directory id="{i}" type="local" path="{path}"/>' for i in range(200))
+    assert len(world.check(around(many))[1]) == findings
+
+
+@pytest.mark.parametrize("count, line", [(3000, 2), (10001, 1)])
+def test_document_that_takes_too_much_memory(world, count, line):
+    """Defaults of attributes are part of each element: 100 KB would take 600 MB."""
+    declared = "".join(f'<!ATTLIST a x{i} CDATA "0">' for i in range(count))
+    world.config.write_text(f"<!DOCTYPE t [{declared}]>{CLEAN.replace('  <', '<a/>' * 3000 + '<')}")
+    process = start("vocastra-check", world.config)
+    err = process.stderr.read()
+    _, status, usage = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    assert process.returncode == 2
+    assert err == (
+        f"{world.config}:{line}: error: tts-config: the daemon refuses a document that takes so much "
+        f"memory: out of memory at line {line}. Remove entities and attribute declarations.\n"
+    )
+    assert usage.ru_maxrss < 300 << 10  # KiB; most of it is for tools that watch the program.
+
+
 def test_findings_come_in_the_order_of_lines(world):
     text = (
         '<tts-config state="x" y="">\n<directory id="a" type="local" path="@/in" z=""/>\n'
@@ -236,7 +287,7 @@ def as_daemon_user():
         (
             "run",
             '<command-line>:0: warning: -s: "@/run/status.xml" cannot be written: Permission '
-            "denied. Make its directory, for the daemon's user.",
+            "denied. " + DAEMON_USER,
         ),
         (
             "etc/config.xml",
@@ -291,9 +342,9 @@ def test_sticky_directory(world):
 # The command line.
 
 
-@pytest.mark.parametrize("kind, option", [("cifs", "-i"), ("ftp", "-p")])
-def test_remote_directory_without_helper(world, kind, option):
-    text = directory(f'type="{kind}" path="host"')
+@pytest.mark.parametrize("kind, path, option", [("cifs", "//h/s", "-i"), ("ftp", "h", "-p")])
+def test_remote_directory_without_helper(world, kind, path, option):
+    text = directory(f'type="{kind}" path="{path}"')
     assert world.check(text) == (0, [])
     assert world.check(text, *COMMAND_LINE) == (
         2,
