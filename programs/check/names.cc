@@ -30,10 +30,10 @@ std::string Simplified(const std::string& name_) {
 size_t Edits(const std::string& a_, const std::string& b_) {
   std::vector<size_t> row(b_.size() + 1);
   std::iota(row.begin(), row.end(), size_t{0});
-  for (size_t i = 0; i < a_.size(); ++i) {
+  for (const char c : a_) {
     size_t diagonal = row[0]++;
     for (size_t j = 0; j < b_.size(); ++j) {
-      const size_t replaced = diagonal + (a_[i] == b_[j] ? 0 : 1);
+      const size_t replaced = diagonal + (c == b_[j] ? 0 : 1);
       diagonal = row[j + 1];
       row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
     }

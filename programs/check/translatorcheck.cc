@@ -21,7 +21,8 @@ constexpr double kLimit = 5;  // Seconds.
 constexpr int kTick = 10;     // Milliseconds.
 constexpr size_t kMaxOutput = 64 << 10;
 constexpr size_t kMaxPipe = 64 << 10;  // Bytes that a pipe holds.
-constexpr int kNoStatus = -1;
+constexpr int kLate = -1;
+constexpr int kNoStatus = -2;
 
 // Starts a program in a group of its own, with stream_ into the descriptor and nothing in its other
 // streams. Its directory is /proc, where nobody can make a file. Returns 0 if it cannot be started.
@@ -72,8 +73,9 @@ void Drain(int& descriptor_, std::string& output_) {
   }
 }
 
-// Runs a program and returns its exit status, or kNoStatus if it did not exit in time. output_ gets
-// what it wrote to stream_. Whatever is left of its group is killed.
+// Runs a program and returns its exit status, kLate if it did not end in time, or kNoStatus if it
+// could not be started or a signal ended it. output_ gets what it wrote to stream_. Whatever is
+// left of its group is killed.
 int Run(const std::vector<std::string>& command_, int stream_, std::string& output_) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -97,7 +99,8 @@ int Run(const std::vector<std::string>& command_, int stream_, std::string& outp
     kill(-pid, SIGKILL);
     waitpid(pid, nullptr, 0);
   }
-  return info.si_code == CLD_EXITED ? info.si_status : kNoStatus;
+  const bool is_late = pid > 0 && info.si_pid == 0;
+  return is_late ? kLate : info.si_code == CLD_EXITED ? info.si_status : kNoStatus;
 }
 
 // The path from anywhere; a name alone is searched for along PATH.
@@ -139,7 +142,7 @@ std::string TranslatorCheck::Ask(const std::string& conv_opts_) {
   }
   std::string why;
   const int status = Run(command, STDERR_FILENO, why);
-  if (status == kNoStatus) {
+  if (status == kLate) {
     program.clear();  // It would only take time for the others, too.
   }
   why.resize(why.find_last_not_of(".\n", why.find('\n')) + 1);

@@ -14,7 +14,11 @@ from harness.files import publish
 from harness.programs import ended, environment, run, start, tool
 
 
-WAV = b"RIFF\x2e\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x22\x56\0\0\x44\xac\0\0\2\0\x10\0data\2\0\0\0\1\2"
+WAV = (
+    b"RIFF\x26\0\0\0WAVE"
+    b"fmt \x10\0\0\0\1\0\1\0\x22\x56\0\0\x44\xac\0\0\2\0\x10\0"
+    b"data\2\0\0\0\1\2"
+)
 
 
 class World:
@@ -416,6 +420,19 @@ def test_translator_is_asked_once_for_equal_arguments(world):
         == []
     )
     assert calls(world) == ["--help", "--check"]
+
+
+def test_translator_is_asked_for_every_directory(world):
+    translator(world, ASKED)
+    text = around(
+        '<directory id="b" type="local" path="@/in2" conv-opts="killed"/>\n'
+        '<directory id="c" type="ftp" path="host" conv-opts="bad"/>\n'
+        '<directory id="d" type="cifs" path="//h/s" conv-opts="a b"/>'
+    )
+    assert world.check(text, *COMMAND_LINE, *HELPERS)[1] == [
+        'config:3: error: directory "c": ' + REFUSED.format('"bad": no voice?'),
+        'config:4: error: directory "d": ' + REFUSED.format('"a b": no reason given'),
+    ]
 
 
 @pytest.mark.parametrize("attributes", ['conv-opts="$HOME"', 'conv-opts="bad" dir-mode="cache"'])
