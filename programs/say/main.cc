@@ -6,8 +6,6 @@
 // daemon uses to copy files.
 
 #include <stdio.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <exception>
 #include <memory>
@@ -126,17 +124,6 @@ std::string ReadText(const Options& options_) {
   return text;
 }
 
-// Unique, and in the order of the calls: files that wait together are taken in the order of names.
-std::string MessageName() {
-  timespec now = {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  tm utc = {};
-  gmtime_r(&now.tv_sec, &utc);
-  return Format("say-%04d%02d%02d-%02d%02d%02d-%09ld-%d", utc.tm_year + 1900, utc.tm_mon + 1,
-                utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, static_cast<long>(now.tv_nsec),
-                static_cast<int>(getpid()));
-}
-
 // Returns the name of the file that the daemon is going to take.
 std::string HandOver(const XMLElement& root_, const LocalDirectory& target_,
                      const Options& options_) {
@@ -157,7 +144,7 @@ std::string HandOver(const XMLElement& root_, const LocalDirectory& target_,
       !HasWords(Utf8ReplaceInvalid(XMLFileParser(parser, encoding).ParseFile(file.path())))) {
     throw Format("parser \"%s\" finds nothing to say in the document", target_.parser.c_str());
   }
-  std::string name = MessageName();
+  std::string name = MessageName("say");
   file.Publish(name);
   return name;
 }

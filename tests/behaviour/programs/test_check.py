@@ -253,8 +253,8 @@ def test_document_that_takes_too_much_memory(world, count, line):
     process.returncode = os.waitstatus_to_exitcode(status)
     assert process.returncode == 2
     assert err == (
-        f"{world.config}:{line}: error: tts-config: the daemon refuses a document that takes so much "
-        f"memory: out of memory at line {line}. Remove entities and attribute declarations.\n"
+        f"{world.config}:{line}: error: tts-config: the daemon refuses a document that takes so "
+        f"much memory: out of memory at line {line}. Remove entities and attribute declarations.\n"
     )
     assert usage.ru_maxrss < 300 << 10  # KiB; most of it is for tools that watch the program.
 

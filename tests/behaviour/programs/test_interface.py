@@ -7,7 +7,7 @@ import pytest
 from harness.programs import ROOT, environment, run, tool
 from harness.wait import LIMIT
 
-TOOLS = ["vocastra-check", "vocastra-say", "vocastra-status"]
+TOOLS = ["vocastra-check", "vocastra-inbox", "vocastra-say", "vocastra-status"]
 COMPLETION = ROOT / "programs/completions/vocastra"
 
 

@@ -154,7 +154,7 @@ def test_file_is_hidden_until_it_is_whole(tmp_path):
     events = watch.events()
     assert [event for event, _ in events] == ["create", "close-write", "from", "to"]
     names = [name for _, name in events]
-    assert re.fullmatch(r"\.say-\w{6}", names[0]) and len(set(names[:3])) == 1
+    assert re.fullmatch(r"\.message-\w{6}", names[0]) and len(set(names[:3])) == 1
     assert NAME.fullmatch(names[3])
 
 

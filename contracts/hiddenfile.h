@@ -32,3 +32,8 @@ class HiddenFile {
   int fd = -1;
   bool is_published = false;
 };
+
+// A name for a message, safe in a shell: source_, the present time and the number of the process.
+// The names of one source are unique, and in the order of the calls: files that wait together are
+// taken in the order of names.
+std::string MessageName(const std::string& source_);

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "format.h"
@@ -17,7 +18,7 @@ constexpr mode_t kMessageMode = 0644;  // Whatever the umask: the daemon must re
 }  // namespace
 
 HiddenFile::HiddenFile(const std::string& directory_)
-    : directory(directory_), file_path(directory_ + ".say-XXXXXX") {
+    : directory(directory_), file_path(directory_ + ".message-XXXXXX") {
   fd = mkostemp(file_path.data(), O_CLOEXEC);
   if (fd < 0) {
     throw Format("cannot write to %s: %s", directory_.c_str(), strerror(errno));
@@ -60,4 +61,14 @@ void HiddenFile::Require(bool is_ok_) const {
   if (!is_ok_) {
     throw Format("cannot write %s: %s", file_path.c_str(), strerror(errno));
   }
+}
+
+std::string MessageName(const std::string& source_) {
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm utc = {};
+  gmtime_r(&now.tv_sec, &utc);
+  return Format("%s-%04d%02d%02d-%02d%02d%02d-%09ld-%d", source_.c_str(), utc.tm_year + 1900,
+                utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                static_cast<long>(now.tv_nsec), static_cast<int>(getpid()));
 }
