@@ -58,7 +58,7 @@ struct Health {
 // The name of a state in the file: "waiting", "speaking" and so on.
 const char* NameOf(MessageRecord::State state_);
 
-// Replaces the file at path_. Throws a string if that fails.
+// Replaces the file at path_, unless nothing has changed. Throws a string if that fails.
 void WriteHealth(const std::string& path_, const Health& health_);
 
 // A file name with control characters or invalid UTF-8 is read with "?" or U+FFFD for them.

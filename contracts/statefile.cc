@@ -9,6 +9,19 @@
 #include <algorithm>
 
 #include "format.h"
+#include "statusfile.h"
+
+namespace {
+
+bool Holds(const std::string& path_, const std::string& text_) {
+  try {
+    return ReadWhole(path_) == text_;
+  } catch (const std::string&) {
+    return false;
+  }
+}
+
+}  // namespace
 
 std::string OneLine(std::string text_) {
   std::replace_if(
@@ -18,12 +31,15 @@ std::string OneLine(std::string text_) {
 }
 
 void ReplaceByDump(const std::string& path_, const XMLElement& root_) {
+  const std::string text = root_.DumpToString("");
+  if (Holds(path_, text)) {
+    return;
+  }
   const std::string temporary = path_ + ".new";
   FILE* const file = fopen(temporary.c_str(), "we");
   bool is_written = file != nullptr;
   if (is_written) {
-    root_.Dump(file, "");
-    is_written = ferror(file) == 0;
+    is_written = fputs(text.c_str(), file) >= 0;
     is_written = fclose(file) == 0 && is_written;
   }
   if (!is_written || rename(temporary.c_str(), path_.c_str()) != 0) {

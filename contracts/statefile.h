@@ -8,7 +8,8 @@
 // The text without line ends and other control characters, which would break a reader.
 std::string OneLine(std::string text_);
 
-// Replaces the file at path_ by the dump of root_. Throws a string if that fails.
+// Replaces the file at path_ by the dump of root_, unless it holds that already. Throws a string if
+// that fails.
 void ReplaceByDump(const std::string& path_, const XMLElement& root_);
 
 // An attribute that was written by "%lld". Throws a string if it is absent.
