@@ -1,0 +1,56 @@
+// Programs that the station runs as children.
+#pragma once
+
+#include <string>
+#include <vector>
+
+// Starts a program, which is searched in PATH, as the head of a new process group. It reads and
+// writes /dev/null and logs to the descriptor. If the caller ends, it gets SIGINT. A program that
+// cannot be executed says so in its log and ends with status 127.
+// Throws a string if no process can be made.
+int Spawn(const std::vector<std::string>& command_, int log_);
+
+// True if that child has ended; then it is gone, and status_ is as waitpid gives it.
+bool HasEnded(int pid_, int& status_);
+
+// "status 1" or "signal 9".
+std::string Described(int status_);
+
+// The processes below that one, the newest last.
+std::vector<int> Descendants(int pid_);
+// Its children, the newest last.
+std::vector<int> Children(int pid_);
+
+// Sends SIGKILL to the process, its group and all processes below it.
+void KillTree(int pid_);
+
+// A command that runs in the background; its standard error is kept.
+class Command {
+ public:
+  Command() = default;
+  ~Command();
+  Command(const Command&) = delete;
+  Command& operator=(const Command&) = delete;
+
+  // limit_: seconds, after which it is killed.
+  // REQUIRES: no command runs. Throws a string if it cannot be started.
+  void Start(const std::vector<std::string>& command_, double limit_);
+
+  bool IsRunning() const { return pid != 0; }
+
+  // True if it has just ended; Status() and Text() are valid then.
+  bool HasEnded();
+
+  int Status() const { return status; }  // As waitpid gives it.
+  const std::string& Text() const { return text; }
+
+ private:
+  int pid = 0;
+  int status = 0;
+  int log = -1;
+  double deadline = 0;
+  std::string text;
+};
+
+// The program of that name beside this process's own, or else the bare name.
+std::string BesideThis(const std::string& name_);
