@@ -1,0 +1,315 @@
+#include "copies.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <tuple>
+#include <utility>
+
+#include "clock.h"
+#include "configuration.h"
+#include "crc.h"
+#include "format.h"
+#include "statusfile.h"
+
+namespace {
+
+constexpr double kApplyLimit = 30;  // Seconds.
+constexpr char kNoGlossary[] = "<glossary/>\n";
+constexpr int kMaxExitStatus = 1;  // Of a check without errors.
+
+// Replaces the file by a rename. Throws a string.
+void Replace(const std::string& path_, const std::string& text_, mode_t mode_) {
+  const std::string temporary = path_ + ".new";
+  unlink(temporary.c_str());
+  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode_);
+  const bool is_written = fd >= 0 && WriteWhole(fd, text_.data(), text_.size()) &&
+                          fchmod(fd, mode_) == 0 && fsync(fd) == 0;
+  const int error = errno;
+  if (fd >= 0) {
+    close(fd);
+  }
+  if (!is_written || rename(temporary.c_str(), path_.c_str()) != 0) {
+    throw Format("cannot write %s: %s", path_.c_str(), strerror(is_written ? errno : error));
+  }
+}
+
+// Empty if it cannot be read.
+std::string ReadOrNothing(const std::string& path_) {
+  try {
+    return ReadWhole(path_);
+  } catch (const std::string&) {
+    return "";
+  }
+}
+
+std::string Replaced(std::string text_, const std::string& from_, const std::string& to_) {
+  for (size_t at = text_.find(from_); at != std::string::npos;
+       at = text_.find(from_, at + to_.size())) {
+    text_.replace(at, from_.size(), to_);
+  }
+  return text_;
+}
+
+// The first line that tells of an error, or else the first line.
+std::string FirstError(const std::string& findings_) {
+  const size_t error = findings_.find(": error: ");
+  const size_t last_end =
+      error == std::string::npos ? std::string::npos : findings_.rfind('\n', error);
+  const size_t begin = last_end == std::string::npos ? 0 : last_end + 1;
+  return findings_.substr(begin, findings_.find('\n', begin) - begin);
+}
+
+bool HasErrorIn(const std::string& findings_, const std::string& path_) {
+  for (size_t at = findings_.find(path_ + ":"); at != std::string::npos;
+       at = findings_.find(path_ + ":", at + 1)) {
+    if (findings_.substr(at, findings_.find('\n', at) - at).find(": error: ") !=
+        std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// As a directory that is missing makes the check fail, and the station makes it anyway.
+void CreateDirectories(const std::string& configuration_) {
+  try {
+    const std::unique_ptr<XMLElement> root = LoadXMLTree(configuration_, "tts-config");
+    for (const XMLElement* directory : root->GetChildren("directory")) {
+      if (directory->GetAttributeString("type", "") == "local") {
+        mkdir(ScannedPath(*directory).c_str(), 0777);
+      }
+    }
+  } catch (const std::string&) {  // The check will tell.
+  }
+}
+
+std::string CopyPath(const std::string& directory_, const char* name_) {
+  return directory_.empty() ? "" : AddTrailingSlash(directory_) + name_;
+}
+
+}  // namespace
+
+std::vector<std::string> CheckCommand(const std::vector<std::string>& arguments_) {
+  std::vector<std::string> words = {BesideThis("vocastra-check")};
+  words.insert(words.end(), arguments_.begin(), arguments_.end());
+  words.push_back("--glossary=");
+  return words;
+}
+
+bool IsUsable(int status_) { return WIFEXITED(status_) && WEXITSTATUS(status_) <= kMaxExitStatus; }
+
+Copies::Copies(const std::string& run_, const std::string& keep_, const Options& options_,
+               std::vector<std::string> check_, ProblemSink problems_,
+               std::function<void(const XMLElement&)> prepare_)
+    : check(std::move(check_)), problems(std::move(problems_)), prepare(std::move(prepare_)) {
+  files.resize(2);
+  files[0].name = "configuration";
+  files[0].edited = options_.config_file_path;
+  files[0].copy = CopyPath(run_, "vocastra.conf");
+  files[0].kept = CopyPath(keep_, "vocastra.conf");
+  files[1].name = "glossary";
+  files[1].edited = options_.glossary_file_path;
+  files[1].copy = CopyPath(run_, "glossary.xml");
+  files[1].kept = CopyPath(keep_, "glossary.xml");
+  if (files[1].edited.empty()) {
+    files.pop_back();
+  }
+}
+
+std::vector<std::string> Copies::Arguments() const {
+  std::vector<std::string> arguments = {"-c", files[0].copy};
+  if (files.size() > 1) {
+    arguments.insert(arguments.end(), {"-g", files[1].copy});
+  }
+  return arguments;
+}
+
+bool Copies::HasChanged(File& file_) const {
+  struct stat now = {};
+  if (stat(file_.edited.c_str(), &now) != 0) {
+    now = {};
+  }
+  const auto key = [](const struct stat& stat_) {
+    return std::make_tuple(stat_.st_ino, stat_.st_size, stat_.st_mtim.tv_sec, stat_.st_mtim.tv_nsec,
+                           stat_.st_mode);
+  };
+  const bool has_changed = key(now) != key(file_.seen);
+  file_.seen = now;
+  return has_changed;
+}
+
+void Copies::CheckNow() {
+  for (File& file : files) {
+    file.is_due = true;
+  }
+}
+
+void Copies::Tick() {
+  if (command.HasEnded()) {
+    Finish(*std::exchange(checked, nullptr));
+  }
+  for (File& file : files) {
+    if (HasChanged(file)) {
+      file.is_due = true;
+    }
+    if (file.is_due && !command.IsRunning()) {
+      file.is_due = false;
+      StartCheck(file);
+    }
+  }
+  if (!has_looked && !command.IsRunning()) {
+    has_looked = true;
+    Load();
+  }
+}
+
+void Copies::StartCheck(File& file_) {
+  const std::string candidate = file_.copy + ".checked";
+  try {
+    Replace(candidate, ReadWhole(file_.edited), file_.seen.st_mode & 0777);
+    std::vector<std::string> words = check;
+    if (&file_ == &files[0]) {
+      CreateDirectories(candidate);
+      words.push_back(candidate);
+    } else {
+      words.back() += candidate;
+      words.push_back(files[0].copy);
+    }
+    command.Start(words, kCheckLimit);
+    checked = &file_;
+  } catch (const std::string& why) {
+    Refuse(file_, "missing", "The " + file_.name + " cannot be read: " + why,
+           "Restore " + file_.edited);
+  }
+}
+
+void Copies::Finish(File& file_) {
+  const std::string candidate = file_.copy + ".checked";
+  const bool is_glossary = &file_ != &files[0];
+  const std::string findings = command.Text();
+  // Errors of the configuration do not count against the glossary.
+  const bool is_usable = IsUsable(command.Status()) ||
+                         (is_glossary && !findings.empty() && !HasErrorIn(findings, candidate));
+  const std::string text = Replaced(findings, candidate, file_.edited);
+  try {
+    if (is_usable) {
+      Accept(file_, text);
+    } else {
+      const std::string first = text.empty() ? Described(command.Status()) : FirstError(text);
+      Refuse(file_, "refused", "The edited " + file_.name + " cannot be used: " + first,
+             "Fix " + file_.edited);
+      file_.result += text;
+    }
+  } catch (const std::string& why) {
+    Refuse(file_, "refused", "The " + file_.name + " cannot be copied: " + why,
+           "Make room for it, and let the station write there");
+  }
+  unlink(candidate.c_str());
+}
+
+void Copies::Accept(File& file_, const std::string& text_) {
+  std::string content = ReadWhole(file_.copy + ".checked");
+  const mode_t mode = file_.seen.st_mode & 0777;
+  const std::string old = ReadOrNothing(file_.copy);
+  const bool is_configuration = &file_ == &files[0];
+  const bool is_new = old != content && old != content + "\n";
+  if (is_new) {
+    const std::string original = content;
+    const auto crc = [](const std::string& bytes_) {
+      return CRC(0, reinterpret_cast<const uint8_t*>(bytes_.data()), bytes_.size());
+    };
+    if (crc(old) == crc(content)) {  // The daemon would not notice the change.
+      content += "\n";
+    }
+    if (is_configuration) {
+      prepare(*LoadXMLTree(file_.copy + ".checked", "tts-config"));
+      applied_limit = Now() + kApplyLimit;
+    }
+    Replace(file_.copy, content, mode);
+    Load();
+    content = original;
+  }
+  if (!file_.kept.empty() && ReadOrNothing(file_.kept) != content) {
+    Replace(file_.kept, content, mode);
+  }
+  file_.is_refused = false;
+  file_.result = file_.name + (is_new ? ": applied\n" : ": nothing new\n") + text_;
+  problems.clear(file_.name + "-refused");
+  problems.clear(file_.name + "-missing");
+}
+
+void Copies::Refuse(File& file_, const char* why_, const std::string& sentence_,
+                    const std::string& remedy_) {
+  file_.is_refused = true;
+  file_.result = file_.name + ": refused\n" + sentence_ + ".\n";
+  UseKept(file_);
+  const bool has_copy = access(file_.copy.c_str(), F_OK) == 0;
+  problems.clear(file_.name + "-refused");
+  problems.clear(file_.name + "-missing");
+  problems.set(file_.name + "-" + why_, sentence_,
+               remedy_ + (has_copy ? "; the last usable one stays in force"
+                                   : "; until then nothing is spoken"));
+}
+
+// Only at the first start after a boot the copy is missing.
+void Copies::UseKept(File& file_) {
+  if (access(file_.copy.c_str(), F_OK) == 0) {
+    return;
+  }
+  const std::string text = file_.kept.empty() ? "" : ReadOrNothing(file_.kept);
+  try {
+    if (!text.empty()) {
+      Replace(file_.copy, text, 0640);
+    } else if (&file_ != &files[0]) {
+      Replace(file_.copy, kNoGlossary, 0644);  // Without it, the daemon would speak nothing.
+    }
+  } catch (const std::string&) {  // The problem is told as that of the edited file.
+  }
+}
+
+void Copies::Load() {
+  try {
+    configuration = LoadXMLTree(files[0].copy, "tts-config");
+  } catch (const std::string&) {
+    configuration.reset();
+  }
+}
+
+void Copies::OnLog(const LogEvent& event_) {
+  if (event_.line == "Processing configuration " + files[0].copy) {
+    applied_limit = 0;
+  }
+}
+
+bool Copies::IsBusy() const {
+  for (const File& file : files) {
+    if (file.is_due) {
+      return true;
+    }
+  }
+  return command.IsRunning() || Now() < applied_limit;
+}
+
+bool Copies::IsFine() const {
+  for (const File& file : files) {
+    if (file.is_refused) {
+      return false;
+    }
+  }
+  return applied_limit == 0;
+}
+
+std::string Copies::Report() const {
+  std::string report;
+  for (const File& file : files) {
+    report += file.result;
+  }
+  if (applied_limit != 0) {
+    report += "The daemon has not taken it yet.\n";
+  }
+  return report;
+}
