@@ -202,7 +202,7 @@ void Copies::Finish(File& file_) {
       const std::string first = text.empty() ? Described(command.Status()) : FirstError(text);
       Refuse(file_, "refused", "The edited " + file_.name + " cannot be used: " + first,
              "Fix " + file_.edited);
-      file_.result += text;
+      file_.result = file_.name + ": refused\n" + (text.empty() ? first + "\n" : text);
     }
   } catch (const std::string& why) {
     Refuse(file_, "refused", "The " + file_.name + " cannot be copied: " + why,

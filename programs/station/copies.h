@@ -22,7 +22,7 @@ struct ProblemSink {
   std::function<void(const std::string& id_)> clear;
 };
 
-constexpr double kCheckLimit = 10;  // Seconds.
+constexpr double kCheckLimit = 30;  // Seconds; it may run the translator for each directory.
 
 // The words of the command that checks a configuration, which is to be added as the last one.
 // arguments_: of the daemon, without its name.
