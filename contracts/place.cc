@@ -232,6 +232,10 @@ std::string Joined(const std::string& directory_, const std::string& below_) {
   return directory_ + (directory_.back() == '/' ? "" : "/") + below;
 }
 
+std::string RemoteSource(const std::string& path_, const std::string& subdir_) {
+  return WithoutLogin(Joined(path_.substr(0, path_.find_last_not_of('/') + 1), subdir_));
+}
+
 FtpPlace ReadFtpPlace(const RemoteAttributes& attributes_) {
   RefuseLineBreaks(attributes_);
   FtpPlace place;

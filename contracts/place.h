@@ -59,6 +59,9 @@ std::string WithoutLogin(const std::string& path_);
 // A directory and another one below it; either may be empty.
 std::string Joined(const std::string& directory_, const std::string& below_);
 
+// Host and path of a remote directory, as its helper names it in messages.
+std::string RemoteSource(const std::string& path_, const std::string& subdir_);
+
 // Throw a string if the attributes cannot work. It has no value that could be a password, and names
 // the attributes as the helpers' usage texts do: PATH, MODE, MOUNT-OPTS.
 FtpPlace ReadFtpPlace(const RemoteAttributes& attributes_);

@@ -9,17 +9,12 @@ namespace {
 
 constexpr int kLongestPoll = 24 * 60 * 60;  // Seconds.
 
-// Removes the slashes at the end.
-std::string Trimmed(const std::string& path_) {
-  return path_.substr(0, path_.find_last_not_of('/') + 1);
-}
-
 bool IsSet(const std::string& number_) { return number_ != "0" && !number_.empty(); }
 
 // Source and directory, which do not depend on whether the arguments can work.
 void SetPlaces(const RemoteAttributes& attributes_, const std::string& watch_directory_,
                MirrorSettings* settings_) {
-  settings_->source = WithoutLogin(Joined(Trimmed(attributes_.path), attributes_.subdir));
+  settings_->source = RemoteSource(attributes_.path, attributes_.subdir);
   settings_->directory = Joined(watch_directory_, attributes_.subdir);
 }
 

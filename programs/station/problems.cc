@@ -1,0 +1,652 @@
+#include "problems.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <list>
+#include <map>
+#include <set>
+#include <utility>
+
+#include "clock.h"
+#include "configuration.h"
+#include "format.h"
+#include "place.h"
+#include "playerstate.h"
+#include "process.h"
+#include "statusfile.h"
+
+namespace {
+
+// Seconds.
+constexpr double kHang = 4;         // A run of the translator that counts as hanging.
+constexpr double kProbePause = 2;   // Between two trials of the translator.
+constexpr double kProbeLimit = 20;  // That a trial may take, on a slow device.
+constexpr double kCopyFailure = 5;  // That a failed copy is shown if nothing explains it.
+constexpr double kStart = 3;        // For a player, or a helper's first sign of life.
+constexpr double kSettle = 1.5;     // For what a restart of the daemon ends.
+constexpr double kPlayerPause = 5;  // Between a player's state and the next, beside the sound.
+constexpr double kUnknownSound = 60;
+constexpr double kLockedStill = 2;  // Without a status, after which locks are tried.
+constexpr double kStill = 4;        // Without a status, after which the daemon does not work.
+constexpr double kSilent = 3;       // Without a line: failing passes log something.
+
+constexpr int kRepeats = 10;       // Of a line, that show that it is about each pass.
+constexpr size_t kMaxTexts = 100;  // That are remembered.
+constexpr size_t kMaxLine = 300;   // Bytes of the translator's words.
+constexpr int kLockTries = 3;      // In one check.
+constexpr int kLockPause = 2;      // Milliseconds between them.
+constexpr int kLockedChecks = 2;   // One after another: players hold the lock for moments.
+
+// The slowest sound, in bytes a second: 16 bits at 4000 Hz, and a compressed WAV file.
+constexpr double kRawRate = 8000;
+constexpr double kWavRate = 1600;
+
+constexpr uint64_t kLeastRoom = 256 << 10;  // Bytes; or an eighth, on a small file system.
+
+struct Kind {
+  const char* id;
+  const char* remedy;  // Null: who sets the problem has one.
+};
+
+constexpr Kind kKinds[] = {
+    {"configuration-missing", nullptr},
+    {"configuration-refused", nullptr},
+    {"daemon-ends", nullptr},
+    {"glossary-missing", nullptr},
+    {"glossary-refused", nullptr},
+    {"daemon-dead", "See the log; the station starts it again"},
+    {"daemon-hung", "Wait for the station to start it again, or restart the service"},
+    {"daemon-failing", "Look the line up in the log's manual, and remove the cause"},
+    {"helper-dead",
+     "Correct the directory's attributes if they are the cause; restart the service"},
+    {"input-missing", "Create the directory for the daemon's user, or correct path and subdir"},
+    {"input-unreadable", "Let the daemon's user read and search the directory"},
+    {"input-read-only", "Let the daemon's user write to the directory; it removes what it takes"},
+    {"locked", "End the program that holds the lock; lslocks or fuser names it"},
+    {"no-player", "Start the player: systemctl start vocastra-player"},
+    {"no-sound-device", "Connect the sound device, or name another one to the player"},
+    {"output-failing", "See the log for the command, and run it by hand"},
+    {"output-full", "Remove files from the file system, or make it larger"},
+    {"output-gone", "Restart the service, which creates it, or create it for the daemon's user"},
+    {"output-read-only", "Let the daemon's user write to the directory"},
+    {"output-replaced", "Wait for the station to restart the daemon; empty the directory instead"},
+    {"player-stopped", "Restart the player: systemctl restart vocastra-player"},
+    {"remote", "Check network, server, login and keys"},
+    {"tmp-full", "Remove files from /tmp, or make it larger"},
+    {"translator-failing", "Correct conv-opts, or install what the translator needs"},
+    {"translator-hanging", "Wait for its end, or kill it; use fewer words in a piece (-w)"},
+    {"translator-missing", "Install the translator, or correct the daemon's option -t"},
+};
+
+// Why nothing can be written into a file system; empty if it can.
+std::string WhyFull(const std::string& path_) {
+  struct statvfs room {};
+  if (statvfs(path_.c_str(), &room) != 0 || room.f_blocks == 0) {
+    return "";
+  }
+  const uint64_t block = room.f_frsize;
+  if (room.f_bavail * block < std::min(kLeastRoom, room.f_blocks * block / 8)) {
+    return Format("%llu KiB are free",
+                  static_cast<unsigned long long>(room.f_bavail * block >> 10));
+  }
+  return room.f_files != 0 && room.f_favail == 0 ? "it has as many files as it can" : "";
+}
+
+bool StartsWith(const std::string& text_, const std::string& start_) {
+  return text_.compare(0, start_.size(), start_) == 0;
+}
+
+struct Process {
+  std::string name;
+  char state = '\0';  // As in proc(5); 0: there is none, or it may not be seen.
+};
+
+Process LookAt(int pid_) {
+  Process process;
+  try {
+    const std::string stat = ReadWhole(Format("/proc/%d/stat", pid_));
+    const size_t begin = stat.find('(') + 1;
+    const size_t end = stat.rfind(')');
+    if (end != std::string::npos && end + 2 < stat.size()) {
+      process.name = stat.substr(begin, end - begin);
+      process.state = stat[end + 2];
+    }
+  } catch (const std::string&) {
+    return process;
+  }
+  return process;
+}
+
+// The daemon's children. A helper that has ended stays a zombie until its directory goes.
+struct Family {
+  explicit Family(int daemon_) {
+    for (const int child : Children(daemon_)) {
+      const Process process = LookAt(child);
+      if (process.state == 'Z') {
+        ++dead;
+      } else {
+        ++(process.name == "sh" ? commands : helpers);
+      }
+    }
+  }
+
+  size_t helpers = 0;
+  size_t dead = 0;
+  size_t commands = 0;  // The translator, or a short one.
+};
+
+// True if a process holds the lock of the directory.
+bool IsHeld(const std::string& path_) {
+  const int directory = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+  bool is_held = directory >= 0;
+  for (int i = 0; is_held && i < kLockTries; ++i) {
+    Nap(i == 0 ? 0 : kLockPause);
+    is_held = flock(directory, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  }
+  if (directory >= 0) {
+    close(directory);
+  }
+  return is_held;
+}
+
+// The directories of a configuration that the daemon uses, by their ids.
+std::map<std::string, const XMLElement*> DirectoriesIn(const XMLElement& configuration_) {
+  std::map<std::string, const XMLElement*> result;
+  for (const XMLElement* element : configuration_.GetChildren("directory")) {
+    const std::string id = element->GetAttributeString("id", "");
+    if (!id.empty()) {
+      result.emplace(id, element);
+    }
+  }
+  return result;
+}
+
+std::string Printable(std::string text_) {
+  std::replace_if(
+      text_.begin(), text_.end(), [](char c_) { return c_ < ' ' || c_ > '~'; }, '?');
+  return text_;
+}
+
+}  // namespace
+
+struct Problems::Impl {
+  struct Entry {
+    Problem problem;
+    double first = 0;       // When it was found.
+    bool is_shown = false;  // Long enough.
+    bool is_own = false;    // Ends when a check does not find it.
+    bool is_found = false;  // By the last check.
+  };
+
+  Impl(const std::string& run_, const Options& options_, bool has_player_)
+      : run(run_), options(options_), has_player(has_player_) {}
+
+  Entry& At(const std::string& id_);
+  void Find(const std::string& id_, const std::string& about_, const std::string& sentence_,
+            double hold_ = 0);
+  bool Has(const std::string& start_) const;
+
+  void CheckDaemon(const View& view_);
+  void CheckLocks();
+  void CheckOutput(int daemon_);
+  void CheckPlayer(const XMLElement* status_);
+  bool IsPlayerBusy(const PlayerState& state_, const XMLElement* status_);
+  void CheckInputs();
+  void CheckInput(const std::string& id_, const XMLElement& element_);
+  void CheckRemotes(const View& view_);
+  void CheckTranslator(double engine_);
+  void FindFailing();
+  void RunProbe();
+  void StartProbe();
+  std::string WhyProbeFailed() const;
+
+  const std::string run;
+  const Options options;
+  const bool has_player;
+  std::list<Entry> entries;                              // The oldest first.
+  std::map<std::string, const XMLElement*> directories;  // During a check.
+
+  std::string last_line;  // Of the daemon.
+  double last_line_time = 0;
+  std::map<std::string, int> repeats;  // Of lines since the status advanced.
+  std::string repeated_line;           // The last one that comes in each pass; empty: none.
+  std::map<std::string, int> held;     // By how many checks in turn a lock was found to be held.
+
+  int daemon = 0;  // At the last check.
+  struct stat output {};
+  double copy_failed = -kCopyFailure;
+
+  std::string player_state;  // What identifies the present file.
+  double player_change = 0;
+
+  std::map<std::string, std::string> helper_lines;  // The last one about each source.
+
+  std::vector<std::string> failed_commands;  // Since the last check.
+  std::set<std::string> failing;             // Directories for which the translator failed,
+  std::string why_failing;                   // and the translator's words.
+  std::string probed;                        // The directory whose arguments are tried.
+  double next_probe = 0;
+  Command probe;
+};
+
+// --- The list
+// -------------------------------------------------------------------------------------
+
+Problems::Impl::Entry& Problems::Impl::At(const std::string& id_) {
+  for (Entry& entry : entries) {
+    if (entry.problem.id == id_) {
+      return entry;
+    }
+  }
+  Entry entry;
+  entry.problem.id = id_;
+  entry.problem.since = time(nullptr);
+  entry.first = Now();
+  return entries.emplace_back(entry);
+}
+
+// A check has found a problem, which is shown if it lasts for hold_ seconds.
+void Problems::Impl::Find(const std::string& id_, const std::string& about_,
+                          const std::string& sentence_, double hold_) {
+  Entry& entry = At(about_.empty() ? id_ : id_ + ":" + about_);
+  entry.is_own = true;
+  entry.is_found = true;
+  entry.is_shown = Now() - entry.first >= hold_;
+  entry.problem.sentence = sentence_;
+  for (const Kind& kind : kKinds) {
+    if (id_ == kind.id) {
+      entry.problem.remedy = kind.remedy;
+    }
+  }
+}
+
+bool Problems::Impl::Has(const std::string& start_) const {
+  return std::any_of(entries.begin(), entries.end(), [&](const Entry& entry_) {
+    return (entry_.is_found || !entry_.is_own) && StartsWith(entry_.problem.id, start_);
+  });
+}
+
+// --- The daemon
+// -----------------------------------------------------------------------------------
+
+void Problems::Impl::CheckDaemon(const View& view_) {
+  if (view_.still < 1) {
+    repeats.clear();
+    repeated_line.clear();
+  }
+  const bool is_still = view_.daemon != 0 && view_.engine <= 0 && view_.still >= kLockedStill &&
+                        Family(view_.daemon).commands == 0;
+  if (is_still) {
+    CheckLocks();
+  } else {
+    held.clear();
+  }
+  if (view_.daemon == 0 && !Has("daemon-ends") && !Has("configuration-")) {
+    Find("daemon-dead", "",
+         "The daemon does not run" + (last_line.empty() ? "" : "; its last line: " + last_line),
+         kSettle);
+  } else if (is_still && view_.still >= kStill && !Has("locked")) {
+    if (Now() - last_line_time > kSilent) {
+      Find("daemon-hung", "", Format("The daemon has done nothing for %.0f s", view_.still));
+    } else if (!repeated_line.empty() && !Has("")) {
+      Find("daemon-failing", "", "The daemon can finish no pass: " + repeated_line);
+    }
+  }
+}
+
+void Problems::Impl::CheckLocks() {
+  std::set<std::string> paths = {options.output_directory_path};
+  for (const auto& [id, element] : directories) {
+    if (element->GetAttributeString("type", "") == "local") {
+      paths.insert(ScannedPath(*element));
+    }
+  }
+  for (const std::string& path : paths) {
+    int& checks = held[path];
+    checks = IsHeld(path) ? checks + 1 : 0;
+    if (checks >= kLockedChecks) {
+      Find("locked", path, "Another program holds the lock of " + path + ", and the daemon waits");
+    }
+  }
+}
+
+// --- Output and player
+// ----------------------------------------------------------------------------
+
+void Problems::Impl::CheckOutput(int daemon_) {
+  const std::string& path = options.output_directory_path;
+  struct stat now {};
+  const bool is_there = stat(path.c_str(), &now) == 0;
+  const std::string why = is_there ? "it is no directory" : strerror(errno);
+  if (daemon_ != daemon) {
+    daemon = daemon_;
+    output = now;
+  }
+  if (path.empty()) {
+    return;
+  }
+  const std::string name = "The output directory " + path;
+  std::string full;
+  if (!is_there || !S_ISDIR(now.st_mode)) {
+    Find("output-gone", "", name + " is gone: " + why);
+  } else if (daemon != 0 && (now.st_ino != output.st_ino || now.st_dev != output.st_dev)) {
+    Find("output-replaced", "", name + " is another one than at the daemon's start");
+  } else if (access(path.c_str(), R_OK | W_OK | X_OK) != 0) {
+    Find("output-read-only", "", name + " cannot be used: " + strerror(errno));
+  } else if (!(full = WhyFull(path)).empty()) {
+    Find("output-full", "", "The disk of the output directory " + path + " is full: " + full);
+  } else if (Now() - copy_failed < kCopyFailure) {
+    Find("output-failing", "", "A piece could not be copied into " + path);
+  }
+  if (!(full = WhyFull("/tmp")).empty()) {
+    Find("tmp-full", "", "The disk of /tmp is full: " + full);
+  }
+}
+
+void Problems::Impl::CheckPlayer(const XMLElement* status_) {
+  PlayerState state;
+  try {
+    state = ReadPlayerState(run + "/player");
+  } catch (const std::string& why) {
+    Find("no-player", "", "No player has run yet: " + why, kStart);
+    return;
+  }
+  const char process = LookAt(state.pid).state;
+  if (!IsPlayerRunning(state) || process == 'Z') {
+    Find("no-player", "", Format("The player, process %d, has ended", state.pid), kStart);
+    return;
+  }
+  if (process == 'T' || process == 't') {
+    Find("player-stopped", "", Format("The player, process %d, is stopped", state.pid));
+  } else if (!state.device_ok) {
+    Find("no-sound-device", "", "The player has no sound device " + state.device);
+  } else if (!IsPlayerBusy(state, status_)) {
+    Find("player-stopped", "",
+         Format("Files wait, and the player, process %d, does not go on", state.pid));
+  }
+}
+
+// True if the player's state has changed as lately as can be expected: while files wait, a change
+// comes with the end of what plays.
+bool Problems::Impl::IsPlayerBusy(const PlayerState& state_, const XMLElement* status_) {
+  struct stat file {};
+  stat((run + "/player").c_str(), &file);
+  const std::string identity =
+      Format("%llu %lld.%09ld", static_cast<unsigned long long>(file.st_ino),
+             static_cast<long long>(file.st_mtim.tv_sec), file.st_mtim.tv_nsec);
+  const bool is_bound = status_ != nullptr && status_->GetAttributeInteger("output-bound", 0) != 0;
+  const bool has_work = is_bound || !state_.playing.empty() || !state_.waiting.empty();
+  if (identity != player_state || !has_work) {
+    player_state = identity;
+    player_change = Now();
+  }
+  if (Now() - player_change < kPlayerPause) {
+    return true;
+  }
+  double sound = 0;
+  if (!state_.playing.empty()) {
+    const bool is_wav = state_.playing.find(".wav") != std::string::npos;
+    struct stat piece {};
+    const std::string path = AddTrailingSlash(options.output_directory_path) + ".playing.";
+    sound = stat((path + state_.playing).c_str(), &piece) != 0
+                ? kUnknownSound
+                : static_cast<double>(piece.st_size) / (is_wav ? kWavRate : kRawRate);
+  }
+  return Now() - player_change < kPlayerPause + sound;
+}
+
+// --- Input directories
+// ----------------------------------------------------------------------------
+
+void Problems::Impl::CheckInputs() {
+  for (const auto& [id, element] : directories) {
+    if (element->GetAttributeString("type", "") == "local") {
+      CheckInput(id, *element);
+    }
+  }
+}
+
+void Problems::Impl::CheckInput(const std::string& id_, const XMLElement& element_) {
+  const std::string path = ScannedPath(element_);
+  if (path.empty()) {
+    return;
+  }
+  const std::string name = "The input directory " + path;
+  struct stat status {};
+  const bool is_there = stat(path.c_str(), &status) == 0;
+  const bool is_hidden = !is_there && errno == EACCES;
+  if (!is_there && !is_hidden) {
+    Find("input-missing", id_, name + " is missing: " + strerror(errno));
+  } else if (is_hidden || access(path.c_str(), R_OK | X_OK) != 0) {
+    Find("input-unreadable", id_, name + " cannot be read: " + strerror(errno));
+  } else if (access(path.c_str(), W_OK) != 0) {
+    Find("input-read-only", id_, name + " cannot be written: " + strerror(errno));
+  }
+}
+
+void Problems::Impl::CheckRemotes(const View& view_) {
+  if (view_.status == nullptr || view_.daemon == 0) {
+    return;
+  }
+  std::map<std::string, std::string> remotes;  // Ids and sources.
+  std::set<std::string> silent;
+  for (const auto& [id, element] : directories) {
+    const XMLElement* const status = FindById(*view_.status, "directory", id);
+    if (status == nullptr || element->GetAttributeString("type", "") == "local") {
+      continue;
+    }
+    remotes[id] = Printable(RemoteSource(element->GetAttributeString("path", ""),
+                                         element->GetAttributeString("subdir", "")));
+    if (status->GetAttributeString("status", "") == "0") {
+      silent.insert(id);
+    }
+  }
+  if (remotes.empty()) {
+    return;
+  }
+  const Family family(view_.daemon);
+  const bool all_dead = family.dead > 0 && family.helpers == 0;
+  for (const auto& [id, source] : remotes) {
+    const std::string& line = helper_lines[source];
+    const std::string cause = line.empty() ? "" : ": " + line;
+    // Which one is dead is only known if there are no more without updates than dead ones.
+    if (all_dead || (silent.count(id) != 0 && silent.size() <= family.dead)) {
+      Find("helper-dead", id, "The helper of " + source + " has ended" + cause, kSettle);
+    } else if (silent.count(id) != 0) {
+      Find("remote", id, "No updates come from " + source + cause, line.empty() ? kStart : 0);
+    }
+  }
+}
+
+// --- The translator
+// -------------------------------------------------------------------------------
+
+void Problems::Impl::CheckTranslator(double engine_) {
+  const std::string& translator = options.translator_file_path;
+  if (engine_ > kHang) {
+    Find("translator-hanging", "", Format("The translator has run for %.0f s", engine_));
+  }
+  // A command that the shell looks up or reads is left to the trial.
+  const std::string path = translator.substr(0, translator.find(' '));
+  const bool is_plain = path.find('/') != std::string::npos &&
+                        path.find_first_of("\\\"'$`*?[~;&|<>()") == std::string::npos;
+  if (is_plain && access(path.c_str(), X_OK) != 0) {
+    Find("translator-missing", "", "The translator " + path + " cannot be run: " + strerror(errno));
+    next_probe = 0;
+  }
+  FindFailing();
+  if (probe.IsRunning() || (engine_ <= 0 && !Has("translator-missing"))) {
+    RunProbe();
+  }
+  if (!failing.empty() && !Has("translator-missing")) {
+    const std::string& id = failing.count(probed) != 0 ? probed : *failing.begin();
+    Find("translator-failing", "",
+         "The translator fails for directory " + id + (why_failing.empty() ? "" : ": ") +
+             why_failing);
+  }
+}
+
+// Finds the directories whose arguments the failed commands have.
+void Problems::Impl::FindFailing() {
+  for (const std::string& command : failed_commands) {
+    // After the translator come two paths of temporary files, which have no blanks.
+    size_t begin = options.translator_file_path.size() + 1;
+    begin = command.find(' ', begin) + 1;
+    begin = command.find(' ', begin) + 1;
+    const std::string rest = command.substr(begin);
+    std::string best;
+    size_t best_size = 0;
+    for (const auto& [id, element] : directories) {
+      const std::string arguments = element->GetAttributeString("conv-opts", "") + " \"";
+      if (StartsWith(rest, arguments) && arguments.size() > best_size) {
+        best = id;
+        best_size = arguments.size();
+      }
+    }
+    if (!best.empty() && failing.insert(best).second) {
+      next_probe = std::max(next_probe, Now() + kProbePause / 2);
+    }
+  }
+  failed_commands.clear();
+}
+
+// Tries the arguments that the directories have now, in turn, as long as one of them fails.
+void Problems::Impl::RunProbe() {
+  if (probe.IsRunning()) {
+    if (!probe.HasEnded()) {
+      return;
+    }
+    why_failing = WhyProbeFailed();
+    next_probe = Now() + (why_failing.empty() ? 0 : kProbePause);
+    if (why_failing.empty()) {
+      failing.erase(probed);
+    }
+  }
+  for (auto id = failing.begin(); id != failing.end();) {
+    id = directories.count(*id) == 0 ? failing.erase(id) : std::next(id);
+  }
+  if (failing.empty()) {
+    why_failing.clear();
+  } else if (Now() >= next_probe) {
+    const auto next = failing.upper_bound(probed);
+    probed = next == failing.end() ? *failing.begin() : *next;
+    StartProbe();
+  }
+}
+
+// Runs the translator as the daemon does, in the background.
+void Problems::Impl::StartProbe() {
+  const std::string text = run + "/probe.text";
+  const std::string audio = run + "/probe.audio";
+  const std::string arguments = directories.at(probed)->GetAttributeString("conv-opts", "");
+  // Every voice can read a digit.
+  const std::string command =
+      Format("echo '1 ' > %s; %s %s %s %s \"probe\"; status=$?; rm -f %s %s; exit $status",
+             text.c_str(), options.translator_file_path.c_str(), text.c_str(), audio.c_str(),
+             arguments.c_str(), text.c_str(), audio.c_str());
+  try {
+    probe.Start({"/bin/sh", "-c", command}, kProbeLimit);
+  } catch (const std::string& why) {
+    why_failing = why;
+    next_probe = Now() + kProbePause;
+  }
+}
+
+// In the translator's own words if it has some; empty if it did not fail.
+std::string Problems::Impl::WhyProbeFailed() const {
+  if (probe.Status() == 0) {
+    return "";
+  }
+  const std::string line = probe.Text().substr(0, probe.Text().find('\n')).substr(0, kMaxLine);
+  return line.empty() ? Described(probe.Status()) : line;
+}
+
+// --- The interface
+// --------------------------------------------------------------------------------
+
+Problems::Problems(const std::string& run_, const Options& options_, bool has_player_)
+    : impl(std::make_unique<Impl>(run_, options_, has_player_)) {}
+
+Problems::~Problems() = default;
+
+void Problems::OnLog(const LogEvent& event_) {
+  if (event_.kind == LogEvent::kFromHelper) {
+    const size_t colon = event_.subject.find(": ");
+    const std::string source = event_.subject.substr(0, colon);
+    if (colon != std::string::npos &&
+        (impl->helper_lines.size() < kMaxTexts || impl->helper_lines.count(source) != 0)) {
+      const std::string text = event_.subject.substr(colon + 2);
+      impl->helper_lines[source] = text == "works again" ? "" : text;
+    }
+    return;
+  }
+  impl->last_line = event_.line;
+  impl->last_line_time = Now();
+  if (impl->repeats.size() < kMaxTexts && ++impl->repeats[event_.line] >= kRepeats) {
+    impl->repeated_line = event_.line;
+  }
+  if (event_.kind == LogEvent::kCommandFailed) {
+    const Options& options = impl->options;
+    if (StartsWith(event_.subject, options.translator_file_path + " ")) {
+      impl->failed_commands.resize(std::min(impl->failed_commands.size(), kMaxTexts));
+      impl->failed_commands.push_back(event_.subject);
+    } else if (StartsWith(event_.subject, "cp ") &&
+               event_.subject.find(" " + AddTrailingSlash(options.output_directory_path)) !=
+                   std::string::npos) {
+      impl->copy_failed = Now();
+    }
+  }
+}
+
+void Problems::Check(const View& view_) {
+  for (Impl::Entry& entry : impl->entries) {
+    entry.is_found = false;
+  }
+  if (view_.configuration != nullptr) {
+    impl->directories = DirectoriesIn(*view_.configuration);
+  }
+  impl->CheckOutput(view_.daemon);
+  if (impl->has_player) {
+    impl->CheckPlayer(view_.status);
+  }
+  impl->CheckInputs();
+  impl->CheckRemotes(view_);
+  impl->CheckTranslator(view_.engine);
+  impl->CheckDaemon(view_);
+  impl->directories.clear();
+  impl->entries.remove_if(
+      [](const Impl::Entry& entry_) { return entry_.is_own && !entry_.is_found; });
+}
+
+void Problems::Set(const std::string& id_, const std::string& sentence_,
+                   const std::string& remedy_) {
+  Impl::Entry& entry = impl->At(id_);
+  entry.is_shown = true;
+  entry.problem.sentence = sentence_;
+  entry.problem.remedy = remedy_;
+}
+
+void Problems::Clear(const std::string& id_) {
+  impl->entries.remove_if([&](const Impl::Entry& entry_) { return entry_.problem.id == id_; });
+}
+
+bool Problems::IsLocked() const { return impl->Has("locked"); }
+
+bool Problems::NeedsRestart() const { return impl->Has("output-replaced"); }
+
+void Problems::AddTo(Health& health_) const {
+  for (const Impl::Entry& entry : impl->entries) {
+    if (entry.is_shown) {
+      health_.problems.push_back(entry.problem);
+      health_.is_hung = health_.is_hung || entry.problem.id == "daemon-hung";
+    }
+  }
+}
