@@ -1,11 +1,18 @@
 #include "playerstate.h"
 
+#include <errno.h>
+#include <signal.h>
+
 #include <memory>
 
 #include "format.h"
 #include "statefile.h"
 #include "statusfile.h"
 #include "xml.h"
+
+bool IsPlayerRunning(const PlayerState& state_) {
+  return state_.pid > 0 && (kill(state_.pid, 0) == 0 || errno == EPERM);
+}
 
 void WritePlayerState(const std::string& path_, const PlayerState& state_) {
   XMLElement root("player-state");
@@ -30,7 +37,7 @@ PlayerState ReadPlayerState(const std::string& path_) {
     throw Format("%s: holds no player's state", path_.c_str());
   }
   PlayerState state;
-  state.pid = root->GetAttributeInteger("pid");
+  state.pid = root->GetAttributeInteger("pid", 0);
   state.playing = root->GetAttributeString("playing");
   state.since = LongAttribute(*root, "since");
   for (const XMLElement* waiting : root->GetChildren("waiting")) {

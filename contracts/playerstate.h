@@ -21,6 +21,9 @@ struct PlayerState {
   long long problem_time = 0;        // Seconds since 1970.
 };
 
+// True if the player that wrote it runs.
+bool IsPlayerRunning(const PlayerState& state_);
+
 // Replaces the file at path_. Throws a string if that fails.
 void WritePlayerState(const std::string& path_, const PlayerState& state_);
 

@@ -10,9 +10,10 @@
 
 namespace {
 
-constexpr double kHalfFileLimit = 2;        // Seconds.
-constexpr int kHalfFilePause = 10;          // Milliseconds.
-constexpr size_t kMaxFileBytes = 16 << 20;  // More than any status; a device has no end.
+constexpr int kHalfFilePause = 10;  // Milliseconds.
+constexpr size_t kMaxFileBytes = 16 << 20;
+constexpr size_t kMaxStatusBytes = 4 << 20;  // More than any status.
+constexpr int kMaxAttributes = 30;  // Of an element. The time for them grows by the square.
 
 constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyz-";
 
@@ -58,10 +59,10 @@ class DumpParser {
       return false;
     }
     auto element = std::make_unique<XMLElement>(Name().c_str());
-    while (Take(" ")) {
+    for (int count = 0; Take(" "); ++count) {
       const std::string name = Name();
       std::string value;
-      if (!Take("=\"") || !Value(value)) {
+      if (count == kMaxAttributes || !Take("=\"") || !Value(value)) {
         return false;
       }
       element->SetAttributeString(name, value);
@@ -174,6 +175,9 @@ std::unique_ptr<XMLElement> ParseStatus(const std::string& text_) {
 
 std::unique_ptr<XMLElement> TryReadStatus(const std::string& path_) {
   const std::string text = ReadWhole(path_);
+  if (text.size() > kMaxStatusBytes) {
+    throw Format("%s: is too large for a status", path_.c_str());
+  }
   std::unique_ptr<XMLElement> root = ParseStatus(text);
   // Reads again: the first text may consist of pieces of two statuses.
   if (root && ReadWhole(path_) != text) {
@@ -182,8 +186,8 @@ std::unique_ptr<XMLElement> TryReadStatus(const std::string& path_) {
   return root;
 }
 
-std::unique_ptr<XMLElement> ReadStatus(const std::string& path_) {
-  const double deadline = Now() + kHalfFileLimit;
+std::unique_ptr<XMLElement> ReadStatus(const std::string& path_, double limit_) {
+  const double deadline = Now() + limit_;
   do {
     std::unique_ptr<XMLElement> root = TryReadStatus(path_);
     if (root) {

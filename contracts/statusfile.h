@@ -21,9 +21,9 @@ std::unique_ptr<XMLElement> ParseDump(const std::string& text_);
 std::unique_ptr<XMLElement> ParseStatus(const std::string& text_);
 
 // One look at the status file at path_: its tree, or null while it holds half a status. Throws a
-// string if the file cannot be read.
+// string if the file cannot be read, or is larger than any status.
 std::unique_ptr<XMLElement> TryReadStatus(const std::string& path_);
 
-// The tree of the status file at path_, which is read again while it holds half a status.
-// Throws a string if the file cannot be read, or after 2 seconds without a whole status.
-std::unique_ptr<XMLElement> ReadStatus(const std::string& path_);
+// The tree of the status file at path_, which is read again while it holds half a status. Throws as
+// TryReadStatus, and after limit_ seconds without a whole status.
+std::unique_ptr<XMLElement> ReadStatus(const std::string& path_, double limit_ = 2);

@@ -1,9 +1,12 @@
-// vocastra-status: shows the daemon's status file to a person, a program or a monitor.
+// vocastra-status: shows the state of the service to a person, a program or a monitor.
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +15,8 @@
 #include "commandline.h"
 #include "debug.h"
 #include "format.h"
+#include "health.h"
+#include "playerstate.h"
 #include "report.h"
 #include "statusfile.h"
 
@@ -19,33 +24,74 @@ namespace {
 
 constexpr int kPollPause = 50;  // Milliseconds.
 constexpr int kDefaultLimit = 5;
+constexpr double kShortPatience = 0.5;  // Seconds for a whole status; the daemon may be hung.
 
 enum ExitStatus { kFine = 0, kTrouble = 1, kNoDaemon = 2, kWrongUse = 3 };
 
 struct Options {
   bool is_following = false;
   bool is_json = false;
+  bool is_metrics = false;
   int limit = kDefaultLimit;  // Seconds without a new status that make it stale.
-  std::string path = VOCASTRA_STATUS_FILE;
+  std::string run = VOCASTRA_RUN_DIR;
+  std::string path;  // Of a status file; empty: look at the run directory.
+
+  std::string StatusPath() const { return path.empty() ? run + "/status.xml" : path; }
 };
 
 ExitStatus Judge(const Report& report_) {
-  if (!report_.status) {
+  if (!report_.is_running) {
     return kNoDaemon;
   }
   return report_.problems.empty() ? kFine : kTrouble;
 }
 
-// Waits until the counter has moved, or for the limit.
-Report LookOnce(const Options& options_) {
+std::string ToText(const Options& options_, const Report& report_) {
+  return options_.is_metrics ? ToMetrics(report_)
+         : options_.is_json  ? ToJson(report_, true)
+                             : ToTable(report_);
+}
+
+// What the station tells, at once. Nothing if there is none.
+std::optional<Report> AskStation(const Options& options_) {
+  const std::string path = options_.run + "/health";
+  if (!options_.path.empty() || access(path.c_str(), F_OK) != 0) {
+    return std::nullopt;
+  }
   try {
-    std::unique_ptr<XMLElement> status = ReadStatus(options_.path);
+    Health health = ReadHealth(path);
+    std::unique_ptr<XMLElement> status;
+    try {
+      status = ReadStatus(options_.StatusPath(), kShortPatience);
+    } catch (const std::string&) {
+      // The health tells why.
+    }
+    std::optional<PlayerState> player;
+    try {
+      player = ReadPlayerState(options_.run + "/player");
+    } catch (const std::string&) {
+      // There is none.
+    }
+    return MakeReport(std::move(health), std::move(status), std::move(player));
+  } catch (const std::string& why) {
+    return NoDaemon(path + ": " + why);
+  }
+}
+
+// Without a station: waits until the counter has moved, or for the limit.
+Report LookOnce(const Options& options_) {
+  if (std::optional<Report> report = AskStation(options_)) {
+    return std::move(*report);
+  }
+  try {
+    const std::string path = options_.StatusPath();
+    std::unique_ptr<XMLElement> status = ReadStatus(path);
     const int first = status->GetAttributeInteger("timestamp");
     const double deadline = Now() + options_.limit;
     bool is_stale = true;
     while (is_stale && Now() < deadline) {
       Nap(kPollPause);
-      status = ReadStatus(options_.path);
+      status = ReadStatus(path);
       is_stale = status->GetAttributeInteger("timestamp") == first;
     }
     return MakeReport(std::move(status), is_stale, options_.limit);
@@ -68,8 +114,11 @@ class Watcher {
   explicit Watcher(const Options& options_) : options(options_) {}
 
   Report Look() {
+    if (std::optional<Report> report = AskStation(options)) {
+      return std::move(*report);
+    }
     try {
-      std::unique_ptr<XMLElement> status = ReadStatus(options.path);
+      std::unique_ptr<XMLElement> status = ReadStatus(options.StatusPath());
       const int counter = status->GetAttributeInteger("timestamp");
       if (counter != last_counter) {
         last_counter = counter;
@@ -87,7 +136,7 @@ class Watcher {
   double last_change = Now();
 };
 
-// Prints a report whenever more than the counter has changed.
+// Prints a report and the time whenever more than the counter has changed.
 [[noreturn]] void Follow(const Options& options_) {
   Watcher watcher(options_);
   std::string last_key;
@@ -95,8 +144,9 @@ class Watcher {
     const Report report = watcher.Look();
     const std::string key = ToJson(report, false);
     if (key != last_key) {
-      const bool is_first = last_key.empty();
-      Print(options_.is_json ? ToJson(report, true) : (is_first ? "" : "\n") + ToTable(report));
+      const std::string head =
+          (last_key.empty() ? "" : "\n") + ("time:    " + TimeText(time(nullptr))) + "\n";
+      Print((options_.is_json ? "" : head) + ToText(options_, report));
       last_key = key;
     }
     Nap(kPollPause);
@@ -108,14 +158,17 @@ Options ParseOptions(int argc_, char** argv_) {
   Program program = {
       "vocastra-status",
       kWrongUse,
-      "Usage: vocastra-status [-f] [--json] [-l SECONDS] [FILE]\n"
+      "Usage: vocastra-status [-f] [--json | --metrics] [-l SECONDS] [-r DIR | FILE]\n"
       "Shows the status of the vocastra daemon.\n\n",
       {{'f', "follow", "", "Go on and show every change", Set(options.is_following)},
-       {'j', "json", "", "One line of JSON instead of a table", Set(options.is_json)}},
-      "FILE is the daemon's status file (default " VOCASTRA_STATUS_FILE
-      ").\n"
-      "Exit status: 0 fine; 1 stale, output-bound or a directory without updates; 2 no daemon;\n"
-      "3 wrong use, or standard output is gone.\n"};
+       {'j', "json", "", "One line of JSON instead of a table", Set(options.is_json)},
+       {'m', "metrics", "", "OpenMetrics text instead of a table", Set(options.is_metrics)},
+       {'r', "run", "DIR", "Directory of the station (default " VOCASTRA_RUN_DIR ")",
+        Keep(options.run)}},
+      "FILE is the status file of a daemon without a station.\n"
+      "Exit status: 0 fine; 1 a problem; 2 not running, or hung; 3 wrong use, or standard output "
+      "is\n"
+      "gone.\n"};
   program.options.push_back(
       {'l', "limit", "SECONDS",
        Format("Time without a new status that counts as stale (default %d)", kDefaultLimit),
@@ -128,6 +181,9 @@ Options ParseOptions(int argc_, char** argv_) {
   const std::vector<std::string> operands = ParseCommandLine(program, argc_, argv_);
   if (operands.size() > 1) {
     FailUsage(program, "more than one status file");
+  }
+  if (options.is_metrics && (options.is_json || options.is_following)) {
+    FailUsage(program, "--metrics does not go with --json and --follow");
   }
   if (!operands.empty()) {
     options.path = operands.front();
@@ -144,6 +200,6 @@ int main(int argc, char** argv) {
     Follow(options);
   }
   const Report report = LookOnce(options);
-  Print(options.is_json ? ToJson(report, true) : ToTable(report));
+  Print(ToText(options, report));
   return Judge(report);
 }

@@ -1,5 +1,7 @@
 #include "report.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <list>
 #include <nlohmann/json.hpp>
@@ -11,6 +13,11 @@
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+constexpr char kStartIt[] = "See the log, and start the service: systemctl restart vocastra";
+constexpr char kSeeHelper[] = "See what its helper says in the log";
+
+constexpr size_t kShownMessages = 10;  // The last ones; JSON has all.
 
 // The first message; null if there is none.
 const XMLElement* MessageOf(const XMLElement& directory_) {
@@ -101,36 +108,145 @@ Row RowOf(const XMLElement& directory_) {
           Printable(directory_.GetAttributeString("path"))};
 }
 
+Json JsonProblem(const Problem& problem_) {
+  return {{"id", Utf8ReplaceInvalid(problem_.id)},
+          {"sentence", Utf8ReplaceInvalid(problem_.sentence)},
+          {"remedy", Utf8ReplaceInvalid(problem_.remedy)},
+          {"since", problem_.since}};
+}
+
+Json JsonPlayer(const PlayerState& player_) {
+  Json waiting = Json::array();
+  for (const std::string& name : player_.waiting) {
+    waiting.push_back(Utf8ReplaceInvalid(name));
+  }
+  return {{"pid", player_.pid},
+          {"running", IsPlayerRunning(player_)},
+          {"playing", Utf8ReplaceInvalid(player_.playing)},
+          {"since", player_.since},
+          {"waiting", waiting},
+          {"device", Utf8ReplaceInvalid(player_.device)},
+          {"device-ok", player_.device_ok},
+          {"problem", Utf8ReplaceInvalid(player_.problem)},
+          {"problem-time", player_.problem_time}};
+}
+
+void AddHealth(const Health& health_, Json& json_) {
+  json_["station"] = health_.station;
+  json_["daemon"] = health_.daemon;
+  json_["hung"] = health_.is_hung;
+  json_["saying"] = Utf8ReplaceInvalid(health_.saying);
+  json_["counters"] = Json::object();
+  for (const auto& [name, value] : health_.counters) {
+    json_["counters"][name] = value;
+  }
+  json_["messages"] = Json::array();
+  for (const MessageRecord& record : health_.messages) {
+    json_["messages"].push_back({{"directory", Utf8ReplaceInvalid(record.directory)},
+                                 {"file", Utf8ReplaceInvalid(record.file)},
+                                 {"state", NameOf(record.state)},
+                                 {"pieces", record.pieces},
+                                 {"failed", record.failed},
+                                 {"arrived", record.arrived},
+                                 {"ended", record.ended}});
+  }
+}
+
+std::string PlayerLine(const PlayerState& player_) {
+  std::string line = "player:  ";
+  if (!IsPlayerRunning(player_)) {
+    return line + "does not run\n";
+  }
+  line += player_.playing.empty() ? "plays nothing" : "plays " + Printable(player_.playing);
+  return line + Format(", %d waiting\n", static_cast<int>(player_.waiting.size()));
+}
+
+std::string MessageTable(const std::vector<MessageRecord>& messages_) {
+  std::vector<Row> rows = {{"MESSAGE", "STATE", "PIECES", "FAILED", "ARRIVED"}};
+  const size_t first = messages_.size() - std::min(messages_.size(), kShownMessages);
+  for (size_t i = first; i < messages_.size(); ++i) {
+    const MessageRecord& record = messages_[i];
+    rows.push_back({Printable(record.directory + "/" + record.file), NameOf(record.state),
+                    Format("%d", record.pieces), Format("%d", record.failed),
+                    TimeText(record.arrived)});
+  }
+  return rows.size() > 1 ? "\n" + ToColumns(rows) : "";
+}
+
+std::string ProblemLines(const Problem& problem_) {
+  std::string text = "PROBLEM: " + Printable(problem_.sentence) + "\n";
+  if (!problem_.remedy.empty()) {
+    text += "  remedy: " + Printable(problem_.remedy) + "\n";
+  }
+  if (problem_.since != 0) {
+    text += "  since:  " + TimeText(problem_.since) + " (" + Printable(problem_.id) + ")\n";
+  }
+  return text;
+}
+
 }  // namespace
 
 Report NoDaemon(const std::string& why_) {
   Report report;
-  report.problems.push_back("no daemon: " + why_);
+  report.problems.push_back({"no-daemon", "no daemon: " + why_, kStartIt, 0});
   return report;
 }
 
 Report MakeReport(std::unique_ptr<XMLElement> status_, bool is_stale_, int limit_) {
   Report report;
+  report.is_running = !is_stale_;
   if (is_stale_) {
-    report.problems.push_back(Format("stale: not rewritten for %d seconds", limit_));
-  }
-  if (status_->GetAttributeInteger("output-bound") != 0) {
-    report.problems.emplace_back("output-bound: the player does not take what is there");
+    report.problems.push_back(
+        {"stale", Format("stale: not rewritten for %d seconds", limit_), kStartIt, 0});
   }
   for (const XMLElement* directory : status_->GetChildren("directory")) {
     if (!IsUpdated(*directory)) {
-      report.problems.push_back("no updates: directory " + directory->GetAttributeString("id"));
+      const std::string id = directory->GetAttributeString("id");
+      report.problems.push_back({"remote:" + id, "no updates: directory " + id, kSeeHelper, 0});
     }
   }
   report.status = std::move(status_);
   return report;
 }
 
-std::string ToJson(const Report& report_, bool has_counter_) {
+Report MakeReport(Health health_, std::unique_ptr<XMLElement> status_,
+                  std::optional<PlayerState> player_) {
+  Report report;
+  const bool has_station = IsStationRunning(health_);
+  report.is_running = has_station && health_.daemon != 0 && !health_.is_hung;
+  if (has_station) {
+    report.problems = health_.problems;
+  }
+  if (!report.is_running && report.problems.empty()) {
+    report.problems.push_back({"no-daemon",
+                               !has_station          ? "no daemon: the station has ended"
+                               : health_.daemon == 0 ? "no daemon: the station has not started it"
+                                                     : "the daemon does not go on",
+                               kStartIt, 0});
+  }
+  report.status = std::move(status_);
+  report.health = std::move(health_);
+  report.player = std::move(player_);
+  return report;
+}
+
+std::string TimeText(long long time_) {
+  const auto time = static_cast<time_t>(time_);
+  struct tm parts {};
+  char text[64];
+  localtime_r(&time, &parts);
+  return std::string(text, strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts));
+}
+
+std::string ToJson(const Report& report_, bool has_time_) {
   Json json;
+  if (has_time_) {
+    json["time"] = time(nullptr);
+  }
+  json["running"] = report_.is_running;
   if (report_.status) {
     const XMLElement& status = *report_.status;
-    if (has_counter_) {
+    if (has_time_) {
       json["timestamp"] = status.GetAttributeInteger("timestamp");
     }
     json["now-playing"] = status.GetAttributeInteger("now-playing");
@@ -141,9 +257,15 @@ std::string ToJson(const Report& report_, bool has_counter_) {
       json["directories"].push_back(JsonDirectory(*directory));
     }
   }
+  if (report_.health) {
+    AddHealth(*report_.health, json);
+  }
+  if (report_.player) {
+    json["player"] = JsonPlayer(*report_.player);
+  }
   json["problems"] = Json::array();
-  for (const std::string& problem : report_.problems) {
-    json["problems"].push_back(Utf8ReplaceInvalid(problem));
+  for (const Problem& problem : report_.problems) {
+    json["problems"].push_back(JsonProblem(problem));
   }
   return json.dump() + "\n";
 }
@@ -155,15 +277,27 @@ std::string ToTable(const Report& report_) {
     const int playing = status.GetAttributeInteger("now-playing");
     text += "state:   " + Printable(status.GetAttributeString("state")) + "\n";
     text += "playing: " + (playing == 0 ? "nothing" : Format("message %d", playing)) + "\n";
+  }
+  if (report_.health && !report_.health->saying.empty()) {
+    text += "saying:  " + Printable(report_.health->saying) + "\n";
+  }
+  if (report_.player) {
+    text += PlayerLine(*report_.player);
+  }
+  if (report_.status) {
     std::vector<Row> rows = {
         {"DIRECTORY", "UPDATES", "FILES", "WAITING", "MESSAGE", "PLAYS", "NAME", "PATH"}};
-    for (const XMLElement* directory : status.GetChildren("directory")) {
+    for (const XMLElement* directory : report_.status->GetChildren("directory")) {
       rows.push_back(RowOf(*directory));
     }
     text += rows.size() > 1 ? "\n" + ToColumns(rows) : "no directories\n";
   }
-  for (const std::string& problem : report_.problems) {
-    text += "PROBLEM: " + Printable(problem) + "\n";
+  if (report_.health) {
+    text += MessageTable(report_.health->messages);
+  }
+  text += text.empty() || report_.problems.empty() || !report_.health ? "" : "\n";
+  for (const Problem& problem : report_.problems) {
+    text += ProblemLines(problem);
   }
   return text;
 }

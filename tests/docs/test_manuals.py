@@ -148,6 +148,23 @@ def test_attributes_of_the_status_file(element):
     assert set(documented) == attributes_of("tts-status", element)
 
 
+# --- Problems -------------------------------------------------------------------------------------
+
+
+def test_problems_in_the_manual_are_those_of_the_code():
+    table = (ROOT / "programs/station/problems.cc").read_text().partition("kKinds[] = {")[2]
+    ids = re.findall(r'^ +\{"([a-z-]+)",', table.partition("};")[0], re.MULTILINE)
+    ids += ["no-daemon", "stale"]  # Of a daemon without a station.
+    documented = re.findall(r"^\.It Cm ([a-z-]+)(?: Ns .*)?$", page("vocastra-status.1"), re.M)
+    assert sorted(documented) == sorted(ids) and len(ids) > 20
+    for path in (ROOT / "programs/station").glob("*.cc"):
+        for name in re.findall(r'\b(?:Set|Clear|Find)\(\s*"([a-z-]+)"', path.read_text()):
+            assert name in ids, path
+    report = (ROOT / "programs/status/report.cc").read_text()
+    for name in re.findall(r'push_back\(\s*\{"([a-z-]+)', report):
+        assert name in ids
+
+
 # --- The example with everything ------------------------------------------------------------------
 
 FULL = (ROOT / "examples/full/config.xml").read_text()

@@ -3,6 +3,7 @@
 import os
 import re
 import threading
+import xml.etree.ElementTree
 from pathlib import Path
 
 
@@ -31,6 +32,27 @@ def directory_status(identity="a", status=1, path="/in", total=0, updated=0, mes
     number, name, plays = message
     record = f'<message filename="{name}" id="{number}" plays="{plays}"/>'
     return f"{head}>\n        {record}\n    </directory>\n"
+
+
+def health_text(station=None, daemon=1, hung=0, saying="", children=()):
+    """A health file as a station writes it, by default this process; children are pairs of an
+    element's name and its attributes."""
+    station = station or os.getpid()
+    stat = Path(f"/proc/{station}/stat")
+    ticks = stat.read_text().rpartition(")")[2].split()[19] if stat.exists() else 0
+    root = xml.etree.ElementTree.Element(
+        "health",
+        {
+            "station": str(station),
+            "station-start": str(ticks),
+            "daemon": str(daemon),
+            "hung": str(hung),
+            "saying": saying,
+        },
+    )
+    for name, attributes in children:
+        xml.etree.ElementTree.SubElement(root, name, {k: str(v) for k, v in attributes.items()})
+    return xml.etree.ElementTree.tostring(root, "unicode")
 
 
 class StatusWriter(threading.Thread):
