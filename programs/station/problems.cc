@@ -207,6 +207,9 @@ struct Problems::Impl {
   void RunProbe();
   void StartProbe();
   std::string WhyProbeFailed() const;
+  std::string ArgumentsOf(const std::string& id_) const {
+    return directories.at(id_)->GetAttributeString("conv-opts", "");
+  }
 
   const std::string run;
   const Options options;
@@ -233,6 +236,7 @@ struct Problems::Impl {
   std::set<std::string> failing;             // Directories for which the translator failed,
   std::string why_failing;                   // and the translator's words.
   std::string probed;                        // The directory whose arguments are tried.
+  std::string probed_arguments;
   double next_probe = 0;
   Command probe;
 };
@@ -456,12 +460,17 @@ void Problems::Impl::CheckRemotes(const View& view_) {
   const bool all_dead = family.dead > 0 && family.helpers == 0;
   for (const auto& [id, source] : remotes) {
     const std::string& line = helper_lines[source];
-    const std::string cause = line.empty() ? "" : ": " + line;
     // Which one is dead is only known if there are no more without updates than dead ones.
     if (all_dead || (silent.count(id) != 0 && silent.size() <= family.dead)) {
-      Find("helper-dead", id, "The helper of " + source + " has ended" + cause, kSettle);
+      Find("helper-dead", id,
+           Format("The helper of %s has ended%s%s", source.c_str(),
+                  line.empty() ? "" : "; its last line: ", line.c_str()),
+           kSettle);
     } else if (silent.count(id) != 0) {
-      Find("remote", id, "No updates come from " + source + cause, line.empty() ? kStart : 0);
+      Find("remote", id,
+           Format("No updates come from %s%s%s", source.c_str(), line.empty() ? "" : ": ",
+                  line.c_str()),
+           line.empty() ? kStart : 0);
     }
   }
 }
@@ -505,14 +514,14 @@ void Problems::Impl::FindFailing() {
     std::string best;
     size_t best_size = 0;
     for (const auto& [id, element] : directories) {
-      const std::string arguments = element->GetAttributeString("conv-opts", "") + " \"";
+      const std::string arguments = ArgumentsOf(id) + " \"";
       if (StartsWith(rest, arguments) && arguments.size() > best_size) {
         best = id;
         best_size = arguments.size();
       }
     }
-    if (!best.empty() && failing.insert(best).second) {
-      next_probe = std::max(next_probe, Now() + kProbePause / 2);
+    if (!best.empty()) {
+      failing.insert(best);
     }
   }
   failed_commands.clear();
@@ -533,6 +542,9 @@ void Problems::Impl::RunProbe() {
   for (auto id = failing.begin(); id != failing.end();) {
     id = directories.count(*id) == 0 ? failing.erase(id) : std::next(id);
   }
+  if (failing.count(probed) != 0 && ArgumentsOf(probed) != probed_arguments) {
+    next_probe = 0;  // Perhaps they have been repaired.
+  }
   if (failing.empty()) {
     why_failing.clear();
   } else if (Now() >= next_probe) {
@@ -546,12 +558,12 @@ void Problems::Impl::RunProbe() {
 void Problems::Impl::StartProbe() {
   const std::string text = run + "/probe.text";
   const std::string audio = run + "/probe.audio";
-  const std::string arguments = directories.at(probed)->GetAttributeString("conv-opts", "");
+  probed_arguments = ArgumentsOf(probed);
   // Every voice can read a digit.
   const std::string command =
       Format("echo '1 ' > %s; %s %s %s %s \"probe\"; status=$?; rm -f %s %s; exit $status",
              text.c_str(), options.translator_file_path.c_str(), text.c_str(), audio.c_str(),
-             arguments.c_str(), text.c_str(), audio.c_str());
+             probed_arguments.c_str(), text.c_str(), audio.c_str());
   try {
     probe.Start({"/bin/sh", "-c", command}, kProbeLimit);
   } catch (const std::string& why) {

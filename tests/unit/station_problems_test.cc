@@ -4,8 +4,6 @@
 #include <sys/statvfs.h>
 #include <sys/wait.h>
 
-#include <cinttypes>
-
 #include "clock.h"
 #include "format.h"
 #include "playerstate.h"
@@ -17,7 +15,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 constexpr double kPatience = 60;  // Seconds.
 
@@ -416,7 +413,7 @@ TEST_F(ProblemsTest, TrialThatHangsIsEnded) {
   }
   problems.reset();
   Nap(50);
-  const int pid = atoi(ReadFile(run / "pid").c_str());
+  const auto pid = static_cast<int>(strtol(ReadFile(run / "pid").c_str(), nullptr, 10));
   while (kill(pid, 0) == 0 &&
          ReadFile(Format("/proc/%d/stat", pid)).find(") Z") == std::string::npos &&
          Now() < deadline) {
@@ -460,7 +457,7 @@ TEST_F(ProblemsTest, DeadHelpers) {
   kill(other.pid, SIGKILL);  // The other child, the daemon of other tests, lives.
   Say(LogEvent::kFromHelper, "host: unknown option");
   Await({"helper-dead:f"});
-  EXPECT_EQ("The helper of host has ended: unknown option", Sentence());
+  EXPECT_EQ("The helper of host has ended; its last line: unknown option", Sentence());
   // One is dead, and nobody knows which.
   SetStatus("", "<directory id='f' status='0'/><directory id='g' status='0'/>");
   Await({"remote:f", "remote:g"});
