@@ -73,6 +73,9 @@ constexpr Kind kKinds[] = {
     {"locked", "End the program that holds the lock; lslocks or fuser names it"},
     {"no-player", "Start the player: systemctl start vocastra-player"},
     {"no-sound-device", "Connect the sound device, or name another one to the player"},
+    {"no-text", nullptr},
+    {"not-queued", nullptr},
+    {"not-removed", nullptr},
     {"output-failing", "See the log for the command, and run it by hand"},
     {"output-full", "Remove files from the file system, or make it larger"},
     {"output-gone", "Restart the service, which creates it, or create it for the daemon's user"},
@@ -84,6 +87,7 @@ constexpr Kind kKinds[] = {
     {"translator-failing", "Correct conv-opts, or install what the translator needs"},
     {"translator-hanging", "Wait for its end, or kill it; use fewer words in a piece (-w)"},
     {"translator-missing", "Install the translator, or correct the daemon's option -t"},
+    {"unreadable", nullptr},
 };
 
 // Why nothing can be written into a file system; empty if it can.
