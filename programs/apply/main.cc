@@ -125,7 +125,7 @@ ExitStatus Apply(const std::string& run_, const std::string& file_) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string run = "/run/vocastra";
+  std::string run = VOCASTRA_RUN_DIR;
   const Program program = {
       "vocastra-apply",
       kNoStation,

@@ -188,6 +188,9 @@ class Daemon:
 
     # Start and end.
 
+    def command(self):
+        return program() + self.arguments
+
     def start(self, wait=True, env=None, preexec_fn=None, **options):
         """Starts the daemon. With wait, returns after its first complete status.
 
@@ -207,7 +210,7 @@ class Daemon:
             settings = {"stdout": stdout, "stderr": log, "stdin": subprocess.DEVNULL}
             settings.update(options)
             self.process = subprocess.Popen(
-                program() + [str(argument) for argument in self.arguments],
+                [str(word) for word in self.command()],
                 env=env,
                 cwd=self.root,
                 preexec_fn=prepare,

@@ -7,7 +7,14 @@ import pytest
 from harness.programs import ROOT, environment, run, tool
 from harness.wait import LIMIT
 
-TOOLS = ["vocastra-check", "vocastra-inbox", "vocastra-say", "vocastra-status"]
+TOOLS = [
+    "vocastra-apply",
+    "vocastra-check",
+    "vocastra-inbox",
+    "vocastra-say",
+    "vocastra-station",
+    "vocastra-status",
+]
 COMPLETION = ROOT / "programs/completions/vocastra"
 
 
@@ -41,7 +48,8 @@ def test_unknown_option(name):
 
 @pytest.mark.parametrize("name", TOOLS)
 def test_manual_page_has_every_option(name):
-    page = (ROOT / f"man/{name}.1").read_text()
+    (path,) = (ROOT / "man").glob(f"{name}.[18]")
+    page = path.read_text()
     options = long_options(run(name, "--help")[1])
     documented = {f"--{word}" for word in re.findall(r"Fl -([a-z-]+)", page.replace("\\-", "-"))}
     assert options <= documented
@@ -137,7 +145,8 @@ def test_installed_files(tmp_path):
         check=True,
     )
     for name in TOOLS:
-        done = subprocess.run([tmp_path / "bin" / name, "-V"], capture_output=True, check=True)
+        (path,) = tmp_path.glob(f"*bin/{name}")
+        done = subprocess.run([path, "-V"], capture_output=True, check=True)
         assert done.stdout.startswith(name.encode())
     completions = tmp_path / "share/bash-completion/completions"
     for name in ["vocastra", *TOOLS]:

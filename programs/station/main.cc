@@ -1,0 +1,575 @@
+// vocastra-station: runs the daemon, keeps it running, and tells what keeps messages from being
+// heard.
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "clock.h"
+#include "commandline.h"
+#include "copies.h"
+#include "daemon.h"
+#include "debug.h"
+#include "format.h"
+#include "health.h"
+#include "log.h"
+#include "notify.h"
+#include "options.h"
+#include "playerstate.h"
+#include "problems.h"
+#include "requests.h"
+#include "spool.h"
+#include "statusfile.h"
+#include "watchdog.h"
+
+namespace {
+
+constexpr double kIdlePeriod = 1;    // Seconds between two looks at everything.
+constexpr double kBusyPeriod = 0.1;  // The same while a message waits or is being said.
+constexpr double kLogPause = 0.05;  // Seconds; each look at the log takes all lines since the last.
+constexpr double kReadyLimit = 30;  // Seconds; then the start counts as done, whatever is wrong.
+constexpr double kOldDaemonLimit =
+    10;  // Seconds that the daemon of a station that was killed may take to end.
+constexpr double kMessageLimit = 60;  // Seconds from a request to stop to the end of the message.
+constexpr double kStopLimit = 30;     // Seconds that the daemon may take to stop its helpers.
+
+constexpr int kWrongUse = 2;
+
+struct Settings {
+  std::string run = VOCASTRA_RUN_DIR;
+  std::string keep;
+  int age = 300;
+  int drain = 30;
+  int translator_limit = 30;
+  bool has_no_player = false;
+  bool is_raw = false;
+  std::vector<std::string> daemon;  // The program and its options.
+  Options options;                  // The same, understood.
+};
+
+struct CloseDirectory {
+  void operator()(DIR* directory_) const { closedir(directory_); }
+};
+
+// Calls act_ for each file in the output directory that waits for the player.
+template <typename Act>
+void ForEachOutput(const std::string& directory_, Act act_) {
+  const std::unique_ptr<DIR, CloseDirectory> directory(opendir(directory_.c_str()));
+  while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
+    if (*entry->d_name >= '0' && *entry->d_name <= '9') {
+      act_(AddTrailingSlash(directory_) + entry->d_name);
+    }
+  }
+}
+
+void WriteLine(const std::string& line_) {
+  const std::string text = line_ + "\n";
+  WriteWhole(STDERR_FILENO, text.data(), text.size());
+}
+
+// Of the run directory; held until the process ends. Throws a string.
+int LockRun(const std::string& run_) {
+  const int fd = open(run_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) {
+    throw Format("%s: %s", run_.c_str(), strerror(errno));
+  }
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    throw Format("%s: another station uses it", run_.c_str());
+  }
+  return fd;
+}
+
+// The daemon of a station that was killed; it is about to end. 0: there is none.
+int FindOldDaemon(const std::string& run_) {
+  try {
+    return ReadHealth(run_ + "/health").daemon;
+  } catch (const std::string&) {
+    return 0;
+  }
+}
+
+bool IsAlive(int pid_) { return pid_ > 0 && (kill(pid_, 0) == 0 || errno == EPERM); }
+
+int BlockSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
+    sigaddset(&signals, signal);
+  }
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  return signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+class Station {
+ public:
+  explicit Station(const Settings& settings_);
+  void Run();  // Until a signal asks for the end.
+
+ private:
+  void Wait();
+  void TakeSignals();
+  void TakeLog();
+  void Look();
+  void LookAtStatus();
+  void WatchDaemon();
+  void OnDaemonEnd();
+  void StartWhenDue();
+  void Start();
+  bool IsPlayerBusy() const;
+  void RemoveOutput();
+  void Stop();
+  void AnswerRequests();
+  View MakeView() const;
+  void Tell();
+  void TellManager(const Health& health_);
+
+  int CurrentMessage() const { return status ? status->GetAttributeInteger("now-playing") : 0; }
+
+  const Settings& settings;
+  const int run_lock;
+  const int old_daemon;
+  const int signals;
+  std::vector<std::string> check;
+  Log log;
+  Notifier notifier;
+  Daemon daemon;
+  Watchdog watchdog;
+  Problems problems;
+  Spool spool;
+  Copies copies;
+  Requests requests;
+  std::unique_ptr<XMLElement> status;  // The last one; null: none since the start.
+  std::string told;                    // The manager.
+  std::string last_line;               // Of the daemon.
+  long long lost = 0;                  // Files that were not played before a restart.
+  bool is_ready = false;
+  bool is_hung = false;
+  double begin = Now();
+  double next_look = 0;
+  double next_check = 0;
+  double next_log = 0;
+  double start_at = 0;     // When the daemon is to be started.
+  double drain_limit = 0;  // Until then the player may empty the output directory.
+  int stops = 0;           // Requests to stop so far.
+  double stop_limit = 0;   // Until then the message may go on; later, until SIGKILL.
+  int last_message = 0;    // What was being said at the first request.
+  bool is_interrupted = false;
+};
+
+std::vector<std::string> Tail(const std::vector<std::string>& words_) {
+  return {words_.begin() + 1, words_.end()};
+}
+
+Station::Station(const Settings& settings_)
+    : settings(settings_),
+      run_lock(LockRun(settings.run)),
+      old_daemon(FindOldDaemon(settings.run)),
+      signals(BlockSignals()),
+      check(CheckCommand(Tail(settings.daemon))),
+      log(WriteLine, settings.is_raw, isatty(STDERR_FILENO) == 0),
+      watchdog(settings.translator_limit),
+      problems(settings.run, settings.options, !settings.has_no_player),
+      spool(settings.run, settings.options.output_directory_path, settings.age),
+      copies(settings.run, settings.keep, settings.options, check,
+             {[this](const auto& id_, const auto& sentence_, const auto& remedy_) {
+                log.Say(Severity::kError, sentence_ + ". " + remedy_ + ".", Now());
+                problems.Set(id_, sentence_, remedy_);
+              },
+              [this](const auto& id_) { problems.Clear(id_); }},
+             [this](const XMLElement& configuration_) {
+               if (daemon.Pid() != 0) {
+                 spool.Prepare(configuration_);
+               }
+             }),
+      requests(settings.run, [this] {
+        std::vector<std::string> greeting = {settings.options.config_file_path};
+        greeting.insert(greeting.end(), check.begin(), check.end());
+        return greeting;
+      }()) {
+  drain_limit = begin + settings.drain;
+}
+
+void Station::Run() {
+  while (stops == 0 || daemon.Pid() != 0) {
+    Wait();
+    TakeSignals();
+    TakeLog();
+    spool.Read();
+    if (requests.Accept()) {
+      copies.CheckNow();
+      next_look = 0;
+    }
+    if (Now() >= next_look) {
+      Look();
+      next_look = Now() + (spool.IsIdle() && daemon.Pid() != 0 && stops == 0 && !copies.IsBusy()
+                               ? kIdlePeriod
+                               : kBusyPeriod);
+    }
+  }
+  requests.Reply(false, "the station ends\n");
+  Tell();
+}
+
+// The daemon writes many lines one by one: they are not waited for until some time after the last
+// look, so that they do not wake the station one by one.
+void Station::Wait() {
+  const double now = Now();
+  const bool takes_log = now >= next_log;
+  const double until = takes_log ? next_look : std::min(next_look, next_log);
+  pollfd descriptors[] = {{signals, POLLIN, 0},
+                          {spool.Descriptor(), POLLIN, 0},
+                          {requests.Descriptor(), POLLIN, 0},
+                          {takes_log ? daemon.Log() : -1, POLLIN, 0}};
+  const double milliseconds = std::clamp((until - now) * 1000 + 1, 0.0, 1000.0);
+  poll(descriptors, std::size(descriptors), static_cast<int>(milliseconds));
+}
+
+void Station::TakeSignals() {
+  signalfd_siginfo signal = {};
+  while (read(signals, &signal, sizeof(signal)) == sizeof(signal)) {
+    next_look = 0;
+    if (signal.ssi_signo == SIGHUP) {
+      notifier.Send(Format("RELOADING=1\nMONOTONIC_USEC=%.0f", Now() * 1e6));
+      told.clear();
+      copies.CheckNow();
+    } else if (signal.ssi_signo != SIGCHLD) {
+      ++stops;
+      Stop();
+    }
+  }
+}
+
+void Station::TakeLog() {
+  const double now = Now();
+  std::string line;
+  bool has_line = false;
+  while (daemon.ReadLine(line)) {
+    has_line = true;
+    const LogEvent event = log.Take(line, now);
+    last_line = line;
+    if (event.kind == LogEvent::kEngineStarted || event.kind == LogEvent::kEngineDone) {
+      watchdog.OnTranslator(event.kind == LogEvent::kEngineStarted, now);
+    }
+    copies.OnLog(event);
+    spool.OnLog(event);
+    problems.OnLog(event);
+  }
+  if (has_line) {
+    next_log = now + kLogPause;
+  }
+}
+
+void Station::Look() {
+  if (daemon.HasEnded()) {
+    OnDaemonEnd();
+  }
+  copies.Tick();
+  if (daemon.Pid() != 0) {
+    LookAtStatus();
+    WatchDaemon();
+  } else if (stops == 0) {
+    StartWhenDue();
+  }
+  if (stops != 0) {
+    Stop();
+  }
+  AnswerRequests();
+  const double now = Now();
+  log.Tick(now);
+  if (now >= next_check) {
+    next_check = now + kIdlePeriod;
+    problems.Check(MakeView());
+    if (problems.NeedsRestart()) {
+      daemon.Interrupt();
+    }
+    if (notifier.HasWatchdog() && !is_hung) {
+      notifier.Send("WATCHDOG=1");
+    }
+  }
+  Tell();
+}
+
+// The spool wants to know of files and of the log before it sees the status that follows from them.
+void Station::LookAtStatus() {
+  spool.Read();
+  TakeLog();
+  try {
+    std::unique_ptr<XMLElement> next = TryReadStatus(settings.options.status_file_path);
+    if (next) {
+      watchdog.OnStatus(next->GetAttributeInteger("timestamp"), Now());
+      status = std::move(next);
+      problems.Clear("daemon-ends");
+      spool.OnStatus(*status);
+    }
+  } catch (const std::string&) {  // There is none yet.
+  }
+}
+
+void Station::WatchDaemon() {
+  const double now = Now();
+  switch (watchdog.Look(daemon.Activity(), problems.IsLocked(), now)) {
+    case Watchdog::kWell:
+      is_hung = false;
+      break;
+    case Watchdog::kTranslatorHangs:
+      log.Say(Severity::kError,
+              Format("The translator has run for %d seconds; it is killed, and its words are lost",
+                     settings.translator_limit),
+              now);
+      daemon.KillNewestCommand();
+      break;
+    case Watchdog::kHung:
+      if (!is_hung) {
+        log.Say(Severity::kError, "The daemon does not go on; it is killed and started again", now);
+        is_hung = true;
+        Tell();
+      }
+      daemon.Kill();
+      break;
+  }
+}
+
+void Station::OnDaemonEnd() {
+  const double now = Now();
+  TakeLog();
+  if (stops == 0) {
+    log.Say(Severity::kError, "The daemon has ended with " + daemon.End() + "; it is started again",
+            now);
+    if (!status) {
+      problems.Set("daemon-ends", "The daemon ends after its start: " + last_line,
+                   "Fix the cause; it is tried again");
+    }
+  }
+  spool.OnDaemonEnd();
+  status.reset();
+  start_at = now + daemon.Pause();
+  // From the time at which it was seen to work, so that the next start is not too late.
+  drain_limit = watchdog.Alive() + settings.drain;
+}
+
+void Station::StartWhenDue() {
+  const double now = Now();
+  if (copies.Configuration() == nullptr || now < start_at ||
+      (now < begin + kOldDaemonLimit && IsAlive(old_daemon)) ||
+      (now < drain_limit && IsPlayerBusy())) {
+    return;
+  }
+  try {
+    Start();
+  } catch (const std::string& why) {
+    log.Say(Severity::kError, why, now);
+    start_at = now + kIdlePeriod;
+  }
+}
+
+void Station::Start() {
+  RemoveOutput();
+  unlink(settings.options.status_file_path.c_str());
+  spool.Prepare(*copies.Configuration());
+  std::vector<std::string> command = settings.daemon;
+  const std::vector<std::string> arguments = copies.Arguments();
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  daemon.Start(command);
+  watchdog.OnStart(Now());
+  next_check = 0;
+  is_hung = false;
+}
+
+// True while a player runs and has files to play that would be lost.
+bool Station::IsPlayerBusy() const {
+  bool has_output = false;
+  ForEachOutput(settings.options.output_directory_path,
+                [&](const std::string&) { has_output = true; });
+  if (!has_output || settings.has_no_player) {
+    return false;
+  }
+  try {
+    return IsAlive(ReadPlayerState(settings.run + "/player").pid);
+  } catch (const std::string&) {
+    return false;
+  }
+}
+
+// The numbers begin at 0 again: files of an earlier run would be played among the new ones.
+void Station::RemoveOutput() {
+  ForEachOutput(settings.options.output_directory_path,
+                [&](const std::string& path_) { lost += unlink(path_.c_str()) == 0 ? 1 : 0; });
+}
+
+// The first request lets the message end that is being said; the second stops the daemon at once,
+// and a further one kills it.
+void Station::Stop() {
+  const double now = Now();
+  if (stop_limit == 0) {
+    last_message = CurrentMessage();
+    stop_limit = now + kMessageLimit;
+    notifier.Send("STOPPING=1");
+  }
+  const bool is_said = last_message == 0 || CurrentMessage() != last_message;
+  if (!is_interrupted && (is_said || stops > 1 || now > stop_limit)) {
+    daemon.Interrupt();
+    is_interrupted = true;
+    stop_limit = now + kStopLimit;
+  }
+  if (is_interrupted && (stops > 2 || now > stop_limit)) {
+    daemon.Kill();
+  }
+}
+
+void Station::AnswerRequests() {
+  if (requests.IsWaiting() && !copies.IsBusy()) {
+    requests.Reply(copies.IsFine(), copies.Report());
+  }
+}
+
+View Station::MakeView() const {
+  const double now = Now();
+  View view;
+  view.configuration = copies.Configuration();
+  view.status = status.get();
+  view.daemon = daemon.Pid();
+  view.still = daemon.Pid() != 0 ? watchdog.Still(now) : 0;
+  view.engine = watchdog.Translating(now);
+  return view;
+}
+
+// Writes the health file and tells the service manager, if something has changed.
+void Station::Tell() {
+  Health now;
+  now.station = getpid();
+  now.daemon = daemon.Pid();
+  now.is_hung = is_hung;
+  spool.AddTo(now);
+  problems.AddTo(now);
+  now.counters["lost"] += lost;
+  now.counters["restarts"] += std::max(daemon.Starts() - 1, 0);
+  TellManager(now);
+  try {
+    WriteHealth(settings.run + "/health", now);
+  } catch (const std::string& why) {
+    log.Say(Severity::kError, why, Now());
+  }
+}
+
+void Station::TellManager(const Health& health_) {
+  is_ready = is_ready || status || Now() > begin + kReadyLimit;
+  const std::string state = stops != 0                          ? "stopping"
+                            : health_.problems.size()           ? health_.problems.front().sentence
+                            : copies.Configuration() == nullptr ? "waiting for a configuration"
+                            : health_.saying.empty()            ? "idle"
+                                                                : "saying " + health_.saying;
+  const std::string text =
+      (is_ready && stops == 0 && !copies.IsBusy() ? "READY=1\n" : "") + ("STATUS=" + state);
+  if (text != told) {
+    told = text;
+    notifier.Send(text);
+  }
+}
+
+// Adds to the daemon's options what the station needs.
+void CompleteDaemon(Settings& settings_) {
+  std::vector<char*> arguments;
+  for (std::string& word : settings_.daemon) {
+    arguments.push_back(&word[0]);
+  }
+  arguments.push_back(nullptr);
+  int exit_status = kWrongUse;
+  const std::optional<Options> options =
+      ParseOptions(static_cast<int>(settings_.daemon.size()), arguments.data(), exit_status);
+  if (!options) {
+    exit(kWrongUse);
+  }
+  settings_.options = *options;
+  const auto add = [&](const char* option_, std::string& value_, const std::string& default_) {
+    if (value_.empty()) {
+      value_ = settings_.run + default_;
+      settings_.daemon.insert(settings_.daemon.end(), {option_, value_});
+    }
+  };
+  add("-o", settings_.options.output_directory_path, "/out");
+  add("-s", settings_.options.status_file_path, "/status.xml");
+  if (!IsDebugEnabled(kDebugNormal)) {
+    const unsigned int mask =
+        IsDebugEnabled(kDebugTrace) ? kDebugTrace | kDebugNormal : kDebugNormal;
+    settings_.daemon.insert(settings_.daemon.end(), {"-d", Format("%u", mask)});
+  }
+  SetDebugMask(0);
+  mkdir(settings_.options.output_directory_path.c_str(), 0777);
+}
+
+Settings ParseSettings(int argc_, char** argv_) {
+  Settings settings;
+  Program program = {"vocastra-station",
+                     kWrongUse,
+                     "Usage: vocastra-station [OPTION...] -- vocastra OPTION...\n"
+                     "Runs the vocastra daemon and keeps it running.\n\n",
+                     {},
+                     "Exit status: 0 stopped by a signal; 1 failed; 2 wrong use.\n"};
+  const auto seconds = [&](int& value_, int minimum_) {
+    return [&program, &value_, minimum_](const char* text_) {
+      value_ = ParseSeconds(text_, minimum_);
+      if (value_ < 0) {
+        FailUsage(program, Format("\"%s\": not a number of seconds", text_));
+      }
+    };
+  };
+  program.options = {
+      {'r', "run", "DIR", "Directory of the files at run time (default " + settings.run + ")",
+       Keep(settings.run)},
+      {'k', "keep", "DIR", "Keep the last usable configuration and glossary there",
+       Keep(settings.keep)},
+      {'a', "age", "SECONDS",
+       Format("Older messages do not survive a restart; 0: none (default %d)", settings.age),
+       seconds(settings.age, 0)},
+      {'d', "drain", "SECONDS",
+       Format("Longest wait for the player before a start (default %d)", settings.drain),
+       seconds(settings.drain, 0)},
+      {'t', "translator-limit", "SECONDS",
+       Format("Longest run of the translator (default %d)", settings.translator_limit),
+       seconds(settings.translator_limit, 1)},
+      {'n', "no-player", "", "No player is expected", Set(settings.has_no_player)},
+      {'R', "raw", "", "Pass on the whole log of the daemon", Set(settings.is_raw)}};
+  settings.daemon = ParseCommandLine(program, argc_, argv_);
+  if (settings.daemon.empty()) {
+    FailUsage(program, "name the daemon and its options after \"--\"");
+  }
+  CompleteDaemon(settings);
+  if (settings.options.config_file_path.empty()) {
+    FailUsage(program, "the daemon has no option -c");
+  }
+  return settings;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const Settings settings = ParseSettings(argc, argv);
+    Station(settings).Run();
+    return EXIT_SUCCESS;
+  } catch (const std::string& why) {
+    fprintf(stderr, "vocastra-station: %s\n", why.c_str());
+  } catch (const std::exception& e) {
+    fprintf(stderr, "vocastra-station: %s\n", e.what());
+  }
+  return EXIT_FAILURE;
+}
