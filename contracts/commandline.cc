@@ -67,8 +67,11 @@ std::vector<std::string> ParseCommandLine(const Program& program_, int argc_, ch
   int letter = 0;
   int index = 0;  // Of an option that was given by its name.
   while ((letter = getopt_long(argc_, argv_, letters.c_str(), table.data(), &index)) != -1) {
-    if (letter == '?') {
-      exit(program_.wrong_use);  // getopt_long has said why.
+    if (letter == '?') {  // getopt_long has said why.
+      if (!program_.advice.empty()) {
+        FailUsage(program_, program_.advice);
+      }
+      exit(program_.wrong_use);
     }
     const auto found = letter == 0 ? options.begin() + index
                                    : std::find_if(options.begin(), options.end(),

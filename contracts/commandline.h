@@ -21,6 +21,7 @@ struct Program {
   std::string head;                    // The usage text before the options.
   std::vector<ProgramOption> options;  // In the order of the usage text.
   std::string tail;                    // The usage text after the options.
+  std::string advice = {};             // Printed after a bad option; may be empty.
 };
 
 // Actions of options: set a flag, or keep the argument.

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,13 +16,25 @@ namespace {
 
 constexpr mode_t kMessageMode = 0644;  // Whatever the umask: the daemon must read it.
 
+// Who may write to the directory; empty if that is of no use.
+std::string Advice(const std::string& directory_) {
+  struct stat status = {};
+  if (stat(directory_.c_str(), &status) != 0 || (status.st_mode & S_IWGRP) == 0) {
+    return "";
+  }
+  const group* const owner = getgrgid(status.st_gid);
+  return owner == nullptr ? "" : Format("; members of the group \"%s\" may", owner->gr_name);
+}
+
 }  // namespace
 
 HiddenFile::HiddenFile(const std::string& directory_)
     : directory(directory_), file_path(directory_ + ".message-XXXXXX") {
   fd = mkostemp(file_path.data(), O_CLOEXEC);
   if (fd < 0) {
-    throw Format("cannot write to %s: %s", directory_.c_str(), strerror(errno));
+    const int error = errno;
+    throw Format("cannot write to %s: %s%s", directory_.c_str(), strerror(error),
+                 error == EACCES ? Advice(directory_).c_str() : "");
   }
 }
 

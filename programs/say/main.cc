@@ -6,6 +6,7 @@
 // daemon uses to copy files.
 
 #include <stdio.h>
+#include <string.h>
 
 #include <exception>
 #include <memory>
@@ -17,10 +18,11 @@
 #include "commandline.h"
 #include "configuration.h"
 #include "debug.h"
-#include "follower.h"
 #include "format.h"
+#include "health.h"
 #include "hiddenfile.h"
 #include "message.h"
+#include "outcome.h"
 #include "xml.h"
 #include "xmlfileparser.h"
 
@@ -30,15 +32,24 @@ constexpr size_t kMaxInputBytes = 16 << 20;
 constexpr int kDefaultTimeout = 300;  // Seconds.
 constexpr char kDefaultDirectory[] = "announcements";
 
-enum ExitStatus { kSaid = 0, kNotHandedOver = 1, kWrongUse = 2, kDropped = 3, kTimedOut = 4 };
+enum ExitStatus {
+  kSaid = 0,
+  kNotHandedOver = 1,
+  kWrongUse = 2,
+  kDropped = 3,
+  kTimedOut = 4,
+  kIncomplete = 5
+};
 
 struct Options {
   std::string config_path = VOCASTRA_CONFIG_FILE;
-  std::string status_path = VOCASTRA_STATUS_FILE;
+  std::string run = std::string(VOCASTRA_STATUS_FILE, strrchr(VOCASTRA_STATUS_FILE, '/'));
   std::optional<std::string> directory_id;
   std::optional<std::string> encoding;
   bool is_raw = false;
+  bool is_queueing = false;
   bool is_waiting = false;
+  bool is_listening = false;
   int timeout = kDefaultTimeout;  // Seconds; 0: none.
   std::vector<std::string> words;
 };
@@ -149,16 +160,40 @@ std::string HandOver(const XMLElement& root_, const LocalDirectory& target_,
   return name;
 }
 
-ExitStatus Report(Follower::End end_, int timeout_) {
-  switch (end_) {
-    case Follower::End::kDropped:
-      fputs("vocastra-say: the message was dropped\n", stderr);
-      return kDropped;
-    case Follower::End::kTimedOut:
-      fprintf(stderr, "vocastra-say: not said within %d seconds\n", timeout_);
-      return kTimedOut;
-    case Follower::End::kSaid:
-      break;
+void RequireStation(const std::string& health_path_) {
+  bool is_running = false;
+  try {
+    is_running = IsStationRunning(ReadHealth(health_path_));
+  } catch (const std::string&) {
+    is_running = false;  // No station has written it.
+  }
+  if (!is_running) {
+    throw Format("the service does not run, as %s tells; --queue hands over nevertheless",
+                 health_path_.c_str());
+  }
+}
+
+ExitStatus Await(const std::string& health_path_, const HandedOver& message_,
+                 const Options& options_) {
+  const std::optional<MessageRecord> end =
+      WaitForEnd(health_path_, message_, options_.is_listening, options_.timeout);
+  if (!end) {
+    const bool is_withdrawn = Withdraw(message_);
+    fprintf(stderr, "vocastra-say: not %s within %d seconds; %s\n",
+            options_.is_listening ? "played" : "said", options_.timeout,
+            is_withdrawn ? "it is withdrawn" : "it was taken already");
+    return kTimedOut;
+  }
+  if (end->state == MessageRecord::kDropped) {
+    const std::string reason = ReasonOf(health_path_, message_);
+    fprintf(stderr, "vocastra-say: the message was dropped%s%s\n", reason.empty() ? "" : ": ",
+            reason.c_str());
+    return kDropped;
+  }
+  if (end->state == MessageRecord::kFailed) {
+    fprintf(stderr, "vocastra-say: %d of %d pieces could not be made\n", end->failed,
+            end->failed + end->pieces);
+    return kIncomplete;
   }
   return kSaid;
 }
@@ -166,16 +201,16 @@ ExitStatus Report(Follower::End end_, int timeout_) {
 ExitStatus Say(const Options& options_) {
   const std::unique_ptr<XMLElement> root = LoadXMLTree(options_.config_path, "tts-config");
   const LocalDirectory target(FindDirectory(*root, options_));
-  if (!options_.is_waiting) {
-    HandOver(*root, target, options_);
-    return kSaid;
-  }
-  if (target.is_cache) {
+  const bool is_waiting = options_.is_waiting || options_.is_listening;
+  if (is_waiting && target.is_cache) {
     throw Format("directory \"%s\" is in cache mode: nothing in it is spoken", target.id.c_str());
   }
-  Follower follower(options_.config_path, options_.status_path, target);
-  const std::string name = HandOver(*root, target, options_);
-  return Report(follower.Follow(name, options_.timeout), options_.timeout);
+  const std::string health_path = options_.run + "/health";
+  if (!options_.is_queueing) {
+    RequireStation(health_path);
+  }
+  const HandedOver message = {target.id, target.path, HandOver(*root, target, options_)};
+  return is_waiting ? Await(health_path, message, options_) : kSaid;
 }
 
 Options ParseOptions(int argc_, char** argv_) {
@@ -186,8 +221,10 @@ Options ParseOptions(int argc_, char** argv_) {
       "Usage: vocastra-say [options] [TEXT...]\n"
       "Hands TEXT, or else standard input, over to the vocastra daemon.\n\n",
       {},
-      "Exit status: 0 handed over, or with --wait said; 1 not handed over; 2 wrong use;\n"
-      "3 dropped; 4 not said in time.\n"};
+      "Exit status: 0 handed over, with --wait said, with --heard played; 1 not handed over;\n"
+      "2 wrong use; 3 dropped; 4 not in time, and withdrawn if possible; 5 pieces could not be "
+      "made.\n",
+      "put \"--\" before a text that begins with \"-\", or give it on standard input"};
   const auto take_encoding = [&](const char* name_) {
     if (!IsEncoding(name_)) {
       FailUsage(program, Format("-e \"%s\": not ascii, utf8 or utf16", name_));
@@ -211,10 +248,12 @@ Options ParseOptions(int argc_, char** argv_) {
        take_encoding},
       {'r', "raw", "", "Hand the bytes over as they are, an XML document for instance",
        Set(options.is_raw)},
-      {'w', "wait", "", "Wait until the message has been said or dropped", Set(options.is_waiting)},
-      {'s', "status", "FILE",
-       "The daemon's status file, for --wait (default " VOCASTRA_STATUS_FILE ")",
-       Keep(options.status_path)},
+      {'w', "wait", "", "Wait until all audio of the message has been made",
+       Set(options.is_waiting)},
+      {0, "heard", "", "Wait until the message was played", Set(options.is_listening)},
+      {'q', "queue", "", "Hand over even if the service does not run", Set(options.is_queueing)},
+      {0, "run", "DIR", "The station's run directory (default " + options.run + ")",
+       Keep(options.run)},
       {'t', "timeout", "SECONDS", Format("Longest wait; 0: none (default %d)", kDefaultTimeout),
        take_timeout}};
   options.words = ParseCommandLine(program, argc_, argv_);

@@ -39,6 +39,7 @@ constexpr int kMaxNames = 1000;    // Tries to find a name that is not taken.
 constexpr size_t kMaxSuffix = 5;   // Bytes that such a name is longer.
 constexpr size_t kMaxPrefix = 30;  // Bytes that a player puts in front of a name.
 
+constexpr char kUnreadable[] = "unreadable:";
 constexpr char kTemporary[] = ".station-new";
 constexpr char kCreated[] = "Created new input directory ";
 constexpr char kNoOutput[] = " > /dev/null 2>&1";
@@ -554,7 +555,7 @@ void Spool::Impl::OnNotRemoved(const std::string& path_) {
     if (message != nullptr) {
       message->course.is_refused = true;
       if (Exists(path_)) {
-        SetProblem("not-removed", *message, folder, "cannot be removed, so it is not spoken",
+        SetProblem("not-removed:", *message, folder, "cannot be removed, so it is not spoken",
                    "Let the daemon's user write to the directory.");
       }
     }
@@ -563,7 +564,8 @@ void Spool::Impl::OnNotRemoved(const std::string& path_) {
 
 void Spool::Impl::OnIndexed(const std::string& name_) {
   for (const auto& [id, folder] : folders) {
-    const auto unreadable = problems.find("unreadable:" + id + "/" + name_);
+    const auto unreadable =
+        problems.find(Format("%s%s/%s", kUnreadable, id.c_str(), name_.c_str()));
     if (unreadable != problems.end() && access(unreadable->second.path.c_str(), R_OK) == 0) {
       Arrive(id, folder, name_, ClockTime());
     }
@@ -613,10 +615,9 @@ void Spool::Impl::OnStatus(const XMLElement& status_) {
   }
   FindHeard();
   for (auto next = problems.begin(); next != problems.end();) {
-    const bool is_unreadable = next->first.compare(0, strlen("unreadable:"), "unreadable:") == 0;
-    const int wanted = is_unreadable ? R_OK : F_OK;
-    const bool is_over = !Exists(next->second.path) ||
-                         (is_unreadable && access(next->second.path.c_str(), wanted) == 0);
+    const char* const path = next->second.path.c_str();
+    const bool is_unreadable = next->first.compare(0, strlen(kUnreadable), kUnreadable) == 0;
+    const bool is_over = !Exists(path) || (is_unreadable && access(path, R_OK) == 0);
     next = is_over ? problems.erase(next) : std::next(next);
   }
 }
@@ -897,13 +898,14 @@ void Spool::Impl::Explain(const Message& message_, const Folder& folder_) {
     return;
   }
   if (access(path.c_str(), R_OK) != 0) {
-    SetProblem("unreadable", message_, folder_, "may not be read by the daemon",
+    SetProblem(kUnreadable, message_, folder_, "may not be read by the daemon",
                "Let the daemon's user read the file.");
   } else if (!message_.course.is_indexed) {
-    SetProblem("not-queued", message_, folder_, "is not spoken: its name and text were used before",
+    SetProblem("not-queued:", message_, folder_,
+               "is not spoken: its name and text were used before",
                "Use a new name for every message.");
   } else if (!message_.course.is_refused && folder_.removes_taken) {
-    SetProblem("no-text", message_, folder_, "is not spoken: the daemon finds no text in it",
+    SetProblem("no-text:", message_, folder_, "is not spoken: the daemon finds no text in it",
                "Check that the file is as the directory's parser and encoding say.");
   }
 }
@@ -912,8 +914,8 @@ void Spool::Impl::SetProblem(const char* kind_, const Message& message_, const F
                              const char* why_, const char* remedy_) {
   const std::string id = message_.record.directory + "/" + message_.name;
   const std::string path = folder_.path + message_.name;
-  const Problem problem = {std::string(kind_) + ":" + id, Format("%s %s.", path.c_str(), why_),
-                           remedy_, time(nullptr)};
+  const Problem problem = {kind_ + id, Format("%s %s.", path.c_str(), why_), remedy_,
+                           time(nullptr)};
   problems.insert({problem.id, {problem, path}});
 }
 

@@ -4,6 +4,7 @@ wait        the one wait loop and its limit
 files       handing files over, locks, XML texts
 programs    running the programs of a build, and other commands
 schemas     checking documents against the schemas
+health      a stand-in for the station: its health file
 status      statuses: as texts, from a file, through a FIFO
 daemon      a daemon in a scratch tree, with a fake translator and fake helpers
 companions  a private directory for scripts and the programs that they call

@@ -100,10 +100,15 @@ TEST(HealthTest, ProcessThatBeganAtAnotherTimeIsNoStation) {
 
 TEST(HealthTest, FailuresAreThrown) {
   const TemporaryDirectory directory;
-  for (const char* text : {"", "<tts-status/>\n", "<health/>\n", "<health station=\"1\"\n",
-                           "<health daemon=\"0\" hung=\"0\" saying=\"\" station=\"1\" "
-                           "station-start=\"1\"><message arrived=\"0\" directory=\"\" ended=\"0\" "
-                           "failed=\"0\" file=\"\" pieces=\"0\" state=\"?\"/></health>\n"}) {
+  const std::string health =
+      "<health daemon=\"0\" hung=\"0\" saying=\"\" station=\"1\" station-start=\"1\"";
+  const std::string message =
+      "<message arrived=\"0\" directory=\"\" ended=\"0\" failed=\"0\" file=\"\" pieces=\"0\" "
+      "state=";
+  EXPECT_EQ(1, ReadHealth(directory.Write("health", health + "/>")).station);
+  for (const std::string& text :
+       {std::string(), std::string("<tts-status/>"), std::string("<health/>"), health + "<",
+        health + ">" + message + "\"?\"/></health>"}) {
     SCOPED_TRACE(text);
     const std::string path = directory.Write("health", text);
     EXPECT_THROW(ReadHealth(path), std::string);

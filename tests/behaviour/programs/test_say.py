@@ -1,6 +1,7 @@
 """vocastra-say: what reaches the daemon, and what does not."""
 
 import ctypes
+import grp
 import os
 import re
 import shlex
@@ -11,8 +12,8 @@ import subprocess
 import pytest
 from harness.daemon import PAUSE
 from harness.files import element, publish
-from harness.programs import finish, run, start
-from harness.status import StatusWriter, directory_status, status_text
+from harness.health import write_health
+from harness.programs import ended, finish, run, start, start_command
 from harness.wait import wait_until
 
 NAME = re.compile(r"say-\d{8}-\d{6}-\d{9}-\d+")
@@ -32,7 +33,8 @@ def say(daemon, *arguments):
 
 
 def start_saying(daemon, *arguments):
-    return start("vocastra-say", "-c", daemon.config, "-s", daemon.status_path, *arguments)
+    write_health(daemon.root / "run")
+    return start("vocastra-say", "-c", daemon.config, "--run", daemon.root / "run", *arguments)
 
 
 def write_config(path, *elements, state="run"):
@@ -68,9 +70,9 @@ def test_words_are_spoken(daemon):
 
 
 def test_standard_input_is_spoken(daemon):
-    process = start(
-        "vocastra-say", "-c", daemon.config, stdin=subprocess.PIPE, stdout=None, stderr=None
-    )
+    write_health(daemon.root / "run")
+    options = ["-c", daemon.config, "--run", daemon.root / "run"]
+    process = start("vocastra-say", *options, stdin=subprocess.PIPE, stdout=None, stderr=None)
     process.communicate("Line one.\nGrüße & <b>\n", timeout=60)
     assert process.returncode == 0
     (message,) = daemon.wait_translator_runs(1)
@@ -91,10 +93,15 @@ def test_text_survives_the_encoding_of_the_directory(make_daemon, encoding):
     daemon.stop()
 
 
-def say_into(path, *arguments, elements=None, **options):
+def start_saying_into(path, *arguments, elements=None, **options):
     """Says it with a configuration of these elements, or of the local directory "a"."""
     config = write_config(path, *([local(path)] if elements is None else elements))
-    return run("vocastra-say", "-c", config, *arguments, **options)
+    write_health(path / "run")
+    return start("vocastra-say", "-c", config, "--run", path / "run", *arguments, **options)
+
+
+def say_into(path, *arguments, **options):
+    return finish(start_saying_into(path, *arguments, **options))
 
 
 # Attributes of the directory, arguments, and the bytes that are handed over.
@@ -159,12 +166,11 @@ def test_file_is_hidden_until_it_is_whole(tmp_path):
 
 
 def test_names_are_unique_and_in_order(tmp_path):
-    config = write_config(tmp_path, local(tmp_path))
     for number in range(5):
-        assert run("vocastra-say", "-c", config, str(number))[0] == 0
+        assert say_into(tmp_path, str(number))[0] == 0
     texts = [path.read_text() for path in sorted((tmp_path / "a").iterdir())]
     assert texts == list("01234")
-    processes = [start("vocastra-say", "-c", config, "again") for _ in range(20)]
+    processes = [start_saying_into(tmp_path, "again") for _ in range(20)]
     assert [finish(process) for process in processes] == [(0, "", "")] * 20
     assert len(list((tmp_path / "a").iterdir())) == 25
 
@@ -221,7 +227,6 @@ REFUSALS = {
         "-w",
         'directory "a" is in cache mode: nothing in it is spoken',
     ),
-    "no daemon": (unmade(), "-w -s /nowhere/s", "/nowhere/s: No such file or directory"),
 }
 
 
@@ -230,7 +235,7 @@ def test_refused(tmp_path, elements, options, why):
     elements, why = elements.format(path=tmp_path), why.format(path=tmp_path)
     found = say_into(tmp_path, *shlex.split(options), "Go", elements=[elements])
     assert found == (1, "", f"vocastra-say: {why}\n")
-    assert list(tmp_path.iterdir()) == [tmp_path / "config.xml"]
+    assert sorted(tmp_path.iterdir()) == [tmp_path / "config.xml", tmp_path / "run"]
 
 
 TOO_LONG = 'the message is too long: {} bytes in "{}", of which the daemon reads 65536'
@@ -301,158 +306,131 @@ def test_raw_document_without_a_message_is_refused(xml_daemon, document):
     xml_daemon.stop()
 
 
-# Waiting.
+# The service.
 
 
-def test_wait_ends_when_the_last_words_were_made(make_daemon):
-    daemon = make_daemon(words=1, files=100)
-    daemon.configure(daemon.directory("a", loops=2))
-    daemon.start()
-    daemon.hold()
-    process = start_saying(daemon, "--wait", "a b c d e f g")
-    daemon.wait_translator_runs(1)
-    assert process.poll() is None
-    daemon.release()
-    assert finish(process) == (0, "", "")
-    assert len(daemon.translator_runs()) == 8
-    assert len(daemon.outputs()) == 8
-    daemon.stop()
-
-
-def test_wait_for_messages_that_wait_for_each_other(daemon):
-    processes = [start_saying(daemon, "-w", f"Number {i}") for i in range(8)]
-    drain(daemon, *processes)
-    assert [finish(process) for process in processes] == [(0, "", "")] * 8
-    assert sorted(text for _, text in daemon.spoken()) == [f"{PAUSE}Number {i} " for i in range(8)]
-    daemon.stop()
-
-
-@pytest.mark.parametrize("auto_delete", [0, 1])
-def test_wait_with_a_last_played_directory(make_daemon, auto_delete):
-    daemon = make_daemon()
-    last = daemon.root / "last"
-    last.mkdir()
-    daemon.configure(daemon.directory("a", last_played_path=last, auto_delete=auto_delete))
-    daemon.start()
-    assert say(daemon, "--wait", "Go") == (0, "", "")
-    assert daemon.spoken()[0][1] == PAUSE + "Go "
-    assert len(list(last.iterdir())) == 1
-    assert len(list(daemon.input("a").iterdir())) == 1 - auto_delete
-    daemon.stop()
-
-
-@pytest.fixture
-def bound(make_daemon):
-    """A daemon that is output-bound with a message of vocastra-say half said, and that process."""
-    daemon = make_daemon(words=1, files=1)
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    process = start_saying(daemon, "--wait", "a b c d e f")
-    daemon.wait_status(lambda root: root.get("output-bound") == "1")
-    assert process.poll() is None
-    return daemon, process
-
-
-def drain(daemon, *processes):
-    """Plays all that comes until the processes have ended."""
-
-    def have_ended():
-        daemon.take()
-        return all(process.poll() is not None for process in processes)
-
-    wait_until(have_ended, "the end of vocastra-say")
-
-
-DROPPED = (3, "", "vocastra-say: the message was dropped\n")
-
-
-def test_wait_goes_on_while_output_bound(bound):
-    daemon, process = bound
-    daemon.take()
-    daemon.wait_translator_runs(2)
-    assert process.poll() is None
-    drain(daemon, process)
-    assert finish(process) == (0, "", "")
-    assert len(daemon.translator_runs()) == 3
-    daemon.stop()
-
-
-def test_wait_goes_on_until_there_is_room_again(make_daemon):
-    """The last piece has been said when the player has taken it."""
-    daemon = make_daemon(words=1, files=1)
-    daemon.configure(daemon.directory("a"))
-    daemon.start()
-    process = start_saying(daemon, "--wait", "one two")
-    status = daemon.wait_status(lambda root: root.get("output-bound") == "1")
-    assert [record.tag for record in status.iter()] == ["tts-status", "directory"]
-    daemon.wait_passes(10)
-    assert process.poll() is None
-    daemon.take()
-    assert finish(process) == (0, "", "")
-    daemon.stop()
-
-
-# The id, attributes and state of the new configuration.
-DROPS = {
-    "stopped": ("a", {}, "stop"),
-    "changed": ("a", {"priority": 3}, "run"),
-    "removed": ("b", {}, "run"),
-}
-
-
-@pytest.mark.parametrize("identity, attributes, state", DROPS.values(), ids=DROPS)
-def test_change_drops_the_message(bound, identity, attributes, state):
-    daemon, process = bound
-    daemon.configure(daemon.directory(identity, **attributes), state=state)
-    assert finish(process) == DROPPED
-    daemon.stop()
-
-
-def test_other_changes_do_not_drop_the_message(bound):
-    daemon, process = bound
-    daemon.reconfigure(daemon.directory("a"), daemon.directory("b"))
-    drain(daemon, process)
-    assert finish(process) == (0, "", "")
-    daemon.stop()
-
-
-@pytest.mark.parametrize("comes_back", [True, False])
-def test_end_of_the_daemon_drops_the_message(bound, comes_back):
-    daemon, process = bound
-    daemon.stop()
-    assert process.poll() is None
-    if comes_back:
-        daemon.start()
-    else:
-        daemon.status_path.unlink()
-    assert finish(process) == DROPPED
-    if comes_back:
-        daemon.stop()
-
-
-@pytest.mark.parametrize(
-    "queued, limit, expected",
-    [
-        # As if the daemon could not read or remove it: seen, but neither queued nor active.
-        (0, 60, DROPPED),
-        # As long as the queue is not empty, the message may be in it.
-        (1, 1, (4, "", "vocastra-say: not said within 1 seconds\n")),
-    ],
-)
-def test_message_that_is_not_active(tmp_path, queued, limit, expected):
-    record = [directory_status("a", path=tmp_path / "a", total=1, updated=queued)]
-    path = tmp_path / "status"
-    with StatusWriter(path, lambda counter: status_text(counter, directories=record)):
-        assert say_into(tmp_path, "-s", path, "-w", "-t", limit, "Go") == expected
+def test_service_that_does_not_run(tmp_path):
+    path = tmp_path / "run/health"
+    config = write_config(tmp_path, local(tmp_path))
+    command = ["vocastra-say", "-c", config, "--run", tmp_path / "run", "Go"]
+    why = f"the service does not run, as {path} tells; --queue hands over nevertheless"
+    assert run(*command) == (1, "", f"vocastra-say: {why}\n")
+    process = start_command("sleep", "60")
+    write_health(tmp_path / "run", station=process.pid)
+    process.kill()
+    process.communicate()
+    assert ended(process.pid)
+    assert run(*command) == (1, "", f"vocastra-say: {why}\n")
+    assert list((tmp_path / "a").iterdir()) == []
+    assert run(*command, "--queue") == (0, "", "")
     assert handed_over(tmp_path / "a") == b"Go"
 
 
-def test_daemon_without_the_directory(tmp_path):
-    path = tmp_path / "status"
-    path.write_text(status_text())
-    why = f'the daemon that writes {path} does not have directory "a"'
-    assert say_into(tmp_path, "-s", path, "-w", "Go") == (1, "", f"vocastra-say: {why}\n")
-    assert list((tmp_path / "a").iterdir()) == []
+def test_missing_permission_names_the_group(tmp_path):
+    (tmp_path / "a").mkdir()
+    os.chmod(tmp_path / "a", 0o070)
+    prefix = ()
+    if os.geteuid() == 0:
+        prefix = ("setpriv", "--bounding-set", "-dac_override", "--inh-caps", "-dac_override")
+    group = grp.getgrgid((tmp_path / "a").stat().st_gid).gr_name
+    found = say_into(tmp_path, "Go", prefix=prefix)
+    os.chmod(tmp_path / "a", 0o700)
+    why = f'cannot write to {tmp_path}/a/: Permission denied; members of the group "{group}" may'
+    assert found == (1, "", f"vocastra-say: {why}\n")
+
+
+# Waiting. The test is the station.
+
+
+def answer(path, state, problems=(), **record):
+    """Tells the state of the only message in path/a; returns its name."""
+    (name,) = wait_until(
+        lambda: [p.name for p in (path / "a").iterdir() if not p.name.startswith(".")], "a message"
+    )
+    others = [
+        {"directory": "b", "file": name, "state": "heard"},
+        {"directory": "a", "file": name + "0", "state": "dropped"},
+    ]
+    record = {"directory": "a", "file": name, "state": state, **record}
+    problems = [(identity.format(name), *texts) for identity, *texts in problems]
+    write_health(path / "run", [*others, record], problems)
+    return name
+
+
+DROPPED = "vocastra-say: the message was dropped"
+PROBLEMS = [("kind:a/other", "No.", "No."), ("kind:a/{}", "It is odd.", "Change it.")]
+
+# Options, the last state and record, and the end.
+ENDS = {
+    "said": ("-w", "said", {"pieces": 2}, (0, "", "")),
+    "heard": ("-w", "heard", {"pieces": 2}, (0, "", "")),
+    "played": ("--heard", "heard", {"pieces": 2}, (0, "", "")),
+    "failed": (
+        "-w",
+        "failed",
+        {"pieces": 2, "failed": 1},
+        (5, "", "vocastra-say: 1 of 3 pieces could not be made\n"),
+    ),
+    "dropped": ("--heard", "dropped", {}, (3, "", DROPPED + "\n")),
+    "reason": (
+        "-w",
+        "dropped",
+        {"problems": PROBLEMS},
+        (3, "", DROPPED + ": It is odd. Change it.\n"),
+    ),
+}
+
+
+@pytest.mark.parametrize("option, state, record, expected", ENDS.values(), ids=ENDS)
+def test_end_of_a_message(tmp_path, option, state, record, expected):
+    process = start_saying_into(tmp_path, option, "Go")
+    unfinished = ["waiting", "speaking"] + (["said"] if option == "--heard" else [])
+    for before in unfinished:
+        answer(tmp_path, before)
+        assert process.poll() is None
+    answer(tmp_path, state, **record)
+    assert finish(process) == expected
+
+
+def test_wait_outlives_the_station(tmp_path):
+    process = start_saying_into(tmp_path, "-w", "Go")
+    answer(tmp_path, "speaking")
+    (tmp_path / "run/health").unlink()
+    assert process.poll() is None
+    answer(tmp_path, "said")
+    assert finish(process) == (0, "", "")
+
+
+# The option, the copy that the station has made, whether the file is there, and the end.
+TIMEOUTS = {
+    "waits": ("-w", "w", True, "said within 1 seconds; it is withdrawn"),
+    "hidden": ("-w", "w", False, "said within 1 seconds; it is withdrawn"),
+    "spoken": ("--heard", "s", False, "played within 1 seconds; it was taken already"),
+}
+
+
+@pytest.mark.parametrize("option, kind, is_there, expected", TIMEOUTS.values(), ids=TIMEOUTS)
+def test_message_that_timed_out_is_withdrawn(tmp_path, option, kind, is_there, expected):
+    process = start_saying_into(tmp_path, option, "-t", 1, "Go")
+    name = answer(tmp_path, "waiting")
+    message = tmp_path / "a" / name
+    copy = tmp_path / "a" / f".station-{kind}-1700000000000000000-{name}"
+    other = tmp_path / "a" / f".station-{kind}-1700000000000000000-{name}0"
+    copy.touch()
+    other.touch()
+    if not is_there:
+        message.unlink()
+    assert finish(process) == (4, "", f"vocastra-say: not {expected}\n")
+    assert sorted((tmp_path / "a").iterdir()) == sorted([other] + ([copy] if kind == "s" else []))
+
+
+@pytest.mark.parametrize("text", ["-5 degrees", "-x", "--no-such-option"])
+def test_text_that_begins_with_a_dash(tmp_path, text):
+    status, out, err = say_into(tmp_path, text)
+    advice = 'put "--" before a text that begins with "-", or give it on standard input'
+    assert (status, out, err.splitlines()[1:]) == (2, "", [f"vocastra-say: {advice}"])
+    assert say_into(tmp_path, "--", text) == (0, "", "")
+    assert handed_over(tmp_path / "a") == text.encode()
 
 
 @pytest.mark.parametrize(

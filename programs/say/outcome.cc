@@ -1,0 +1,74 @@
+#include "outcome.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include "clock.h"
+#include "messagecopy.h"
+
+namespace {
+
+constexpr int kPollPause = 50;  // Milliseconds.
+
+std::optional<MessageRecord> FindRecord(const std::string& health_path_,
+                                        const HandedOver& message_) {
+  try {
+    for (const MessageRecord& record : ReadHealth(health_path_).messages) {
+      if (record.directory == message_.directory && record.file == message_.file) {
+        return record;
+      }
+    }
+  } catch (const std::string&) {
+    return std::nullopt;  // A station that starts later tells it.
+  }
+  return std::nullopt;
+}
+
+bool EndsWith(const std::string& text_, const std::string& end_) {
+  return text_.size() >= end_.size() &&
+         text_.compare(text_.size() - end_.size(), end_.size(), end_) == 0;
+}
+
+}  // namespace
+
+std::optional<MessageRecord> WaitForEnd(const std::string& health_path_, const HandedOver& message_,
+                                        bool is_heard_, int timeout_) {
+  const double deadline = Now() + timeout_;
+  while (timeout_ == 0 || Now() < deadline) {
+    std::optional<MessageRecord> record = FindRecord(health_path_, message_);
+    if (record && record->state >= MessageRecord::kSaid &&
+        (record->state != MessageRecord::kSaid || !is_heard_)) {
+      return record;
+    }
+    Nap(kPollPause);
+  }
+  return std::nullopt;
+}
+
+std::string ReasonOf(const std::string& health_path_, const HandedOver& message_) {
+  try {
+    for (const Problem& problem : ReadHealth(health_path_).problems) {
+      if (EndsWith(problem.id, ":" + message_.directory + "/" + message_.file)) {
+        return problem.sentence + " " + problem.remedy;
+      }
+    }
+  } catch (const std::string&) {
+    return "";
+  }
+  return "";
+}
+
+bool Withdraw(const HandedOver& message_) {
+  bool is_removed = unlink((message_.path + message_.file).c_str()) == 0;
+  DIR* const listing = opendir(message_.path.c_str());
+  while (const dirent* entry = listing == nullptr ? nullptr : readdir(listing)) {
+    CopyName copy;
+    if (ParseCopyName(entry->d_name, copy) && copy.name == message_.file && !copy.is_speaking) {
+      is_removed = unlink((message_.path + entry->d_name).c_str()) == 0 || is_removed;
+    }
+  }
+  if (listing != nullptr) {
+    closedir(listing);
+  }
+  return is_removed;
+}
