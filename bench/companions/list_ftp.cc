@@ -1,8 +1,9 @@
 // The floor of the FTP helper's looks: lists a directory again and again with libcurl, and does
-// nothing with the listing.
+// nothing with the listing. Writes a dot for each look.
 //
 // usage: list_ftp URL USERPWD KNOWN-HOSTS KEY SECONDS [REQUEST]   (empty: none)
 #include <curl/curl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -35,6 +36,8 @@ int main(int argc, char** argv) {
     if (curl_easy_perform(handle) != CURLE_OK) {
       return EXIT_FAILURE;
     }
+    putchar('.');
+    fflush(stdout);
     usleep(static_cast<useconds_t>(seconds) * 1'000'000);
   }
 }

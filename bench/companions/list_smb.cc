@@ -1,5 +1,5 @@
 // The floor of the CIFS helper's looks: lists a directory again and again with libsmbclient, and
-// does nothing with the listing.
+// does nothing with the listing. Writes a dot for each look.
 //
 // usage: list_smb URL USER PASSWORD PORT SECONDS
 #include <libsmbclient.h>
@@ -40,6 +40,8 @@ int main(int argc, char** argv) {
     while (smbc_getFunctionReaddirPlus(context)(context, directory) != nullptr) {
     }
     smbc_getFunctionClosedir(context)(context, directory);
+    putchar('.');
+    fflush(stdout);
     usleep(static_cast<useconds_t>(strtol(argv[5], nullptr, 10)) * 1'000'000);
   }
 }
