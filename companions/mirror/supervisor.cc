@@ -22,6 +22,7 @@ constexpr double kFirstPause = 0.25;  // Seconds before a worker is started agai
 constexpr double kLastPause = 8;      // each pause is twice as long as the one before, up to this.
 constexpr double kLongLife = 60;      // Seconds after which a worker's end is one by itself.
 constexpr double kStart = 60;         // Seconds that a worker may take before its first promise.
+constexpr time_t kLook = 5;           // Seconds between two looks at its pulse.
 
 std::string EndOf(int status_) {
   return WIFSIGNALED(status_) ? Format("was ended by signal %d", WTERMSIG(status_))
@@ -72,9 +73,12 @@ Supervisor::Supervisor(const Report& report_, const std::function<void(Pulse&)>&
     sigaddset(&signals, number);
   }
   sigprocmask(SIG_BLOCK, &signals, &callers_mask);
+  // The end of the parent, or of the thread that started this process, wakes Run.
+  prctl(PR_SET_PDEATHSIG, SIGCHLD);
 }
 
 Supervisor::~Supervisor() {
+  prctl(PR_SET_PDEATHSIG, 0);
   sigprocmask(SIG_SETMASK, &callers_mask, nullptr);
   munmap(pulse, sizeof(Pulse));
 }
@@ -90,8 +94,8 @@ void Supervisor::Run() {
       kill(worker, SIGKILL);
       pulse->Promise(kStart);
     }
-    const timespec second = {worker == 0 ? 0 : 1, worker == 0 ? 100'000'000 : 0};
-    const int signal = sigtimedwait(&signals, nullptr, &second);
+    const timespec longest = {worker == 0 ? 0 : kLook, worker == 0 ? 100'000'000 : 0};
+    const int signal = sigtimedwait(&signals, nullptr, &longest);
     if (signal == SIGTERM || signal == SIGHUP) {
       break;
     }
