@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <utility>
+
 #include "format.h"
 #include "localfile.h"
 
@@ -29,8 +31,11 @@ Heartbeat::Heartbeat(const std::string& directory_) : path(directory_ + ".helper
 void Heartbeat::Beat() {
   const int next = (number + 1) % kTexts;
   const std::string text = Format(kText, next);
-  LocalFile file(path + ".new", O_TRUNC);
-  file.Write(text.data(), text.size());
-  file.Rename(path);
+  LocalFile file(path + ".new", std::exchange(has_spare, false) ? 0 : O_TRUNC);
+  file.Write(text.data(), text.size());  // All texts have the same size.
+  has_spare = file.Exchange(path);
+  if (!has_spare) {
+    file.Rename(path);
+  }
   number = next;
 }

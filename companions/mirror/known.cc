@@ -162,7 +162,7 @@ void Known::Remember(const std::string& line_) {
 }
 
 void Known::Rewrite() {
-  auto file = std::make_unique<LocalFile>(directory + kMemory + ".new", O_TRUNC);
+  auto file = std::make_unique<LocalFile>(directory + kMemory + ".new", O_TRUNC | O_APPEND);
   std::string piece;
   size_t count = 0;
   for (const auto& [name, state] : known) {

@@ -16,12 +16,14 @@ constexpr mode_t kMode = 0644;
 }  // namespace
 
 LocalFile::LocalFile(const std::string& path_, int flags_)
-    : path(path_),
-      fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | flags_, kMode)) {
+    : path(path_), fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags_, kMode)) {
   if (fd < 0) {
     throw LocalTrouble{strerror(errno)};
   }
-  fchmod(fd, kMode);
+  struct stat status {};
+  if (fstat(fd, &status) != 0 || (status.st_mode & ALLPERMS) != kMode) {
+    fchmod(fd, kMode);
+  }
 }
 
 LocalFile::~LocalFile() { close(fd); }
@@ -37,6 +39,14 @@ void LocalFile::Rename(const std::string& path_) {
     throw LocalTrouble{strerror(errno)};
   }
   path = path_;
+}
+
+bool LocalFile::Exchange(const std::string& path_) {
+  if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, path_.c_str(), RENAME_EXCHANGE) != 0) {
+    return false;
+  }
+  path = path_;
+  return true;
 }
 
 bool LocalFile::IsInPlace() const {

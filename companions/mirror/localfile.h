@@ -14,10 +14,10 @@ struct LocalTrouble {
 
 class LocalFile {
  public:
-  // Opens path_ for writing at its end and creates it if it is missing; flags_ are added, such as
-  // O_TRUNC. Everybody may read it, whatever the umask: the daemon may copy a message, with its
+  // Opens path_ for writing and creates it if it is missing; flags_ are added, such as O_TRUNC or
+  // O_APPEND. Everybody may read it, whatever the umask: the daemon may copy a message, with its
   // mode, for others to read. Throws LocalTrouble, as the others do.
-  explicit LocalFile(const std::string& path_, int flags_ = 0);
+  explicit LocalFile(const std::string& path_, int flags_);
   ~LocalFile();
 
   LocalFile(const LocalFile&) = delete;
@@ -27,6 +27,10 @@ class LocalFile {
 
   // Gives the file another name, in place of the file that has it.
   void Rename(const std::string& path_);
+
+  // Gives the file and another one each other's names. False if the file system cannot, or there is
+  // no other one.
+  bool Exchange(const std::string& path_);
 
   // False if somebody has removed the file, or put another one into its place.
   bool IsInPlace() const;

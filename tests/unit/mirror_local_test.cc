@@ -154,8 +154,21 @@ TEST_F(MirrorLocalTest, DeliveryIsCompletedWhenItsNameIsFree) {
   EXPECT_EQ(Files(), Local());
 }
 
+TEST_F(MirrorLocalTest, BeatsGoOnWhenTheirFilesAreRemoved) {
+  Run(20);
+  for (const char* const name : {".helper.timestamp", ".helper.timestamp.new"}) {
+    const std::string before = BeatText();
+    ASSERT_EQ(0, unlink((directory / name).c_str())) << name;
+    EXPECT_EQ("", Look());
+    EXPECT_EQ(before.size(), BeatText().size()) << name;
+    EXPECT_NE(before, BeatText()) << name;
+    EXPECT_EQ("", Run(20));
+  }
+}
+
 TEST_F(MirrorLocalTest, BeatThatCannotBeWrittenIsATrouble) {
   Run(20);
+  unlink((directory / ".helper.timestamp.new").c_str());
   directory.MakeDirectory(".helper.timestamp.new");
   EXPECT_EQ(Trouble("Is a directory"), Run(20));
 }

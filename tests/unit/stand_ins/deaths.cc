@@ -49,6 +49,13 @@ int rename(const char* from_, const char* to_) noexcept {
   return Real<int(const char*, const char*)>("rename")(from_, to_);
 }
 
+int renameat2(int from_at_, const char* from_, int to_at_, const char* to_,
+              unsigned int flags_) noexcept {
+  Live();
+  using Function = int(int, const char*, int, const char*, unsigned int);
+  return Real<Function>("renameat2")(from_at_, from_, to_at_, to_, flags_);
+}
+
 int unlink(const char* path_) noexcept {
   Live();
   return Real<int(const char*)>("unlink")(path_);
