@@ -159,6 +159,7 @@ struct CurlRemote::Impl {
   CURL* handle = nullptr;
   std::vector<curl_socket_t> sockets;  // Those that are open.
   bool has_mlsd = true;
+  bool is_set_to_list = false;  // The last request was a listing, as the next one mostly is.
 
   // Of the request that runs.
   const Take* take = nullptr;
@@ -283,6 +284,7 @@ void CurlRemote::Impl::SetRequest(const std::string& url_) {
   } else {
     curl_easy_reset(handle);  // Keeps the session.
   }
+  is_set_to_list = false;
   SetCommon();
   SetTls();
   if (place.kind == FtpKind::kSftp) {
@@ -388,9 +390,10 @@ void CurlRemote::Impl::Fail(CURLcode result_) {
 void CurlRemote::Impl::List(const char* command_, ListingForm form_,
                             const std::function<void(const RemoteFile&)>& take_) {
   ListingReader reader(form_, take_);
-  SetRequest(url);
-  if (command_ != nullptr) {
+  if (!is_set_to_list) {
+    SetRequest(url);
     Set(CURLOPT_CUSTOMREQUEST, command_);
+    is_set_to_list = true;
   }
   Perform([&reader](const char* data_, size_t size_) { reader.Feed(data_, size_); });
   // The library takes a 450 for an empty directory.
@@ -425,6 +428,7 @@ void CurlRemote::List(const std::function<void(const RemoteFile&)>& take_) {
         throw;
       }
       impl->has_mlsd = false;
+      impl->is_set_to_list = false;
     }
   }
   impl->List(nullptr, ListingForm::kColumns, take_);
