@@ -5,6 +5,13 @@
 #include "helper.h"
 #include "smbremote.h"
 
+namespace {
+
+// Bytes: twice as many as for the largest listing that the mirror takes.
+constexpr size_t kMemory = 128 << 20;
+
+}  // namespace
+
 int main(int argc, char** argv) {
   const Program program = {
       "cifs",
@@ -21,6 +28,7 @@ int main(int argc, char** argv) {
       },
       &arguments.settings,
       [&arguments](std::function<bool()> go_on_) {
+        LimitMemory(kMemory);
         return std::make_unique<SmbRemote>(arguments.place, std::move(go_on_));
       });
   // A thread may still be in the library, which must not be torn down under it.

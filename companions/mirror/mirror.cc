@@ -628,6 +628,8 @@ int RunMirror(const MirrorSettings& settings_, const MakeRemote& make_remote_) {
       }
     } catch (const LocalTrouble& trouble) {
       throw "cannot use " + settings_.directory + ": " + trouble.reason;
+    } catch (const Stuck& stuck) {
+      throw stuck.reason;
     }
   });
 }

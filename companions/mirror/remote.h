@@ -25,9 +25,14 @@ struct Refused {
   std::string reason;
 };
 
+// The library does not come back from a call, or must not go on: the process has to end.
+struct Stuck {
+  std::string reason;
+};
+
 // The session is opened by the first call that needs it and kept; a call after a failure opens a
 // new one. Every call throws a string with the reason when it fails, in one line without the name
-// of the server or the file, or Refused.
+// of the server or the file, or Refused or Stuck.
 //
 // An implementation calls its go_on function at least once a second while it waits for the server,
 // and ends the call with a throw soon after that returned false.

@@ -5,12 +5,15 @@
 #include <libsmbclient.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <exception>
@@ -25,6 +28,7 @@ namespace {
 
 constexpr int kAnswerMilliseconds = 5000;
 constexpr auto kPause = std::chrono::milliseconds(200);  // Between two calls of go_on.
+constexpr double kJobSeconds = 90;  // A job of the library that takes longer has no end.
 constexpr size_t kPieceSize = 1 << 16;
 
 // Attributes of a file that is none.
@@ -239,7 +243,8 @@ class Worker {
  public:
   using Job = std::function<int()>;
 
-  Worker() : state(std::make_shared<State>()) {
+  explicit Worker(std::function<double()> now_)
+      : now(std::move(now_)), state(std::make_shared<State>()) {
     // Signals are for the caller's thread.
     sigset_t all;
     sigset_t before;
@@ -267,11 +272,13 @@ class Worker {
   Worker& operator=(const Worker&) = delete;
 
   // Has a job done and returns its result; throws what it throws. Throws a string if go_on_ returns
-  // false; the job goes on then, and the things that it uses must live on with it.
+  // false; the job goes on then, and the things that it uses must live on with it. Throws Stuck if
+  // the job that there is takes too long.
   int Do(Job job_, const std::function<bool()>& go_on_) {
     std::unique_lock<std::mutex> lock(state->mutex);
     Wait(&lock, go_on_);
     state->job = std::move(job_);
+    job_begin = now();
     state->changed.notify_all();
     Wait(&lock, go_on_);
     if (state->thrown) {
@@ -294,6 +301,9 @@ class Worker {
   void Wait(std::unique_lock<std::mutex>* lock_, const std::function<bool()>& go_on_) {
     while (!state->changed.wait_for(*lock_, kPause, [this] { return state->job == nullptr; })) {
       lock_->unlock();
+      if (now() - job_begin > kJobSeconds) {
+        throw Stuck{"libsmbclient hangs"};
+      }
       if (!go_on_()) {
         throw std::string("stopped");
       }
@@ -324,6 +334,8 @@ class Worker {
     }
   }
 
+  const std::function<double()> now;
+  double job_begin = 0;
   std::shared_ptr<State> state;
   std::thread thread;
 };
@@ -369,8 +381,10 @@ std::string TextOf(int failure_) {
 }  // namespace
 
 struct SmbRemote::Impl {
-  Impl(const SmbPlace& place_, std::function<bool()> go_on_)
-      : session(std::make_shared<Session>(place_)), go_on(std::move(go_on_)) {}
+  Impl(const SmbPlace& place_, std::function<bool()> go_on_, std::function<double()> now_)
+      : session(std::make_shared<Session>(place_)),
+        go_on(std::move(go_on_)),
+        worker(std::move(now_)) {}
 
   // Has something done with the session by the thread. A failure is thrown.
   void Do(const std::function<int(Session*)>& action_) {
@@ -402,8 +416,9 @@ struct SmbRemote::Impl {
   Worker worker;
 };
 
-SmbRemote::SmbRemote(const SmbPlace& place_, std::function<bool()> go_on_)
-    : impl(std::make_unique<Impl>(place_, std::move(go_on_))) {}
+SmbRemote::SmbRemote(const SmbPlace& place_, std::function<bool()> go_on_,
+                     std::function<double()> now_)
+    : impl(std::make_unique<Impl>(place_, std::move(go_on_), std::move(now_))) {}
 
 SmbRemote::~SmbRemote() = default;
 
@@ -451,4 +466,21 @@ void SmbRemote::Fetch(const std::string& name_, uint64_t offset_,
 
 void SmbRemote::Delete(const std::string& name_) {
   impl->Do([name_](Session* session_) { return session_->Delete(name_); });
+}
+
+void LimitMemory(size_t bytes_) {
+  unsigned long pages = 0;  // That count: private and writable.
+  FILE* file = fopen("/proc/self/statm", "re");
+  if (file != nullptr) {
+    if (fscanf(file, "%*u %*u %*u %*u %*u %lu", &pages) !=
+        1) {  // NOLINT(cert-err34-c): a kernel's.
+      pages = 0;
+    }
+    fclose(file);
+  }
+  rlimit limit = {};
+  getrlimit(RLIMIT_DATA, &limit);
+  const rlim_t wanted = rlim_t{pages} * static_cast<rlim_t>(getpagesize()) + bytes_;
+  limit.rlim_cur = std::min(limit.rlim_max, wanted);
+  setrlimit(RLIMIT_DATA, &limit);
 }

@@ -131,6 +131,8 @@ void Supervisor::BeWorker(pid_t supervisor_) {
       status = EXIT_SUCCESS;
     } catch (const std::string& reason) {
       report.Say(reason);
+    } catch (const std::bad_alloc&) {
+      report.Say("out of memory");
     } catch (const std::exception& failure) {
       report.Say(failure.what());
     }

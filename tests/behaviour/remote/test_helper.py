@@ -1,11 +1,12 @@
 """The helpers by themselves, against real servers; test_daemon.py has the rest."""
 
 import os
+import re
 import signal
 import subprocess
 
 import pytest
-from harness.programs import descendants, ended, is_alive
+from harness.programs import children, descendants, ended, is_alive
 from harness.remote import HELPERS
 from harness.servers import PASSWORD
 
@@ -255,6 +256,17 @@ def test_guest(server, make_helper, changes):
     changes = {name: value.format(server.port) for name, value in changes.items()}
     helper = make_helper(server, path="//127.0.0.1/open/inbox", **changes).start()
     helper.wait_files(new="New.")
+    helper.stop()
+
+
+@only_smb
+def test_memory_is_limited(server, make_helper):
+    helper = make_helper(server).start()
+    helper.wait_first_beat()
+    (worker,) = children(helper.process.pid)
+    with open(f"/proc/{worker}/limits", encoding="utf8") as file:
+        limit = re.search(r"^Max data size +(\w+)", file.read(), re.M)[1]
+    assert limit.isdigit()
     helper.stop()
 
 
