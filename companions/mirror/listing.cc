@@ -73,9 +73,7 @@ bool ReadFacts(string_view line_, RemoteFile* file_, bool* is_file_) {
       file_->stamp.assign(fact);
     }
   }
-  if (*is_file_ && !(has_size && has_time)) {
-    throw std::string("the server does not tell sizes and times of files");
-  }
+  file_->is_bare = !(has_size && has_time);
   file_->name.assign(line_);
   return is_typed;
 }
@@ -215,6 +213,9 @@ void ListingReader::Finish() {
   if (!is_empty && !makes_sense) {
     throw std::string("the form of the server's listing is unknown");
   }
+  if (has_bare && !has_file) {
+    throw std::string("the server does not tell sizes and times of files");
+  }
 }
 
 void ListingReader::ReadLine(const char* begin_, const char* end_) {
@@ -230,6 +231,7 @@ void ListingReader::ReadLine(const char* begin_, const char* end_) {
                                   : ReadColumns(line, &file, &is_file)) {
     makes_sense = true;
     if (is_file) {
+      (file.is_bare ? has_bare : has_file) = true;
       take(file);
     }
   }

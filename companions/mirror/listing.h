@@ -30,7 +30,8 @@ class ListingReader {
   // Throws a string if the listing cannot be used, and what take_ throws.
   void Feed(const char* data_, size_t size_);
 
-  // Ends the listing. Throws a string if its last line is not complete, or if no line made sense.
+  // Ends the listing. Throws a string if its last line is not complete, if no line made sense, or
+  // if all files are bare.
   void Finish();
 
  private:
@@ -42,4 +43,6 @@ class ListingReader {
   RemoteFile file;       // Kept, so that its strings keep their memory.
   bool is_empty = true;  // Nothing has come.
   bool makes_sense = false;
+  bool has_bare = false;
+  bool has_file = false;  // That is not bare.
 };

@@ -309,6 +309,12 @@ void Mirror::Impl::Show() {
 }
 
 void Mirror::Impl::Take(const RemoteFile& file_) {
+  if (file_.is_bare) {
+    if (unsafe_names.Take(file_.name)) {
+      report.SayOfFile("refused " + file_.name + ", as the server does not tell its size and time");
+    }
+    return;
+  }
   auto found = known.files().find(file_.name);
   if (found == known.files().end()) {
     if (!IsSafeName(file_.name)) {

@@ -17,6 +17,7 @@ struct RemoteFile {
   // can still mean the same time.
   std::string stamp;
   bool is_rounded = false;  // The stamp does not tell times within the same minute apart.
+  bool is_bare = false;     // The listing does not tell size and time.
 };
 
 // The server refuses the login, or the client refuses the server's certificate or host key: trying

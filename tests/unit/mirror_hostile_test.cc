@@ -48,6 +48,16 @@ TEST_F(MirrorHostileTest, UnsafeNameThatOneLookShowsIsNotReported) {
   EXPECT_EQ("", Run(20));
 }
 
+TEST_F(MirrorHostileTest, FileWithoutSizeAndTimeIsRefusedAlone) {
+  server.Put("a.txt", "A.");
+  server.listing = [](const std::function<void(const RemoteFile&)>& take_) {
+    take_({"b.txt", 0, "", false, true});
+    take_({"a.txt", 2, "1"});
+  };
+  EXPECT_EQ("refused b.txt, as the server does not tell its size and time\n", Run(100));
+  EXPECT_EQ((Files{{"a.txt", "A."}}), Local());
+}
+
 TEST_F(MirrorHostileTest, NameThatIsListedTwiceCountsOnce) {
   server.Put("a.txt", "A.");
   server.listing = [](const std::function<void(const RemoteFile&)>& take_) {

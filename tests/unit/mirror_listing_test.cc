@@ -11,7 +11,9 @@ std::vector<std::string> Files(ListingForm form_, const std::string& listing_,
                                size_t piece_size_ = std::string::npos) {
   std::vector<std::string> files;
   ListingReader reader(form_, [&files](const RemoteFile& file_) {
-    files.push_back(file_.name + "|" + std::to_string(file_.size) + "|" + file_.stamp);
+    files.push_back(file_.name + (file_.is_bare
+                                      ? "|bare"
+                                      : "|" + std::to_string(file_.size) + "|" + file_.stamp));
   });
   for (size_t i = 0; i < listing_.size(); i += std::min(piece_size_, listing_.size())) {
     const std::string piece = listing_.substr(i, piece_size_);
@@ -67,6 +69,16 @@ TEST(ListingReaderTest, LeavesOutWhatIsNoRegularFile) {
                     "11-21-26  12:07AM  <DIR>  directory\r\n"),
               IsEmpty());
   EXPECT_THAT(Files(ListingForm::kFacts, ""), IsEmpty());
+}
+
+TEST(ListingReaderTest, MarksFilesWithoutSizeOrTime) {
+  const std::string good = "type=file;size=5;modify=20261121000733; a.txt\r\n";
+  for (const char* const facts : {"type=file;size=5;", "type=file;modify=2026;",
+                                  "size=-5;type=file;modify=2026;", "type=file;size=5;modify=;"}) {
+    EXPECT_THAT(Files(ListingForm::kFacts, facts + std::string(" b\r\n") + good),
+                ElementsAre("b|bare", "a.txt|5|20261121000733"))
+        << facts;
+  }
 }
 
 TEST(ListingReaderTest, RefusesWhatIsNoListing) {
