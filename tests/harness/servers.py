@@ -192,9 +192,18 @@ class Server:
 
 
 class PyFtpdLib(Server):
-    """Knows MLSD."""
+    """Knows MLSD. With clear_data, it offers TLS for commands, and refuses it for data."""
 
     user = "u,v \"w'x\\y$z"
+
+    def __init__(self, root, clear_data=False, **options):
+        super().__init__(root, **options)
+        self.certificate = None
+        if clear_data:
+            make_certificates(root, "127.0.0.1")
+            self.certificate = str(root / "server.pem")
+            text = [(root / f"server.{end}").read_text() for end in ("crt", "key")]
+            Path(self.certificate).write_text("".join(text))
 
     def command(self):
         settings = {
@@ -205,6 +214,7 @@ class PyFtpdLib(Server):
             "writable": self.writable,
             "modes": self.modes,
             "rate": self.rate,
+            "certificate": self.certificate,
         }
         return [sys.executable, str(HERE / "ftp_server.py"), json.dumps(settings)]
 
@@ -285,7 +295,8 @@ class VsFtpd(Server):
 class Sshd(Server):
     """OpenSSH's SFTP. Its user is whoever runs the test, and logs in with a key.
 
-    With a password, which needs root, it is one of the server's own.
+    login: "key", "locked key" (one that has a password) or "password", one of the server's own,
+    which needs root.
     """
 
     user = user_name()
@@ -294,8 +305,8 @@ class Sshd(Server):
         super().__init__(root, **options)
         self.login = login
         self.known = "host_key"
-        for name in ("host_key", "user_key"):
-            run_quietly("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", root / name)
+        for name, lock in (("host_key", ""), ("user_key", PASSWORD * (login == "locked key"))):
+            run_quietly("ssh-keygen", "-q", "-t", "ed25519", "-N", lock, "-f", root / name)
 
     @property
     def path(self):
@@ -311,8 +322,9 @@ class Sshd(Server):
     def arguments(self, watch, **changes):
         self.write_known_hosts()
         mode = f"settle=0,known-hosts={self.root}/known_hosts"
-        if self.login == "key":
+        if self.login != "password":
             mode += f",key={self.root}/user_key"
+        if self.login == "key":
             changes.setdefault("password", "")
         changes.setdefault("mode", mode)
         return super().arguments(watch, **changes)

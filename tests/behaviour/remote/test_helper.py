@@ -103,6 +103,31 @@ def test_sigterm_while_the_server_is_mute(server, make_helper):
     helper.stop()
 
 
+def usage_of_children(pid):
+    """Page faults of the children that a process has waited for, and the signals it ignores."""
+    with open(f"/proc/{pid}/stat", encoding="utf8") as file:
+        faults = file.read().rpartition(")")[2].split()[8]
+    with open(f"/proc/{pid}/status", encoding="utf8") as file:
+        ignored = re.search(r"^SigIgn:\s*(\w+)", file.read(), re.M)[1]
+    return int(faults), int(ignored, 16)
+
+
+def test_looks_and_transfers_start_no_process(server, make_helper):
+    helper = make_helper(server, auto_delete=1).start()
+    helper.wait_first_beat()
+    server.put("new.txt", "New.")
+    helper.wait_files(new="New.")
+    (helper.local / "new.txt").unlink()
+    helper.wait(lambda: server.names() == [], "the file to be deleted")
+    helper.wait_beats(3)
+    (worker,) = children(helper.process.pid)
+    assert children(worker) == []
+    for pid in (helper.process.pid, worker):
+        faults, ignored = usage_of_children(pid)
+        assert faults == 0 and not ignored >> signal.SIGCHLD - 1 & 1  # Else nobody waits for them.
+    helper.stop()
+
+
 def test_sigint_is_ignored(server, make_helper):
     helper = make_helper(server).start()
     helper.wait_first_beat()
@@ -156,6 +181,27 @@ def test_command_line(name, count):
     assert run("--help")[:2][1].startswith(f"usage: {name} PATH ")
     status, out, err = run("--version")
     assert (status, out.split()[0], err) == (0, name, "")
+
+
+@pytest.mark.parametrize("make_server", ["pyftpdlib"], indirect=True)
+def test_directory_with_100_000_files(server, make_helper):
+    good = {f"{number}.txt": b"%d\n" % number for number in range(0, 20000, 500)}
+    for number in range(100_000 - len(good) - 1):
+        with open(server.inbox / f"large{number}.txt", "wb") as file:
+            file.truncate(LIMIT + 1)
+    for name, text in good.items():
+        server.put(name, text)
+    helper = make_helper(server).start()
+    helper.wait_first_beat()
+    assert helper.files() == good
+    server.put("new.txt", "New.")
+    helper.wait(lambda: "new.txt" in helper.files(), "the last file")
+    assert helper.files() == {**good, "new.txt": b"New."}
+    helper.wait_beats(2)
+    assert [text for text in helper.messages() if " is larger than " not in text] == [
+        "more messages about files are left out for a minute"
+    ]
+    helper.stop()
 
 
 @only_ftp

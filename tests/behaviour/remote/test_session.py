@@ -1,13 +1,15 @@
 """Sessions with real servers: kept, lost, cut, encrypted, refused."""
 
 import os
+import re
 import signal
 
 import pytest
 from harness.programs import children, ended
-from harness.servers import PASSWORD
+from harness.servers import PASSWORD, run_quietly
 
 only_vsftpd = pytest.mark.parametrize("make_server", ["vsftpd"], indirect=True)
+only_root = pytest.mark.skipif(os.getuid() != 0, reason="only root can put files in place")
 only_sshd = pytest.mark.parametrize("make_server", ["sshd"], indirect=True)
 
 # Bytes from the server in which a session is cut: greeting, login, two looks and some files.
@@ -129,6 +131,47 @@ def test_certificate_that_is_not_trusted(make_server, make_helper, tls, host, mo
     helper.stop()
 
 
+def put_in_place(directory, place):
+    """The beginning of a command that sees a directory in place of another one; needs root."""
+    script = f'mount --bind {directory} {place} && exec "$@"'
+    return ["unshare", "--mount", "sh", "-c", script, "sh"]
+
+
+@only_vsftpd
+@only_root
+@pytest.mark.parametrize("is_trusted", [True, False])
+def test_authorities_of_the_system(make_server, make_helper, is_trusted):
+    server = make_server(tls="explicit")
+    server.put("new.txt", "New.")
+    authorities = server.root / "authorities"
+    authorities.mkdir()
+    if is_trusted:
+        (authorities / "ca.crt").write_bytes((server.root / "ca.crt").read_bytes())
+    run_quietly("openssl", "rehash", authorities)
+    helper = make_helper(server, mode="settle=0")
+    helper.command = put_in_place(authorities, "/etc/ssl/certs") + helper.command
+    helper.start()
+    if is_trusted:
+        helper.wait_files(new="New.")
+    else:
+        helper.wait_messages("SSL certificate problem: ")
+    helper.stop()
+
+
+@pytest.mark.parametrize("make_server", ["pyftpdlib"], indirect=True)
+def test_server_that_refuses_to_encrypt_data(make_server, make_helper):
+    server = make_server(clear_data=True)
+    server.put("new.txt", "New.")
+    mode = f"settle=0,ca={server.root}/ca.crt"
+    helper = make_helper(server, path=f"ftpes://{server.path}", mode=mode).start()
+    helper.wait_messages("536 No protection of data.")
+    commands = re.findall(r"<- ([A-Z]+)", server.log())
+    assert "PROT" in commands
+    assert not {"EPSV", "PASV", "MLSD", "LIST", "RETR"} & set(commands), commands
+    assert helper.files() == {} and helper.beat() is None
+    helper.stop()
+
+
 @only_vsftpd
 def test_server_without_tls(make_server, make_helper):
     server = make_server()
@@ -149,16 +192,17 @@ def test_host_key_that_is_not_known(make_server, make_helper):
 
 
 @only_sshd
-@pytest.mark.skipif(os.getuid() != 0, reason="only root's server can have a password of its own")
 @pytest.mark.parametrize("password", [PASSWORD, "wrong"])
-def test_sftp_with_password(make_server, make_helper, password):
-    server = make_server(login="password")
+@pytest.mark.parametrize("login", [pytest.param("password", marks=only_root), "locked key"])
+def test_sftp_with_password(make_server, make_helper, login, password):
+    server = make_server(login=login)
     server.put("new.txt", "New.")
     helper = make_helper(server, password=password).start()
     if password == PASSWORD:
         helper.wait_files(new="New.")
     else:
         helper.wait_messages("login denied")
+        assert helper.beat() is None
     helper.stop()
 
 
