@@ -144,12 +144,12 @@ class Helper:
 class RemoteDaemon(Daemon):
     """A daemon whose one input directory is the inbox of a server, watched by the real helper."""
 
-    def __init__(self, root, server, **attributes):
+    def __init__(self, root, server, helpers=HELPERS, **attributes):
         super().__init__(root, words=WORDS)
         self.server = server
         for link, name in ((self.cifs_helper, "cifs"), (self.ftp_helper, "ftp")):
             link.unlink()
-            link.symlink_to(HELPERS / name)
+            link.symlink_to(Path(helpers).resolve() / name)
         self.scratch = self.root / "scratch"
         self.scratch.mkdir()
         self.subdir = attributes.get("subdir", "")
