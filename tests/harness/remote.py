@@ -9,7 +9,7 @@ from pathlib import Path
 
 from harness.companions import COMPANIONS
 from harness.daemon import PAUSE, Daemon
-from harness.programs import ended
+from harness.programs import ended, program
 from harness.wait import wait_until
 
 HELPERS = COMPANIONS / "helpers"
@@ -37,7 +37,8 @@ class Helper:
         self.root = root
         self.watch = root / "watch"
         self.local = self.watch / changes.get("subdir", "")
-        self.command = [str(HELPERS / server.kind), *server.arguments(self.watch, **changes)]
+        self.command = [*program()[:-1], str(HELPERS / server.kind)]
+        self.command += server.arguments(self.watch, **changes)
         self.scratch = root / "scratch"
         self.process = None
         self.scratch.mkdir(parents=True)

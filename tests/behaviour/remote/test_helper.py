@@ -16,6 +16,7 @@ only_ftp = pytest.mark.parametrize("make_server", ["pyftpdlib", "vsftpd"], indir
 only_smb = pytest.mark.parametrize("make_server", ["smbd"], indirect=True)
 
 
+@pytest.mark.core
 def test_first_mirror_is_whole_before_the_first_beat(server, make_helper):
     files = {f"{number}.txt": b"%d\n" % number for number in range(12)}
     for name, text in files.items():

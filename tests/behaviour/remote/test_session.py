@@ -38,6 +38,7 @@ class Taker:
         assert sorted(self.look()) == sorted(expected)
 
 
+@pytest.mark.core
 def test_one_session_for_many_looks(server, make_proxy, make_helper):
     proxy = make_proxy(server)
     server.put("old.txt", "Old.")
