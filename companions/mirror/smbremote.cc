@@ -472,8 +472,8 @@ void LimitMemory(size_t bytes_) {
   unsigned long pages = 0;  // That count: private and writable.
   FILE* file = fopen("/proc/self/statm", "re");
   if (file != nullptr) {
-    if (fscanf(file, "%*u %*u %*u %*u %*u %lu", &pages) !=
-        1) {  // NOLINT(cert-err34-c): a kernel's.
+    // NOLINTNEXTLINE(cert-err34-c): the kernel writes it.
+    if (fscanf(file, "%*u %*u %*u %*u %*u %lu", &pages) != 1) {
       pages = 0;
     }
     fclose(file);
