@@ -23,3 +23,8 @@ smbc_opendir_fn smbc_getFunctionOpendir(SMBCCTX* /*context_*/) { return &Open; }
 smbc_readdirplus_fn smbc_getFunctionReaddirPlus(SMBCCTX* /*context_*/) { return &Read; }
 
 smbc_closedir_fn smbc_getFunctionClosedir(SMBCCTX* /*context_*/) { return &Close; }
+
+// The library keeps some memory of each thread. The leak sanitizer asks for this.
+extern "C" const char* __lsan_default_suppressions() {  // NOLINT
+  return "leak:libtalloc.so";
+}
