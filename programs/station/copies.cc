@@ -237,7 +237,7 @@ void Copies::Accept(File& file_, const std::string& text_) {
     Replace(file_.kept, content, mode);
   }
   file_.is_refused = false;
-  file_.result = file_.name + (is_new ? ": applied\n" : ": nothing new\n") + text_;
+  file_.result = file_.name + ": in force\n" + text_;
   problems.clear(file_.name + "-refused");
   problems.clear(file_.name + "-missing");
 }

@@ -72,6 +72,11 @@ class Station(Daemon):
         found = self.health().find(f"counter[@name='{name}']")
         return None if found is None else int(found.get("value"))
 
+    def message(self, name):
+        """The attributes of a message's record; empty if there is none."""
+        found = self.health().find(f"message[@file='{name}']")
+        return {} if found is None else found.attrib
+
     def problems(self):
         """The problems' sentences by their ids."""
         return {child.get("id"): child.get("sentence") for child in self.health().iter("problem")}

@@ -92,7 +92,7 @@ TEST_F(CopiesTest, UsableFilesAreCopiedAndKeptWithTheirMode) {
   EXPECT_FALSE(Exists(run + "/vocastra.conf.checked"));
   EXPECT_THAT(problems, IsEmpty());
   EXPECT_TRUE(copies->IsFine());
-  EXPECT_EQ("configuration: applied\nglossary: applied\n", copies->Report());
+  EXPECT_EQ("configuration: in force\nglossary: in force\n", copies->Report());
   EXPECT_THAT(copies->Arguments(),
               ElementsAre("-c", run + "/vocastra.conf", "-g", run + "/glossary.xml"));
 }
@@ -184,7 +184,7 @@ TEST_F(CopiesTest, ConfigurationThatTheDaemonDoesNotTakeIsTold) {
   Look(false);
   EXPECT_TRUE(copies->IsBusy());
   EXPECT_FALSE(copies->IsFine());
-  EXPECT_EQ("configuration: applied\nThe daemon has not taken it yet.\n", copies->Report());
+  EXPECT_EQ("configuration: in force\nThe daemon has not taken it yet.\n", copies->Report());
 }
 
 TEST_F(CopiesTest, ChangeWithTheSameChecksumIsNoticed) {
@@ -206,7 +206,7 @@ TEST_F(CopiesTest, ChangeWithTheSameChecksumIsNoticed) {
   EXPECT_EQ(second, ReadFile(keep + "/vocastra.conf"));
   copies->CheckNow();
   Look();
-  EXPECT_EQ("configuration: nothing new\n", copies->Report());
+  EXPECT_EQ("configuration: in force\n", copies->Report());
   EXPECT_EQ(second + "\n", Copy());
 }
 

@@ -6,8 +6,9 @@ import socket
 from pathlib import Path
 
 import pytest
+from harness.companions import COMPANIONS
 from harness.files import element, publish
-from harness.programs import ended, run
+from harness.programs import ended, run, start_command
 from harness.station import Station
 
 
@@ -39,6 +40,40 @@ def test_speaks_and_ends(station):
     station.stop()
     assert "STOPPING=1" in station.told()
     assert station.health().get("daemon") == "0"
+
+
+def test_message_is_heard(make_station):
+    station = make_station(options=())
+    station.translator.unlink()
+    station.translator.symlink_to(COMPANIONS / "translators/tone")
+    state = station.run_path / "player"
+    player = start_command(COMPANIONS / "player", "--null", "--state", state, station.output)
+    try:
+        station.start()
+        station.drop("a", "m", "one two")
+        station.wait(lambda: station.message("m").get("state") == "heard", "the message")
+        assert station.message("m").get("pieces") == "1"
+        assert not station.problems()
+    finally:
+        player.terminate()
+        player.communicate()
+
+
+def test_messages_survive_the_death_of_the_daemon(make_station):
+    station = make_station(words=1)
+    station.start()
+    station.hold()
+    station.drop("a", "m", "one two three")
+    station.drop("a", "n", "four")
+    station.wait(lambda: station.message("n"), "the second message to be known")
+    station.wait_translator_runs(1)
+    first = station.daemon()
+    os.kill(first, signal.SIGKILL)
+    station.release()
+    station.wait_daemon(but=first)
+    station.wait(lambda: station.message("n").get("state") == "said", "the last message")
+    spoken = "".join(text for _, text in station.spoken())
+    assert spoken.endswith("\\pau=300\\ one two three \\pau=300\\ four ")
 
 
 @pytest.mark.parametrize("signum", [signal.SIGKILL, signal.SIGSTOP])
@@ -114,10 +149,10 @@ def test_mistake_in_the_configuration_is_refused_and_its_fix_applied(station):
     assert err.startswith(f"configuration: refused\n{station.config}:1: error: tts-config: ")
     assert station.copy() == good
     station.configure(station.directory("a"), station.directory("b"))
-    assert station.apply() == (0, "configuration: applied\n", "")
+    assert station.apply() == (0, "configuration: in force\n", "")
     assert not station.problems()
     station.wait_status(lambda root: len(root.findall("directory")) == 2)
-    assert station.apply() == (0, "configuration: nothing new\n", "")
+    assert station.apply() == (0, "configuration: in force\n", "")
 
 
 def test_reload_by_signal(station):
@@ -134,7 +169,7 @@ def test_apply_installs_a_file(station, tmp_path):
     station.config.chmod(0o640)
     new = tmp_path / "new.conf"
     new.write_text(element("tts-config", [station.directory("c")], state="run"))
-    assert station.apply(new) == (0, "configuration: applied\n", "")
+    assert station.apply(new) == (0, "configuration: in force\n", "")
     assert station.config.read_text() == new.read_text() == station.copy()
     assert station.config.stat().st_mode & 0o777 == 0o640
     new.write_text("<tts-config>")
@@ -201,7 +236,7 @@ def test_log_is_folded(make_station):
     line = f"<3>Could not open directory {path}/"
     station.wait_log(line)
     station.drop("a", "m", "one")  # It is seen, though the pass fails later.
-    station.wait(lambda: not list(station.input("a").iterdir()), "the message to be taken")
+    station.wait(lambda: not (station.input("a") / "m").exists(), "the message to be taken")
     assert station.log().count(line) == 1
     assert "Original is valid UTF-8" not in station.log_text()
 
