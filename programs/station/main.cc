@@ -473,7 +473,7 @@ void Station::Tell() {
 void Station::TellManager(const Health& health_) {
   is_ready = is_ready || status || Now() > begin + kReadyLimit;
   const std::string state = stops != 0                          ? "stopping"
-                            : health_.problems.size()           ? health_.problems.front().sentence
+                            : !health_.problems.empty()         ? health_.problems.front().sentence
                             : copies.Configuration() == nullptr ? "waiting for a configuration"
                             : health_.saying.empty()            ? "idle"
                                                                 : "saying " + health_.saying;

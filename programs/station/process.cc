@@ -60,12 +60,15 @@ Process ReadProcess(int pid_) {
   constexpr int kFieldsToStart = 18;  // From the parent on.
   const std::string stat = ReadWhole(Format("/proc/%d/stat", pid_));
   const size_t name_end = stat.rfind(')');  // Then the state, one letter, and the parent.
-  const char* field = stat.c_str() + std::min(name_end, stat.size() - 4) + 4;
-  const int parent = atoi(field);
+  if (name_end == std::string::npos || name_end + 4 > stat.size()) {
+    throw std::string("no such process");
+  }
+  const char* field = stat.c_str() + name_end + 4;
+  const int parent = static_cast<int>(strtol(field, nullptr, 10));
   for (int i = 0; i < kFieldsToStart && field != nullptr; ++i) {
     field = strchr(field + 1, ' ');
   }
-  return {pid_, parent, field == nullptr ? 0 : atoll(field)};
+  return {pid_, parent, field == nullptr ? 0 : strtoll(field, nullptr, 10)};
 }
 
 // The newest last.
@@ -73,7 +76,7 @@ std::vector<Process> AllProcesses() {
   std::vector<Process> all;
   const std::unique_ptr<DIR, CloseDirectory> proc(opendir("/proc"));
   while (const dirent* entry = proc ? readdir(proc.get()) : nullptr) {
-    const int pid = atoi(entry->d_name);
+    const int pid = static_cast<int>(strtol(entry->d_name, nullptr, 10));
     try {
       if (pid > 0) {
         all.push_back(ReadProcess(pid));
@@ -91,6 +94,7 @@ std::vector<Process> AllProcesses() {
 
 int Spawn(const std::vector<std::string>& command_, int log_) {
   std::vector<char*> arguments;
+  arguments.reserve(command_.size() + 1);
   for (const std::string& word : command_) {
     arguments.push_back(const_cast<char*>(word.c_str()));
   }
