@@ -132,7 +132,9 @@ struct Message {
   };
 
   bool IsSpoken() const { return record.pieces + record.failed > 0; }
-  bool IsTaken() const { return course.turn != 0 || course.id != 0 || IsSpoken(); }
+  bool IsTaken() const {
+    return course.id != 0 || IsSpoken() || (course.turn != 0 && course.is_indexed);
+  }
   bool HasEnded() const { return record.ended != 0; }
 
   MessageRecord record;
@@ -204,7 +206,8 @@ struct Spool::Impl {
   Message* FirstOf(const std::string& display_id_);
   Message* NextOf(const std::string& display_id_);
   void Begin(Message& message_);
-  void Fail(Message& message_);
+  static void Restart(Message& message_, bool is_gone_);
+  static void Fail(Message& message_);
   void End(Message& message_, MessageRecord::State state_);
   void Explain(const Message& message_, const Folder& folder_);
   void SetProblem(const char* kind_, const Message& message_, const Folder& folder_,
@@ -216,7 +219,7 @@ struct Spool::Impl {
   int64_t last_life;  // The end of the last station; 0: not known.
   int64_t last_read = 0;
   const int inotify;
-  bool is_running = false;  // The daemon is.
+  bool is_running = false;  // The daemon is, or is about to.
   int timestamp = 0;
   std::string state;
   uint64_t next_turn = 1;
@@ -284,6 +287,7 @@ void Spool::Impl::Prepare(const XMLElement& configuration_) {
       PutAway(message, folders[message.record.directory]);
     }
   }
+  is_running = true;
 }
 
 void Spool::Impl::PrepareFolder(const std::string& id_, const LocalDirectory& local_) {
@@ -368,11 +372,11 @@ void Spool::Impl::PutAway(Message& message_, const Folder& folder_) {
   if (message_.copy.empty()) {
     message_.copy = folder_.path +
                     FormatCopyName({message_.was_speaking, message_.arrival, message_.record.file});
-    if (rename(path.c_str(), message_.copy.c_str()) != 0) {
+    if (message_.course.is_gone || rename(path.c_str(), message_.copy.c_str()) != 0) {
       End(message_, MessageRecord::kDropped);
       return;
     }
-  } else if (IsFileOf(message_, path)) {
+  } else if (!message_.course.is_gone && IsFileOf(message_, path)) {
     unlink(path.c_str());
   }
   message_.place = Message::kAway;
@@ -465,7 +469,6 @@ void Spool::Impl::Arrive(const std::string& id_, const Folder& folder_, const st
 }
 
 void Spool::Impl::OnLog(const LogEvent& event_) {
-  is_running = true;
   switch (event_.kind) {
     case LogEvent::kIndexed:
       Read();
@@ -583,7 +586,8 @@ void Spool::Impl::OnIndexed(const std::string& name_) {
   }
 }
 
-// Whatever was in the directory is gone or old now.
+// What was in the directory is gone or old now. What has come since then may be new: the log is
+// some time late.
 void Spool::Impl::OnCreated(const std::string& id_) {
   const auto found = folders.find(id_);
   if (found == folders.end()) {
@@ -592,8 +596,9 @@ void Spool::Impl::OnCreated(const std::string& id_) {
   found->second.phase = Folder::kEmptied;
   found->second.statuses = 0;
   for (Message& message : messages) {
-    if (message.record.directory == id_ && !message.HasEnded()) {
-      PutAway(message, found->second);
+    if (message.record.directory == id_ && !message.HasEnded() && message.place != Message::kAway) {
+      message.place = Message::kMaybeOld;
+      Restart(message, message.course.is_gone);
     }
   }
 }
@@ -669,10 +674,10 @@ void Spool::Impl::GiveBack(const std::string& id_, Folder& folder_) {
     }
     bool is_known = false;
     if (message.place == Message::kMaybeOld) {
-      is_known =
-          age_limit > 0 && !message.IsTaken() && IsFileOf(message, folder_.path + message.name);
+      const bool is_taken = message.course.is_gone && message.course.is_indexed;
+      is_known = !message.course.is_gone;
       message.place = Message::kThere;
-      if (is_known) {
+      if (!is_taken && !message.IsSpoken() && age_limit > 0) {
         PutAway(message, folder_);
       }
     }
@@ -703,10 +708,8 @@ bool Spool::Impl::Show(Message& message_, const Folder& folder_, bool is_known_)
       message_.name = next;
       message_.copy = is_kept ? message_.copy : "";
       message_.place = Message::kThere;
-      message_.course = {};
+      Restart(message_, false);
       message_.course.is_given = true;
-      message_.record.pieces = message_.record.failed = 0;
-      message_.files.clear();
       return true;
     }
     if (errno != EEXIST) {
@@ -864,6 +867,16 @@ void Spool::Impl::Begin(Message& message_) {
     }
   }
   message_.was_speaking = true;
+}
+
+void Spool::Impl::Restart(Message& message_, bool is_gone_) {
+  const uint64_t turn = message_.course.turn;
+  message_.course = {};
+  message_.course.is_gone = is_gone_;
+  message_.course.turn = is_gone_ ? turn : 0;
+  message_.record.state = MessageRecord::kWaiting;
+  message_.record.pieces = message_.record.failed = 0;
+  message_.files.clear();
 }
 
 void Spool::Impl::Fail(Message& message_) {

@@ -51,7 +51,7 @@ class Daemon {
     }
   }
 
-  void Scan(Spool& spool_) {
+  void Scan(std::vector<LogEvent>& log_) {
     std::map<std::string, std::string> found;
     for (const std::string& name : Listing(scanned)) {
       if (IsHidden(name)) {
@@ -60,7 +60,7 @@ class Daemon {
       const std::string text = ReadFile(scanned + "/" + name);
       const auto same = known.find(name);
       if (same == known.end() || same->second != text) {
-        spool_.OnLog({LogEvent::kIndexed, name, ""});
+        log_.push_back({LogEvent::kIndexed, name, ""});
         if (!is_first && !text.empty()) {
           queue.push_back(name);
         }
@@ -75,7 +75,7 @@ class Daemon {
       const std::string path = scanned + "/" + name;
       const std::string text = ReadFile(path);
       if (removes_taken && unlink(path.c_str()) != 0) {
-        spool_.OnLog({LogEvent::kNotRemoved, path, ""});
+        log_.push_back({LogEvent::kNotRemoved, path, ""});
       } else if (!text.empty()) {
         active = name;
         rest = text;
@@ -88,7 +88,7 @@ class Daemon {
   }
 
   // Makes a piece; it fails if its letter is "X".
-  void Speak(Spool& spool_) {
+  void Speak(std::vector<LogEvent>& log_) {
     if (active.empty()) {
       playing = 0;
       return;
@@ -102,12 +102,12 @@ class Daemon {
       said.whole.push_back(whole);
     }
     if (fails) {
-      spool_.OnLog({LogEvent::kCommandFailed,
-                    "/t /tmp/text /tmp/speech  \"" + name + "\" > /dev/null 2>&1", ""});
+      log_.push_back({LogEvent::kCommandFailed,
+                      "/t /tmp/text /tmp/speech  \"" + name + "\" > /dev/null 2>&1", ""});
     } else {
       const std::string file =
           std::to_string(number++) + "_a.text_live_" + (is_start ? "first" : "cont") + ".raw";
-      spool_.OnLog({LogEvent::kCopying, file, ""});
+      log_.push_back({LogEvent::kCopying, file, ""});
       fclose(fopen((output + "/" + file).c_str(), "w"));
     }
     is_start = false;
@@ -187,12 +187,25 @@ class Service {
                               (kind.stays ? "last" : "") + "\"/>\n" + more_ + "</tts-config>\n"));
   }
 
+  void Pass(const std::vector<LogEvent>& log_) {
+    for (const LogEvent& event : log_) {
+      spool->OnLog(event);
+    }
+  }
+  void ScanOnce() {
+    std::vector<LogEvent> log;
+    daemon->Scan(log);
+    Pass(log);
+  }
+
   // Steps of the daemon, of which a pass has three.
   void Step() {
     if (step % 3 == 0) {
-      daemon->Scan(*spool);
+      ScanOnce();
     } else if (step % 3 == 1 && daemon->state == "run") {
-      daemon->Speak(*spool);
+      std::vector<LogEvent> log;
+      daemon->Speak(log);
+      Pass(log);
     } else if (step % 3 == 2) {
       last_status = daemon->Status();
       spool->Read();
@@ -365,7 +378,7 @@ TEST_F(RunningSpoolTest, WithdrawnMessageIsDropped) {
 
 TEST_F(RunningSpoolTest, FileThatIsNotQueuedIsAProblemWhileItIsThere) {
   service.Arrive("m", "a");
-  service.daemon->Scan(*service.spool);
+  service.ScanOnce();
   service.Publish("m", "a");  // No scan has found the file gone.
   service.spool->Read();
   ASSERT_TRUE(service.Settle());
@@ -586,6 +599,24 @@ TEST(SpoolRestartTest, MessageThatArrivesBeforeTheFirstScanIsSpoken) {
     EXPECT_THAT(service.said.whole, ElementsAre("abc"));
     EXPECT_THAT(service.Records(), ElementsAre("m:said:3:0"));
   }
+}
+
+TEST(SpoolRestartTest, MessageThatIsTakenBeforeTheLogIsReadIsSpokenOnce) {
+  Service service;
+  service.StartStation();
+  service.spool->OnDaemonEnd();
+  service.Prepare();
+  service.daemon.emplace(service.path, service.scanned, service.run / "out", true, service.said);
+  std::vector<LogEvent> log = {{LogEvent::kOther, "", "Created new input directory a"}};
+  service.daemon->Scan(log);
+  service.Arrive("m", "abc");
+  service.daemon->Scan(log);
+  service.daemon->Speak(log);
+  service.Arrive("m", "de");
+  service.Pass(log);
+  ASSERT_TRUE(service.Settle());
+  EXPECT_THAT(service.said.whole, ElementsAre("abc", "de"));
+  EXPECT_THAT(service.Records(), ElementsAre("m:said:3:0", "m:said:2:0"));
 }
 
 TEST(SpoolRestartTest, NameThatIsTakenIsNotOverwritten) {
