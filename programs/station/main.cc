@@ -382,9 +382,9 @@ void Station::StartWhenDue() {
 }
 
 void Station::Start() {
+  spool.Prepare(*copies.Configuration());  // Else what is removed would count as heard.
   RemoveOutput();
   unlink(settings.options.status_file_path.c_str());
-  spool.Prepare(*copies.Configuration());
   std::vector<std::string> command = settings.daemon;
   const std::vector<std::string> arguments = copies.Arguments();
   command.insert(command.end(), arguments.begin(), arguments.end());
