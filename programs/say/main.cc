@@ -6,7 +6,6 @@
 // daemon uses to copy files.
 
 #include <stdio.h>
-#include <string.h>
 
 #include <exception>
 #include <memory>
@@ -43,7 +42,7 @@ enum ExitStatus {
 
 struct Options {
   std::string config_path = VOCASTRA_CONFIG_FILE;
-  std::string run = std::string(VOCASTRA_STATUS_FILE, strrchr(VOCASTRA_STATUS_FILE, '/'));
+  std::string run = VOCASTRA_RUN_DIR;
   std::optional<std::string> directory_id;
   std::optional<std::string> encoding;
   bool is_raw = false;

@@ -92,7 +92,7 @@ def test_tools_read_the_files_that_the_manuals_name(staged):
     status, output = run(staged / "usr/bin/vocastra-say", "--help")
     assert status == 0
     paths = re.findall(r"\(default (/\S+)\)", output)
-    assert paths == ["/etc/vocastra/vocastra.conf", "/run/vocastra/status.xml"]
+    assert paths == ["/etc/vocastra/vocastra.conf", "/run/vocastra"]
     manual = (ROOT / "man/vocastra-say.1").read_text()
     assert [path for path in paths if f".It Pa {path}" not in manual] == []
 
