@@ -158,7 +158,8 @@ def test_problems_in_the_manual_are_those_of_the_code():
     documented = re.findall(r"^\.It Cm ([a-z-]+)(?: Ns .*)?$", page("vocastra-status.1"), re.M)
     assert sorted(documented) == sorted(ids) and len(ids) > 20
     for path in (ROOT / "programs/station").glob("*.cc"):
-        for name in re.findall(r'\b(?:Set|Clear|Find|SetProblem)\(\s*"([a-z-]+)"', path.read_text()):
+        calls = r'\b(?:Set|Clear|Find|SetProblem)\(\s*"([a-z-]+)"'
+        for name in re.findall(calls, path.read_text()):
             assert name in ids, path
     report = (ROOT / "programs/status/report.cc").read_text()
     for name in re.findall(r'push_back\(\s*\{"([a-z-]+)', report):
