@@ -12,7 +12,7 @@ from harness.programs import ROOT, program, tool
 from harness.schemas import validate
 from harness.wait import LIMIT, wait_until
 
-EXAMPLES = sorted(path.name for path in (ROOT / "examples").iterdir() if path.is_dir())
+EXAMPLES = sorted(path.parent.name for path in (ROOT / "examples").glob("*/config.xml"))
 
 PAUSE = "\\pau=300\\ "
 

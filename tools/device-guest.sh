@@ -1,0 +1,68 @@
+# shellcheck shell=sh
+# What the emulated board does for tools/device: read by its shell, which is busybox's.
+
+run=/run/vocastra
+said=/tmp/log  # The log.
+
+up() { cut -d ' ' -f 1 /proc/uptime; }
+
+# within SECONDS COMMAND...: whether it becomes true in that time. Prints how long it took.
+within() {
+  begun=$(up) limit=$1
+  shift
+  until "$@"; do
+    if awk "BEGIN { exit $(up) < $begun + $limit }"; then return 1; fi
+    sleep 0.1
+  done
+  awk "BEGIN { print $(up) - $begun }"
+}
+
+speaks() { grep -q 'state="run"' $run/status.xml 2>/dev/null; }
+
+# logged PATTERN [COUNT]: the log has that many lines with the pattern.
+logged() { [ "$(grep -c -e "$1" $said)" -ge "${2:-1}" ]; }
+
+# hand DIRECTORY NAME: the text is on standard input. The name of the file appears at once.
+hand() { cat >"$1/.new" && mv "$1/.new" "$1/$2"; }
+
+# project: process and name of all that belongs to the project.
+project() {
+  for link in /proc/[0-9]*/exe; do
+    program=$(readlink "$link")
+    case $program in
+      *vocastra*)
+        directory=${link%/exe}
+        echo "${directory#/proc/} ${program##*/}"
+        ;;
+    esac
+  done
+}
+
+# memory: PSS in KB and name of each process.
+memory() {
+  project | while read -r process name; do
+    awk -v name="$name" '/^Pss:/ { print $2, name }' "/proc/$process/smaps_rollup" 2>/dev/null
+  done
+}
+
+# most_memory COUNT: the most of each name in that many samples, and of all together.
+most_memory() {
+  for _ in $(seq "$1"); do
+    memory
+    echo
+  done | awk '
+    NF { if ($1 > most[$2]) most[$2] = $1; sum += $1; next }
+    { if (sum > all) all = sum; sum = 0 }
+    END { for (name in most) print most[name], name; print all, "all" }'
+}
+
+# ticks: processor time and name of each process, with its children that have ended.
+ticks() {
+  project | while read -r process name; do
+    sed 's/.*) //' "/proc/$process/stat" 2>/dev/null |
+      awk -v key="$name-$process" '{ print $12 + $13, $14 + $15, key }'
+  done
+}
+
+# written: sectors written to flash since the start.
+written() { awk '$3 == "vda" { print $10 }' /proc/diskstats; }
