@@ -45,15 +45,29 @@ memory() {
   done
 }
 
-# most_memory COUNT: the most of each name in that many samples, and of all together.
+# most_memory COUNT [NAME]: the most of each name in that many looks, and of all together. With a NAME,
+# each look waits until a process of that name runs, and stops it while it looks, each time a bit later.
 most_memory() {
-  for _ in $(seq "$1"); do
-    memory
+  for look in $(seq "$1"); do
+    if [ "${2:-}" ]; then
+      until process=$(pidof "$2"); do :; done
+      usleep $((look * 5000))
+      kill -STOP "$process" 2>/dev/null
+      memory
+      kill -CONT "$process" 2>/dev/null
+    else
+      memory
+    fi
     echo
   done | awk '
-    NF { if ($1 > most[$2]) most[$2] = $1; sum += $1; next }
-    { if (sum > all) all = sum; sum = 0 }
-    END { for (name in most) print most[name], name; print all, "all" }'
+    NF { sum[$2] += $1; all += $1; next }
+    {
+      for (name in sum) if (sum[name] > most[name]) most[name] = sum[name]
+      if (all > most["all"]) most["all"] = all
+      split("", sum)
+      all = 0
+    }
+    END { for (name in most) print most[name], name }'
 }
 
 # ticks: processor time and name of each process, with its children that have ended.
