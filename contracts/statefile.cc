@@ -1,9 +1,11 @@
 #include "statefile.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,12 +15,44 @@
 
 namespace {
 
+// Bytes that each file has beyond its end, for the time when the file system is full.
+constexpr off_t kReserve = 16 * 1024;
+
 bool Holds(const std::string& path_, const std::string& text_) {
   try {
     return ReadWhole(path_) == text_;
   } catch (const std::string&) {
     return false;
   }
+}
+
+// Writes the text to a new file, with the reserve if the file system has that.
+bool WriteNew(const std::string& path_, const std::string& text_) {
+  const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    return false;
+  }
+  const bool is_written = WriteWhole(fd, text_.data(), text_.size());
+  const int error = errno;
+  if (is_written) {
+    fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(text_.size()) + kReserve);
+  }
+  close(fd);
+  errno = error;
+  return is_written;
+}
+
+// Writes over the present file, which becomes no shorter, as that would free what it has.
+bool Overwrite(const std::string& path_, std::string text_) {
+  const int fd = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+  struct stat status {};
+  if (fd < 0 || fstat(fd, &status) != 0) {
+    return false;
+  }
+  text_.resize(std::max(text_.size(), static_cast<size_t>(status.st_size)), '\n');
+  const bool is_written = WriteWhole(fd, text_.data(), text_.size());
+  close(fd);
+  return is_written;
 }
 
 }  // namespace
@@ -36,15 +70,12 @@ void ReplaceByDump(const std::string& path_, const XMLElement& root_) {
     return;
   }
   const std::string temporary = path_ + ".new";
-  FILE* const file = fopen(temporary.c_str(), "we");
-  bool is_written = file != nullptr;
-  if (is_written) {
-    is_written = fputs(text.c_str(), file) >= 0;
-    is_written = fclose(file) == 0 && is_written;
+  if (WriteNew(temporary, text) && rename(temporary.c_str(), path_.c_str()) == 0) {
+    return;
   }
-  if (!is_written || rename(temporary.c_str(), path_.c_str()) != 0) {
-    const std::string why = strerror(errno);
-    unlink(temporary.c_str());
+  const std::string why = strerror(errno);
+  unlink(temporary.c_str());
+  if (!Overwrite(path_, text)) {
     throw Format("cannot write %s: %s", path_.c_str(), why.c_str());
   }
 }

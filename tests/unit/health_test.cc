@@ -1,5 +1,6 @@
 #include "health.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +37,28 @@ TEST(HealthTest, IsReadAsItWasWritten) {
   EXPECT_EQ(5000000000, read.problems[0].since);
   EXPECT_EQ("two?lines", read.problems[1].sentence);
   EXPECT_FALSE(Exists(directory / "health.new"));
+}
+
+// As on a full file system; a directory is in the way of the new file.
+TEST(HealthTest, IsWrittenOverTheOldFileIfThereIsNoNewOne) {
+  const TemporaryDirectory directory;
+  WriteHealth(directory / "health", Example());
+  struct stat first {};
+  ASSERT_EQ(0, stat((directory / "health").c_str(), &first));
+  ASSERT_EQ(0, mkdir((directory / "health.new").c_str(), 0777));
+  Health shorter = Example();
+  shorter.problems.pop_back();
+  Health longer = Example();
+  longer.problems.push_back({"output-full", std::string(3000, 'x'), "Remove files.", 1});
+  for (const Health& health : {shorter, longer, Example()}) {
+    WriteHealth(directory / "health", health);
+    EXPECT_EQ(health.problems.size(), ReadHealth(directory / "health").problems.size());
+  }
+  struct stat last {};
+  ASSERT_EQ(0, stat((directory / "health").c_str(), &last));
+  EXPECT_EQ(first.st_ino, last.st_ino);
+  EXPECT_EQ(first.st_blocks, last.st_blocks);
+  ASSERT_EQ(0, rmdir((directory / "health.new").c_str()));
 }
 
 TEST(HealthTest, RecordsKeepTheirNamesStatesAndNumbers) {
