@@ -558,8 +558,9 @@ void Spool::Impl::OnNotRemoved(const std::string& path_) {
     if (message != nullptr) {
       message->course.is_refused = true;
       if (Exists(path_)) {
-        SetProblem("not-removed:", *message, folder, "cannot be removed, so it is not spoken",
-                   "Let the daemon's user write to the directory.");
+        SetProblem(
+            "not-removed:", *message, folder, "cannot be removed, so it is not spoken",
+            "Let the daemon's user write to the directory; then remove the file or rename it.");
       }
     }
   }

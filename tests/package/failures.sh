@@ -1,0 +1,193 @@
+# Failures of the installed service, and what its users are told; sourced by tools/test-install.
+#
+# Each row breaks something in the booted system and waits until vocastra-status fails and names the
+# problem with a sentence and a remedy; then it repairs that, and nothing more, and waits until
+# vocastra-status is fine. The seconds are printed: the first ones from the beginning of the
+# breaking command, the second ones from the end of the repairing command.
+#
+# The rows are expanded when they run, and some variables are those of tools/test-install:
+# shellcheck shell=bash disable=SC2016,SC2034,SC2119,SC2120,SC2154
+
+spool=/var/spool/vocastra
+out=/run/vocastra/out
+etc=/etc/vocastra
+translator=/usr/libexec/vocastra/translators/espeak-ng
+voices=/usr/lib/x86_64-linux-gnu/espeak-ng-data
+
+# One table: name, id of the problem, how to break, how to repair.
+all_failures() {
+  failure 'translator missing' translator-missing \
+    'root mv $translator $translator.away' 'root mv $translator.away $translator'
+  failure 'translator failing' translator-failing \
+    'root mv $voices $voices.away; message' 'root mv $voices.away $voices'
+  # An edited configuration that names a voice that is not there is not taken.
+  failure 'unknown voice' configuration-refused \
+    'configure "s/id=.announcements./& conv-opts=\"voice=klingon\"/"' configure
+  failure 'translator hanging' translator-hanging \
+    'replace_translator "sleep 1000"; message' restore_translator
+
+  failure 'output directory gone' output-gone \
+    'root rm -r $out' 'root install -d -o vocastra -g vocastra -m 700 $out'
+  failure 'output directory read-only' output-read-only \
+    'root chmod 500 $out' 'root chmod 700 $out'
+  failure 'disk of the output directory full' output-full \
+    'fill root /run' 'root rm /run/fill'
+  failure '/tmp full' tmp-full \
+    'fill in_service /tmp' 'in_service rm /tmp/fill'
+
+  failure 'no player' no-player \
+    'root systemctl stop vocastra-player' 'root systemctl start vocastra-player'
+  failure 'player stopped' player-stopped \
+    'send STOP "$(player)"' 'send CONT "$(player)"'
+  failure 'no sound device' no-sound-device \
+    'play_to "--device hw:7"' 'play_to --null'
+
+  failure 'input directory missing' input-missing:announcements \
+    'root mv $spool/announcements $spool/away' 'root mv $spool/away $spool/announcements'
+  failure 'input directory unreadable' input-unreadable:announcements \
+    'root chmod 0 $spool/announcements' 'root chmod 2770 $spool/announcements'
+
+  failure 'message unreadable' unreadable:announcements/secret \
+    'message secret 600' 'root chmod 644 $spool/announcements/secret'
+  failure 'message cannot be removed' not-removed:announcements/sticky \
+    'root chown root $spool/announcements; root chmod 3777 $spool/announcements; message sticky' \
+    'root chown vocastra $spool/announcements; root rm $spool/announcements/sticky'
+  root chmod 2770 $spool/announcements
+  root chgrp vocastra-say $spool/announcements
+  message twice
+  failure 'message with a used name and text' not-queued:announcements/twice \
+    'message twice' 'root rm $spool/announcements/twice'
+
+  failure 'remote host unreachable' remote:ftp 'loopback down' 'loopback up'
+  failure 'login refused' remote:ftps \
+    'configure "/id=.ftps./s/ password=./&x/"' configure
+  failure 'certificate refused' remote:ftps \
+    'configure "/id=.ftps./s/ca=[^,]*,//"' configure
+  failure 'helper dead' helper-dead:ftp \
+    'send KILL "$(process "^/usr/libexec/vocastra/helpers/ftp 127")"' 'root systemctl restart vocastra'
+
+  failure 'configuration malformed' configuration-refused \
+    'configure "s/<tts-config/<<&/"' configure
+  failure 'configuration missing' configuration-missing \
+    'root rm $etc/vocastra.conf' configure
+  failure 'glossary malformed' glossary-refused \
+    'root sed -i.good "s/<glossary>/<<&/" $etc/glossary.xml' \
+    'root mv $etc/glossary.xml.good $etc/glossary.xml'
+  failure 'glossary missing' glossary-missing \
+    'root mv $etc/glossary.xml $etc/away' 'root mv $etc/away $etc/glossary.xml'
+
+  # The station starts a daemon again that hangs or has ended.
+  failure 'daemon hung' daemon-hung 'send STOP "$(daemon)"' :
+  failure 'daemon dead' 'no-daemon|daemon-dead' 'send KILL "$(daemon)"' :
+  failure 'lock held by another process' "locked:$out" \
+    'root systemd-run --quiet --unit=holder flock $out sleep 1000' 'root systemctl stop holder'
+}
+
+# --- Rows -----------------------------------------------------------------------------------------
+
+# failure NAME ID BREAK REPAIR: the id is an extended regular expression.
+failure() {
+  local name=$1 told fine
+  if ! within 60 is_fine; then
+    verdict FAILED "$name: something is amiss before it"
+    sed 's/^/    | /' "$work/last"
+    return
+  fi
+  : >"$work/told"
+  : >"$work/last"
+  if break_and_wait "$2" "$3" >"$work/log" 2>&1 </dev/null; then told="told after $seconds s"; fi
+  eval "$4" >>"$work/log" 2>&1 </dev/null
+  if timed within 90 is_fine; then fine="fine $seconds s after the repair"; fi
+  if [[ -n ${told:-} && -n ${fine:-} ]]; then
+    verdict passed "$name: $told, $fine"
+    sed 's/^/        /' "$work/told"
+  else
+    verdict FAILED "$name: ${told:-"not told"}, ${fine:-"not fine again"}"
+    tail -n 25 "$work/log" "$work/last" | sed 's/^/    | /'
+  fi
+}
+
+is_fine() { status_is_fine >"$work/last" 2>&1; }
+
+break_and_wait() { timed breaks "$@"; }
+
+breaks() {
+  eval "$2"
+  within 60 is_told "$1"
+}
+
+# is_told ID: vocastra-status fails, and has a sentence and a remedy.
+is_told() {
+  local text
+  ! text=$(inside runuser -u stranger -- vocastra-status --json) || return 1
+  grep -oE "\"id\":\"($1)\",\"sentence\":\"([^\"\\]|\\\\.)+\",\"remedy\":\"([^\"\\]|\\\\.)+\"" \
+    <<<"$text" >"$work/told" || { echo "$text" >"$work/last"; return 1; }
+}
+
+# --- Ways to break ----------------------------------------------------------------------------------
+
+root() { inside "$@"; }
+
+in_service() { inside nsenter --mount --target "$(property MainPID)" "$@"; }
+
+# message [NAME [MODE]]: the name is a new one, and the text always the same.
+message() {
+  inside sh -c 'cd /var/spool/vocastra/announcements && echo "A message." >.new && chmod "$2" .new &&
+    mv .new "$1"' sh "${1:-message-$EPOCHREALTIME}" "${2:-644}"
+}
+
+# configure [SED-SCRIPT]: the configuration, with an error made by the script.
+configure() {
+  sed "${1:-}" "$work/config" >"/proc/$leader/root$etc/new"
+  inside mv $etc/new $etc/vocastra.conf
+}
+
+replace_translator() {
+  inside sh -c 'mv "$1" "$1.away" && printf "%s\n" "#!/bin/sh" "exec $2" >"$1" && chmod 755 "$1"' \
+    sh $translator "$1"
+}
+
+restore_translator() {
+  inside mv $translator.away $translator
+  send KILL "$(process '^sleep 1000')"
+}
+
+# process PATTERN: the process whose command line has it.
+process() {
+  inside sh -c 'for directory in /proc/[0-9]*; do
+    ! tr "\0" " " 2>/dev/null <"$directory/cmdline" | grep -qE "$1" || echo "${directory#/proc/}"
+  done' sh "$1"
+}
+
+player() { inside systemctl show --property=MainPID --value vocastra-player; }
+
+play_to() {
+  inside sh -c 'echo "VOCASTRA_PLAYER_OPTIONS=\"--verbose $1\"" >/etc/default/vocastra-player &&
+    systemctl restart vocastra-player' sh "$1"
+}
+
+# fill root|in_service DIRECTORY: its file system is made small enough.
+fill() {
+  local used
+  used=$(inside df --output=used "$2" | tail -n 1)
+  inside mount -o "remount,size=$((used + 16384))k" "$2"
+  "$1" sh -c 'head -c 32M /dev/zero >"$1/fill"' sh "$2"
+}
+
+loopback() { nsenter --target "$leader" --net ip link set lo "$1"; }
+
+# --- The whole table ------------------------------------------------------------------------------
+
+# A player that plays nothing, but takes as long.
+start_player() {
+  inside sh -c 'directory=/etc/systemd/system/vocastra-player.service.d
+    mkdir -p "$directory" && printf "%s\n" "[Unit]" "ConditionPathExistsGlob=" >"$directory/test.conf"
+    systemctl daemon-reload' &&
+    play_to --null && options '' '' && inside systemctl restart vocastra
+}
+
+try_failures() {
+  start_player
+  configure
+  all_failures
+}
