@@ -29,7 +29,9 @@ constexpr size_t kMaxCommandText = 64 * 1024;  // Bytes.
 
 [[noreturn]] void Exec(char* const* arguments_, int log_, int parent_) {
   setpgid(0, 0);
-  prctl(PR_SET_PDEATHSIG, SIGINT);
+  // Not a softer signal: without the station, whatever the daemon takes has no copy, and while
+  // there is something to say it does not end.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent_) {
     _exit(EXIT_FAILURE);
   }

@@ -90,6 +90,18 @@ def test_daemon_that_dies_or_hangs_is_started_again(station, signum):
     station.wait(lambda: ("n", "\\pau=300\\ two ") in station.spoken(), "the next message")
 
 
+def test_daemon_ends_with_its_station(make_station):
+    station = make_station(words=1)
+    station.start()
+    station.hold()
+    station.drop("a", "m", "one " * 100)
+    station.wait_translator_runs(1)
+    daemon = station.daemon()
+    station.process.kill()
+    assert ended(daemon)
+    station.process.wait()
+
+
 def test_output_that_nobody_plays_is_removed_before_a_start(make_station):
     station = make_station()
     for name in ("0_a.text_live_first.raw", "17_a.warn_live_first.wav", ".7_hidden", "other"):
@@ -106,7 +118,7 @@ def test_player_may_empty_the_output_before_a_start(make_station):
         **{"device": "x", "device-ok": 1, "pid": os.getpid(), "playing": "", "problem": ""},
         **{"problem-time": 0, "since": 0},
     )
-    (station.run_path / "player").write_text(state)
+    (station.run_path / "player").write_text(state + "\n")
     station.start()
     station.drop("a", "m", "one")
     station.wait_outputs(1)
