@@ -147,6 +147,28 @@ struct Family {
   size_t commands = 0;  // The translator, or a short one.
 };
 
+// True if the process has taken the lock of the directory. Lines of the list are such as
+// "1: FLOCK  ADVISORY  WRITE 812 fe:01:4711 0 EOF", with the file's number.
+bool HasTaken(int pid_, const std::string& path_) {
+  struct stat status = {};
+  if (stat(path_.c_str(), &status) != 0) {
+    return false;
+  }
+  const std::string number = Format(":%llu 0 EOF", static_cast<unsigned long long>(status.st_ino));
+  const std::string start = Format(": FLOCK  ADVISORY  WRITE %d ", pid_);
+  try {
+    const std::string locks = ReadWhole("/proc/locks");
+    for (size_t at = locks.find(start); at != std::string::npos; at = locks.find(start, at + 1)) {
+      const std::string line = locks.substr(at, locks.find('\n', at) - at);
+      if (line.find(number) != std::string::npos) {
+        return true;
+      }
+    }
+  } catch (const std::string&) {  // The kernel does not tell.
+  }
+  return false;
+}
+
 // True if a process holds the lock of the directory.
 bool IsHeld(const std::string& path_) {
   const int directory = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
@@ -199,7 +221,7 @@ struct Problems::Impl {
   bool Has(const std::string& start_) const;
 
   void CheckDaemon(const View& view_);
-  void CheckLocks();
+  void CheckLocks(int daemon_);
   void CheckOutput(int daemon_);
   void CheckPlayer(const XMLElement* status_);
   bool IsPlayerBusy(const PlayerState& state_, const XMLElement* status_);
@@ -293,7 +315,7 @@ void Problems::Impl::CheckDaemon(const View& view_) {
   const bool is_still = view_.daemon != 0 && view_.engine <= 0 && view_.still >= kLockedStill &&
                         Family(view_.daemon).commands == 0;
   if (is_still) {
-    CheckLocks();
+    CheckLocks(view_.daemon);
   } else {
     held.clear();
   }
@@ -310,7 +332,8 @@ void Problems::Impl::CheckDaemon(const View& view_) {
   }
 }
 
-void Problems::Impl::CheckLocks() {
+// A daemon that hangs with the lock in its hands does not wait for it.
+void Problems::Impl::CheckLocks(int daemon_) {
   std::set<std::string> paths = {options.output_directory_path};
   for (const auto& [id, element] : directories) {
     if (element->GetAttributeString("type", "") == "local") {
@@ -319,7 +342,7 @@ void Problems::Impl::CheckLocks() {
   }
   for (const std::string& path : paths) {
     int& checks = held[path];
-    checks = IsHeld(path) ? checks + 1 : 0;
+    checks = IsHeld(path) && !HasTaken(daemon_, path) ? checks + 1 : 0;
     if (checks >= kLockedChecks) {
       Find("locked", path, "Another program holds the lock of " + path + ", and the daemon waits");
     }

@@ -518,7 +518,13 @@ TEST_F(ProblemsTest, DaemonWhosePassesFail) {
 TEST_F(ProblemsTest, LocksOfOthers) {
   for (const std::string name : {"out", "in"}) {
     const int lock = open((run / name).c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(0, flock(lock, LOCK_EX));
+    const pid_t other = fork();
+    if (other == 0) {  // It takes the lock for whoever has the descriptor.
+      _exit(flock(lock, LOCK_EX));
+    }
+    int end = -1;
+    ASSERT_EQ(other, waitpid(other, &end, 0));
+    ASSERT_EQ(0, end);
     view.still = 1;
     EXPECT_THAT(Ids(), IsEmpty());
     view.still = 5;
@@ -529,6 +535,18 @@ TEST_F(ProblemsTest, LocksOfOthers) {
     EXPECT_THAT(Ids(), ElementsAre("daemon-hung"));
     EXPECT_FALSE(problems->IsLocked());
   }
+}
+
+TEST_F(ProblemsTest, LockOfTheDaemonItselfIsNoWait) {
+  const int lock = open((run / "out").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(0, flock(lock, LOCK_EX));
+  view.daemon = getpid();
+  view.still = 5;
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_THAT(Ids(), ElementsAre("daemon-hung"));
+  }
+  EXPECT_FALSE(problems->IsLocked());
+  close(lock);
 }
 
 }  // namespace
