@@ -48,8 +48,11 @@ constexpr double kLogPause = 0.05;  // Seconds; each look at the log takes all l
 constexpr double kReadyLimit = 30;  // Seconds; then the start counts as done, whatever is wrong.
 constexpr double kOldDaemonLimit =
     10;  // Seconds that the daemon of a station that was killed may take to end.
+constexpr double kBeginLimit = 1;     // Seconds from the first piece of a message to the status.
 constexpr double kMessageLimit = 60;  // Seconds from a request to stop to the end of the message.
 constexpr double kStopLimit = 30;     // Seconds that the daemon may take to stop its helpers.
+constexpr double kBusyStopLimit = 2;  // The same while it says messages.
+constexpr double kGoesOn = 1;         // Seconds since a status of a daemon that says messages.
 
 constexpr int kWrongUse = 2;
 
@@ -170,9 +173,10 @@ class Station {
   double start_at = 0;     // When the daemon is to be started.
   double drain_limit = 0;  // Until then the player may empty the output directory.
   int stops = 0;           // Requests to stop so far.
-  double stop_limit = 0;   // Until then the message may go on; later, until SIGKILL.
+  double begin_limit = 0;  // Until then a status may show what was being said at the first one.
+  double stop_limit = 0;   // Until then the message may go on.
   int last_message = 0;    // What was being said at the first request.
-  bool is_interrupted = false;
+  double interrupted = 0;  // When the daemon was asked to stop; 0: not yet.
 };
 
 std::vector<std::string> Tail(const std::vector<std::string>& words_) {
@@ -416,21 +420,29 @@ void Station::RemoveOutput() {
 }
 
 // The first request lets the message end that is being said; the second stops the daemon at once,
-// and a further one kills it.
+// and a further one kills it. While the player has room for more, the daemon would say all messages
+// that wait before it ends, so it is killed then; the copies of the messages stay.
 void Station::Stop() {
   const double now = Now();
   if (stop_limit == 0) {
-    last_message = CurrentMessage();
     stop_limit = now + kMessageLimit;
+    begin_limit = spool.IsIdle() ? now : now + kBeginLimit;
     notifier.Send("STOPPING=1");
   }
-  const bool is_said = last_message == 0 || CurrentMessage() != last_message;
-  if (!is_interrupted && (is_said || stops > 1 || now > stop_limit)) {
-    daemon.Interrupt();
-    is_interrupted = true;
-    stop_limit = now + kStopLimit;
+  if (watchdog.Translating(now) > 0) {
+    begin_limit = now + kBeginLimit;
   }
-  if (is_interrupted && (stops > 2 || now > stop_limit)) {
+  if (last_message == 0 && now < begin_limit) {
+    last_message = CurrentMessage();
+  }
+  const bool is_said = last_message == 0 ? now >= begin_limit : CurrentMessage() != last_message;
+  if (interrupted == 0 && (is_said || stops > 1 || now > stop_limit)) {
+    daemon.Interrupt();
+    interrupted = now;
+  }
+  const bool goes_on = CurrentMessage() != 0 && watchdog.Still(now) < kGoesOn;
+  if (interrupted != 0 &&
+      (stops > 2 || now > interrupted + (goes_on ? kBusyStopLimit : kStopLimit))) {
     daemon.Kill();
   }
 }
