@@ -35,6 +35,9 @@ constexpr int kSureStatuses = 3;
 constexpr int kLateLog = 5;     // The log may be that far after the status.
 constexpr int kNotQueued = 30;  // A file that is not queued by then will not be.
 
+// A file may come just before the health file is written, and be seen by nobody after that.
+constexpr int64_t kUnseen = 2 * kSecond;
+
 constexpr int kMaxNames = 1000;    // Tries to find a name that is not taken.
 constexpr size_t kMaxSuffix = 5;   // Bytes that such a name is longer.
 constexpr size_t kMaxPrefix = 30;  // Bytes that a player puts in front of a name.
@@ -143,6 +146,7 @@ struct Message {
   int64_t arrival = 0;
   bool was_speaking = false;
   Place place = kThere;
+  int forgotten_from = 0;  // From this status on, the daemon does not know its name.
   Course course;
   std::set<std::string> files;  // Its files in the output directory that were not seen to leave it.
 };
@@ -180,6 +184,7 @@ struct Spool::Impl {
   void FindCopies(const std::string& id_, const Folder& folder_);
   void FindFiles(const std::string& id_, const Folder& folder_, int64_t since_);
   void PutAway(Message& message_, const Folder& folder_);
+  void Hold(Message& message_, const Folder& folder_);
 
   void Read();
   void OnFile(const std::string& id_, Folder& folder_, const std::string& name_, uint32_t event_);
@@ -284,6 +289,7 @@ void Spool::Impl::Prepare(const XMLElement& configuration_) {
   messages.sort([](const Message& a_, const Message& b_) { return a_.arrival < b_.arrival; });
   for (Message& message : messages) {
     if (!is_running && !message.HasEnded()) {
+      message.forgotten_from = 0;
       PutAway(message, folders[message.record.directory]);
     }
   }
@@ -304,7 +310,8 @@ void Spool::Impl::PrepareFolder(const std::string& id_, const LocalDirectory& lo
     FindCopies(id_, folder);
     // Where files stay, nothing but the last life tells which ones were said.
     if (folder.removes_taken || last_life != 0) {
-      FindFiles(id_, folder, std::max(last_life, ClockTime() - age_limit));
+      const int64_t since = folder.removes_taken ? last_life - kUnseen : last_life;
+      FindFiles(id_, folder, std::max(since, ClockTime() - age_limit));
     }
   }
 }
@@ -381,6 +388,24 @@ void Spool::Impl::PutAway(Message& message_, const Folder& folder_) {
   }
   message_.place = Message::kAway;
   message_.record.state = MessageRecord::kWaiting;
+}
+
+// Puts the new message away while the daemon has not yet seen all older ones, so that it does not
+// overtake them. If the daemon has taken it by now, it stays as it is. Where files stay, that would
+// not show.
+void Spool::Impl::Hold(Message& message_, const Folder& folder_) {
+  const auto is_older = [&](const Message& other_) {
+    const bool is_unseen = other_.course.is_given && !other_.course.is_indexed;
+    return (other_.place == Message::kAway || is_unseen) && !other_.HasEnded() &&
+           other_.record.directory == message_.record.directory;
+  };
+  if (is_running && folder_.removes_taken && !message_.copy.empty() &&
+      (folder_.phase != Folder::kScanned ||
+       std::any_of(messages.begin(), messages.end(), is_older)) &&
+      rename((folder_.path + message_.name).c_str(), message_.copy.c_str()) == 0) {
+    message_.place = Message::kAway;
+    message_.forgotten_from = kNever;
+  }
 }
 
 void Spool::Impl::Read() {
@@ -466,6 +491,7 @@ void Spool::Impl::Arrive(const std::string& id_, const Folder& folder_, const st
   if (!old_copy.empty() && old_copy != message->copy) {
     unlink(old_copy.c_str());
   }
+  Hold(*message, folder_);
 }
 
 void Spool::Impl::OnLog(const LogEvent& event_) {
@@ -686,8 +712,11 @@ void Spool::Impl::GiveBack(const std::string& id_, Folder& folder_) {
       is_pending = is_pending || (message.course.is_given && !message.course.is_indexed);
       continue;
     }
+    if (message.forgotten_from == kNever) {
+      message.forgotten_from = timestamp + kSureStatuses;
+    }
     const bool is_old = !message.was_speaking && ClockTime() - message.arrival > age_limit;
-    if (is_pending && message.name <= folder_.last_given) {
+    if (timestamp < message.forgotten_from || (is_pending && message.name <= folder_.last_given)) {
       return;
     }
     if (is_old || age_limit == 0 || !Show(message, folder_, is_known)) {

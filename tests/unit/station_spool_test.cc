@@ -518,6 +518,37 @@ TEST(SpoolRestartTest, MessagesAreGivenBackInTheOrderOfTheirArrival) {
   EXPECT_THAT(service.said.whole, ElementsAre("c", "a", "d", "b"));
 }
 
+TEST(SpoolRestartTest, MessageThatComesNowDoesNotOvertakeThoseThatWait) {
+  for (int steps = 0; steps <= 20; ++steps) {
+    SCOPED_TRACE(steps);
+    Service service;
+    service.StartStation();
+    ASSERT_TRUE(service.Settle());
+    service.Steps(6);
+    for (const std::string name : {"z", "y", "x"}) {
+      service.Arrive(name, name);
+    }
+    service.StartDaemon();
+    service.Steps(steps);
+    service.Arrive("a", "a");
+    ASSERT_TRUE(service.Settle());
+    EXPECT_THAT(service.said.whole, ElementsAre("z", "y", "x", "a"));
+    EXPECT_EQ("a:said:1:0", service.Records().back());
+  }
+}
+
+TEST(SpoolRestartTest, MessageThatTheStationHasNotSeenIsSpoken) {
+  Service service;
+  service.StartStation();
+  ASSERT_TRUE(service.Settle());
+  service.Steps(6);
+  service.Publish("m", "abc");
+  WriteHealth(service.run / "health", Health());
+  service.StartStation();
+  ASSERT_TRUE(service.Settle());
+  EXPECT_THAT(service.said.whole, ElementsAre("abc"));
+}
+
 TEST(SpoolRestartTest, OldMessagesAreNotGivenBack) {
   struct {
     int age_limit;
@@ -637,6 +668,7 @@ TEST(SpoolRestartTest, CopyKeepsTheModeOfTheFile) {
   Service service;
   service.StartStation();
   ASSERT_TRUE(service.Settle());
+  service.Steps(6);
   service.run.Write(".secret", "a");
   ASSERT_EQ(0, chmod((service.run / ".secret").c_str(), 0640));
   ASSERT_EQ(0, rename((service.run / ".secret").c_str(), (service.scanned + "/m").c_str()));
