@@ -68,7 +68,6 @@ class Said:
         self.lengths = {message.name: len(message.words) for message in messages}
         self.tries = {name: [] for name in self.lengths}  # Words and end of each try.
         self.wrong = []  # Words that do not follow what was before.
-        self.starts = {}  # Where the first whole try of a message begins.
 
     def add(self, words):
         for at, word in enumerate(words):
