@@ -90,6 +90,15 @@ def test_daemon_that_dies_or_hangs_is_started_again(station, signum):
     station.wait(lambda: ("n", "\\pau=300\\ two ") in station.spoken(), "the next message")
 
 
+def test_only_the_station_goes_first(station):
+    """If it may, which depends on the user."""
+    own = os.getpriority(os.PRIO_PROCESS, 0)
+    nice = os.getpriority(os.PRIO_PROCESS, station.process.pid)
+    assert nice in (-10, own)
+    daemon = os.getpriority(os.PRIO_PROCESS, station.daemon())
+    assert daemon == (max(nice, 0) if nice != own else own)
+
+
 def test_daemon_ends_with_its_station(make_station):
     station = make_station(words=1)
     station.start()
