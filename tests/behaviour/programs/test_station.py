@@ -237,7 +237,7 @@ def test_stop_waits_for_the_end_of_the_message(make_station):
 
 
 def test_second_signal_does_not_wait(make_station):
-    station = make_station(words=1)
+    station = make_station(words=1, files=2)
     station.start()
     station.drop("a", "m", "one " * 1000)
     station.wait_translator_runs(1)
