@@ -17,6 +17,7 @@ import signal
 import threading
 import time
 from collections import Counter
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from harness.companions import COMPANIONS
@@ -28,10 +29,12 @@ from harness.wait import wait_until
 RESTARTS = int(os.environ.get("RESTARTS", "12"))
 SEED = int(os.environ.get("SEED") or random.randrange(10**6))
 
-# Tells what it is given, and "speaks" by copying it, or by tones.
+# Tells what it is given, with the process group of the daemon that gives it, which is the daemon's
+# process id. "Speaks" by copying, or by tones.
 TRANSLATOR = """#!/bin/sh
 [ -e "$1" ] || exit 1
-printf '%s\\n' "$(cat "$1")" >>"$0.given"
+read -r _ _ _ _ daemon _ <"/proc/$$/stat"
+printf '%s %s\\n' "$daemon" "$(cat "$1")" >>"$0.given"
 exec SPEAK
 """
 COPY = 'cp "$1" "$2"'
@@ -62,14 +65,17 @@ class Message:
 
 
 class Said:
-    """What one witness, the translator or the player, has got: words in their order."""
+    """What one witness, the translator or the player, has got: words in their order.
+
+    daemons: of each word, the daemon that has given it, if that is known.
+    """
 
     def __init__(self, messages):
         self.lengths = {message.name: len(message.words) for message in messages}
         self.tries = {name: [] for name in self.lengths}  # Words and end of each try.
         self.wrong = []  # Words that do not follow what was before.
 
-    def add(self, words):
+    def add(self, words, daemons=None):
         for at, word in enumerate(words):
             name, _, number = word.partition("x")
             tries = self.tries.get(name)
@@ -78,6 +84,8 @@ class Said:
             elif number == "0":
                 tries.append([1, at, at])
             elif not tries or tries[-1][0] != int(number):
+                self.wrong.append(word)
+            elif daemons and daemons[at] != daemons[tries[-1][2]]:
                 self.wrong.append(word)
             else:
                 tries[-1][0] += 1
@@ -161,9 +169,10 @@ class Trial:
         self.messages = []
         self.restarts = restarts
         self.kinds = Counter()
-        self.lost = 0
+        self.lost = 0  # As the station knows,
+        self.dropped = set()  # and which messages.
         self.is_dropping = True
-        self.cuts = []  # Of each restart: how many words were given, whose copies were there.
+        self.cuts = []  # Of each restart: the daemon that ended, whose copies were there.
         speak = f'{COMPANIONS}/translators/tone "$@"' if is_sound else COPY
         station.translator.unlink()
         station.translator.write_text(TRANSLATOR.replace("SPEAK", speak))
@@ -180,10 +189,25 @@ class Trial:
         self.player = (SoundPlayer if is_sound else Player)(station)
 
     def given(self):
-        return said_words(self.given_path.read_text())
+        """The words that the translator got, and of each the daemon."""
+        words = []
+        daemons = []
+        for line in self.given_path.read_text().splitlines():
+            daemon, _, text = line.partition(" ")
+            words += said_words(text)
+            daemons += [int(daemon)] * (len(words) - len(daemons))
+        return words, daemons
 
-    def heard(self):
-        return self.given() if self.is_sound else self.player.words
+    def judge(self):
+        """What the translator got, and what was heard as far as that is known."""
+        messages = list(self.messages)
+        given = Said(messages)
+        given.add(*self.given())
+        if self.is_sound:
+            return given, given
+        heard = Said(messages)
+        heard.add(list(self.player.words))
+        return given, heard
 
     # Load.
 
@@ -191,7 +215,7 @@ class Trial:
         choice = random.Random(self.random.random())
         while self.is_dropping:
             time.sleep(choice.uniform(0, 0.5))
-            if len(self.judge(self.heard()).lost()) < BACKLOG:
+            if len(self.judge()[1].lost()) < BACKLOG:
                 words = choice.choice([1, 2, 3] if self.is_sound else [1, 2, 5, 8, 13, 30])
                 message = Message(choice.choice("abc"), len(self.messages), words)
                 self.messages.append(message)
@@ -210,14 +234,15 @@ class Trial:
     def copies(self):
         """The messages that the station keeps, by their names."""
         names = set()
-        for directory in "abc":
+        # A listing may miss a copy that is given another name meanwhile.
+        for directory in "abc" * 2:
             for entry in os.listdir(self.station.input(directory)):
                 if entry.startswith(".station-"):
                     names.add(entry.rpartition("-")[2])
         return names
 
     def restart(self):
-        """One restart. Notes whose copies were there, and how much was given in the end."""
+        """One restart. Notes which daemon has ended, and whose copies were there."""
         kinds = list(KINDS) if RESTARTS >= MANY else [kind for kind in KINDS if kind != "hang"]
         kind = self.random.choices(kinds, [KINDS[kind] for kind in kinds])[0]
         station = self.station
@@ -229,77 +254,81 @@ class Trial:
             os.kill(daemon, signal.SIGSTOP)
         elif kind in ("daemon killed", "both killed"):
             os.kill(daemon, signal.SIGKILL)
+        copies |= self.copies()  # One may have come since.
         if kind not in ("hang", "daemon killed"):
-            copies = self.restart_station(kind) or copies
+            copies = self.restart_station(kind, copies)
         station.wait(lambda: station.daemon() not in (0, daemon), "another daemon")
-        self.cuts.append((len(self.given()), copies))
+        self.cuts.append((daemon, copies))
 
-    def restart_station(self, kind):
+    def restart_station(self, kind, copies):
+        """Returns whose copies were there at the end of the daemon."""
         process = self.station.process
         if kind == "both killed":
             self.pause(0.1, 1)
-        self.lost += self.station.counter("lost") or 0
         process.send_signal(signal.SIGKILL if "killed" in kind else signal.SIGTERM)
         if kind == "quick stop":
             self.pause(0.1, 0.5)
             process.send_signal(signal.SIGTERM)
         process.wait()
+        copies = copies | self.copies() if "killed" in kind else self.copies()
         assert process.returncode == (-signal.SIGKILL if "killed" in kind else 0)
-        copies = set() if "killed" in kind else self.copies()
+        self.note_lost()
         self.pause(0.1, 0.5)
         self.start()
         return copies
 
+    def note_lost(self):
+        """To be called once for each station."""
+        self.lost += self.station.counter("lost") or 0
+        for message in self.station.health().findall("message[@state='dropped']"):
+            self.dropped.add(message.get("file"))
+
     def run(self):
         self.start()
         self.station.wait_daemon()
-        dropper = threading.Thread(target=self.drop, daemon=True)
         self.player.start()
-        dropper.start()
-        try:
-            for _ in range(self.restarts):
-                self.restart()
-        finally:
-            self.is_dropping = False
-            dropper.join()
+        with ThreadPoolExecutor(1) as pool:
+            drops = pool.submit(self.drop)
+            try:
+                for _ in range(self.restarts):
+                    self.restart()
+            finally:
+                self.is_dropping = False
+            drops.result()
         self.wait_end()
-        self.lost += self.station.counter("lost") or 0
+        self.note_lost()
         self.player.close()
         self.station.stop()
 
     def wait_end(self):
-        """Until nothing waits, or nothing has happened for long."""
-        wait_until(lambda: self.station.daemon() and self.is_scanned(), "the scan")
-        wait_until(lambda: not self.copies() or not self.is_moving(), "the end")
-        wait_until(lambda: not self.station.outputs(), "the player to be done")
+        """Until all has been said and played, or nothing has happened for long."""
+        wait_until(lambda: self.is_done() or not self.is_moving(), "the end")
+        # Hidden ones are still being played.
+        wait_until(lambda: not os.listdir(self.station.output), "the player to be done")
 
-    def is_scanned(self):
-        return 'status="1"' in (self.station.status() or "")
+    def is_done(self):
+        return not self.copies() and not any(said.lost() for said in self.judge())
 
     def is_moving(self):
-        before = len(self.given())
+        before = len(self.given()[0])
         with contextlib.suppress(AssertionError):
-            return wait_until(lambda: len(self.given()) > before or not self.copies(), "a word")
+            return wait_until(lambda: len(self.given()[0]) > before or self.is_done(), "a word")
         return False
 
     # Judgement.
 
-    def judge(self, words):
-        said = Said(list(self.messages))
-        said.add(words)
-        return said
-
-    def unfair(self, said):
+    def unfair(self, said, daemons):
         """Messages that were said twice although no cut came before the station knew their end."""
         names = []
         for name in said.lengths:
             whole = said.whole(name)
             for (_, end), (begin, _) in zip(whole, whole[1:]):
-                if not any(end <= at <= begin and name in copies for at, copies in self.cuts):
+                is_cut = (daemons[end], True) in [(d, name in copies) for d, copies in self.cuts]
+                if not is_cut or daemons[begin] == daemons[end]:
                     names.append(name)
         return names
 
-    def disordered(self, said):
+    def disordered(self, said, daemons):
         """Pairs of one directory that were said in another order than they came."""
         pairs = []
         starts = {name: said.whole(name)[0][0] for name in said.lengths if said.whole(name)}
@@ -307,30 +336,32 @@ class Trial:
             names = [m.name for m in self.messages if m.directory == directory]
             names = [name for name in names if name in starts]
             for first, second in zip(names, names[1:]):
+                begin = min(tries[0][1] for tries in (said.tries[first], said.tries[second]))
                 if starts[first] > starts[second] and (
-                    directory == "a" or self.waited(said, first, second)
+                    directory == "a" or self.waited({first, second}, daemons[begin])
                 ):
                     pairs.append((first, second))
         return pairs
 
-    def waited(self, said, first, second):
-        """Whether a restart met both before either was begun."""
-        begin = min(tries[0][1] for tries in (said.tries[first], said.tries[second]))
-        return any(at <= begin and {first, second} <= copies for at, copies in self.cuts)
+    def waited(self, names, daemon):
+        """Whether a restart before that daemon met all these messages."""
+        ended = [cut[0] for cut in self.cuts]
+        before = self.cuts[: ended.index(daemon)] if daemon in ended else self.cuts
+        return any(names <= copies for _, copies in before)
 
     def check(self):
-        given = self.judge(self.given())
-        heard = self.judge(self.heard())
+        given, heard = self.judge()
+        _, daemons = self.given()
         twice = [name for name in given.lengths if len(given.whole(name)) > 1]
-        unfair = self.unfair(given)
-        disordered = self.disordered(given)
+        unfair = self.unfair(given, daemons)
+        disordered = self.disordered(given, daemons)
         calls = len(self.given_path.read_text().splitlines())
         unplayed = calls - self.player.files
         print(
             f"\nseed {SEED}: {sum(self.kinds.values())} restarts {dict(self.kinds)}\n"
             f"{len(self.messages)} messages, {given.cut()} cut, {len(twice)} twice as a whole, "
             f"{len(unfair)} of these without reason {unfair}\n"
-            f"lost: {heard.lost()}, as the station knows {self.lost}\n"
+            f"lost: {heard.lost()}, as the station knows {self.lost} {sorted(self.dropped)}\n"
             f"out of order: {disordered}, wrong words: {given.wrong[:9]} {heard.wrong[:9]}\n"
             f"{calls} pieces, {unplayed} of these not played"
         )
