@@ -291,6 +291,16 @@ def test_wrong_use(arguments, text):
     assert run("vocastra-station", *arguments) == (2, "", text)
 
 
+def test_configuration_is_accepted_when_what_it_needs_is_back(station):
+    away = station.translator.with_name("away")
+    station.translator.rename(away)
+    with open(station.config, "a", encoding="utf8") as config:
+        config.write("\n")
+    station.wait(lambda: "configuration-refused" in station.problems(), "the problem")
+    away.rename(station.translator)
+    station.wait(lambda: not station.problems(), "its end")
+
+
 def test_second_station_is_refused(station):
     command = [str(word) for word in station.command()[1:]]
     status, _, err = run("vocastra-station", *command)
