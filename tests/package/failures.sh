@@ -96,7 +96,7 @@ failure() {
   : >"$work/told"
   : >"$work/last"
   if break_and_wait "$2" "$3" >"$work/log" 2>&1 </dev/null; then told="told after $seconds s"; fi
-  eval "$4" >>"$work/log" 2>&1 </dev/null
+  eval "$4" >>"$work/log" 2>&1 </dev/null || echo "the repair has failed" >>"$work/log"
   if timed within 90 is_fine; then fine="fine $seconds s after the repair"; fi
   if [[ -n ${told:-} && -n ${fine:-} ]]; then
     verdict passed "$name: $told, $fine"
@@ -159,7 +159,8 @@ process() {
   done' sh "$1"
 }
 
-player() { inside systemctl show --property=MainPID --value vocastra-player; }
+# Fails rather than print 0, which would name every process.
+player() { inside systemctl show --property=MainPID --value vocastra-player | grep -v '^0$'; }
 
 play_to() {
   inside sh -c 'echo "VOCASTRA_PLAYER_OPTIONS=\"--verbose $1\"" >/etc/default/vocastra-player &&
