@@ -395,18 +395,20 @@ void Spool::Impl::PutAway(Message& message_, const Folder& folder_) {
   message_.record.state = MessageRecord::kWaiting;
 }
 
-// Puts the new message away while the daemon has not yet seen all older ones, so that it does not
-// overtake them. If the daemon has taken it by now, it stays as it is. Where files stay, that shows
-// later, see FindTaken().
+// Puts the message away while the daemon has not yet seen all older ones, so that it does not
+// overtake them. It may have been given back just now: by a rename, if its file belongs to another
+// user or the file system has no links. If the daemon has taken it by now, it stays as it is. Where
+// files stay, that shows later, see FindTaken().
 void Spool::Impl::Hold(Message& message_, const Folder& folder_) {
-  const auto is_older = [&](const Message& other_) {
+  const auto self = std::find_if(messages.begin(), messages.end(),
+                                 [&](const Message& other_) { return &other_ == &message_; });
+  const auto waits = [&](const Message& other_) {
     const bool is_unseen = other_.course.is_given && !other_.course.is_indexed;
     return (other_.place == Message::kAway || is_unseen) && !other_.HasEnded() &&
            other_.record.directory == message_.record.directory;
   };
   if (is_running && !message_.copy.empty() &&
-      (folder_.phase != Folder::kScanned ||
-       std::any_of(messages.begin(), messages.end(), is_older)) &&
+      (folder_.phase != Folder::kScanned || std::any_of(messages.begin(), self, waits)) &&
       rename((folder_.path + message_.name).c_str(), message_.copy.c_str()) == 0) {
     message_.place = Message::kAway;
     message_.forgotten_from = kNever;

@@ -577,6 +577,31 @@ TEST(SpoolRestartTest, MessageThatWasTakenAtTheStartIsSpokenOnce) {
   }
 }
 
+// As where a message is given back by a rename, since its file belongs to another user.
+TEST(SpoolRestartTest, MessagesAreSpokenAlthoughTheirReturnIsSeenAsAnArrival) {
+  Service service;
+  service.StartStation();
+  ASSERT_TRUE(service.Settle());
+  service.Steps(6);
+  for (const std::string name : {"z", "y"}) {
+    service.Arrive(name, name);
+  }
+  service.StartDaemon();
+  std::vector<std::string> before;
+  for (int i = 0; i < 300 && service.said.whole.size() < 2; ++i) {
+    service.Step();
+    const std::vector<std::string> names = Listing(service.scanned);
+    for (const std::string& name : names) {
+      if (!IsHidden(name) && std::count(before.begin(), before.end(), name) == 0) {
+        fclose(fopen((service.scanned + "/" + name).c_str(), "a"));
+        service.spool->Read();
+      }
+    }
+    before = names;
+  }
+  EXPECT_THAT(service.said.whole, ElementsAre("z", "y"));
+}
+
 TEST(SpoolRestartTest, MessageThatTheStationHasNotSeenIsSpoken) {
   Service service;
   service.StartStation();
