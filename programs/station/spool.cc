@@ -217,6 +217,7 @@ struct Spool::Impl {
   static void Restart(Message& message_, bool is_gone_);
   static void Fail(Message& message_);
   void End(Message& message_, MessageRecord::State state_);
+  void Forget();
   void Explain(const Message& message_, const Folder& folder_);
   void SetProblem(const char* kind_, const Message& message_, const Folder& folder_,
                   const char* why_, const char* remedy_);
@@ -296,6 +297,7 @@ void Spool::Impl::Prepare(const XMLElement& configuration_) {
       PutAway(message, folders[message.record.directory]);
     }
   }
+  Forget();
   is_running = true;
 }
 
@@ -681,6 +683,7 @@ void Spool::Impl::OnStatus(const XMLElement& status_) {
     const bool is_over = !Exists(path) || (is_unreadable && access(path, R_OK) == 0);
     next = is_over ? problems.erase(next) : std::next(next);
   }
+  Forget();
 }
 
 void Spool::Impl::OnDirectory(const std::string& id_, Folder& folder_,
@@ -955,8 +958,13 @@ void Spool::Impl::End(Message& message_, MessageRecord::State state_) {
     message_.copy.clear();
   }
   counters["lost"] += state_ == MessageRecord::kDropped ? 1 : 0;
-  const auto has_ended = [](const Message& other_) { return other_.HasEnded(); };
-  if (std::count_if(messages.begin(), messages.end(), has_ended) > kMaxEnded) {
+}
+
+// Forgets the oldest of too many messages that have ended.
+void Spool::Impl::Forget() {
+  const auto has_ended = [](const Message& message_) { return message_.HasEnded(); };
+  auto surplus = std::count_if(messages.begin(), messages.end(), has_ended) - kMaxEnded;
+  for (; surplus > 0; --surplus) {
     const auto oldest = std::find_if(messages.begin(), messages.end(), has_ended);
     speaking = speaking == &*oldest ? nullptr : speaking;
     last_owner = last_owner == &*oldest ? nullptr : last_owner;

@@ -455,6 +455,21 @@ TEST_F(RunningSpoolTest, KeepsTheLast200MessagesThatHaveEnded) {
   EXPECT_EQ("m204:said:1:0", records.back());
 }
 
+TEST_F(RunningSpoolTest, OldestMessageEndsAfterManyOthers) {
+  const std::string path = service.run / "b";
+  const std::string more =
+      "<directory id=\"b\" type=\"local\" path=\"" + path + "\" last-played-path=\"\"/>\n";
+  service.Prepare(more);
+  service.Arrive("m", "abc");
+  for (int i = 0; i < 200; ++i) {
+    std::ofstream(path + "/" + std::to_string(i)) << "a";
+  }
+  service.spool->Read();
+  service.Prepare();
+  service.spool->Prepare(*ParseDump("<tts-config/>\n"));
+  EXPECT_EQ(200u, service.Now().messages.size());
+}
+
 TEST_F(RunningSpoolTest, DirectoryThatLeavesTheConfigurationDropsItsMessages) {
   service.Arrive("m", "a");
   service.spool->Prepare(*ParseDump("<tts-config/>\n"));
