@@ -359,7 +359,7 @@ void Station::WatchDaemon() {
 
 void Station::OnDaemonEnd() {
   const double now = Now();
-  TakeLog();
+  LookAtStatus();  // The last one.
   if (stops == 0) {
     log.Say(Severity::kError, "The daemon has ended with " + daemon.End() + "; it is started again",
             now);

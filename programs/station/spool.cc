@@ -217,6 +217,8 @@ struct Spool::Impl {
   static void Restart(Message& message_, bool is_gone_);
   static void Fail(Message& message_);
   void End(Message& message_, MessageRecord::State state_);
+  void EndSpoken(Message& message_);
+  void EndFollowed();
   void Forget();
   void Explain(const Message& message_, const Folder& folder_);
   void SetProblem(const char* kind_, const Message& message_, const Folder& folder_,
@@ -805,7 +807,7 @@ void Spool::Impl::Look(Message& message_, const Folder& folder_, bool is_queue_e
   if (state == "stop") {
     End(message_, MessageRecord::kDropped);
   } else if (message_.IsSpoken()) {
-    End(message_, message_.record.failed > 0 ? MessageRecord::kFailed : MessageRecord::kSaid);
+    EndSpoken(message_);
   } else if (course.is_refused || timestamp - kLateLog >= course.over_from) {
     Explain(message_, folder_);
     End(message_, MessageRecord::kDropped);
@@ -960,6 +962,19 @@ void Spool::Impl::End(Message& message_, MessageRecord::State state_) {
   counters["lost"] += state_ == MessageRecord::kDropped ? 1 : 0;
 }
 
+void Spool::Impl::EndSpoken(Message& message_) {
+  End(message_, message_.record.failed > 0 ? MessageRecord::kFailed : MessageRecord::kSaid);
+}
+
+// Ends the messages that were said before the last one, so that they are not said again.
+void Spool::Impl::EndFollowed() {
+  for (Message& message : messages) {
+    if (!message.HasEnded() && message.course.is_over && message.IsSpoken()) {
+      EndSpoken(message);
+    }
+  }
+}
+
 // Forgets the oldest of too many messages that have ended.
 void Spool::Impl::Forget() {
   const auto has_ended = [](const Message& message_) { return message_.HasEnded(); };
@@ -1018,6 +1033,7 @@ void Spool::OnStatus(const XMLElement& status_) { impl->OnStatus(status_); }
 void Spool::OnDaemonEnd() {
   impl->Read();
   impl->is_running = false;
+  impl->EndFollowed();
   for (auto& [id, folder] : impl->folders) {
     folder.phase = Folder::kOld;
   }

@@ -536,6 +536,24 @@ TEST(SpoolRestartTest, NoMessageIsLostWhateverThePointOfTheRestart) {
   }
 }
 
+TEST(SpoolRestartTest, MessageThatAnotherOneHasFollowedIsNotSpokenAgain) {
+  for (const Kind& kind : kKinds) {
+    SCOPED_TRACE(kind.name);
+    Service service(kind);
+    service.StartStation();
+    ASSERT_TRUE(service.Settle());
+    service.Steps(6);
+    service.Arrive("1", "a");
+    service.Arrive("2", "bc");
+    service.Steps(5);
+    ASSERT_THAT(service.said.begun, ElementsAre("a", "bc"));
+    service.StartDaemon();
+    ASSERT_TRUE(service.Settle());
+    EXPECT_THAT(service.said.whole, ElementsAre("a", "bc"));
+    EXPECT_THAT(service.Records(), ElementsAre("1:said:1:0", "2:said:2:0"));
+  }
+}
+
 TEST(SpoolRestartTest, MessagesAreGivenBackInTheOrderOfTheirArrival) {
   Service service;
   service.StartStation();
