@@ -116,6 +116,9 @@ int FindOldDaemon(const std::string& run_) {
 
 bool IsAlive(int pid_) { return pid_ > 0 && (kill(pid_, 0) == 0 || errno == EPERM); }
 
+// True if the daemon is, or what it has started, such as a command that copies an output file.
+bool IsGroupAlive(int pid_) { return pid_ > 0 && (kill(-pid_, 0) == 0 || errno == EPERM); }
+
 int BlockSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -378,7 +381,7 @@ void Station::OnDaemonEnd() {
 void Station::StartWhenDue() {
   const double now = Now();
   if (copies.Configuration() == nullptr || now < start_at ||
-      (now < begin + kOldDaemonLimit && IsAlive(old_daemon)) ||
+      (now < begin + kOldDaemonLimit && IsGroupAlive(old_daemon)) ||
       (now < drain_limit && IsPlayerBusy())) {
     return;
   }

@@ -3,6 +3,7 @@
 import os
 import signal
 import socket
+import time
 from pathlib import Path
 
 import pytest
@@ -109,6 +110,32 @@ def test_daemon_ends_with_its_station(make_station):
     station.process.kill()
     assert ended(daemon)
     station.process.wait()
+
+
+def test_start_waits_for_what_an_old_daemon_has_started(make_station):
+    """Else a late copy of its piece would come among the pieces of the new one."""
+    station = make_station()
+    (station.bin / "cp").write_text(
+        '#!/bin/sh\n: >"$0.runs"\nwhile [ -e "$0.hold" ]; do sleep 0.05; done\nexec /bin/cp "$@"\n'
+    )
+    (station.bin / "cp").chmod(0o755)
+    hold = station.bin / "cp.hold"
+    hold.touch()
+    station.start()
+    daemon = station.daemon()
+    station.drop("a", "m", "one")
+    station.wait((station.bin / "cp.runs").exists, "the copy")
+    station.process.kill()
+    station.process.wait()
+    station.start(wait=False)
+    station.wait(lambda: station.health().get("station") == str(station.process.pid), "a station")
+    for _ in range(100):  # Longer than a start takes.
+        assert station.daemon() == 0
+        time.sleep(0.02)
+    hold.unlink()
+    station.wait_daemon(but=daemon)
+    with pytest.raises(ProcessLookupError):
+        os.killpg(daemon, 0)
 
 
 def test_output_that_nobody_plays_is_removed_before_a_start(make_station):
