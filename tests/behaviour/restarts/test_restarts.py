@@ -115,7 +115,7 @@ class Player(threading.Thread):
         super().__init__(daemon=True)
         self.station = station
         self.words = []
-        self.files = 0
+        self.taken = []  # Name and text of each file.
         self.is_playing = True
         state = {"device": "x", "device-ok": 1, "pid": os.getpid(), "playing": "", "problem": ""}
         state.update({"problem-time": 0, "since": 0})
@@ -123,10 +123,17 @@ class Player(threading.Thread):
 
     def run(self):
         while self.is_playing:
-            for _, text in self.station.take(2):
+            for name, text in self.station.take(2):
+                self.taken.append((name, text.decode()))
                 self.words += said_words(text.decode())
-                self.files += 1
             time.sleep(0.02)
+
+    @property
+    def files(self):
+        return len(self.taken)
+
+    def files_with(self, message):
+        return [file for file in self.taken if message + "x" in file[1]]
 
     def close(self):
         self.is_playing = False
@@ -365,6 +372,8 @@ class Trial:
             f"out of order: {disordered}, wrong words: {given.wrong[:9]} {heard.wrong[:9]}\n"
             f"{calls} pieces, {unplayed} of these not played"
         )
+        for name in [] if self.is_sound else heard.lost():
+            print(f"{name} was heard in {self.player.files_with(name)}")
         assert self.messages
         assert not heard.lost() and not given.lost() and self.lost == 0
         assert not unfair
