@@ -182,9 +182,11 @@ fill() {
 
 # Several times, as the pause before the next start then takes seconds, in which it can be seen.
 daemon_dies() {
-  local i
-  for i in 1 2 3; do
-    within 60 new_daemon none && send KILL "$(daemon)"
+  local count last=none
+  for ((count = 0; count < 3; ++count)); do
+    within 60 new_daemon "$last" || return 1
+    last=$(daemon)
+    send KILL "$last"
   done
 }
 

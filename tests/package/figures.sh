@@ -69,11 +69,12 @@ line_since() {
 #   is added, and after a further day.
 # - Texts that were new after the first minute are expected to go on as often.
 print_idle_day() {
-  local before since config error
+  local before since begin error
   before=$(messages_taken)
-  inside install -d -o vocastra -g vocastra-say -m 2770 "$spool/lying"
+  inside install -d -o vocastra -g vocastra-say -m 2770 "$spool/lying" "$spool/last"
   configure 's#^</tts-config>#<directory id="lying" priority="5" type="local" parser="text"\
-    encoding="utf8" path="/var/spool/vocastra/lying" auto-delete="0"/>&#'
+    encoding="utf8" path="/var/spool/vocastra/lying" last-played-path="/var/spool/vocastra/last"/>&#'
+  within 60 receiving lying || return 1
   inside sh -c 'cd "$1" && for i in $(seq "$2"); do echo "$i." >.new && mv .new "m$i"; done' \
     sh "$spool/lying" "$lying"
   within 600 all_is_said $((before + lying)) || return 1
@@ -84,10 +85,10 @@ print_idle_day() {
     "/proc/$leader/root$etc/vocastra.conf" >"/proc/$leader/root$etc/new"
   inside mv "$etc/new" "$etc/vocastra.conf"
   within 60 line_since "$since" vocastra '127[.]0[.]0[.]1:1' >"$work/error" || return 1
-  config=$(line_since "$since" vocastra 'Processing configuration')
+  begin=$(line_since "$since" vocastra 'Created new input directory nowhere')
   error=$(cat "$work/error")
-  echo "idle: the first error of a site that refuses is in the journal $(((error - config) / 1000)) ms" \
-    "after the daemon has read the configuration (limit 1000 ms)"
+  echo "idle: the first error of a site that refuses is in the journal $(((error - begin) / 1000)) ms" \
+    "after the daemon's line that it watches it (limit 1000 ms)"
   sleep "$idle"
   inside journalctl --no-pager --quiet --output=short-unix --unit='vocastra*' \
     --since="@$((since / 1000000))" >"$work/lines"
