@@ -418,6 +418,9 @@ std::optional<Response> Desk::OpenFile(const std::string& path_) {
   if (path_ == "/desk.js") {
     return PlainResponse(kOk, "text/javascript; charset=utf-8", kScript);
   }
+  if (path_ == "/icon.svg") {
+    return PlainResponse(kOk, "image/svg+xml", kIcon);
+  }
   return std::nullopt;
 }
 

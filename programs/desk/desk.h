@@ -26,7 +26,7 @@ class Desk {
   // before. Each message that is handed over or withdrawn is a line on standard error.
   Response Handle(const Request& request_, const Viewer& viewer_);
 
-  // Files that need no login: "/style.css" and "/desk.js". Nothing for any other path.
+  // Files that need no login: "/style.css", "/desk.js" and "/icon.svg". Nothing for any other path.
   static std::optional<Response> OpenFile(const std::string& path_);
 
   // The page with the form for user and password. why_: of the last try, for people; may be empty.

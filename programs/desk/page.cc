@@ -347,8 +347,10 @@ std::string Head(const std::string& title_) {
   static const std::string version = MakeVersion();
   return "<!doctype html><html lang=\"en\"><head><meta charset=\"utf-8\">"
          "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>" +
-         title_ + "</title><link rel=\"stylesheet\" href=\"/style.css?" + version +
-         "\"><script src=\"/desk.js?" + version + "\" defer></script></head>";
+         title_ +
+         "</title><link rel=\"icon\" href=\"/icon.svg\"><link rel=\"stylesheet\" "
+         "href=\"/style.css?" +
+         version + "\"><script src=\"/desk.js?" + version + "\" defer></script></head>";
 }
 
 std::string Header(const PageContent& content_, bool is_main_) {

@@ -3,3 +3,4 @@
 
 extern const char kStyle[];
 extern const char kScript[];
+extern const char kIcon[];

@@ -3,8 +3,9 @@
 set(page_dir ${CMAKE_CURRENT_LIST_DIR}/page)
 file(READ ${page_dir}/style.css VOCASTRA_STYLE)
 file(READ ${page_dir}/desk.js VOCASTRA_SCRIPT)
+file(READ ${page_dir}/icon.svg VOCASTRA_ICON)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
-  ${page_dir}/style.css ${page_dir}/desk.js)
+  ${page_dir}/style.css ${page_dir}/desk.js ${page_dir}/icon.svg)
 configure_file(desk/pagefiles.cc.in ${CMAKE_CURRENT_BINARY_DIR}/desk/pagefiles.cc @ONLY)
 
 add_library(vocastra_desk_pages STATIC
