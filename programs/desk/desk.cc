@@ -258,7 +258,8 @@ Response Desk::Impl::SayAgain(const Request& request_, const Viewer& viewer_) {
 Response Desk::Impl::Withdraw(const Request& request_, const Viewer& viewer_) {
   const Entry entry = EntryOf(request_.form);
   const Destination destination = view.DestinationOf(entry.directory);
-  if (entry.IsOver() || entry.fate != Entry::kOpen ||
+  // Without that look, the station's copy would be removed and the message said nevertheless.
+  if (entry.IsOver() || view.IsTaken(entry) || entry.fate != Entry::kOpen ||
       !::Withdraw({entry.directory, destination.directory.path, entry.file})) {
     throw Refusal{kConflict, "Too late: the message was taken already."};
   }

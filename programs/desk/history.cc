@@ -227,7 +227,10 @@ void History::Take(const MessageRecord& record_, long long now_, Entry& entry_) 
   entry_.state = record_.state;
   entry_.pieces = record_.pieces;
   entry_.failed = record_.failed;
-  if (entry_.fate == Entry::kForgotten) {
+  // Nothing that is said was withdrawn in time.
+  const bool is_said =
+      record_.state != MessageRecord::kWaiting && record_.state != MessageRecord::kDropped;
+  if (entry_.fate == Entry::kForgotten || is_said) {
     entry_.fate = Entry::kOpen;
   }
   Touch(entry_);

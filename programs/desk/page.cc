@@ -167,7 +167,9 @@ std::string NowPart(const PageContent& content_) {
 }
 
 std::string WaitingItem(const PageContent& content_, const Entry& entry_) {
-  const bool is_waiting = entry_.state == MessageRecord::kWaiting;
+  const DirectoryView* directory = content_.view.Find(entry_.directory);
+  const bool is_waiting = entry_.state == MessageRecord::kWaiting &&
+                          (directory == nullptr || directory->taken != entry_.file);
   std::string item = "<li><p class=\"text\">" + TextOf(entry_) + "</p><p class=\"meta\">";
   if (!is_waiting) {
     item += "<span class=\"mark open\">comes next</span> ";

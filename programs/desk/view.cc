@@ -18,6 +18,7 @@
 
 namespace {
 
+constexpr double kPatience = 0.1;     // Seconds for a whole status.
 constexpr long long kUnplayed = 600;  // Seconds until a message that was made counts as played.
 
 // The path of the file, or of the station's copy of it; empty: there is none.
@@ -69,7 +70,7 @@ void View::Refresh(long long now_) {
   } catch (const std::string&) {  // There is none.
   }
   history.Update(health, is_running, now_, [this](Entry& entry_) { ReadTextOf(entry_); });
-  CountWaiting();
+  ReadStatusFile();
   FindPlaying(now_);
 }
 
@@ -132,10 +133,10 @@ Destination View::DestinationOf(const std::string& id_) const {
   return Destination(*configuration, element, std::nullopt, directory.IsXml());
 }
 
-void View::CountWaiting() {
+void View::ReadStatusFile() {
   std::unique_ptr<XMLElement> status;
   try {
-    status = TryReadStatus(run + "/status.xml");
+    status = ReadStatus(run + "/status.xml", kPatience);
   } catch (const std::string&) {  // There is none.
   }
   if (!status) {
@@ -143,9 +144,13 @@ void View::CountWaiting() {
   }
   for (DirectoryView& directory : directories) {
     const XMLElement* element = FindById(*status, "directory", directory.id);
-    if (element != nullptr && directory.IsRemote()) {
-      directory.waiting = element->GetAttributeInteger("updated-file-count");
+    if (element == nullptr) {
+      continue;
     }
+    directory.waiting =
+        directory.IsRemote() ? element->GetAttributeInteger("updated-file-count") : 0;
+    const auto messages = element->GetChildren("message");
+    directory.taken = messages.empty() ? "" : messages.front()->GetAttributeString("filename", "");
   }
 }
 
@@ -181,6 +186,12 @@ void View::FindPlaying(long long now_) {
   }
   playing = source;
   playing_id = id;
+}
+
+bool View::IsTaken(const Entry& entry_) {
+  ReadStatusFile();
+  const DirectoryView* directory = Find(entry_.directory);
+  return directory != nullptr && directory->taken == entry_.file;
 }
 
 bool View::IsComing(const Entry& entry_, long long now_) const {

@@ -23,7 +23,8 @@ struct DirectoryView {
   std::vector<std::string> labels;  // Of the fields of an XML message, see document.h.
   const XMLElement* parser = nullptr;
   std::string conv_opts;
-  int waiting = 0;  // Files that wait in a remote directory, as the status tells.
+  int waiting = 0;    // Files that wait in a remote directory, as the status tells.
+  std::string taken;  // The file that the daemon has taken, as the status tells; may be empty.
 
   bool IsRemote() const { return type != "local"; }
 };
@@ -44,6 +45,9 @@ class View {
   // What plays now: a message; null if it is not known which, or if nothing plays.
   const Entry* Playing() const { return playing_id == 0 ? nullptr : history.Find(playing_id); }
 
+  // True if the daemon has taken the message and holds it. Reads the status again.
+  bool IsTaken(const Entry& entry_);
+
   // A message that was made into sound, or is being made, and has not begun to play.
   bool IsComing(const Entry& entry_, long long now_) const;
 
@@ -59,7 +63,7 @@ class View {
  private:
   void ReadDirectories();
   DirectoryView ReadDirectory(const XMLElement& element_) const;
-  void CountWaiting();
+  void ReadStatusFile();
   void FindPlaying(long long now_);
   void ReadTextOf(Entry& entry_) const;
 

@@ -7,7 +7,7 @@ from harness.wait import wait_until
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.select import Select
 
-LONG = "This is a long announcement, which is spoken in several pieces. " * 3
+LONG = "This is a long announcement, which is spoken in several pieces. " * 4
 
 
 @pytest.fixture(autouse=True)
@@ -82,16 +82,23 @@ def test_a_waiting_message_can_be_withdrawn(browser, log_in, scene):
     browser.wait_text("#link", "Live")
     say(browser, LONG)
     browser.wait_text("#now", "This is a long announcement")
-    say(browser, "Never mind this.", "platform")
-    say(browser, "Nor this one.", "platform")
-    browser.wait_text("#waiting", "Nor this one.")
+    texts = ("Never mind this.", "Nor this one.")
+    for text in ("The next one is taken at once.", *texts):
+        say(browser, text, "platform")
+        browser.wait_text("#waiting", text)
     browser.shoot("waiting")
-    for text in ("Never mind this.", "Nor this one."):
+    for text in texts:
         browser.find(f'#waiting [aria-label="Withdraw: {text}"]').click()
         wait_until(lambda t=text: t not in browser.text("#waiting"), "it to be withdrawn")
     browser.wait_text("#notice", "Withdrawn.")
     browser.wait_text("#rows", "withdrawn by anna")
-    assert list(scene.station.input("platform").iterdir()) == []
+    scene.wait_until_quiet()
+    said = [row.text for row in browser.all("#rows li") if "platform" in row.text]
+    assert [re.search("withdrawn by|heard in full", text)[0] for text in said[:3]] == [
+        "withdrawn by",
+        "withdrawn by",
+        "heard in full",
+    ]
 
 
 def test_a_template_is_filled_in(browser, log_in):
@@ -185,7 +192,7 @@ def test_without_javascript(browser, log_in):
         assert not browser.find(".listen").is_displayed()
         say(browser, " . , ")
         assert browser.text("#notice") == "There is nothing to say."
-        say(browser, "Said by a plain form.")
+        say(browser, LONG)
         assert browser.text("#notice") == "Handed over."
         browser.find("#templates summary").click()
         browser.find("#templates [aria-label=place]").send_keys("Faro")
