@@ -295,7 +295,8 @@ std::string TemplateForm(const PageContent& content_, const Template& template_,
     } else {
       is_shown[number] = true;
       text += "<input name=\"" + BlankField(number) + "\" aria-label=\"" + Html(part.text) +
-              "\" placeholder=\"" + Html(part.text) + "\" required autocomplete=\"off\" value=\"" +
+              "\" placeholder=\"" + Html(part.text) +
+              "\" size=\"14\" required autocomplete=\"off\" value=\"" +
               Html(is_refused ? Value(content_, BlankField(number)) : "") + "\">";
     }
   }
@@ -382,18 +383,18 @@ std::string MainPage(const PageContent& content_) {
           "</p>";
   page +=
       "<section id=\"problems\" aria-live=\"assertive\">" + ProblemsPart(content_) + "</section>";
-  page += "<div class=\"columns\"><div>";
+  page +=
+      "<section class=\"card\" aria-labelledby=\"now-head\"><h2 id=\"now-head\">Now</h2>"
+      "<div id=\"now\" aria-live=\"polite\">" +
+      NowPart(content_) + "</div></section><div class=\"columns\">";
   if (MaySay(content_)) {
-    page += SaySection(content_) + TemplatesSection(content_);
+    page += "<div>" + SaySection(content_) + TemplatesSection(content_) + "</div>";
   }
   page +=
-      "</div><div><section class=\"card\" aria-labelledby=\"now-head\"><h2 id=\"now-head\">Now</h2>"
-      "<div id=\"now\" aria-live=\"polite\">" +
-      NowPart(content_) +
-      "</div></section><section class=\"card\" aria-labelledby=\"waiting-head\">"
+      "<div><section class=\"card\" aria-labelledby=\"waiting-head\">"
       "<h2 id=\"waiting-head\" tabindex=\"-1\">Waiting</h2><div id=\"waiting\">" +
-      WaitingPart(content_) + "</div></section></div></div>";
-  return page + HistorySection(content_) + "</main></body></html>\n";
+      WaitingPart(content_) + "</div></section>" + HistorySection(content_) + "</div></div>";
+  return page + "</main></body></html>\n";
 }
 
 std::string LivePart(const PageContent& content_) {

@@ -116,6 +116,7 @@ class Browser:
             "--no-sandbox",  # Tests may run as root.
             "--disable-gpu",
             "--disable-dev-shm-usage",
+            "--hide-scrollbars",
             "--mute-audio",
             "--no-first-run",
             "--disable-background-networking",

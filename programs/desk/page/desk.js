@@ -139,6 +139,7 @@ function prepare(form) {
   const button = form.querySelector(".listen");
   form.addEventListener("input", () => {
     forgetPreview(form);
+    place.textContent = "";
     estimate(form);
   });
   form.addEventListener("submit", (event) => {
