@@ -32,8 +32,11 @@ std::string TextOf(const Entry& entry_) {
   return Html(entry_.text) + (entry_.is_whole ? "" : " …");
 }
 
+// A part of a line about a message; a line is not broken within one.
+std::string Part(const std::string& html_) { return " <span>" + html_ + "</span>"; }
+
 std::string By(const Entry& entry_) {
-  return entry_.user.empty() ? "" : " · by " + Html(entry_.user);
+  return entry_.user.empty() ? "" : Part("by " + Html(entry_.user));
 }
 
 // A button that sends the number of an entry.
@@ -87,10 +90,10 @@ bool CanRepeat(const PageContent& content_, const Entry& entry_) {
 std::string HistoryRow(const PageContent& content_, const Entry& entry_) {
   std::string row = Format("<li data-id=\"%lld\"><p class=\"text\">", entry_.id);
   row += TextOf(entry_) + "</p><p class=\"meta\">" + Mark(entry_) + " <b>" +
-         Html(entry_.directory) + "</b> · handed over " +
-         TimeElement(entry_.arrived, content_.now) + By(entry_);
+         Html(entry_.directory) + "</b>" +
+         Part("handed over " + TimeElement(entry_.arrived, content_.now)) + By(entry_);
   if (entry_.state == MessageRecord::kHeard && entry_.ended != 0) {
-    row += " · heard " + TimeElement(entry_.ended, content_.now);
+    row += Part("heard " + TimeElement(entry_.ended, content_.now));
   }
   row += "</p>";
   if (CanRepeat(content_, entry_)) {
@@ -129,7 +132,9 @@ std::string ProblemItem(const std::string& sentence_, const std::string& remedy_
     return text_.empty() || text_.back() == '.' ? text_ : text_ + ".";
   };
   return "<li><p><b>" + Html(ended(sentence_)) + "</b> " + Html(ended(remedy_)) + "</p>" +
-         (since_ == 0 ? "" : "<p class=\"meta\">Since " + TimeElement(since_, now_) + "</p>") +
+         (since_ == 0
+              ? ""
+              : "<p class=\"meta\"><span>Since " + TimeElement(since_, now_) + "</span></p>") +
          "</li>";
 }
 
@@ -162,7 +167,7 @@ std::string NowPart(const PageContent& content_) {
   const Entry* entry = view.Playing();
   return "<p class=\"playing\">" + (entry == nullptr ? "<i>A message</i>" : TextOf(*entry)) +
          "</p><p class=\"meta\"><span class=\"mark good\">playing</span> <b>" + Html(view.playing) +
-         "</b> · since " + TimeElement(view.since, content_.now) +
+         "</b>" + Part("since " + TimeElement(view.since, content_.now)) +
          (entry == nullptr ? "" : By(*entry)) + "</p>";
 }
 
@@ -174,7 +179,7 @@ std::string WaitingItem(const PageContent& content_, const Entry& entry_) {
   if (!is_waiting) {
     item += "<span class=\"mark open\">comes next</span> ";
   }
-  item += "since " + TimeElement(entry_.arrived, content_.now) + By(entry_) + "</p>";
+  item += Part("since " + TimeElement(entry_.arrived, content_.now)) + By(entry_) + "</p>";
   if (is_waiting && MaySay(content_)) {
     item += EntryButton(content_, "withdraw", "Withdraw", entry_);
   }

@@ -141,15 +141,20 @@ class Browser:
             {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 600},
         )
 
-    def shoot(self, name):
-        """A screenshot of the whole page, kept where VOCASTRA_SCREENSHOTS says."""
+    def shoot(self, name, height=None, scale=1):
+        """A screenshot of the page, or its top, kept where VOCASTRA_SCREENSHOTS says."""
         self.shots.mkdir(exist_ok=True)
-        metrics = self.driver.execute_cdp_cmd("Page.getLayoutMetrics", {})
+        clip = self.driver.execute_cdp_cmd("Page.getLayoutMetrics", {})["cssContentSize"]
+        clip.update(scale=scale, height=height or clip["height"])
         shot = self.driver.execute_cdp_cmd(
-            "Page.captureScreenshot",
-            {"captureBeyondViewport": True, "clip": {"scale": 1, **metrics["cssContentSize"]}},
+            "Page.captureScreenshot", {"captureBeyondViewport": True, "clip": clip}
         )
         (self.shots / f"{name}.png").write_bytes(base64.b64decode(shot["data"]))
+
+    def prefer(self, scheme):
+        """Light or dark colours."""
+        feature = {"name": "prefers-color-scheme", "value": scheme}
+        self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [feature]})
 
     def find(self, selector):
         return self.driver.find_element(By.CSS_SELECTOR, selector)
@@ -191,4 +196,3 @@ class Browser:
     def complaints(self):
         """What the browser has logged as an error since the last call."""
         return [entry["message"] for entry in self.driver.get_log("browser")]
-
