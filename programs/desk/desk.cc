@@ -1,9 +1,14 @@
 // Pages that only show who is logged in.
 #include "desk.h"
 
-struct Desk::Impl {};
+#include "health.h"
 
-Desk::Desk(const DeskPaths& paths_) : impl(std::make_unique<Impl>()) { (void)paths_; }
+struct Desk::Impl {
+  std::string run;
+  int count = 0;
+};
+
+Desk::Desk(const DeskPaths& paths_) : impl(std::make_unique<Impl>()) { impl->run = paths_.run; }
 
 Desk::~Desk() = default;
 
@@ -38,8 +43,13 @@ std::string Desk::LoginPage(const std::string& why_) const {
 }
 
 std::string Desk::Events(const Viewer& viewer_) {
-  static int count = 0;
-  return "{\"user\":\"" + viewer_.user + "\",\"count\":" + std::to_string(++count) + "}";
+  std::string problem;
+  try {
+    problem = ReadHealth(impl->run + "/health").problems.at(0).sentence;
+  } catch (const std::string&) {
+  }
+  return "{\"user\":\"" + viewer_.user + "\",\"count\":" + std::to_string(++impl->count) +
+         ",\"problem\":\"" + problem + "\"}";
 }
 
 bool Desk::OnRunChanged() { return true; }

@@ -62,6 +62,18 @@ TEST_F(ConnectionsTest, EachStepHasItsLimit) {
   EXPECT_EQ(-1, connections.Timeout(100));
 }
 
+TEST_F(ConnectionsTest, CutsAClientThatHasLeftWhenItsAnswerIsDone) {
+  Connection& connection = Add(client, "a", 100);
+  connections.CutLeft();
+  connection.has_left = true;
+  Connections::ExpectReading(connection, 100);
+  connections.CutLeft();
+  EXPECT_FALSE(client.IsCut());
+  Connections::ExpectRequest(connection, 100);
+  connections.CutLeft();
+  EXPECT_TRUE(client.IsCut());
+}
+
 TEST_F(ConnectionsTest, TooManyCutTheOldestOfTheClientThatHasMost) {
   Add(client, "quiet", 1);
   const std::vector<Client> many(Connections::kMaxOthers - 1);
