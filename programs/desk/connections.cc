@@ -17,8 +17,12 @@ Connection& Connections::Add(int fd_, const std::string& client_, double now_) {
   if (connections.size() - watchers >= kMaxOthers) {
     CutOne();
   }
-  connections.push_back({fd_, client_, now_ + kRequestLimit, false, false});
-  return connections.back();
+  connections.emplace_back();
+  Connection& connection = connections.back();
+  connection.fd = fd_;
+  connection.client = client_;
+  connection.deadline = now_ + kRequestLimit;
+  return connection;
 }
 
 void Connections::Remove(const Connection& connection_) {
@@ -27,12 +31,14 @@ void Connections::Remove(const Connection& connection_) {
 }
 
 void Connections::ExpectRequest(Connection& connection_, double now_) {
+  connection_.is_waiting = true;
   if (!connection_.is_cut) {
     connection_.deadline = now_ + kRequestLimit;
   }
 }
 
 void Connections::ExpectReading(Connection& connection_, double now_) {
+  connection_.is_waiting = false;
   if (!connection_.is_cut) {
     connection_.deadline = now_ + kAnswerLimit;
   }
@@ -52,6 +58,7 @@ void Connections::Unwatch(Connection& connection_) {
 }
 
 void Connections::ExpectEvent(Connection& connection_, double now_) {
+  connection_.is_waiting = false;
   if (!connection_.is_cut) {
     connection_.deadline = now_ + kEventLimit;
   }
@@ -70,6 +77,14 @@ int Connections::Timeout(double now_) const {
 void Connections::CutLate(double now_) {
   for (Connection& connection : connections) {
     if (now_ >= connection.deadline) {
+      Cut(connection);
+    }
+  }
+}
+
+void Connections::CutLeft() {
+  for (Connection& connection : connections) {
+    if (connection.has_left && connection.is_waiting && !connection.is_cut) {
       Cut(connection);
     }
   }

@@ -13,7 +13,9 @@ struct Connection {
   int fd = -1;  // Not owned.
   std::string client;
   double deadline = 0;
+  bool is_waiting = true;    // For a request.
   bool is_watching = false;  // It is an event stream.
+  bool has_left = false;     // The client sends no more.
   bool is_cut = false;
 };
 
@@ -43,6 +45,9 @@ class Connections {
   // Milliseconds until the next connection is late; -1: there is none.
   int Timeout(double now_) const;
   void CutLate(double now_);
+
+  // Cuts those that wait for a request that will not come. The library may have missed that.
+  void CutLeft();
 
  private:
   void CutOne();

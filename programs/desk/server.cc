@@ -167,7 +167,7 @@ struct Server::Impl {
         signals(OpenSignals()),
         notify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
         epoll(epoll_create1(EPOLL_CLOEXEC)),
-        streams(epoll, [this](const std::string& session_) { return EventsOf(session_); }),
+        streams([this](const std::string& session_) { return EventsOf(session_); }),
         cookie(IsSecure() ? "__Host-desk" : "desk") {
     StartDaemon();
     Add(signals);
@@ -260,7 +260,7 @@ void Server::Impl::StartDaemon() {
 
 void Server::Impl::Add(int fd_) const {
   epoll_event event = {};
-  event.events = EPOLLIN;  // No data: it is no stream.
+  event.events = EPOLLIN;  // No data: it is no connection.
   if (epoll_ctl(epoll, EPOLL_CTL_ADD, fd_, &event) != 0) {
     throw Format("the server does not start: %s", strerror(errno));
   }
@@ -294,8 +294,9 @@ void Server::Impl::Turn() {
   epoll_event events[64];
   const int count = epoll_wait(epoll, events, std::size(events), Timeout());
   for (int i = 0; i < count; ++i) {
-    if (events[i].data.ptr != nullptr) {
-      Streams::OnClientEnd(events[i].data.ptr);
+    if (auto* const connection = static_cast<Connection*>(events[i].data.ptr)) {
+      connection->has_left = true;
+      streams.OnClientEnd(*connection);
     }
   }
   TakeSignals();
@@ -309,6 +310,7 @@ void Server::Impl::Turn() {
   }
   connections.CutLate(Now());
   MHD_run(daemon);
+  connections.CutLeft();  // Whoever sent a whole request before has its answer now.
 }
 
 void Server::Impl::TakeSignals() {
@@ -362,7 +364,12 @@ void Server::Impl::OnConnection(void* impl_, MHD_Connection* handle_, void** con
   const int fd = MHD_get_connection_info(handle_, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
   const sockaddr* const address =
       MHD_get_connection_info(handle_, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr;
-  *context_ = &impl.connections.Add(fd, ClientOf(address), Now());
+  Connection& connection = impl.connections.Add(fd, ClientOf(address), Now());
+  *context_ = &connection;
+  epoll_event event = {};
+  event.events = EPOLLRDHUP | EPOLLET;
+  event.data.ptr = &connection;
+  epoll_ctl(impl.epoll, EPOLL_CTL_ADD, fd, &event);
 }
 
 MHD_Result Server::Impl::OnRequest(void* impl_, MHD_Connection* handle_, const char* url_,
@@ -530,6 +537,7 @@ MHD_Result Server::Impl::Stream(MHD_Connection* handle_, const Exchange& exchang
     AddHeader(response.get(), name, value);
   }
   AddHeader(response.get(), "Content-Type", "text/event-stream");
+  AddHeader(response.get(), "Connection", "close");
   AddHeader(response.get(), "Cache-Control", "no-store");
   AddHeader(response.get(), "X-Accel-Buffering", "no");  // Some proxies would keep events.
   return MHD_queue_response(handle_, MHD_HTTP_OK, response.get());

@@ -1,7 +1,5 @@
 #include "streams.h"
 
-#include <sys/epoll.h>
-
 #include <algorithm>
 #include <map>
 #include <utility>
@@ -27,7 +25,6 @@ struct Streams::Stream {
   Streams* owner;
   MHD_Connection* handle;
   Connection* connection;  // Valid while the stream is suspended or read.
-  int fd;
   std::string session;
   Text text;          // What is being sent, or was sent last.
   size_t offset = 0;  // In the text.
@@ -57,7 +54,7 @@ struct Streams::Stream {
   }
 };
 
-Streams::Streams(int epoll_, Source source_) : epoll(epoll_), source(std::move(source_)) {}
+Streams::Streams(Source source_) : source(std::move(source_)) {}
 
 Streams::~Streams() = default;
 
@@ -71,16 +68,11 @@ MHD_Response* Streams::Open(MHD_Connection* handle_, Connection& connection_,
   stream->owner = this;
   stream->handle = handle_;
   stream->connection = &connection_;
-  stream->fd = connection_.fd;
   stream->session = session_;
   stream->text = Framed(json);
   MHD_Response* const response =
       MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kBlock, Read, stream.get(), Free);
   if (response != nullptr) {
-    epoll_event event = {};
-    event.events = EPOLLRDHUP | EPOLLET;
-    event.data.ptr = stream.get();
-    epoll_ctl(epoll, EPOLL_CTL_ADD, connection_.fd, &event);
     Connections::ExpectEvent(connection_, Now());
     streams.push_back(std::move(stream));
   }
@@ -103,7 +95,13 @@ void Streams::Tell() {
   }
 }
 
-void Streams::OnClientEnd(void* data_) { static_cast<Stream*>(data_)->End(); }
+void Streams::OnClientEnd(const Connection& connection_) {
+  for (const auto& stream : streams) {
+    if (stream->connection == &connection_) {
+      stream->End();
+    }
+  }
+}
 
 void Streams::End() {
   for (const auto& stream : streams) {
@@ -137,7 +135,5 @@ ssize_t Streams::Read(void* stream_, uint64_t position_, char* buffer_, size_t s
 
 void Streams::Free(void* stream_) noexcept {
   auto* const stream = static_cast<Stream*>(stream_);
-  Streams& owner = *stream->owner;
-  epoll_ctl(owner.epoll, EPOLL_CTL_DEL, stream->fd, nullptr);
-  owner.streams.remove_if([&](const auto& other_) { return other_.get() == stream; });
+  stream->owner->streams.remove_if([&](const auto& other_) { return other_.get() == stream; });
 }

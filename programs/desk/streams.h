@@ -17,9 +17,8 @@ class Streams {
   // nothing.
   using Source = std::function<std::string(const std::string& session_)>;
 
-  // epoll_: a descriptor that reports the end of a client, with the stream as its data.
   // REQUIRES: the streams outlive the server's daemon.
-  Streams(int epoll_, Source source_);
+  explicit Streams(Source source_);
   ~Streams();
   Streams(const Streams&) = delete;
   Streams& operator=(const Streams&) = delete;
@@ -32,8 +31,8 @@ class Streams {
   // Sends each stream its event, unless that is the same as the last one.
   void Tell();
 
-  // Ends a stream whose client has gone; data_ is what epoll gave.
-  static void OnClientEnd(void* data_);
+  // Ends the stream of a connection, if there is one: its client has left.
+  void OnClientEnd(const Connection& connection_);
 
   // Ends all, for the end of the server.
   void End();
@@ -46,7 +45,6 @@ class Streams {
   static ssize_t Read(void* stream_, uint64_t position_, char* buffer_, size_t size_) noexcept;
   static void Free(void* stream_) noexcept;
 
-  const int epoll;
   const Source source;
   std::list<std::unique_ptr<Stream>> streams;
 };
