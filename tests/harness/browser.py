@@ -2,8 +2,6 @@
 
 import base64
 import os
-import re
-import subprocess
 from pathlib import Path
 
 from selenium import webdriver
@@ -12,12 +10,11 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
 from harness.companions import COMPANIONS
+from harness.desk import Desk
 from harness.files import parser
-from harness.programs import start, start_command, tool
+from harness.programs import start_command
 from harness.station import Station
 from harness.wait import wait_until
-
-PASSWORD = "open the desk"
 
 TEMPLATES = """# Title | directory | text
 Train leaves | announcements | The train to {place} leaves from platform {number}.
@@ -28,15 +25,12 @@ This line is broken
 
 
 class Scene:
-    """A station with daemon, translator and player, which writes a WAV file, and a desk.
-
-    Users "anna" (say), "otto" (operate) and "lena" (look) have the same password.
-    """
+    """A station with daemon, translator and player, which writes a WAV file, and a desk."""
 
     def __init__(self, root):
         self.root = Path(root)
         self.root.mkdir(exist_ok=True)
-        self.processes = []
+        self.player = None
         self.station = Station(self.root / "s", (), words=5, files=2, status=False, output=False)
         self.run = self.station.run_path
         self.station.status_path = self.run / "status.xml"
@@ -49,44 +43,23 @@ class Scene:
             self.station.directory("alarms", priority=1, parser="alert", encoding="utf8"),
             parser("alert", ("headline",), ("instruction", "lang", "en", "info")),
         )
-        self.desk = None
-        self.address = ""
+        options = ("--run", self.run, "--translator", self.station.translator)
+        self.desk = Desk(self.root / "desk", options, users=("look", "operate"))
+        self.desk.add_user("anna", "say")
+        (self.desk.root / "templates").write_text(TEMPLATES)
+
+    @property
+    def address(self):
+        return f"http://127.0.0.1:{self.desk.port}"
 
     def start(self):
         """Starts all; returns when a message would be played."""
         wav = self.root / "said.wav"
         player = [COMPANIONS / "player", "--null", "--wav", wav, "--config", self.station.config]
         self.station.start()
-        self.processes.append(start_command(*player, "--run", self.run))
+        self.player = start_command(*player, "--run", self.run)
         wait_until((self.run / "player").exists, "the player's state")
-        self.start_desk()
-        for user, role in (("anna", "say"), ("otto", "operate"), ("lena", "look")):
-            words = [tool("vocastra-desk"), "--add-user", user, "--role", role]
-            process = start_command(*words, "--users", self.root / "users", stdin=subprocess.PIPE)
-            process.communicate(PASSWORD + "\n")
-            assert process.returncode == 0
-
-    def start_desk(self, port=0):
-        (self.root / "state").mkdir(exist_ok=True)
-        (self.root / "templates").write_text(TEMPLATES)
-        log = self.root / "desk.log"
-        with open(log, "ab") as stderr:
-            self.desk = start(
-                "vocastra-desk",
-                *("--listen", f"127.0.0.1:{port}", "--run", self.run),
-                *("--state", self.root / "state", "--users", self.root / "users"),
-                *("--templates", self.root / "templates"),
-                *("--translator", self.station.translator),
-                stdout=subprocess.DEVNULL,
-                stderr=stderr,
-            )
-        begin = re.compile(r"^Listening on (http://\S+)/$", re.MULTILINE)
-        found = wait_until(lambda: begin.findall(log.read_text()), "the desk's address")
-        self.address = found[-1]
-
-    def stop_desk(self):
-        self.desk.terminate()
-        assert self.desk.wait(60) == 0
+        self.desk.start()
 
     def messages(self):
         """State and file of each message that the station knows."""
@@ -98,10 +71,10 @@ class Scene:
         )
 
     def close(self):
-        for process in (self.desk, *self.processes):
-            if process and process.poll() is None:
-                process.kill()
-                process.communicate()
+        self.desk.close()
+        if self.player:
+            self.player.kill()
+            self.player.communicate()
         self.station.close()
 
 

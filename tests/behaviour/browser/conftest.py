@@ -3,7 +3,8 @@
 import contextlib
 
 import pytest
-from harness.browser import PASSWORD, Browser, Scene
+from harness.browser import Browser, Scene
+from harness.desk import PASSWORD
 
 
 @pytest.fixture(scope="session")
