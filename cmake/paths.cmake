@@ -7,6 +7,10 @@ set(VOCASTRA_GLOSSARY_FILE "${CMAKE_INSTALL_FULL_SYSCONFDIR}/vocastra/glossary.x
   CACHE STRING "Glossary")
 set(VOCASTRA_KEEP_DIR "/var/lib/vocastra" CACHE STRING "Last usable configuration and glossary")
 set(VOCASTRA_RUN_DIR "/run/vocastra" CACHE STRING "Files of the running service")
+# A directory of its own: the service may not look into that of the configuration.
+set(VOCASTRA_DESK_CONFIG_DIR "${CMAKE_INSTALL_FULL_SYSCONFDIR}/vocastra-desk"
+  CACHE STRING "Users and templates of the desk")
+set(VOCASTRA_DESK_STATE_DIR "/var/lib/vocastra-desk" CACHE STRING "History of the desk")
 
 # In the directory of the running service.
 set(VOCASTRA_OUT_DIR "${VOCASTRA_RUN_DIR}/out")

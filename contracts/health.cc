@@ -17,23 +17,6 @@ namespace {
 
 constexpr const char* kStateNames[] = {"waiting", "speaking", "said", "failed", "dropped", "heard"};
 
-// A value that any XML reader takes.
-std::string Escaped(const std::string& text_) {
-  std::string result;
-  for (const char c : OneLine(text_)) {
-    if (c == '&') {
-      result += "&amp;";
-    } else if (c == '<') {
-      result += "&lt;";
-    } else if (c == '"') {
-      result += "&quot;";
-    } else {
-      result += c;
-    }
-  }
-  return result;
-}
-
 std::string Number(long long number_) { return Format("%lld", number_); }
 
 // The time of the process's start, in ticks since the start of the system; 0 if it is not known.

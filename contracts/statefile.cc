@@ -64,6 +64,22 @@ std::string OneLine(std::string text_) {
   return text_;
 }
 
+std::string Escaped(const std::string& text_) {
+  std::string result;
+  for (const char c : OneLine(text_)) {
+    if (c == '&') {
+      result += "&amp;";
+    } else if (c == '<') {
+      result += "&lt;";
+    } else if (c == '"') {
+      result += "&quot;";
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
+
 void ReplaceByDump(const std::string& path_, const XMLElement& root_) {
   const std::string text = root_.DumpToString("");
   if (Holds(path_, text)) {

@@ -8,6 +8,9 @@
 // The text without line ends and other control characters, which would break a reader.
 std::string OneLine(std::string text_);
 
+// An attribute's value as any XML reader takes it, in one line.
+std::string Escaped(const std::string& text_);
+
 // Replaces the file at path_ by the dump of root_, unless it holds that already. While there is no
 // room for a new file, writes over the old one, in room that was kept for that. Throws a string if
 // both fail.

@@ -1,9 +1,4 @@
 // vocastra-say: puts a message into an input directory so that the daemon takes it as a whole.
-//
-// The daemon looks into its input directories at any time and takes what it finds. So the message
-// is written under a hidden name and renamed. The name is new for every message, because a file
-// that comes back with the same text counts as unchanged, and it is safe in a shell, which the
-// daemon uses to copy files.
 
 #include <stdio.h>
 
@@ -13,23 +8,19 @@
 #include <string>
 #include <vector>
 
-#include "charencoding.h"
 #include "commandline.h"
 #include "configuration.h"
 #include "debug.h"
 #include "format.h"
+#include "handover.h"
 #include "health.h"
-#include "hiddenfile.h"
-#include "message.h"
 #include "outcome.h"
 #include "xml.h"
-#include "xmlfileparser.h"
 
 namespace {
 
 constexpr size_t kMaxInputBytes = 16 << 20;
 constexpr int kDefaultTimeout = 300;  // Seconds.
-constexpr char kDefaultDirectory[] = "announcements";
 
 enum ExitStatus {
   kSaid = 0,
@@ -53,63 +44,6 @@ struct Options {
   std::vector<std::string> words;
 };
 
-std::string TypeOf(const XMLElement& directory_) {
-  return directory_.GetAttributeString("type", "");
-}
-
-// The only local directory, or the one called "announcements".
-const XMLElement& ChooseDirectory(const XMLElement& root_) {
-  std::vector<const XMLElement*> locals;
-  std::string ids;
-  for (const XMLElement* directory : root_.GetChildren("directory")) {
-    const std::string id = directory->GetAttributeString("id", "");
-    if (TypeOf(*directory) == "local" && FindById(root_, "directory", id) == directory) {
-      locals.push_back(directory);
-      ids += " " + id;
-    }
-  }
-  if (locals.empty()) {
-    throw std::string("the configuration has no local directory");
-  }
-  if (locals.size() == 1) {
-    return *locals.front();
-  }
-  for (const XMLElement* directory : locals) {
-    if (directory->GetAttributeString("id", "") == kDefaultDirectory) {
-      return *directory;
-    }
-  }
-  throw "name a directory with -d; there are" + ids;
-}
-
-const XMLElement& FindDirectory(const XMLElement& root_, const Options& options_) {
-  if (!options_.directory_id) {
-    return ChooseDirectory(root_);
-  }
-  const XMLElement* directory = FindById(root_, "directory", *options_.directory_id);
-  if (directory == nullptr) {
-    throw Format("no directory \"%s\" in %s", options_.directory_id->c_str(),
-                 options_.config_path.c_str());
-  }
-  const std::string type = TypeOf(*directory);
-  if (type != "local") {
-    throw Format("directory \"%s\" is of type \"%s\": messages for it belong on its server, \"%s\"",
-                 options_.directory_id->c_str(), type.c_str(),
-                 directory->GetAttributeString("path", "").c_str());
-  }
-  return *directory;
-}
-
-// The element of the directory's XML parser.
-const XMLElement& FindParser(const XMLElement& root_, const LocalDirectory& target_) {
-  const XMLElement* parser = FindById(root_, "parser", target_.parser);
-  if (parser == nullptr || parser->GetAttributeString("type", "") != "xml") {
-    throw Format("directory \"%s\" uses parser \"%s\", which the configuration does not have",
-                 target_.id.c_str(), target_.parser.c_str());
-  }
-  return *parser;
-}
-
 std::string ReadStandardInput() {
   std::string text;
   char block[16384];
@@ -132,44 +66,6 @@ std::string ReadText(const Options& options_) {
     text += (text.empty() ? "" : " ") + word;
   }
   return text;
-}
-
-// Returns the name of the file that the daemon is going to take.
-std::string HandOver(const XMLElement& root_, const LocalDirectory& target_,
-                     const Options& options_) {
-  const std::string encoding = options_.encoding.value_or(target_.encoding);
-  if (!IsEncoding(encoding)) {
-    throw Format("directory \"%s\" has no usable encoding: \"%s\"", target_.id.c_str(),
-                 encoding.c_str());
-  }
-  if (target_.IsXml() && !options_.is_raw) {
-    throw Format("directory \"%s\" expects XML documents for parser \"%s\": give one with --raw",
-                 target_.id.c_str(), target_.parser.c_str());
-  }
-  const XMLElement* parser = target_.IsXml() ? &FindParser(root_, target_) : nullptr;
-  const std::string text = ReadText(options_);
-  HiddenFile file(target_.path);
-  file.Write(options_.is_raw ? text : Encode(text, encoding));
-  if (parser != nullptr &&
-      !HasWords(Utf8ReplaceInvalid(XMLFileParser(parser, encoding).ParseFile(file.path())))) {
-    throw Format("parser \"%s\" finds nothing to say in the document", target_.parser.c_str());
-  }
-  std::string name = MessageName("say");
-  file.Publish(name);
-  return name;
-}
-
-void RequireStation(const std::string& health_path_) {
-  bool is_running = false;
-  try {
-    is_running = IsStationRunning(ReadHealth(health_path_));
-  } catch (const std::string&) {
-    is_running = false;  // No station has written it.
-  }
-  if (!is_running) {
-    throw Format("the service does not run, as %s tells; --queue hands over nevertheless",
-                 health_path_.c_str());
-  }
 }
 
 ExitStatus Await(const std::string& health_path_, const HandedOver& message_,
@@ -199,16 +95,21 @@ ExitStatus Await(const std::string& health_path_, const HandedOver& message_,
 
 ExitStatus Say(const Options& options_) {
   const std::unique_ptr<XMLElement> root = LoadXMLTree(options_.config_path, "tts-config");
-  const LocalDirectory target(FindDirectory(*root, options_));
+  const XMLElement& directory =
+      FindLocalDirectory(*root, options_.directory_id, options_.config_path);
+  const LocalDirectory target(directory);
   const bool is_waiting = options_.is_waiting || options_.is_listening;
   if (is_waiting && target.is_cache) {
     throw Format("directory \"%s\" is in cache mode: nothing in it is spoken", target.id.c_str());
   }
   const std::string health_path = options_.run + "/health";
-  if (!options_.is_queueing) {
-    RequireStation(health_path);
+  if (!options_.is_queueing && !IsServiceRunning(health_path)) {
+    throw Format("the service does not run, as %s tells; --queue hands over nevertheless",
+                 health_path.c_str());
   }
-  const HandedOver message = {target.id, target.path, HandOver(*root, target, options_)};
+  const Destination destination(*root, directory, options_.encoding, options_.is_raw);
+  const HandedOver message = {target.id, target.path,
+                              HandOver(destination, ReadText(options_), "say")};
   return is_waiting ? Await(health_path, message, options_) : kSaid;
 }
 

@@ -14,6 +14,7 @@
 #include "clock.h"
 #include "configuration.h"
 #include "crc.h"
+#include "directories.h"
 #include "format.h"
 #include "statusfile.h"
 
@@ -29,6 +30,7 @@ constexpr double kLongestRetry = 60;  // Seconds, for a short check.
 // processor.
 constexpr double kPausePerCheck = 50;
 
+constexpr mode_t kPublicMode = 0644;
 constexpr char kNoGlossary[] = "<glossary/>\n";
 constexpr int kMaxExitStatus = 1;  // Of a check without errors.
 
@@ -121,7 +123,10 @@ bool IsUsable(int status_) { return WIFEXITED(status_) && WEXITSTATUS(status_) <
 Copies::Copies(const std::string& run_, const std::string& keep_, const Options& options_,
                std::vector<std::string> check_, ProblemSink problems_,
                std::function<void(const XMLElement&)> prepare_)
-    : check(std::move(check_)), problems(std::move(problems_)), prepare(std::move(prepare_)) {
+    : directories(CopyPath(run_, kDirectoriesFile)),
+      check(std::move(check_)),
+      problems(std::move(problems_)),
+      prepare(std::move(prepare_)) {
   files.resize(2);
   files[0].name = "configuration";
   files[0].edited = options_.config_file_path;
@@ -305,6 +310,15 @@ void Copies::Load() {
     configuration = LoadXMLTree(files[0].copy, "tts-config");
   } catch (const std::string&) {
     configuration.reset();
+    return;
+  }
+  try {
+    const std::string text = PublicPart(*configuration)->DumpToString("");
+    if (ReadOrNothing(directories) != text) {
+      Replace(directories, text, kPublicMode);
+    }
+  } catch (const std::string&) {
+    unlink(directories.c_str());  // None rather than an old one. The disk is full, which is told.
   }
 }
 

@@ -1,5 +1,6 @@
 // Checked copies of the configuration and the glossary. The daemon reads the copies, so that a
-// mistake in an edited file does not end the service.
+// mistake in an edited file does not end the service. Beside them is the part of the configuration
+// in force that everybody may know, see contracts/directories.h.
 #pragma once
 
 #include <sys/stat.h>
@@ -88,6 +89,7 @@ class Copies {
   void Load();
 
   std::vector<File> files;  // The configuration first.
+  std::string directories;  // Path of the part that everybody may know.
   std::vector<std::string> check;
   ProblemSink problems;
   std::function<void(const XMLElement&)> prepare;

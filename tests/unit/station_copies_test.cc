@@ -165,6 +165,28 @@ TEST_F(CopiesTest, OneBrokenFileDoesNotKeepTheOtherBack) {
   }
 }
 
+TEST_F(CopiesTest, EverybodyMayReadWhichDirectoriesAreInForce) {
+  const std::string path = run + "/directories.xml";
+  const auto known = [&] { return ReadFile(path); };
+  const mode_t mask = umask(0077);
+  directory.Write("conf", Configuration("<directory id=\"a\" password=\"secret\"/>"));
+  Make();
+  Look();
+  EXPECT_EQ("<tts-config state=\"run\">\n    <directory id=\"a\"/>\n</tts-config>\n", known());
+  EXPECT_EQ(0100644u, ModeOf(path));
+  directory.Write("conf", Configuration("bad"));
+  Look();
+  EXPECT_THAT(known(), HasSubstr("id=\"a\""));
+  unlink(path.c_str());
+  Make();  // As a station does that starts again.
+  Look();
+  EXPECT_THAT(known(), HasSubstr("id=\"a\""));
+  directory.Write("conf", Configuration("<directory id=\"b\"/>"));
+  Look();
+  EXPECT_THAT(known(), HasSubstr("id=\"b\""));
+  umask(mask);
+}
+
 TEST_F(CopiesTest, KeptCopyServesWithoutAUsableFile) {
   has_glossary = true;
   directory.Write("keep/vocastra.conf", Configuration("kept"));

@@ -1,0 +1,22 @@
+// XML messages as forms: the fields that the parser of a directory is configured with, and the
+// document that has the values of a filled form.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "xml.h"
+
+// The labels of the fields in their order, for people: "headline", "instruction (lang en)". The
+// label of a field without effect is empty. Throws a string if "attr-mode" is no number, as
+// MakeDocument does.
+std::vector<std::string> FieldLabels(const XMLElement& parser_);
+
+// The name of the field of a form with that number.
+std::string DocumentField(size_t number_);
+
+// A document in UTF-8 in which the parser finds the values of form_ that are not empty.
+// Throws a string if a field of the configuration cannot be part of a document.
+std::string MakeDocument(const XMLElement& parser_,
+                         const std::map<std::string, std::string>& form_);
