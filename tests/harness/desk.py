@@ -94,7 +94,8 @@ class Desk:
         """Replaces the health file as a station does that runs; this process is the station."""
         start = Path("/proc/self/stat").read_text().rpartition(")")[2].split()[19]
         pid = os.getpid()
-        text = f"""<health daemon="{pid}" hung="0" saying="" station="{pid}" station-start="{start}">
+        numbers = f'daemon="{pid}" station="{pid}" station-start="{start}"'
+        text = f"""<health hung="0" saying="" {numbers}>
             <problem id="player" remedy="Wait" sentence="{problem}" since="1700000000"/>
         </health>"""
         (self.run_path / ".health").write_text(text)
@@ -161,7 +162,6 @@ class Browser:
         connection = self.desk.connect()
         if self.context:
             connection = self.context.wrap_socket(connection, server_hostname="127.0.0.1")
-        connection.sendall(
-            f"GET /events HTTP/1.1\r\nHost: a\r\nCookie: {self.cookie}\r\n\r\n".encode()
-        )
+        head = f"Host: a\r\nCookie: {self.cookie}\r\n"
+        connection.sendall(f"GET /events HTTP/1.1\r\n{head}\r\n".encode())
         return connection

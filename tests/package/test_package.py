@@ -31,6 +31,7 @@ def staged(tmp_path_factory):
     assert status == 0, output
     shutil.copytree(ROOT / "debian/conf", system / "etc/vocastra")
     shutil.copytree(ROOT / "debian/default", system / "etc/default")
+    shutil.copytree(ROOT / "debian/desk", system / "etc/vocastra-desk")
     return system
 
 
@@ -43,7 +44,7 @@ def unit(request, staged, tmp_path):
 
 
 def test_there_are_units():
-    names = ["vocastra", "vocastra-inbox@", "vocastra-player", "vocastra-player@"]
+    names = ["vocastra", "vocastra-desk", "vocastra-inbox@", "vocastra-player", "vocastra-player@"]
     assert sorted(path.name for path in UNITS) == sorted(f"{name}.service" for name in names)
 
 
@@ -73,7 +74,8 @@ def test_what_the_readme_installs_is_where_the_manuals_look(staged):
     assert [preset["installDir"] for preset in presets if "installDir" in preset] == ["/usr"]
     texts = [path.read_text() for path in [ROOT / "README.md", *(ROOT / "man").iterdir()]]
     named = re.findall(r"/(?:usr|etc)/[\w./-]*vocastra[\w./-]*", "\n".join(texts))
-    paths = sorted({path.rstrip(".") for path in named} - {"/etc/default/vocastra-inbox-scans"})
+    made = {"/etc/default/vocastra-inbox-scans", "/etc/vocastra-desk/users"}  # By people.
+    paths = sorted({path.rstrip(".") for path in named} - made)
     assert "/usr/sbin/vocastra" in paths and "/usr/libexec/vocastra/player" in paths
     assert [path for path in paths if not (staged / path[1:]).exists()] == []
 

@@ -153,7 +153,7 @@ def test_run_directory_may_come_later(make_desk):
         wait_until(lambda: len(next(received)) >= 2, "the directory to be seen")
 
 
-def test_stream_ends_with_the_session(desk, browser):
+def test_stream_ends_with_the_session(browser):
     with browser.watch() as watcher:
         received = events(watcher)
         wait_until(lambda: next(received), "the first event")

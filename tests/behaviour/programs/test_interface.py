@@ -10,6 +10,7 @@ from harness.wait import LIMIT
 TOOLS = [
     "vocastra-apply",
     "vocastra-check",
+    "vocastra-desk",
     "vocastra-inbox",
     "vocastra-say",
     "vocastra-station",
