@@ -129,8 +129,9 @@ std::string MakeDocument(const XMLElement& parser_,
   std::string content;
   for (const Element& element : elements) {
     const std::string tag = RequireName(element.tag);
-    content += Within(element.parent,
-                      "<" + tag + element.attributes + ">" + element.text + "</" + tag + ">");
+    content +=
+        Within(element.parent, Format("<%s%s>%s</%s>", tag.c_str(), element.attributes.c_str(),
+                                      element.text.c_str(), tag.c_str()));
   }
   return Format("<%s>%s</%s>\n", kRoot, content.c_str(), kRoot);
 }

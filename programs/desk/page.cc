@@ -269,13 +269,14 @@ std::string DocumentForm(const PageContent& content_, const DirectoryView& direc
   const bool is_refused = IsRefused(content_, "directory", directory_.id);
   std::string fields;
   for (size_t i = 0; i < directory_.labels.size(); ++i) {
+    if (directory_.labels[i].empty()) {
+      continue;
+    }
     const std::string name = DocumentField(i);
     const std::string id = Format("d%zu-%zu", number_, i);
-    if (!directory_.labels[i].empty()) {
-      fields += "<label for=\"" + id + "\">" + Html(directory_.labels[i]) +
-                "</label><textarea id=\"" + id + "\" name=\"" + name + "\" rows=\"2\">\n" +
-                Html(is_refused ? Value(content_, name) : "") + "</textarea>";
-    }
+    fields += Format("<label for=\"%s\">", id.c_str()) + Html(directory_.labels[i]) + "</label>";
+    fields += Format("<textarea id=\"%s\" name=\"%s\" rows=\"2\">\n", id.c_str(), name.c_str());
+    fields += Html(is_refused ? Value(content_, name) : "") + "</textarea>";
   }
   return std::string("<details class=\"form\"") + (is_refused ? " open" : "") + "><summary>" +
          Html(directory_.id) + " <small>form</small></summary>" +
