@@ -54,9 +54,8 @@ all_failures() {
     'root chown vocastra $spool/announcements; root rm $spool/announcements/sticky'
   root chmod 2770 $spool/announcements
   root chgrp vocastra-say $spool/announcements
-  message twice
-  failure 'message with a used name and text' not-queued:announcements/twice \
-    'message twice' 'root rm $spool/announcements/twice'
+  failure 'message with a used name and text' not-queued:announcements/twice message_twice \
+    'root rm $spool/announcements/twice; root mv $translator.away $translator'
 
   failure 'remote host unreachable' remote:ftp 'loopback down' 'loopback up'
   failure 'login refused' remote:ftps \
@@ -136,6 +135,14 @@ message() {
     mv .new "$1"' sh "${1:-message-$EPOCHREALTIME}" "${2:-644}"
 }
 
+# A message, and the same one while the daemon speaks the first and still knows its name.
+message_twice() {
+  inside sh -c 'mv "$1" "$1.away" &&
+    printf "%s\n" "#!/bin/sh" "sleep 2" "exec $1.away \"\$@\"" >"$1" && chmod 755 "$1" &&
+    cd /var/spool/vocastra/announcements && echo "A message." >.new && cp .new .again &&
+    mv .new twice && while [ -e twice ]; do sleep 0.1; done && mv .again twice' sh $translator
+}
+
 # configure [SED-SCRIPT]: the configuration, with an error made by the script.
 configure() {
   sed "${1:-}" "$work/config" >"/proc/$leader/root$etc/new"
@@ -184,7 +191,8 @@ fill() {
 daemon_dies() {
   local count last=none
   for ((count = 0; count < 3; ++count)); do
-    within 60 new_daemon "$last" || return 1
+    within 60 new_daemon "$last" && within 60 status_shows announcements || return 1
+    sleep 2  # The station reads the status once a second. Without one, the problem is another.
     last=$(daemon)
     send KILL "$last"
   done
