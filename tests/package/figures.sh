@@ -72,7 +72,7 @@ print_idle_day() {
   local before since begin error
   before=$(messages_taken)
   inside install -d -o vocastra -g vocastra-say -m 2770 "$spool/lying" "$spool/last"
-  configure 's#^</tts-config>#<directory id="lying" priority="5" type="local" parser="text"\
+  configure 's#</tts-config>#<directory id="lying" priority="5" type="local" parser="text"\
     encoding="utf8" path="/var/spool/vocastra/lying" last-played-path="/var/spool/vocastra/last"/>&#'
   within 60 receiving lying || return 1
   inside sh -c 'cd "$1" && for i in $(seq "$2"); do echo "$i." >.new && mv .new "m$i"; done' \
@@ -80,7 +80,7 @@ print_idle_day() {
   within 600 all_is_said $((before + lying)) || return 1
 
   since=$(inside date +%s%6N)
-  sed 's#^</tts-config>#<directory id="nowhere" priority="5" type="ftp" parser="text" encoding="utf8"\
+  sed 's#</tts-config>#<directory id="nowhere" priority="5" type="ftp" parser="text" encoding="utf8"\
     path="127.0.0.1:1/x" username="u" password="p" ftp-poll-rate="1"/>&#' \
     "/proc/$leader/root$etc/vocastra.conf" >"/proc/$leader/root$etc/new"
   inside mv "$etc/new" "$etc/vocastra.conf"
