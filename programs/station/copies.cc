@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <tuple>
 #include <utility>
 
@@ -18,6 +20,15 @@
 namespace {
 
 constexpr double kApplyLimit = 30;  // Seconds.
+
+constexpr double kFirstRetry = 5;     // Seconds.
+constexpr double kLongestRetry = 60;  // Seconds, for a short check.
+
+// A check may run the translator for each directory, which takes seconds on a small board. The
+// pause is so many times as long as the check, so that checks take at most a fiftieth of a
+// processor.
+constexpr double kPausePerCheck = 50;
+
 constexpr char kNoGlossary[] = "<glossary/>\n";
 constexpr int kMaxExitStatus = 1;  // Of a check without errors.
 
@@ -100,6 +111,11 @@ std::vector<std::string> CheckCommand(const std::vector<std::string>& arguments_
   return words;
 }
 
+double RetryPause(int refusals_, double took_) {
+  const double pause = std::ldexp(kFirstRetry, std::min(refusals_, 10) - 1);
+  return std::max(std::min(pause, kLongestRetry), took_ * kPausePerCheck);
+}
+
 bool IsUsable(int status_) { return WIFEXITED(status_) && WEXITSTATUS(status_) <= kMaxExitStatus; }
 
 Copies::Copies(const std::string& run_, const std::string& keep_, const Options& options_,
@@ -145,6 +161,7 @@ bool Copies::HasChanged(File& file_) const {
 void Copies::CheckNow() {
   for (File& file : files) {
     file.is_due = true;
+    file.refusals = 0;
   }
 }
 
@@ -154,6 +171,10 @@ void Copies::Tick() {
   }
   for (File& file : files) {
     if (HasChanged(file)) {
+      file.is_due = true;
+      file.refusals = 0;
+    }
+    if (file.is_refused && &file != checked && Now() >= file.retry_at) {
       file.is_due = true;
     }
     if (file.is_due && !command.IsRunning()) {
@@ -169,6 +190,7 @@ void Copies::Tick() {
 
 void Copies::StartCheck(File& file_) {
   const std::string candidate = file_.copy + ".checked";
+  check_start = Now();
   try {
     Replace(candidate, ReadWhole(file_.edited), file_.seen.st_mode & 0777);
     std::vector<std::string> words = check;
@@ -244,9 +266,16 @@ void Copies::Accept(File& file_, const std::string& text_) {
 
 void Copies::Refuse(File& file_, const char* why_, const std::string& sentence_,
                     const std::string& remedy_) {
+  const bool is_told = file_.is_refused && file_.told == sentence_;
   file_.is_refused = true;
+  file_.told = sentence_;
+  const double now = Now();
+  file_.retry_at = now + RetryPause(++file_.refusals, now - check_start);
   file_.result = file_.name + ": refused\n" + sentence_ + ".\n";
   UseKept(file_);
+  if (is_told) {
+    return;
+  }
   const bool has_copy = access(file_.copy.c_str(), F_OK) == 0;
   problems.clear(file_.name + "-refused");
   problems.clear(file_.name + "-missing");

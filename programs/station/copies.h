@@ -31,6 +31,11 @@ std::vector<std::string> CheckCommand(const std::vector<std::string>& arguments_
 // True if that end of the command, as waitpid gives it, allows the daemon to use the file.
 bool IsUsable(int status_);
 
+// Seconds until a refused file is checked again, although it did not change: the cause may lie
+// elsewhere, such as a translator or a clip that was missing. refusals_: since the last change, at
+// least 1. took_: seconds that the last check ran.
+double RetryPause(int refusals_, double took_);
+
 class Copies {
  public:
   // keep_: a directory that outlives a boot; empty: none. options_: the daemon's, with the edited
@@ -67,6 +72,9 @@ class Copies {
     struct stat seen = {};  // Of the edited file; zero: it is missing.
     bool is_due = true;     // To be checked.
     bool is_refused = false;
+    int refusals = 0;     // Since it changed, or a check was asked for.
+    double retry_at = 0;  // While it is refused.
+    std::string told;     // Why it was refused.
     std::string result;
   };
 
@@ -85,6 +93,7 @@ class Copies {
   std::function<void(const XMLElement&)> prepare;
   Command command;
   File* checked = nullptr;  // What the command looks at.
+  double check_start = 0;   // Of the last check.
   bool has_looked = false;
   double applied_limit = 0;  // Until then the daemon is expected to apply it; 0: it has.
   std::unique_ptr<XMLElement> configuration;

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -53,6 +54,10 @@ constexpr double kMessageLimit = 60;  // Seconds from a request to stop to the e
 constexpr double kStopLimit = 30;     // Seconds that the daemon may take to stop its helpers.
 constexpr double kBusyStopLimit = 2;  // The same while it says messages.
 constexpr double kGoesOn = 1;         // Seconds since a status of a daemon that says messages.
+
+// A message is lost if the daemon takes its file before the station has copied it, and then dies.
+// So on a busy device the station goes first. It has little to do.
+constexpr int kNice = -10;
 
 constexpr int kWrongUse = 2;
 
@@ -393,6 +398,7 @@ void Station::Start() {
   const std::vector<std::string> arguments = copies.Arguments();
   command.insert(command.end(), arguments.begin(), arguments.end());
   daemon.Start(command);
+  spool.Read();  // Before the daemon empties its directories.
   watchdog.OnStart(Now());
   next_check = 0;
   is_hung = false;
@@ -576,6 +582,7 @@ Settings ParseSettings(int argc_, char** argv_) {
 int main(int argc, char** argv) {
   try {
     const Settings settings = ParseSettings(argc, argv);
+    setpriority(PRIO_PROCESS, 0, kNice);  // If it may.
     Station(settings).Run();
     return EXIT_SUCCESS;
   } catch (const std::string& why) {

@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,6 +35,9 @@ constexpr size_t kMaxCommandText = 64 * 1024;  // Bytes.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent_) {
     _exit(EXIT_FAILURE);
+  }
+  if (getpriority(PRIO_PROCESS, 0) < 0) {
+    setpriority(PRIO_PROCESS, 0, 0);  // Only the station goes first.
   }
   sigset_t none;
   sigemptyset(&none);

@@ -104,6 +104,7 @@ struct Folder {
   };
 
   std::string path;
+  std::string last_played;  // Empty: none.
   bool removes_taken = true;
   ConfiguredDirectory configured;
   int watch = -1;
@@ -146,7 +147,8 @@ struct Message {
   int64_t arrival = 0;
   bool was_speaking = false;
   Place place = kThere;
-  int forgotten_from = 0;  // From this status on, the daemon does not know its name.
+  int forgotten_from = 0;     // From this status on, the daemon does not know its name.
+  bool may_be_taken = false;  // It was put away, but the daemon may know it.
   Course course;
   std::set<std::string> files;  // Its files in the output directory that were not seen to leave it.
 };
@@ -185,6 +187,7 @@ struct Spool::Impl {
   void FindFiles(const std::string& id_, const Folder& folder_, int64_t since_);
   void PutAway(Message& message_, const Folder& folder_);
   void Hold(Message& message_, const Folder& folder_);
+  void FindTaken();
 
   void Read();
   void OnFile(const std::string& id_, Folder& folder_, const std::string& name_, uint32_t event_);
@@ -305,6 +308,7 @@ void Spool::Impl::PrepareFolder(const std::string& id_, const LocalDirectory& lo
   Folder& folder = folders[id_];
   folder.path = local_.path;
   folder.removes_taken = local_.removes_taken;
+  folder.last_played = AddTrailingSlash(local_.element.GetAttributeString("last-played-path", ""));
   Watch(folder);
   if (is_new) {
     FindCopies(id_, folder);
@@ -387,24 +391,47 @@ void Spool::Impl::PutAway(Message& message_, const Folder& folder_) {
     unlink(path.c_str());
   }
   message_.place = Message::kAway;
+  message_.may_be_taken = false;
   message_.record.state = MessageRecord::kWaiting;
 }
 
-// Puts the new message away while the daemon has not yet seen all older ones, so that it does not
-// overtake them. If the daemon has taken it by now, it stays as it is. Where files stay, that would
-// not show.
+// Puts the message away while the daemon has not yet seen all older ones, so that it does not
+// overtake them. It may have been given back just now: by a rename, if its file belongs to another
+// user or the file system has no links. If the daemon has taken it by now, it stays as it is. Where
+// files stay, that shows later, see FindTaken().
 void Spool::Impl::Hold(Message& message_, const Folder& folder_) {
-  const auto is_older = [&](const Message& other_) {
+  const auto self = std::find_if(messages.begin(), messages.end(),
+                                 [&](const Message& other_) { return &other_ == &message_; });
+  const auto waits = [&](const Message& other_) {
     const bool is_unseen = other_.course.is_given && !other_.course.is_indexed;
     return (other_.place == Message::kAway || is_unseen) && !other_.HasEnded() &&
            other_.record.directory == message_.record.directory;
   };
-  if (is_running && folder_.removes_taken && !message_.copy.empty() &&
-      (folder_.phase != Folder::kScanned ||
-       std::any_of(messages.begin(), messages.end(), is_older)) &&
+  if (is_running && !message_.copy.empty() &&
+      (folder_.phase != Folder::kScanned || std::any_of(messages.begin(), self, waits)) &&
       rename((folder_.path + message_.name).c_str(), message_.copy.c_str()) == 0) {
     message_.place = Message::kAway;
     message_.forgotten_from = kNever;
+    message_.may_be_taken = !folder_.removes_taken;
+  }
+}
+
+// Finds messages that the daemon had taken when they were put away: it has put a copy of them into
+// the last-played directory, where no older message of that name is as young.
+void Spool::Impl::FindTaken() {
+  for (Message& message : messages) {
+    if (!message.may_be_taken || message.HasEnded()) {
+      continue;
+    }
+    const std::string& last_played = folders[message.record.directory].last_played;
+    const int64_t time = WriteTime(last_played + message.name);
+    if (time != 0 && time >= WriteTime(message.copy)) {
+      message.may_be_taken = false;
+      message.place = Message::kThere;
+      Restart(message, false);
+      message.course.is_indexed = true;
+      message.course.turn = next_turn++;
+    }
   }
 }
 
@@ -528,6 +555,7 @@ void Spool::Impl::OnCopying(const std::string& name_) {
     return;
   }
   ++counters["pieces"];
+  FindTaken();
   Message* const message = parts.is_first ? FirstOf(parts.id) : NextOf(parts.id);
   if (message != nullptr) {
     Begin(*message);
@@ -634,6 +662,7 @@ void Spool::Impl::OnStatus(const XMLElement& status_) {
   timestamp = status_.GetAttributeInteger("timestamp");
   state = status_.GetAttributeString("state");
   const int playing = status_.GetAttributeInteger("now-playing");
+  FindTaken();
   for (auto& [id, folder] : folders) {
     Watch(folder);
     if (const XMLElement* directory = FindById(status_, "directory", id)) {
@@ -719,7 +748,7 @@ void Spool::Impl::GiveBack(const std::string& id_, Folder& folder_) {
     if (timestamp < message.forgotten_from || (is_pending && message.name <= folder_.last_given)) {
       return;
     }
-    if (is_old || age_limit == 0 || !Show(message, folder_, is_known)) {
+    if (is_old || age_limit == 0 || !Show(message, folder_, is_known || message.may_be_taken)) {
       End(message, MessageRecord::kDropped);
       continue;
     }
@@ -738,6 +767,7 @@ bool Spool::Impl::Show(Message& message_, const Folder& folder_, bool is_known_)
       message_.name = next;
       message_.copy = is_kept ? message_.copy : "";
       message_.place = Message::kThere;
+      message_.may_be_taken = false;
       Restart(message_, false);
       message_.course.is_given = true;
       return true;

@@ -22,7 +22,7 @@ all_failures() {
     'root mv $voices $voices.away; message' 'root mv $voices.away $voices'
   # An edited configuration that names a voice that is not there is not taken.
   failure 'unknown voice' configuration-refused \
-    'configure "s/id=.announcements./& conv-opts=\"voice=klingon\"/"' configure
+    'configure "s/id=.announcements./& conv-opts=\"voice=missing\"/"' configure
   failure 'translator hanging' translator-hanging \
     'replace_translator "sleep 1000"; message' restore_translator
 
@@ -64,7 +64,7 @@ all_failures() {
   failure 'certificate refused' remote:ftps \
     'configure "/id=.ftps./s/ca=[^,]*,//"' configure
   failure 'helper dead' helper-dead:ftp \
-    'send KILL "$(process "^/usr/libexec/vocastra/helpers/ftp 127")"' 'root systemctl restart vocastra'
+    'kill_all "^/usr/libexec/vocastra/helpers/ftp "' 'root systemctl restart vocastra'
 
   failure 'configuration malformed' configuration-refused \
     'configure "s/<tts-config/<<&/"' configure
@@ -78,7 +78,7 @@ all_failures() {
 
   # The station starts a daemon again that hangs or has ended.
   failure 'daemon hung' daemon-hung 'send STOP "$(daemon)"' :
-  failure 'daemon dead' 'no-daemon|daemon-dead' 'send KILL "$(daemon)"' :
+  failure 'daemon dead' 'no-daemon|daemon-dead' daemon_dies :
   failure 'lock held by another process' "locked:$out" \
     'root systemd-run --quiet --unit=holder flock $out sleep 1000' 'root systemctl stop holder'
 }
@@ -96,7 +96,7 @@ failure() {
   : >"$work/told"
   : >"$work/last"
   if break_and_wait "$2" "$3" >"$work/log" 2>&1 </dev/null; then told="told after $seconds s"; fi
-  eval "$4" >>"$work/log" 2>&1 </dev/null
+  eval "$4" >>"$work/log" 2>&1 </dev/null || echo "the repair has failed" >>"$work/log"
   if timed within 90 is_fine; then fine="fine $seconds s after the repair"; fi
   if [[ -n ${told:-} && -n ${fine:-} ]]; then
     verdict passed "$name: $told, $fine"
@@ -149,17 +149,23 @@ replace_translator() {
 
 restore_translator() {
   inside mv $translator.away $translator
-  send KILL "$(process '^sleep 1000')"
+  kill_all '^sleep 1000'
 }
 
-# process PATTERN: the process whose command line has it.
-process() {
+# kill_all PATTERN: the processes whose command line has it. One may end with another.
+kill_all() {
+  local pid
+  for pid in $(processes "$1"); do send KILL "$pid" || true; done
+}
+
+processes() {
   inside sh -c 'for directory in /proc/[0-9]*; do
     ! tr "\0" " " 2>/dev/null <"$directory/cmdline" | grep -qE "$1" || echo "${directory#/proc/}"
   done' sh "$1"
 }
 
-player() { inside systemctl show --property=MainPID --value vocastra-player; }
+# Fails rather than print 0, which would name every process.
+player() { inside systemctl show --property=MainPID --value vocastra-player | grep -v '^0$'; }
 
 play_to() {
   inside sh -c 'echo "VOCASTRA_PLAYER_OPTIONS=\"--verbose $1\"" >/etc/default/vocastra-player &&
@@ -172,6 +178,14 @@ fill() {
   used=$(inside df --output=used "$2" | tail -n 1)
   inside mount -o "remount,size=$((used + 16384))k" "$2"
   "$1" sh -c 'head -c 32M /dev/zero >"$1/fill"' sh "$2"
+}
+
+# Several times, as the pause before the next start then takes seconds, in which it can be seen.
+daemon_dies() {
+  local i
+  for i in 1 2 3; do
+    within 60 new_daemon none && send KILL "$(daemon)"
+  done
 }
 
 loopback() { nsenter --target "$leader" --net ip link set lo "$1"; }

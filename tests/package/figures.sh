@@ -1,84 +1,133 @@
 # Figures of the installed service; sourced by tools/test-install, with the functions of failures.sh.
 #
+# The time of a line is that at which the journal got it.
+#
 # shellcheck shell=bash disable=SC2016,SC2154
 
-quiet=150   # Seconds for which the log's lines are counted.
-alarms=50   # Alarms that interrupt an announcement.
+alarms=50  # Alarms that interrupt an announcement.
+lying=50  # Files that stay in an input directory.
+idle=900  # Seconds of an idle day that are watched.
+lines_a_day=100  # At most.
 
-# Lines of the log while nothing is spoken, 50 files lie in one directory, and a remote directory
-# fails. The first minute shows each line once, and is left out.
-print_idle_lines() {
-  local since lines
-  inside install -d -o vocastra -g vocastra-say -m 2770 /var/spool/vocastra/lying
-  sed 's#^</tts-config>#<directory id="lying" priority="5" type="local" parser="text" encoding="utf8"\
-    path="/var/spool/vocastra/lying" auto-delete="0"/>\
-    <directory id="nowhere" priority="5" type="ftp" parser="text" encoding="utf8" path="127.0.0.1:1/x"\
-    username="u" password="p" ftp-poll-rate="1"/>&#' "$work/config" >"/proc/$leader/root$etc/new"
-  inside mv "$etc/new" "$etc/vocastra.conf"
-  within 60 is_told remote:nowhere
-  inside sh -c 'cd "$1" && for i in $(seq 50); do echo "$i." >.new && mv .new "m$i"; done' sh "$spool/lying"
-  within 300 has_said 50
-  echo "idle: $(files_lying) files lie, and $(cat "$work/told")"
-  sleep 60
-  since=$(inside date +%s)
-  sleep "$quiet"
-  journal_since "$since" >"$work/lines"
-  lines=$(wc -l <"$work/lines")
-  echo "idle: $lines lines of the log in $quiet seconds after the first minute, or" \
-    "$((lines * 86400 / quiet)) a day"
-  sed 's/^/    | /' "$work/lines"
+print_figures() {
+  local unit
+  for unit in "${units[@]}"; do
+    echo "exposure of $unit.service: $(exposure "$unit") (limit 1.5)"
+  done
+  start_player
   configure
+  print_alarm_latency || verdict FAILED "alarm latency"
+  print_idle_day || verdict FAILED "lines of an idle day"
 }
 
-journal_since() { inside journalctl --no-pager --quiet --output=cat --unit=vocastra --since="@$1"; }
+# --- Alarms ---------------------------------------------------------------------------------------
 
-files_lying() { inside sh -c 'ls /var/spool/vocastra/lying | wc -l'; }
-
-has_said() {
-  local text
-  text=$(inside vocastra-status --metrics) || true
-  ! inside vocastra-status --json | grep -qE '"state":"(waiting|speaking)"' && [[ -n $text ]] &&
-    (($(files_lying) == $1))
-}
-
-# Milliseconds from the rename of an alarm to the player's line "playing NAME" in the journal.
+# From the rename of an alarm to the player's line "playing NAME".
 print_alarm_latency() {
   local i
   : >"$work/latencies"
+  announce
   for ((i = 0; i < alarms; ++i)); do
-    within 60 is_announcing || inside sh -c 'cd /var/spool/vocastra/announcements &&
-      for n in $(seq 60); do echo "The train to the coast, number $n, leaves from platform two."; done \
-        >.new && mv .new "$1"' sh "long-$EPOCHREALTIME"
-    within 60 is_announcing || return 1
+    if ! within 60 is_announcing; then announce && within 60 is_announcing || return 1; fi
     one_alarm >>"$work/latencies" || return 1
   done
   sort -n "$work/latencies" | awk '{ all[NR] = $1 } END {
-    printf "alarm: %d alarms, from the rename to the player: median %d ms, worst %d ms\n", NR,
-      all[int((NR + 1) / 2)], all[NR] }'
+    printf "alarm: %d alarms, each in an announcement, from the rename to the player: " \
+      "median %d ms, worst %d ms\n", NR, all[int((NR + 1) / 2)], all[NR] }'
+}
+
+# Says something for minutes.
+announce() {
+  inside sh -c 'cd /var/spool/vocastra/announcements &&
+    for n in $(seq 60); do echo "The train to the coast, number $n, leaves from platform two."; done \
+      >.new && mv .new "$1"' sh "long-$EPOCHREALTIME"
 }
 
 is_announcing() { grep -qs 'playing="[0-9]*_announcements' "/proc/$leader/root/run/vocastra/player"; }
 
+# Prints milliseconds.
 one_alarm() {
   local renamed
-  renamed=$(inside sh -c 'cd /var/spool/vocastra/alarms && echo "Fire $1." >.new && date +%s%6N &&
-    mv .new "alarm-$1"' sh "$EPOCHREALTIME")
-  within 60 alarm_plays "$renamed" >"$work/played" || return 1
-  echo $((($(head -n 1 "$work/played") - renamed) / 1000))
-  within 60 is_announcing
+  renamed=$(inside sh -c 'cd /var/spool/vocastra/alarms && echo "Fire in hall two." >.new &&
+    date +%s%6N && mv .new "alarm-$1"' sh "$EPOCHREALTIME")
+  within 60 line_since "$renamed" vocastra-player 'playing [0-9]+_alarms' >"$work/played" || return 1
+  echo $((($(cat "$work/played") - renamed) / 1000))
 }
 
-# alarm_plays SINCE: prints the time of the line, in microseconds.
-alarm_plays() {
-  inside journalctl --no-pager --quiet --unit=vocastra-player --since="@$((${1} / 1000000))" \
-    --output=short-unix | awk -v since="$1" '/playing [0-9]+_alarms/ {
-      split($1, part, "."); time = part[1] part[2]
-      if (time + 0 > since + 0) { print time; found = 1; exit } } END { exit !found }'
+# line_since TIME UNIT PATTERN: prints the time of the first such line, in microseconds since 1970.
+line_since() {
+  inside journalctl --no-pager --quiet --unit="$2" --since="@$(($1 / 1000000))" --output=short-unix |
+    awk -v since="$1" -v pattern="$3" '{ split($1, part, "."); time = part[1] part[2] }
+      time + 0 > since + 0 && $0 ~ pattern && !found { print time; found = 1 } END { exit !found }'
 }
 
-print_figures() {
-  start_player
+# --- An idle day ----------------------------------------------------------------------------------
+
+# Nothing is spoken, files lie in a local directory, and a site refuses each session. The first
+# part of a day is watched, and the rest follows from it:
+# - A text that repeats is told once and counted after a minute, which is seen, after an hour, which
+#   is added, and after a further day.
+# - Texts that were new after the first minute are expected to go on as often.
+print_idle_day() {
+  local before since config error
+  before=$(messages_taken)
+  inside install -d -o vocastra -g vocastra-say -m 2770 "$spool/lying"
+  configure 's#^</tts-config>#<directory id="lying" priority="5" type="local" parser="text"\
+    encoding="utf8" path="/var/spool/vocastra/lying" auto-delete="0"/>&#'
+  inside sh -c 'cd "$1" && for i in $(seq "$2"); do echo "$i." >.new && mv .new "m$i"; done' \
+    sh "$spool/lying" "$lying"
+  within 600 all_is_said $((before + lying)) || return 1
+
+  since=$(inside date +%s%6N)
+  sed 's#^</tts-config>#<directory id="nowhere" priority="5" type="ftp" parser="text" encoding="utf8"\
+    path="127.0.0.1:1/x" username="u" password="p" ftp-poll-rate="1"/>&#' \
+    "/proc/$leader/root$etc/vocastra.conf" >"/proc/$leader/root$etc/new"
+  inside mv "$etc/new" "$etc/vocastra.conf"
+  within 60 line_since "$since" vocastra '127[.]0[.]0[.]1:1' >"$work/error" || return 1
+  config=$(line_since "$since" vocastra 'Processing configuration')
+  error=$(cat "$work/error")
+  echo "idle: the first error of a site that refuses is in the journal $(((error - config) / 1000)) ms" \
+    "after the daemon has read the configuration (limit 1000 ms)"
+  sleep "$idle"
+  inside journalctl --no-pager --quiet --output=short-unix --unit='vocastra*' \
+    --since="@$((since / 1000000))" >"$work/lines"
+  check "$(inside ls "$spool/lying" | wc -l) files lie" within 1 all_is_said $((before + lying))
+  sed 's/^/    | /' "$work/lines"
+  awk -v since="$since" -v idle="$idle" '
+    { sub(/[.]/, "", $1); time = ($1 - since) / 1000000; $1 = "" }
+    / \([0-9]+ more in [0-9]+ seconds\)$/ {
+      ++counts
+      sub(/ \([0-9]+ more in [0-9]+ seconds\)$/, "")
+      repeating[$0]
+      next
+    }
+    time < 60 { ++early; next }
+    { ++late }
+    END {
+      hourly = length(repeating)
+      day = early + counts + hourly + late * 86400 / idle
+      printf "idle: %d lines of %d files and such a site in %d s: %d new ones in the first minute, %d " \
+        "counts, %d new ones later\nidle: %d lines a day = %d + %d + %d counts after an hour + %d * %d\n",
+        early + counts + late, '"$lying"', idle, early, counts, late, day, early, counts, hourly, late,
+        86400 / idle
+      print int(day) >"'"$work/day"'"
+    }' "$work/lines"
+  check "at most $lines_a_day lines a day" test "$(cat "$work/day")" -le "$lines_a_day"
   configure
-  print_alarm_latency
-  print_idle_lines
+}
+
+messages_taken() { status_value 'print(status["counters"].get("messages", 0))'; }
+
+# all_is_said COUNT: so many messages since the start, and the player is done with all of them.
+all_is_said() {
+  local states
+  (($(messages_taken) >= $1)) &&
+    states=$(status_value 'print(*{message["state"] for message in status["messages"]})') &&
+    [[ ! $states =~ waiting|speaking|said ]]
+}
+
+# status_value PROGRAM: in Python, with the status as JSON.
+status_value() {
+  { inside vocastra-status --json || true; } |
+    /usr/bin/python3 -c "import json, sys; status = json.load(sys.stdin); $1"
 }

@@ -119,6 +119,34 @@ TEST_F(CopiesTest, ChangeIsAppliedAndAMistakeIsRefused) {
   EXPECT_THAT(prepared, ElementsAre("run", "run"));
 }
 
+TEST(RetryPauseTest, GrowsToAMinuteAndWithTheTimeOfACheck) {
+  struct {
+    int refusals;
+    double took;
+    double pause;
+  } const rows[] = {{1, 0, 5},  {2, 0, 10},    {3, 0, 20},   {4, 0, 40},
+                    {5, 0, 60}, {1000, 0, 60}, {1, 0.5, 25}, {1000, 3, 150}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.pause, RetryPause(row.refusals, row.took)) << row.refusals << " " << row.took;
+  }
+}
+
+TEST_F(CopiesTest, RefusedFileIsCheckedAgainOnceAndNotToldAgain) {
+  directory.Write("conf", Configuration("bad"));
+  Make();
+  Look();
+  problems.clear();
+  const std::string checks = directory / "checks";
+  directory.Write("check", "sleep 0.2; echo >>\"" + checks + "\"\n" + kCheck);
+  for (const double deadline = Now() + 60; Now() < deadline && !Exists(checks); Nap(5)) {
+    Look();
+  }
+  Look();
+  EXPECT_EQ("\n", ReadFile(checks));
+  EXPECT_THAT(problems, IsEmpty());
+  EXPECT_FALSE(copies->IsFine());
+}
+
 TEST_F(CopiesTest, OneBrokenFileDoesNotKeepTheOtherBack) {
   has_glossary = true;
   directory.Write("conf", Configuration("1"));

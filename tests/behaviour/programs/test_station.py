@@ -90,6 +90,15 @@ def test_daemon_that_dies_or_hangs_is_started_again(station, signum):
     station.wait(lambda: ("n", "\\pau=300\\ two ") in station.spoken(), "the next message")
 
 
+def test_only_the_station_goes_first(station):
+    """If it may, which depends on the user."""
+    own = os.getpriority(os.PRIO_PROCESS, 0)
+    nice = os.getpriority(os.PRIO_PROCESS, station.process.pid)
+    assert nice in (-10, own)
+    daemon = os.getpriority(os.PRIO_PROCESS, station.daemon())
+    assert daemon == (max(nice, 0) if nice != own else own)
+
+
 def test_daemon_ends_with_its_station(make_station):
     station = make_station(words=1)
     station.start()
@@ -228,7 +237,7 @@ def test_stop_waits_for_the_end_of_the_message(make_station):
 
 
 def test_second_signal_does_not_wait(make_station):
-    station = make_station(words=1)
+    station = make_station(words=1, files=2)
     station.start()
     station.drop("a", "m", "one " * 1000)
     station.wait_translator_runs(1)
@@ -280,6 +289,16 @@ def test_station_sees_class_1_of_the_log(make_station, options, debug, line):
 )
 def test_wrong_use(arguments, text):
     assert run("vocastra-station", *arguments) == (2, "", text)
+
+
+def test_configuration_is_accepted_when_what_it_needs_is_back(station):
+    away = station.translator.with_name("away")
+    station.translator.rename(away)
+    with open(station.config, "a", encoding="utf8") as config:
+        config.write("\n")
+    station.wait(lambda: "configuration-refused" in station.problems(), "the problem")
+    away.rename(station.translator)
+    station.wait(lambda: not station.problems(), "its end")
 
 
 def test_second_station_is_refused(station):
