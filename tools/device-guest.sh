@@ -8,11 +8,12 @@ up() { cut -d ' ' -f 1 /proc/uptime; }
 
 # within SECONDS COMMAND...: whether it becomes true in that time. Prints how long it took.
 within() {
-  begun=$(up) limit=$1
+  begun=$(up) limit=$1 pause=0.1
+  if [ "$1" -gt 100 ]; then pause=1; fi
   shift
   until "$@"; do
     if awk "BEGIN { exit $(up) < $begun + $limit }"; then return 1; fi
-    sleep 0.1
+    sleep $pause
   done
   awk "BEGIN { print $(up) - $begun }"
 }
@@ -21,6 +22,25 @@ speaks() { grep -q 'state="run"' $run/status.xml 2>/dev/null; }
 
 # logged PATTERN [COUNT]: the log has that many lines with the pattern.
 logged() { [ "$(grep -c -e "$1" $said)" -ge "${2:-1}" ]; }
+
+# plays DIRECTORY: the player has sound of it now.
+plays() { grep -q "playing=\"[0-9]*_$1[.]" $run/player; }
+
+# first_sample DIRECTORY: waits for it, and prints the seconds. Looks every 10 milliseconds.
+first_sample() {
+  begun=$(up)
+  until plays "$1"; do usleep 10000; done
+  awk "BEGIN { print $(up) - $begun }"
+}
+
+# restart: starts station and player again, with the options that they have now.
+restart() {
+  station=$(pidof vocastra-station)
+  killall vocastra-station player
+  while kill -0 "$station" 2>/dev/null; do sleep 0.1; done
+  rm -f $run/status.xml
+  within 60 speaks
+}
 
 # hand DIRECTORY NAME: the text is on standard input. The name of the file appears at once.
 hand() { cat >"$1/.new" && mv "$1/.new" "$1/$2"; }
