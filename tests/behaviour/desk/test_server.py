@@ -99,6 +99,7 @@ def test_cookie_is_for_the_server_only(desk):
     )
 
 
+@pytest.mark.filterwarnings("ignore:ssl.TLSVersion")
 def test_tls(make_desk, tmp_path):
     make_certificates(tmp_path, "127.0.0.1")
     desk = make_desk(
