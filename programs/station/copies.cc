@@ -31,6 +31,9 @@ constexpr double kLongestRetry = 60;  // Seconds, for a short check.
 constexpr double kPausePerCheck = 50;
 
 constexpr mode_t kPublicMode = 0644;
+// At most, of a configuration's copy, as it may hold passwords. A service that may not look into
+// the directory of the edited one can look into the run directory.
+constexpr mode_t kSecretMode = 0640;
 constexpr char kNoGlossary[] = "<glossary/>\n";
 constexpr int kMaxExitStatus = 1;  // Of a check without errors.
 
@@ -129,6 +132,7 @@ Copies::Copies(const std::string& run_, const std::string& keep_, const Options&
       prepare(std::move(prepare_)) {
   files.resize(2);
   files[0].name = "configuration";
+  files[0].most_mode = kSecretMode;
   files[0].edited = options_.config_file_path;
   files[0].copy = CopyPath(run_, "vocastra.conf");
   files[0].kept = CopyPath(keep_, "vocastra.conf");
@@ -197,7 +201,7 @@ void Copies::StartCheck(File& file_) {
   const std::string candidate = file_.copy + ".checked";
   check_start = Now();
   try {
-    Replace(candidate, ReadWhole(file_.edited), file_.seen.st_mode & 0777);
+    Replace(candidate, ReadWhole(file_.edited), file_.seen.st_mode & file_.most_mode);
     std::vector<std::string> words = check;
     if (&file_ == &files[0]) {
       CreateDirectories(candidate);
@@ -240,7 +244,7 @@ void Copies::Finish(File& file_) {
 
 void Copies::Accept(File& file_, const std::string& text_) {
   std::string content = ReadWhole(file_.copy + ".checked");
-  const mode_t mode = file_.seen.st_mode & 0777;
+  const mode_t mode = file_.seen.st_mode & file_.most_mode;
   const std::string old = ReadOrNothing(file_.copy);
   const bool is_configuration = &file_ == &files[0];
   const bool is_new = old != content && old != content + "\n";
@@ -262,6 +266,9 @@ void Copies::Accept(File& file_, const std::string& text_) {
   }
   if (!file_.kept.empty() && ReadOrNothing(file_.kept) != content) {
     Replace(file_.kept, content, mode);
+  }
+  for (const std::string& path : {file_.copy, file_.kept}) {  // Also of those that are not new.
+    chmod(path.c_str(), mode);
   }
   file_.is_refused = false;
   file_.result = file_.name + ": in force\n" + text_;
@@ -297,7 +304,7 @@ void Copies::UseKept(File& file_) {
   const std::string text = file_.kept.empty() ? "" : ReadOrNothing(file_.kept);
   try {
     if (!text.empty()) {
-      Replace(file_.copy, text, 0640);
+      Replace(file_.copy, text, kSecretMode);
     } else if (&file_ != &files[0]) {
       Replace(file_.copy, kNoGlossary, 0644);  // Without it, the daemon would speak nothing.
     }

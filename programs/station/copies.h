@@ -69,9 +69,10 @@ class Copies {
     std::string name;    // "configuration" or "glossary".
     std::string edited;  // Empty: the daemon uses none.
     std::string copy;
-    std::string kept;       // Empty: not kept.
-    struct stat seen = {};  // Of the edited file; zero: it is missing.
-    bool is_due = true;     // To be checked.
+    std::string kept;         // Empty: not kept.
+    mode_t most_mode = 0777;  // Of the copies: bits that they take from the edited file.
+    struct stat seen = {};    // Of the edited file; zero: it is missing.
+    bool is_due = true;       // To be checked.
     bool is_refused = false;
     int refusals = 0;     // Since it changed, or a check was asked for.
     double retry_at = 0;  // While it is refused.

@@ -97,6 +97,21 @@ TEST_F(CopiesTest, UsableFilesAreCopiedAndKeptWithTheirMode) {
               ElementsAre("-c", run + "/vocastra.conf", "-g", run + "/glossary.xml"));
 }
 
+TEST_F(CopiesTest, NobodyElseMayReadCopiesOfTheConfiguration) {
+  has_glossary = true;
+  const std::string path = directory.Write("conf", Configuration(""));
+  directory.Write("gloss", "<glossary/>");
+  Make();
+  for (const auto& [mode, expected] : std::map<mode_t, mode_t>{
+           {0600, 0100600}, {0640, 0100640}, {0644, 0100640}, {0666, 0100640}, {0755, 0100640}}) {
+    chmod(path.c_str(), mode);
+    Look();
+    EXPECT_EQ(expected, ModeOf(run + "/vocastra.conf")) << mode;
+    EXPECT_EQ(expected, ModeOf(keep + "/vocastra.conf")) << mode;
+  }
+  EXPECT_EQ(0100644u, ModeOf(run + "/glossary.xml"));
+}
+
 TEST_F(CopiesTest, ChangeIsAppliedAndAMistakeIsRefused) {
   directory.Write("conf", Configuration("1"));
   Make();
