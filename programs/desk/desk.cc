@@ -258,9 +258,9 @@ Response Desk::Impl::SayAgain(const Request& request_, const Viewer& viewer_) {
 Response Desk::Impl::Withdraw(const Request& request_, const Viewer& viewer_) {
   const Entry entry = EntryOf(request_.form);
   const Destination destination = view.DestinationOf(entry.directory);
-  // Without that look, the station's copy would be removed and the message said nevertheless.
-  if (entry.IsOver() || view.IsTaken(entry) || entry.fate != Entry::kOpen ||
-      !::Withdraw({entry.directory, destination.directory.path, entry.file})) {
+  if (entry.IsOver() || entry.fate != Entry::kOpen ||
+      !::Withdraw({entry.directory, destination.directory.path, entry.file},
+                  paths.run + "/status.xml")) {
     throw Refusal{kConflict, "Too late: the message was taken already."};
   }
   Tell(Format("user %s withdraws in %s %s: ", viewer_.user.c_str(), entry.directory.c_str(),

@@ -188,12 +188,6 @@ void View::FindPlaying(long long now_) {
   playing_id = id;
 }
 
-bool View::IsTaken(const Entry& entry_) {
-  ReadStatusFile();
-  const DirectoryView* directory = Find(entry_.directory);
-  return directory != nullptr && directory->taken == entry_.file;
-}
-
 bool View::IsComing(const Entry& entry_, long long now_) const {
   return entry_.fate == Entry::kOpen &&
          (entry_.state == MessageRecord::kSpeaking ||

@@ -45,9 +45,6 @@ class View {
   // What plays now: a message; null if it is not known which, or if nothing plays.
   const Entry* Playing() const { return playing_id == 0 ? nullptr : history.Find(playing_id); }
 
-  // True if the daemon has taken the message and holds it. Reads the status again.
-  bool IsTaken(const Entry& entry_);
-
   // A message that was made into sound, or is being made, and has not begun to play.
   bool IsComing(const Entry& entry_, long long now_) const;
 

@@ -73,7 +73,7 @@ ExitStatus Await(const std::string& health_path_, const HandedOver& message_,
   const std::optional<MessageRecord> end =
       WaitForEnd(health_path_, message_, options_.is_listening, options_.timeout);
   if (!end) {
-    const bool is_withdrawn = Withdraw(message_);
+    const bool is_withdrawn = Withdraw(message_, options_.run + "/status.xml");
     fprintf(stderr, "vocastra-say: not %s within %d seconds; %s\n",
             options_.is_listening ? "played" : "said", options_.timeout,
             is_withdrawn ? "it is withdrawn" : "it was taken already");

@@ -4,11 +4,14 @@
 #include <unistd.h>
 
 #include "clock.h"
+#include "configuration.h"
 #include "messagecopy.h"
+#include "statusfile.h"
 
 namespace {
 
-constexpr int kPollPause = 50;  // Milliseconds.
+constexpr int kPollPause = 50;        // Milliseconds.
+constexpr double kStatusLimit = 0.1;  // Seconds for a whole status.
 
 std::optional<MessageRecord> FindRecord(const std::string& health_path_,
                                         const HandedOver& message_) {
@@ -27,6 +30,22 @@ std::optional<MessageRecord> FindRecord(const std::string& health_path_,
 bool EndsWith(const std::string& text_, const std::string& end_) {
   return text_.size() >= end_.size() &&
          text_.compare(text_.size() - end_.size(), end_.size(), end_) == 0;
+}
+
+// The station's copy of a message that waits for a more urgent one is a file like any other, but
+// the daemon has read its text.
+bool IsTaken(const HandedOver& message_, const std::string& status_path_) {
+  try {
+    const std::unique_ptr<XMLElement> status = ReadStatus(status_path_, kStatusLimit);
+    const XMLElement* directory = FindById(*status, "directory", message_.directory);
+    if (directory == nullptr) {
+      return false;
+    }
+    const auto active = directory->GetChildren("message");
+    return !active.empty() && active.front()->GetAttributeString("filename", "") == message_.file;
+  } catch (const std::string&) {  // There is none, so no daemon runs.
+    return false;
+  }
 }
 
 }  // namespace
@@ -58,7 +77,10 @@ std::string ReasonOf(const std::string& health_path_, const HandedOver& message_
   return "";
 }
 
-bool Withdraw(const HandedOver& message_) {
+bool Withdraw(const HandedOver& message_, const std::string& status_path_) {
+  if (IsTaken(message_, status_path_)) {
+    return false;
+  }
   bool is_removed = unlink((message_.path + message_.file).c_str()) == 0;
   DIR* const listing = opendir(message_.path.c_str());
   while (const dirent* entry = listing == nullptr ? nullptr : readdir(listing)) {

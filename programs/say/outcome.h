@@ -21,5 +21,6 @@ std::optional<MessageRecord> WaitForEnd(const std::string& health_path_, const H
 // The problem with this file that the health file tells, with its remedy; empty: none.
 std::string ReasonOf(const std::string& health_path_, const HandedOver& message_);
 
-// Removes the message if it still waits. False if it was taken already.
-bool Withdraw(const HandedOver& message_);
+// Removes the message if it still waits. False if it was taken already: the file is gone, or the
+// daemon's status names it.
+bool Withdraw(const HandedOver& message_, const std::string& status_path_);

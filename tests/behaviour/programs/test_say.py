@@ -14,6 +14,7 @@ from harness.daemon import PAUSE
 from harness.files import element, publish
 from harness.health import write_health
 from harness.programs import ended, finish, run, start, start_command
+from harness.status import directory_status, status_text
 from harness.wait import wait_until
 
 NAME = re.compile(r"say-\d{8}-\d{6}-\d{9}-\d+")
@@ -422,6 +423,18 @@ def test_message_that_timed_out_is_withdrawn(tmp_path, option, kind, is_there, e
         message.unlink()
     assert finish(process) == (4, "", f"vocastra-say: not {expected}\n")
     assert sorted((tmp_path / "a").iterdir()) == sorted([other] + ([copy] if kind == "s" else []))
+
+
+def test_message_that_waits_for_a_more_urgent_one_was_taken_already(tmp_path):
+    process = start_saying_into(tmp_path, "-w", "-t", 1, "Go")
+    name = answer(tmp_path, "waiting")
+    status = status_text(directories=[directory_status("a", message=(1, name, 0))])
+    (tmp_path / "run/status.xml").write_text(status)
+    copy = tmp_path / "a" / f".station-w-1700000000000000000-{name}"
+    os.rename(tmp_path / "a" / name, copy)
+    why = "vocastra-say: not said within 1 seconds; it was taken already\n"
+    assert finish(process) == (4, "", why)
+    assert copy.exists()
 
 
 @pytest.mark.parametrize("text", ["-5 degrees", "-x", "--no-such-option"])
