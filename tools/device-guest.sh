@@ -70,7 +70,7 @@ memory() {
 most_memory() {
   for look in $(seq "$1"); do
     if [ "${2:-}" ]; then
-      until process=$(pidof "$2"); do :; done
+      until process=$(pidof "$2"); do usleep 10000; done
       usleep $((look * 5000))
       kill -STOP "$process" 2>/dev/null
       memory
