@@ -1,4 +1,4 @@
-"""One table of the figures of mirrors, voice and player, beside those of the former scripts."""
+"""One table of the figures of the companions and the desk, beside those of former scripts."""
 
 import json
 import sys
@@ -8,6 +8,7 @@ HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 
 # pylint: disable=wrong-import-position
+import desk  # noqa: E402
 import mirror  # noqa: E402
 import player  # noqa: E402
 import voice  # noqa: E402
@@ -34,6 +35,13 @@ def measure(libexec, floors=None, smoke=False, runs=50):
     ]
 
 
+def measure_desk(smoke=False):
+    """Rows of the same kind."""
+    if smoke:
+        return desk.measure(runs=1, clients=3, seconds=1, hostile=("-k", "oversized"))
+    return desk.measure()
+
+
 def record_scripts(libexec):
     """Measures the scripts. An alarm waits for them, so there are fewer alarms."""
     values = {
@@ -45,7 +53,7 @@ def record_scripts(libexec):
 def number(value, unit):
     if value is None:
         return ""
-    return f"{value:.2f} {unit}" if value < 100 else f"{value:.0f} {unit}"
+    return (f"{value:.2f} {unit}" if value < 100 else f"{value:.0f} {unit}").rstrip()
 
 
 def line(row, scripts):
@@ -62,12 +70,18 @@ def line(row, scripts):
         number(value, unit),
         number(floor, unit) if floor else "",
         f"{ratio:.2f}" if ratio else "",
-        "" if goal is None else f"{goal}" if is_ratio else f"{goal} {unit}",
+        "" if goal is None else f"{goal}" if is_ratio else f"{goal} {unit}".rstrip(),
         "missed" if is_slow_look or is_missed else "",
     ]
     return "| " + " | ".join(cells) + " |"
 
 
-def table(rows):
+def table(rows, text=HEAD):
+    """The text of a table with these rows instead of those of the same name; new ones come last."""
     scripts = json.loads(SCRIPTS.read_text(encoding="utf-8")) if SCRIPTS.exists() else {}
-    return HEAD + "\n".join(line(row, scripts) for row in rows) + "\n"
+    lines = text.splitlines()
+    for row in rows:
+        same = [i for i, old in enumerate(lines) if old.startswith(f"| {row[0]} |")]
+        at = same[0] if same else len(lines)
+        lines[at : at + 1] = [line(row, scripts)]
+    return "\n".join(lines) + "\n"

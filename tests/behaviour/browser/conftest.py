@@ -3,8 +3,9 @@
 import contextlib
 
 import pytest
-from harness.browser import Browser, Scene
+from harness.browser import Browser
 from harness.desk import PASSWORD
+from harness.scene import Scene
 
 
 @pytest.fixture(scope="session")
