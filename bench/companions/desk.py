@@ -194,7 +194,7 @@ def measure(runs=10, clients=100, seconds=60, hostile=()):
     return [
         (f"desk without clients, wake-ups in {IDLE} s", at_rest, "", 0, 0),
         ("desk after its start, resident memory", at_start, "MiB", 0, 10),
-        ("desk after all that follows, resident memory", resident, "MiB", 0, 10),
+        ("desk after logins, messages and clients, resident memory", resident, "MiB", 0, 10),
         (f"desk with {clients} clients that watch, peak memory", with_clients, "MiB", 0, None),
         (f"desk with {clients} clients that watch, share of a core", share, "%", 0, 5),
         ("POST /say to its first sample, floor: vocastra-say, median", posted, "s", said, None),
