@@ -3,8 +3,6 @@
 
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::SizeIs;
 
 MessageRecord Record(const std::string& file_, MessageRecord::State state_,
