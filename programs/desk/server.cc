@@ -503,9 +503,6 @@ MHD_Result Server::Impl::Reply(MHD_Connection* handle_, Answer answer_) {
   AddHeader(response.get(), "Content-Type", answer_.response.type);
   AddHeader(response.get(), "Cache-Control",
             answer_.is_public ? Format("max-age=%d", kPublicSeconds) : "no-store");
-  if (!answer_.response.location.empty()) {
-    AddHeader(response.get(), "Location", answer_.response.location);
-  }
   if (answer_.response.status == 405) {
     AddHeader(response.get(), "Allow", "GET, HEAD, POST");
   }
@@ -518,6 +515,10 @@ MHD_Result Server::Impl::Reply(MHD_Connection* handle_, Answer answer_) {
         Format("%s=%s; Path=/; HttpOnly; SameSite=Strict; Max-Age=%d%s", cookie.c_str(),
                answer_.session->c_str(), answer_.session->empty() ? 0 : Sessions::kHours * 3600,
                IsSecure() ? "; Secure" : ""));
+  }
+  // The last one: simple clients read no further.
+  if (!answer_.response.location.empty()) {
+    AddHeader(response.get(), "Location", answer_.response.location);
   }
   Connections::ExpectReading(ConnectionOf(handle_), Now());
   return MHD_queue_response(handle_, static_cast<unsigned int>(answer_.response.status),
