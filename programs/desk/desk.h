@@ -32,7 +32,7 @@ class Desk {
   // The page with the form for user and password. why_: of the last try, for people; may be empty.
   std::string LoginPage(const std::string& why_) const;
 
-  // All that the page shows live, one line of JSON. It is the same for all viewers but for their
+  // All that the page shows live, one line of JSON. It is the same for all viewers except for their
   // role and token.
   std::string Events(const Viewer& viewer_);
 
