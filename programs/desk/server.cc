@@ -23,6 +23,7 @@
 #include "clock.h"
 #include "connections.h"
 #include "debug.h"
+#include "descriptor.h"
 #include "format.h"
 #include "forms.h"
 #include "statefile.h"
@@ -48,23 +49,6 @@ constexpr const char* kHeaders[][2] = {{"Content-Security-Policy", kPolicy},
                                        {"Referrer-Policy", "no-referrer"},
                                        {"Cross-Origin-Opener-Policy", "same-origin"},
                                        {"Cross-Origin-Resource-Policy", "same-origin"}};
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd_) : fd(fd_) {}
-  ~Descriptor() {
-    if (fd >= 0) {
-      close(fd);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  operator int() const { return fd; }  // NOLINT(google-explicit-constructor): it is the number.
-
- private:
-  const int fd;
-};
 
 int OpenSignals() {
   sigset_t signals;
@@ -170,8 +154,8 @@ struct Server::Impl {
         streams([this](const std::string& session_) { return EventsOf(session_); }),
         cookie(IsSecure() ? "__Host-desk" : "desk") {
     StartDaemon();
-    Add(signals);
-    Add(notify);
+    Add(signals.fd);
+    Add(notify.fd);
     Add(MHD_get_daemon_info(daemon, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd);
     WatchRun();
   }
@@ -261,7 +245,7 @@ void Server::Impl::StartDaemon() {
 void Server::Impl::Add(int fd_) const {
   epoll_event event = {};
   event.events = EPOLLIN;  // No data: it is no connection.
-  if (epoll_ctl(epoll, EPOLL_CTL_ADD, fd_, &event) != 0) {
+  if (epoll_ctl(epoll.fd, EPOLL_CTL_ADD, fd_, &event) != 0) {
     throw Format("the server does not start: %s", strerror(errno));
   }
 }
@@ -269,7 +253,7 @@ void Server::Impl::Add(int fd_) const {
 // The status file is written in place, ten times a second; it is not among those that are renamed.
 void Server::Impl::WatchRun() {
   if (watch < 0) {
-    watch = inotify_add_watch(notify, settings.run.c_str(),
+    watch = inotify_add_watch(notify.fd, settings.run.c_str(),
                               IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
     is_changed = is_changed || (watch >= 0 && pages.OnRunChanged());
   }
@@ -292,7 +276,7 @@ int Server::Impl::Timeout() const {
 
 void Server::Impl::Turn() {
   epoll_event events[64];
-  const int count = epoll_wait(epoll, events, std::size(events), Timeout());
+  const int count = epoll_wait(epoll.fd, events, std::size(events), Timeout());
   for (int i = 0; i < count; ++i) {
     if (auto* const connection = static_cast<Connection*>(events[i].data.ptr)) {
       connection->has_left = true;
@@ -315,7 +299,7 @@ void Server::Impl::Turn() {
 
 void Server::Impl::TakeSignals() {
   signalfd_siginfo info = {};
-  while (read(signals, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
+  while (read(signals.fd, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
     if (info.ssi_signo == SIGCHLD) {
       pages.OnChild();
       is_changed = true;
@@ -329,12 +313,12 @@ void Server::Impl::TakeNotes() {
   alignas(inotify_event) char buffer[4096];
   bool is_replaced = false;
   ssize_t length = 0;
-  while ((length = read(notify, buffer, sizeof(buffer))) > 0) {
+  while ((length = read(notify.fd, buffer, sizeof(buffer))) > 0) {
     for (const char* at = buffer; at < buffer + length;) {
       const auto* const event = reinterpret_cast<const inotify_event*>(at);
       is_replaced = is_replaced || (event->mask & IN_MOVED_TO) != 0;
       if ((event->mask & IN_MOVE_SELF) != 0) {
-        inotify_rm_watch(notify, watch);  // IN_IGNORED follows.
+        inotify_rm_watch(notify.fd, watch);  // IN_IGNORED follows.
       }
       watch = (event->mask & IN_IGNORED) != 0 ? -1 : watch;
       at += sizeof(inotify_event) + event->len;
@@ -369,7 +353,7 @@ void Server::Impl::OnConnection(void* impl_, MHD_Connection* handle_, void** con
   epoll_event event = {};
   event.events = EPOLLRDHUP | EPOLLET;
   event.data.ptr = &connection;
-  epoll_ctl(impl.epoll, EPOLL_CTL_ADD, fd, &event);
+  epoll_ctl(impl.epoll.fd, EPOLL_CTL_ADD, fd, &event);
 }
 
 MHD_Result Server::Impl::OnRequest(void* impl_, MHD_Connection* handle_, const char* url_,

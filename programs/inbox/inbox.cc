@@ -17,6 +17,7 @@
 
 #include "charencoding.h"
 #include "configuration.h"
+#include "descriptor.h"
 #include "format.h"
 #include "hiddenfile.h"
 #include "statusfile.h"
@@ -40,20 +41,6 @@ struct File {
   Version version;
   double since = 0;      // When this version was seen first.
   bool is_done = false;  // Reported or handed over, but it could not be removed.
-};
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd_) : fd(fd_) {}
-  ~Descriptor() {
-    if (fd >= 0) {
-      close(fd);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  const int fd;
 };
 
 // Thrown for a file that is not handed over.

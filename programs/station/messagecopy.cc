@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "descriptor.h"
 #include "format.h"
 
 namespace {
@@ -19,20 +20,6 @@ constexpr size_t kPrefixLength = sizeof(kPrefix) - 1;
 constexpr size_t kDigits = 19;  // Of the arrival; as many for each, so that names sort by it.
 constexpr size_t kNameStart = kPrefixLength + 2 + kDigits + 1;
 constexpr off_t kMaxBytes = 1 << 20;
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd_) : fd(fd_) {}
-  ~Descriptor() {
-    if (fd >= 0) {
-      close(fd);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  const int fd;
-};
 
 bool CopyBytes(const std::string& from_, const std::string& to_) {
   const Descriptor from(open(from_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
