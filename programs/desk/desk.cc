@@ -296,7 +296,7 @@ Response Desk::Impl::SendPreview(const Request& request_, const Viewer& viewer_)
   std::string wav;
   switch (previews.Get(viewer_.user, static_cast<int>(number), wav)) {
     case Previews::kRunning:
-      return PlainResponse(kAccepted, "text/plain; charset=utf-8", "It is being made.\n");
+      return PlainResponse(kAccepted, "text/plain; charset=utf-8", "The preview is being made.\n");
     case Previews::kReady:
       return PlainResponse(kOk, "audio/wav", std::move(wav));
     case Previews::kFailed:
@@ -377,7 +377,7 @@ Response Desk::Impl::Route(const Request& request_, const Viewer& viewer_) {
     throw Refusal{kNotFound, "There is no such page."};
   }
   if (request_.method != found->second.method) {
-    throw Refusal{kNotAllowed, "This cannot be asked so."};
+    throw Refusal{kNotAllowed, "This page does not allow that method."};
   }
   if (viewer_.role < found->second.role) {
     throw Refusal{kForbidden, "You may not do this."};
@@ -408,7 +408,7 @@ Response Desk::Handle(const Request& request_, const Viewer& viewer_) {
     return impl->Refused(request_, viewer_, {kUnusable, why});
   } catch (const std::exception& e) {
     Tell(request_.path + ": " + e.what());
-    return PlainResponse(kBroken, "text/plain; charset=utf-8", "This does not work now.\n");
+    return PlainResponse(kBroken, "text/plain; charset=utf-8", "The request failed.\n");
   }
 }
 

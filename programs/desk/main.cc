@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "addresses.h"
 #include "commandline.h"
@@ -68,25 +69,27 @@ Program MakeProgram(Options& options_) {
       "Usage: vocastra-desk [OPTION...]\n"
       "       vocastra-desk --add-user NAME [--role ROLE] [--users FILE]\n"
       "Serves a web page for the people who announce.\n\n",
-      {{0, "listen", "ADDRESS:PORT", std::string("Where (default ") + kDefaultListen + ")",
-        Keep(options_.listen)},
+      {{0, "listen", "ADDRESS:PORT",
+        std::string("Address of the page (default ") + kDefaultListen + ")", Keep(options_.listen)},
        {0, "tls-certificate", "FILE", "Certificate and its chain, in PEM",
         Keep(options_.certificate)},
        {0, "tls-key", "FILE", "Key of the certificate, in PEM", Keep(options_.key)},
        {0, "behind-proxy", "", "A proxy does TLS and names the clients",
         Set(options_.is_behind_proxy)},
-       {0, "run", "DIR", "Directory of the station (default " VOCASTRA_RUN_DIR ")",
+       {0, "run", "DIR", "The station's run directory (default " VOCASTRA_RUN_DIR ")",
         Keep(options_.paths.run)},
-       {0, "state", "DIR", "For the history (default " VOCASTRA_DESK_STATE_DIR ")",
+       {0, "state", "DIR", "Directory of the history (default " VOCASTRA_DESK_STATE_DIR ")",
         Keep(options_.paths.state)},
-       {0, "templates", "FILE", "Templates (default " VOCASTRA_DESK_TEMPLATES_FILE ")",
+       {0, "templates", "FILE", "The templates' file (default " VOCASTRA_DESK_TEMPLATES_FILE ")",
         Keep(options_.paths.templates)},
-       {0, "translator", "PROGRAM", "For previews (default " VOCASTRA_DESK_TRANSLATOR ")",
+       {0, "translator", "PROGRAM",
+        "Translator for previews (default " VOCASTRA_DESK_TRANSLATOR ")",
         Keep(options_.paths.translator)},
-       {0, "users", "FILE", "Users (default " VOCASTRA_DESK_USERS_FILE ")", Keep(options_.users)},
-       {0, "add-user", "NAME", "Add a user, or change the password", Keep(options_.new_user)}},
+       {0, "users", "FILE", "The users' file (default " VOCASTRA_DESK_USERS_FILE ")",
+        Keep(options_.users)},
+       {0, "add-user", "NAME", "Add a user, or change a user's password", Keep(options_.new_user)}},
       "Exit status: 0 stopped by a signal, or user added; 1 failed; 2 wrong use.\n"};
-  program.options.push_back({0, "role", "ROLE", "Of that user: look, say (default) or operate",
+  program.options.push_back({0, "role", "ROLE", "Role of that user: look, say (default) or operate",
                              [&options_](const char* text_) {
                                try {
                                  options_.role = RoleOf(text_);
@@ -100,8 +103,9 @@ Program MakeProgram(Options& options_) {
 Options ParseOptions(int argc_, char** argv_) {
   Options options;
   const Program program = MakeProgram(options);
-  if (!ParseCommandLine(program, argc_, argv_).empty()) {
-    FailUsage(program, "there are no operands");
+  const std::vector<std::string> operands = ParseCommandLine(program, argc_, argv_);
+  if (!operands.empty()) {
+    FailUsage(program, "unknown argument \"" + operands.front() + "\"");
   }
   if (options.role && options.new_user.empty()) {
     FailUsage(program, "--role goes with --add-user");
@@ -112,7 +116,7 @@ Options ParseOptions(int argc_, char** argv_) {
   try {
     const bool is_open = !IsLoopback(ParseListenAddress(options.listen));
     if (is_open && options.certificate.empty() && !options.is_behind_proxy) {
-      FailUsage(program, "others could read the passwords on their way to " + options.listen +
+      FailUsage(program, "without TLS, others could read passwords sent to " + options.listen +
                              ": give a certificate and a key, or --behind-proxy");
     }
   } catch (const std::string& why) {

@@ -27,7 +27,7 @@ std::string Token(const PageContent& content_) {
 
 std::string TextOf(const Entry& entry_) {
   if (entry_.text.empty()) {
-    return "<i>A message whose text is not known (" + Html(entry_.file) + ")</i>";
+    return "<i>Text not known (" + Html(entry_.file) + ")</i>";
   }
   return Html(entry_.text) + (entry_.is_whole ? "" : " …");
 }
@@ -65,7 +65,7 @@ std::pair<const char*, std::string> FateOf(const Entry& entry_) {
     case MessageRecord::kSaid:
       return {"open", "said"};
     case MessageRecord::kFailed:
-      return {"bad", Format("not heard in full: %d of %d parts failed", entry_.failed,
+      return {"bad", Format("not heard in full: %d of %d pieces failed", entry_.failed,
                             entry_.failed + entry_.pieces)};
     case MessageRecord::kDropped:
       return {"bad", "not heard"};
@@ -143,14 +143,14 @@ std::string ProblemsPart(const PageContent& content_) {
   std::string items;
   if (!view.is_running) {
     items = ProblemItem("The device does not speak: its service does not run",
-                        "Ask whoever looks after it to start the service vocastra", 0, 0);
+                        "Ask the operator to start the service vocastra", 0, 0);
   } else {
     for (const Problem& problem : view.health.problems) {
       items += ProblemItem(problem.sentence, problem.remedy, problem.since, content_.now);
     }
     if (view.configuration && view.state != "run") {
-      items += ProblemItem("The device is switched off",
-                           "Messages wait until the state in its configuration is \"run\"", 0, 0);
+      items += ProblemItem("The configuration has switched speech off",
+                           "Messages wait until its attribute state is \"run\"", 0, 0);
     }
   }
   return items.empty() ? "" : "<h2>Problems</h2><ul>" + items + "</ul>";
@@ -453,7 +453,7 @@ std::string Card(const std::string& title_, const std::string& content_) {
 }
 
 std::string DirectoryTable(const View& view_) {
-  std::vector<Row> rows = {{"Directory", "Type", "Priority", "Repeats", "Takes messages here"}};
+  std::vector<Row> rows = {{"Directory", "Type", "Priority", "Repeats", "Can be used here"}};
   for (const DirectoryView& directory : view_.directories) {
     rows.push_back({Html(directory.id), Html(directory.type), Format("%d", directory.priority),
                     Format("%d", directory.loops), directory.can_say ? "yes" : "no"});
@@ -498,7 +498,7 @@ std::string DevicePage(const PageContent& content_) {
   page += Card("Directories", DirectoryTable(view));
   page += Card("Since the start", Table(counters));
   if (!mistakes.empty()) {
-    page += Card("Templates that are left out", "<ul>" + mistakes + "</ul>");
+    page += Card("Mistakes in templates", "<ul>" + mistakes + "</ul>");
   }
   return page + "</main></body></html>\n";
 }

@@ -62,7 +62,7 @@ std::string ReadPassword() {
   const Silence silence;
   std::string password = Ask("Password: ");
   if (Ask("Again: ") != password) {
-    throw std::string("the two differ");
+    throw std::string("the two passwords differ");
   }
   return password;
 }

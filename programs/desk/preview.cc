@@ -156,7 +156,7 @@ int Previews::Start(const std::string& user_, const std::string& snippet_,
   }
   const auto runs = [](const auto& item_) { return item_.second.pid != 0; };
   if (std::count_if(previews.begin(), previews.end(), runs) >= static_cast<int>(kMaxRunning)) {
-    throw std::string("Others are listening first now. Try again in a moment.");
+    throw std::string("Other previews are being made. Try again in a moment.");
   }
   while (previews.size() >= kMaxKept) {
     Drop(std::find_if_not(previews.begin(), previews.end(), runs)->first);

@@ -333,7 +333,7 @@ std::string Server::Impl::EventsOf(const std::string& session_) noexcept {
     const std::optional<Viewer> viewer = gate.Find(session_, Now());
     return viewer ? pages.Events(*viewer) : "";
   } catch (const std::string& why) {
-    Debug(kDebugNormal, "There is no event: %s", why.c_str());
+    Debug(kDebugNormal, "Cannot make an event: %s", why.c_str());
     return "";
   }
 }
@@ -424,7 +424,7 @@ std::optional<Answer> Server::Impl::Screen(MHD_Connection* handle_, const char* 
                                            Exchange& exchange_) {
   Request& request = exchange_.visit.request;
   if (request.method != "GET" && request.method != "POST") {
-    return Refuse(request, 405, "There are only GET, HEAD and POST.");
+    return Refuse(request, 405, "Only GET, HEAD and POST are allowed.");
   }
   if (strlen(url_) > kMaxPath) {
     return Refuse(request, 414, "The path is too long.");
@@ -432,22 +432,22 @@ std::optional<Answer> Server::Impl::Screen(MHD_Connection* handle_, const char* 
   try {
     request.path = DecodePath(url_);
   } catch (const std::string&) {
-    return Refuse(request, 400, "The path is no text.");
+    return Refuse(request, 400, "The path is not valid.");
   }
   if (request.method == "POST") {
     if (IsFromElsewhere(handle_)) {
-      return Refuse(request, 403, "The form is of another site.");
+      return Refuse(request, 403, "The form comes from another site.");
     }
     exchange_.limit = gate.BodyLimit(exchange_.visit, Now());
     if (exchange_.limit == 0) {
       return gate.Handle(exchange_.visit, Now());
     }
     if (!IsForm(handle_)) {
-      return Refuse(request, 415, "Only forms are read.");
+      return Refuse(request, 415, "Only forms are accepted.");
     }
   }
   if (AnnouncedLength(handle_).value_or(0) > exchange_.limit) {
-    return Refuse(request, 413, "That is too much.");
+    return Refuse(request, 413, "The request is too large.");
   }
   return std::nullopt;
 }
@@ -463,7 +463,7 @@ Answer Server::Impl::Finish(Exchange& exchange_) {
   try {
     request.form = ParseForm(std::exchange(exchange_.body, ""));
   } catch (const std::string&) {
-    return Refuse(request, 400, "The form is no text.");
+    return Refuse(request, 400, "The form is not valid.");
   }
   try {
     Answer answer = gate.Handle(exchange_.visit, Now());
@@ -472,7 +472,7 @@ Answer Server::Impl::Finish(Exchange& exchange_) {
   } catch (const std::string& why) {
     Debug(kDebugNormal, "%s %s failed: %s", request.method.c_str(), request.path.c_str(),
           why.c_str());
-    return Refuse(request, 500, "That failed; the log of the desk says why.");
+    return Refuse(request, 500, "The request failed; see the log of the desk.");
   }
 }
 
@@ -512,7 +512,7 @@ MHD_Result Server::Impl::Reply(MHD_Connection* handle_, Answer answer_) {
 MHD_Result Server::Impl::Stream(MHD_Connection* handle_, const Exchange& exchange_) {
   Connection& connection = ConnectionOf(handle_);
   if (!connections.Watch(connection)) {
-    return Reply(handle_, Refuse(exchange_.visit.request, 503, "Too many watch."));
+    return Reply(handle_, Refuse(exchange_.visit.request, 503, "Too many pages are open."));
   }
   const OwnedResponse response(streams.Open(handle_, connection, exchange_.visit.session));
   if (response == nullptr) {

@@ -87,21 +87,21 @@ std::string Hashed(const std::string& password_, const std::string& setting_) {
 std::string NewHash(const std::string& password_) {
   char setting[CRYPT_GENSALT_OUTPUT_SIZE];
   if (crypt_gensalt_rn(kMethod, kCost, nullptr, 0, setting, sizeof(setting)) == nullptr) {
-    throw Format("no hash: %s", strerror(errno));
+    throw Format("cannot hash the password: %s", strerror(errno));
   }
   std::string hash = Hashed(password_, setting);
   if (hash.empty()) {
-    throw Format("no hash: %s", strerror(errno));
+    throw Format("cannot hash the password: %s", strerror(errno));
   }
   return hash;
 }
 
 void CheckPassword(const std::string& password_) {
   if (password_.size() < kMinPassword || password_.size() > kMaxPassword) {
-    throw Format("a password has %zu to %zu bytes", kMinPassword, kMaxPassword);
+    throw Format("a password must have %zu to %zu bytes", kMinPassword, kMaxPassword);
   }
   if (!IsCleanText(password_, false)) {
-    throw std::string("a password is UTF-8 without control characters");
+    throw std::string("a password must be UTF-8 without control characters");
   }
 }
 
@@ -228,7 +228,7 @@ void Users::Read() {
 void AddUser(const std::string& path_, const std::string& name_, const std::string& password_,
              const Role* role_, const char* group_) {
   if (!IsUserName(name_)) {
-    throw "\"" + name_ + "\" is no name for a user";
+    throw "\"" + name_ + "\" cannot be the name of a user";
   }
   CheckPassword(password_);
   Role role = role_ == nullptr ? Role::kSay : *role_;

@@ -88,13 +88,14 @@ TEST_F(UsersTest, RejectsNamesAndPasswords) {
   for (const std::string& name :
        {std::string(), std::string("a:b"), std::string("a\nb"), std::string(" a"),
         std::string("#a"), std::string("\xFF"), std::string(kMaxUserName + 1, 'a')}) {
-    EXPECT_EQ("\"" + name + "\" is no name for a user", ThrownText([&] { Add(name, "12345678"); }));
+    EXPECT_EQ("\"" + name + "\" cannot be the name of a user",
+              ThrownText([&] { Add(name, "12345678"); }));
   }
   for (const std::string& password :
        {std::string(kMinPassword - 1, 'a'), std::string(kMaxPassword + 1, 'a')}) {
-    EXPECT_EQ("a password has 8 to 256 bytes", ThrownText([&] { Add("anna", password); }));
+    EXPECT_EQ("a password must have 8 to 256 bytes", ThrownText([&] { Add("anna", password); }));
   }
-  EXPECT_EQ("a password is UTF-8 without control characters",
+  EXPECT_EQ("a password must be UTF-8 without control characters",
             ThrownText([&] { Add("anna", "1234567\x03"); }));
   EXPECT_FALSE(Exists(path));
 }

@@ -135,7 +135,7 @@ TEST_F(DeskTest, RequestsThatAreRefused) {
       {"/again", {{"id", "1"}}, "404 This message is no longer known."},
       {"/again", {}, "404 This message is no longer known."},
       {"/withdraw", {{"id", "1x"}}, "404 This message is no longer known."},
-      {"/", {}, "405 This cannot be asked so."},
+      {"/", {}, "405 This page does not allow that method."},
       {"/x", {}, "404 There is no such page."}};
   for (const Row& row : rows) {
     EXPECT_EQ(row.answer, Answer(row.path, row.form)) << row.path;
