@@ -78,10 +78,9 @@ std::vector<ProgramOption> MakeTable(Options& options_, const Program& program_)
        [&](const char* text_) { options_.except = Ids(text_); }},
       {0, "config", "FILE", "The daemon's configuration, for priorities", Keep(options_.config)},
       {0, "status", "FILE", "The daemon's status file", Keep(options_.status)},
-      {0, "after-piece", "", "Do not interrupt a file for a more urgent one",
-       Set(player.after_piece)},
-      {0, "state", "FILE", "Tell in this file what plays and what waits", Keep(player.state_path)},
-      {0, "run", "DIR", "Stands for DIR/out, DIR/status.xml and DIR/player", Keep(options_.run)},
+      {0, "after-piece", "", "Let a file end before a more urgent one", Set(player.after_piece)},
+      {0, "state", "FILE", "Write to this file what plays and what waits", Keep(player.state_path)},
+      {0, "run", "DIR", "Use DIR/out, DIR/status.xml and DIR/player", Keep(options_.run)},
       {0, "begin", "COMMAND", "Run before sound begins", Keep(player.begin)},
       {0, "end", "COMMAND", "Run when sound has ended", Keep(player.end)},
       {0, "until-empty", "", "End as soon as nothing waits", Set(player.until_empty)},
@@ -102,7 +101,7 @@ Options ParseOptions(int argc_, char** argv_) {
   program.options = MakeTable(options, program);
   const std::vector<std::string> operands = ParseCommandLine(program, argc_, argv_);
   if (operands.size() + (options.run.empty() ? 0 : 1) != 1) {
-    FailUsage(program, "one directory is needed; see --help");
+    FailUsage(program, "name one directory; see --help");
   }
   const auto in_run = [&](std::string& path_, const char* name_) {
     path_ = path_.empty() && !options.run.empty() ? options.run + "/" + name_ : path_;

@@ -130,9 +130,9 @@ int main(int argc, char** argv) {
       "vocastra-apply",
       kNoStation,
       "Usage: vocastra-apply [--run DIR] [FILE]\n"
-      "Has the station check and apply the edited configuration and glossary now.\n"
-      "With FILE, checks that and puts it into the place of the edited configuration first.\n\n",
-      {{'r', "run", "DIR", "The station's directory (default " + run + ")", Keep(run)}},
+      "Asks the station to check and apply the edited configuration and glossary now.\n"
+      "With FILE, first checks that file and replaces the edited configuration by it.\n\n",
+      {{'r', "run", "DIR", "The station's run directory (default " + run + ")", Keep(run)}},
       "Exit status: 0 applied; 1 refused; 2 wrong use, or no station.\n"};
   try {
     const std::vector<std::string> operands = ParseCommandLine(program, argc, argv);

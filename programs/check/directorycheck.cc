@@ -183,7 +183,8 @@ class DirectoryCheck {
     const bool has_bumper = !TextOf(element, "bumper-path").empty();
     const bool has_spacer = !TextOf(element, "spacer-path").empty();
     if (has_bumper && !has_spacer) {
-      findings.Warning(place, "bumper without spacer: the daemon copies a spacer from nowhere",
+      findings.Warning(place,
+                       "bumper without spacer: the daemon tries to copy a spacer without a path",
                        "Add \"spacer-path\"");
     } else if (has_spacer && !has_bumper) {
       findings.Warning(place, "spacer without bumper is never played", "Add \"bumper-path\"");
@@ -208,7 +209,7 @@ class DirectoryCheck {
       if (!why.empty()) {
         findings.Warning(
             place, name_ + " " + Quoted(path_) + " is no sound that the player can play: " + why,
-            "Make it WAV, or raw samples as the translator's");
+            "Use WAV, or raw samples in the translator's format");
       }
     }
     uses.AddFile(place, name_, path_);
@@ -291,7 +292,7 @@ class DirectoryCheck {
       findings.Warning(
           place,
           Quoted(path_) + " is sticky: files of others cannot be removed, and are then not spoken",
-          "Take its sticky bit away, or give it to the daemon's user");
+          "Remove its sticky bit, or make the daemon's user its owner");
     }
   }
 

@@ -155,7 +155,7 @@ Document::Document(const std::string& path_, const std::string& root_name_, Find
     }
     findings_.Error({path_, reader.error_line, root_name_},
                     "the file ends early, inside <" + name + "> of line " + std::to_string(line) +
-                        "; the daemon would take what is there for all",
+                        "; the daemon would use the part that is there",
                     "Restore the rest of the file");
   }
   if (reader.invalid_line != 0) {
@@ -227,7 +227,8 @@ std::string Document::RemedyFor(const TagReader& reader_) const {
   if (reader_.has_bare_ampersand) {
     return "Write \"&amp;\" for each \"&\" at that line";
   }
-  return reader_.error.empty() ? "Name the root element so" : "Correct the XML at that line";
+  return reader_.error.empty() ? "Correct the name of the root element"
+                               : "Correct the XML at that line";
 }
 
 // Both go through the elements in the order of start tags.

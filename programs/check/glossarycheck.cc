@@ -54,7 +54,7 @@ void CheckWord(const Document& document_, const XMLElement& word_, std::set<std:
   }
   const std::string why = WhyNeverMatches(text);
   if (!why.empty()) {
-    findings_.Warning(place, "never matches: " + why, "Write the word as it stands by itself");
+    findings_.Warning(place, "never matches: " + why, "Write the word as the daemon looks it up");
   } else if (!texts_.insert(text).second) {
     findings_.Warning(place, "an earlier entry has this text; this one is ignored", "Remove it");
   }

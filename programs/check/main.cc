@@ -28,7 +28,7 @@ std::vector<ProgramOption> OptionTable(CheckOptions& options_, std::string& rate
       table.push_back({letter, entry.name, entry.argument, "", Keep(options_.config_path)});
     } else if (letter == 'g') {
       table.push_back(
-          {letter, entry.name, "FILE", "Look at this glossary, too", Keep(options_.glossary_path)});
+          {letter, entry.name, "FILE", "Check this glossary too", Keep(options_.glossary_path)});
     } else if (letter != 'h') {
       table.push_back(
           {letter, entry.name, entry.argument, "",
@@ -36,7 +36,7 @@ std::vector<ProgramOption> OptionTable(CheckOptions& options_, std::string& rate
     }
   }
   table.push_back({'r', "rate", "HZ", "The player's rate, unless it is 22050", Keep(rate_)});
-  table.push_back({'v', "verbose", "", "Say so when there is nothing to say", Set(is_verbose_)});
+  table.push_back({'v', "verbose", "", "Print a line if there are no findings", Set(is_verbose_)});
   return table;
 }
 
@@ -46,12 +46,12 @@ CheckOptions ParseOptions(int argc_, char** argv_, bool& is_verbose_) {
   const Program program = {
       "vocastra-check", static_cast<int>(Verdict::kErrors),
       "Usage: vocastra-check CONFIG [-v] [-g GLOSSARY] [-r HZ] [options of the daemon]\n"
-      "Says what the vocastra daemon would refuse or do silently.\n\n",
+      "Reports what the vocastra daemon would refuse, ignore or treat in an unexpected way.\n\n",
       OptionTable(options, rate, is_verbose_),
       "Of the daemon's options, -c CONFIG means the same as CONFIG; with any of -d -f -i -o -p -s\n"
-      "-t -w the daemon's whole command line is judged. Run it as the daemon's user.\n\n"
+      "-t -w the daemon's whole command line is checked. Run it as the daemon's user.\n\n"
       "Findings go to standard error: FILE:LINE: error|warning: ELEMENT: what is wrong. Remedy.\n"
-      "Exit status: 0 clean; 1 warnings; 2 errors, or wrong use.\n"};
+      "Exit status: 0 no findings; 1 warnings; 2 errors, or wrong use.\n"};
   const std::vector<std::string> operands = ParseCommandLine(program, argc_, argv_);
   if (!operands.empty()) {
     options.config_path = operands.front();

@@ -105,9 +105,9 @@ std::string RemedyForDirectory(const std::string& path_) {
   const auto is_in = [&](const char* place_) { return real == place_ || IsBelow(real, place_); };
   const bool is_service = getenv("INVOCATION_ID") != nullptr;  // systemd sets it.
   if (!is_service || is_in("/run/vocastra") || is_in("/var/spool/vocastra")) {
-    return "Make the directory, for the daemon's user";
+    return "Create the directory for the daemon's user";
   }
-  return "Use a directory below /var/spool/vocastra; or make it, for the daemon's user, and let "
+  return "Use a directory below /var/spool/vocastra; or create it for the daemon's user, and let "
          "the "
          "service write there, by \"systemctl edit vocastra\" with the lines [Service] and "
          "ReadWritePaths=" +
@@ -180,7 +180,7 @@ void PathUses::Check(Findings& findings_) const {
     }
     for (const Use* file : group.empty() ? files_in[directory.real] : std::vector<const Use*>()) {
       findings_.Error(file->place,
-                      file->role + " " + Quoted(file->path) + " lies in the " + directory.role +
+                      file->role + " " + Quoted(file->path) + " is in the " + directory.role +
                           " of " + directory.place.item + ", where files are taken or removed",
                       "Move it elsewhere");
     }
@@ -219,8 +219,8 @@ void PathUses::CheckAbove(const Use& inner_, const Groups& groups_, Findings& fi
       findings_.Warning(second.place,
                         second.role + " " + Quoted(second.path) + " and the " + first.role + " " +
                             Quoted(first.path) + " of " + first.place.item +
-                            " lie one inside the other",
-                        "Keep them apart");
+                            " are one inside the other",
+                        "Use separate directories");
       return;
     }
   }

@@ -37,14 +37,15 @@ InboxSettings ParseOptions(int argc_, char** argv_) {
       "Hands files in the directory INBOX over to the vocastra daemon when they are\n"
       "complete, for producers that cannot rename. Runs until it gets a signal.\n\n",
       {},
-      "Exit status: 0 after SIGTERM, SIGINT or SIGHUP; 2 wrong use.\n"};
+      "Exit status: 0 after SIGTERM, SIGINT or SIGHUP; 1 no memory; 2 wrong use.\n"};
   program.options = {
       {'c', "config", "FILE", "The daemon's configuration (default " VOCASTRA_CONFIG_FILE ")",
        Keep(settings.config_path)},
       {0, "run", "DIR", "Hand over only while status.xml in DIR shows the directory",
        Keep(run_directory)},
       {0, "settle", "SECONDS",
-       Format("For how long a file has not changed (default %d)", settings.settle_seconds),
+       Format("Time without a change until a file is complete (default %d)",
+              settings.settle_seconds),
        [&](const char* text_) {
          settings.settle_seconds = ParseSeconds(text_, 0);
          if (settings.settle_seconds < 0) {

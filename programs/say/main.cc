@@ -146,15 +146,15 @@ Options ParseOptions(int argc_, char** argv_) {
        [&](const char* id_) { options.directory_id = id_; }},
       {'e', "encoding", "NAME", "Write ascii, utf8 or utf16, whatever the configuration says",
        take_encoding},
-      {'r', "raw", "", "Hand the bytes over as they are, an XML document for instance",
+      {'r', "raw", "", "Hand the bytes over as they are, such as an XML document",
        Set(options.is_raw)},
       {'w', "wait", "", "Wait until all audio of the message has been made",
        Set(options.is_waiting)},
-      {0, "heard", "", "Wait until the message was played", Set(options.is_listening)},
+      {0, "heard", "", "Wait until the player has played all of it", Set(options.is_listening)},
       {'q', "queue", "", "Hand over even if the service does not run", Set(options.is_queueing)},
       {0, "run", "DIR", "The station's run directory (default " + options.run + ")",
        Keep(options.run)},
-      {'t', "timeout", "SECONDS", Format("Longest wait; 0: none (default %d)", kDefaultTimeout),
+      {'t', "timeout", "SECONDS", Format("Longest wait; 0: no limit (default %d)", kDefaultTimeout),
        take_timeout}};
   options.words = ParseCommandLine(program, argc_, argv_);
   return options;

@@ -359,7 +359,7 @@ std::string Copies::Report() const {
     report += file.result;
   }
   if (applied_limit != 0) {
-    report += "The daemon has not taken it yet.\n";
+    report += "The daemon does not use it yet.\n";
   }
   return report;
 }

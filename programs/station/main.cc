@@ -351,7 +351,7 @@ void Station::WatchDaemon() {
       break;
     case Watchdog::kHung:
       if (!is_hung) {
-        log.Say(Severity::kError, "The daemon does not go on; it is killed and started again", now);
+        log.Say(Severity::kError, "The daemon hangs; it is killed and started again", now);
         is_hung = true;
         Tell();
       }
@@ -368,7 +368,7 @@ void Station::OnDaemonEnd() {
             now);
     if (!status) {
       problems.Set("daemon-ends", "The daemon ends after its start: " + last_line,
-                   "Fix the cause; it is tried again");
+                   "Fix the cause; the station starts it again");
     }
   }
   spool.OnDaemonEnd();
@@ -554,12 +554,11 @@ Settings ParseSettings(int argc_, char** argv_) {
     };
   };
   program.options = {
-      {'r', "run", "DIR", "Directory of the files at run time (default " + settings.run + ")",
-       Keep(settings.run)},
+      {'r', "run", "DIR", "Run directory (default " + settings.run + ")", Keep(settings.run)},
       {'k', "keep", "DIR", "Keep the last usable configuration and glossary there",
        Keep(settings.keep)},
       {'a', "age", "SECONDS",
-       Format("Older messages do not survive a restart; 0: none (default %d)", settings.age),
+       Format("Do not say older messages after a restart (default %d)", settings.age),
        seconds(settings.age, 0)},
       {'d', "drain", "SECONDS",
        Format("Longest wait for the player before a start (default %d)", settings.drain),
@@ -567,7 +566,7 @@ Settings ParseSettings(int argc_, char** argv_) {
       {'t', "translator-limit", "SECONDS",
        Format("Longest run of the translator (default %d)", settings.translator_limit),
        seconds(settings.translator_limit, 1)},
-      {'n', "no-player", "", "No player is expected", Set(settings.has_no_player)},
+      {'n', "no-player", "", "Do not report that there is no player", Set(settings.has_no_player)},
       {'R', "raw", "", "Pass on the whole log of the daemon", Set(settings.is_raw)}};
   settings.daemon = ParseCommandLine(program, argc_, argv_);
   if (settings.daemon.empty()) {

@@ -64,7 +64,7 @@ constexpr Kind kKinds[] = {
     {"glossary-refused", nullptr},
     {"daemon-dead", "See the log; the station starts it again"},
     {"daemon-hung", "Wait for the station to start it again, or restart the service"},
-    {"daemon-failing", "Look the line up in the log's manual, and remove the cause"},
+    {"daemon-failing", "Look the line up in /usr/share/doc/vocastra/log.md, and remove the cause"},
     {"helper-dead",
      "Correct the directory's attributes if they are the cause; restart the service"},
     {"input-missing", "Create the directory for the daemon's user, or correct path and subdir"},
@@ -76,11 +76,12 @@ constexpr Kind kKinds[] = {
     {"no-text", nullptr},
     {"not-queued", nullptr},
     {"not-removed", nullptr},
-    {"output-failing", "See the log for the command, and run it by hand"},
+    {"output-failing", "Run the command in the log by hand"},
     {"output-full", "Remove files from the file system, or make it larger"},
     {"output-gone", "Restart the service, which creates it, or create it for the daemon's user"},
     {"output-read-only", "Let the daemon's user write to the directory"},
-    {"output-replaced", "Wait for the station to restart the daemon; empty the directory instead"},
+    {"output-replaced",
+     "Wait for the station to restart the daemon; next time, empty the directory instead"},
     {"player-stopped", "Restart the player: systemctl restart vocastra-player"},
     {"remote", "Check network, server, login and keys"},
     {"tmp-full", "Remove files from /tmp, or make it larger"},
@@ -327,7 +328,7 @@ void Problems::Impl::CheckDaemon(const View& view_) {
     if (Now() - last_line_time > kSilent) {
       Find("daemon-hung", "", Format("The daemon has done nothing for %.0f s", view_.still));
     } else if (!repeated_line.empty() && !Has("")) {
-      Find("daemon-failing", "", "The daemon can finish no pass: " + repeated_line);
+      Find("daemon-failing", "", "Each pass of the daemon fails: " + repeated_line);
     }
   }
 }
@@ -356,7 +357,7 @@ void Problems::Impl::CheckOutput(int daemon_) {
   const std::string& path = options.output_directory_path;
   struct stat now {};
   const bool is_there = stat(path.c_str(), &now) == 0;
-  const std::string why = is_there ? "it is no directory" : strerror(errno);
+  const std::string why = is_there ? "it is not a directory" : strerror(errno);
   if (daemon_ != daemon) {
     daemon = daemon_;
     output = now;
@@ -369,7 +370,7 @@ void Problems::Impl::CheckOutput(int daemon_) {
   if (!is_there || !S_ISDIR(now.st_mode)) {
     Find("output-gone", "", name + " is gone: " + why);
   } else if (daemon != 0 && (now.st_ino != output.st_ino || now.st_dev != output.st_dev)) {
-    Find("output-replaced", "", name + " is another one than at the daemon's start");
+    Find("output-replaced", "", name + " was replaced after the daemon's start");
   } else if (access(path.c_str(), R_OK | W_OK | X_OK) != 0) {
     Find("output-read-only", "", name + " cannot be used: " + strerror(errno));
   } else if (!(full = WhyFull(path)).empty()) {
@@ -401,7 +402,7 @@ void Problems::Impl::CheckPlayer(const XMLElement* status_) {
     Find("no-sound-device", "", "The player has no sound device " + state.device);
   } else if (!IsPlayerBusy(state, status_)) {
     Find("player-stopped", "",
-         Format("Files wait, and the player, process %d, does not go on", state.pid));
+         Format("Files wait, and the player, process %d, plays nothing new", state.pid));
   }
 }
 

@@ -159,16 +159,15 @@ Options ParseOptions(int argc_, char** argv_) {
       "vocastra-status",
       kWrongUse,
       "Usage: vocastra-status [-f] [--json | --metrics] [-l SECONDS] [-r DIR | FILE]\n"
-      "Shows the status of the vocastra daemon.\n\n",
-      {{'f', "follow", "", "Go on and show every change", Set(options.is_following)},
+      "Shows the state of the vocastra service, and problems with their remedies.\n\n",
+      {{'f', "follow", "", "Show every change until a signal", Set(options.is_following)},
        {'j', "json", "", "One line of JSON instead of a table", Set(options.is_json)},
        {'m', "metrics", "", "OpenMetrics text instead of a table", Set(options.is_metrics)},
-       {'r', "run", "DIR", "Directory of the station (default " VOCASTRA_RUN_DIR ")",
+       {'r', "run", "DIR", "The station's run directory (default " VOCASTRA_RUN_DIR ")",
         Keep(options.run)}},
       "FILE is the status file of a daemon without a station.\n"
-      "Exit status: 0 fine; 1 a problem; 2 not running, or hung; 3 wrong use, or standard output "
-      "is\n"
-      "gone.\n"};
+      "Exit status: 0 no problem; 1 a problem; 2 the daemon does not run or hangs, or its status\n"
+      "is stale; 3 wrong use, or standard output is gone.\n"};
   program.options.push_back(
       {'l', "limit", "SECONDS",
        Format("Time without a new status that counts as stale (default %d)", kDefaultLimit),
@@ -183,7 +182,7 @@ Options ParseOptions(int argc_, char** argv_) {
     FailUsage(program, "more than one status file");
   }
   if (options.is_metrics && (options.is_json || options.is_following)) {
-    FailUsage(program, "--metrics does not go with --json and --follow");
+    FailUsage(program, "--metrics cannot be used with --json or --follow");
   }
   if (!operands.empty()) {
     options.path = operands.front();

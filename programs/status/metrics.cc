@@ -83,7 +83,7 @@ std::string ToMetrics(const Report& report_) {
   Metrics metrics;
   metrics.Begin("up", "gauge", "1: the daemon runs and is not hung.");
   metrics.Add(report_.is_running ? 1 : 0);
-  metrics.Begin("problems", "gauge", "Reasons for which messages may not be heard.");
+  metrics.Begin("problems", "gauge", "Reasons why messages may not be heard.");
   metrics.Add(static_cast<long long>(report_.problems.size()));
   metrics.Begin("problem", "gauge", "1: the problem is there.");
   for (const Problem& problem : report_.problems) {

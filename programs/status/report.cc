@@ -221,7 +221,7 @@ Report MakeReport(Health health_, std::unique_ptr<XMLElement> status_,
     report.problems.push_back({"no-daemon",
                                !has_station          ? "no daemon: the station has ended"
                                : health_.daemon == 0 ? "no daemon: the station has not started it"
-                                                     : "the daemon does not go on",
+                                                     : "the daemon hangs",
                                kStartIt, 0});
   }
   report.status = std::move(status_);

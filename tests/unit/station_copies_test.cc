@@ -249,7 +249,7 @@ TEST_F(CopiesTest, ConfigurationThatTheDaemonDoesNotTakeIsTold) {
   Look(false);
   EXPECT_TRUE(copies->IsBusy());
   EXPECT_FALSE(copies->IsFine());
-  EXPECT_EQ("configuration: in force\nThe daemon has not taken it yet.\n", copies->Report());
+  EXPECT_EQ("configuration: in force\nThe daemon does not use it yet.\n", copies->Report());
 }
 
 TEST_F(CopiesTest, ChangeWithTheSameChecksumIsNoticed) {

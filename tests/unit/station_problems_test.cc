@@ -188,7 +188,7 @@ TEST_F(ProblemsTest, OutputDirectory) {
   EXPECT_THAT(Ids(), ElementsAre("output-gone"));
   EXPECT_EQ("The output directory " + path + " is gone: No such file or directory", Sentence());
   run.Write("out", "");
-  EXPECT_EQ("The output directory " + path + " is gone: it is no directory", Sentence());
+  EXPECT_EQ("The output directory " + path + " is gone: it is not a directory", Sentence());
   unlink(path.c_str());
   run.MakeDirectory("out");
   EXPECT_THAT(Ids(), ElementsAre("output-replaced"));
@@ -503,7 +503,7 @@ TEST_F(ProblemsTest, DaemonWhosePassesFail) {
     Say(LogEvent::kOther, Format("Adding %d", i));
   }
   EXPECT_THAT(Ids(), ElementsAre("daemon-failing"));
-  EXPECT_EQ("The daemon can finish no pass: Could not open directory /played/", Sentence());
+  EXPECT_EQ("Each pass of the daemon fails: Could not open directory /played/", Sentence());
   // Another problem is the cause.
   rmdir((run / "in").c_str());
   EXPECT_THAT(Ids(), ElementsAre("input-missing:a"));

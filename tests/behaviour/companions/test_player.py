@@ -376,9 +376,9 @@ def test_run_names_directory_state_and_status(output, sandbox):
 @pytest.mark.parametrize(
     "arguments, complaint",
     [
-        ([], "one directory is needed; see --help"),
-        (["out", "out"], "one directory is needed; see --help"),
-        (["--run", ".", "out"], "one directory is needed; see --help"),
+        ([], "name one directory; see --help"),
+        (["out", "out"], "name one directory; see --help"),
+        (["--run", ".", "out"], "name one directory; see --help"),
         (["--nonsense", "out"], "unrecognized option '--nonsense'"),
         (["--wav"], "option '--wav' requires an argument"),
         (["--rate", "3999", "out"], '--rate must be a number from 4000 to 192000, not "3999"'),

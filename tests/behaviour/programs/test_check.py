@@ -131,7 +131,7 @@ def directory(attributes):
 
 B = 'config:2: {}: directory "b": '
 ERROR, WARNING = B.format("error"), B.format("warning")
-DAEMON_USER = "Make the directory, for the daemon's user."
+DAEMON_USER = "Create the directory for the daemon's user."
 
 
 def read_cases():
@@ -339,7 +339,7 @@ def test_sticky_directory(world):
     assert status == 2
     assert (
         WARNING + '"/tmp" is sticky: files of others cannot be removed, and are then not spoken. '
-        "Take its sticky bit away, or give it to the daemon's user."
+        "Remove its sticky bit, or make the daemon's user its owner."
     ) in found
 
 

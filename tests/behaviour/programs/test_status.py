@@ -299,8 +299,8 @@ def test_follow_ends_when_standard_output_is_closed(tmp_path):
         (["a", "b"], "vocastra-status: more than one status file\n"),
         (["-l", "0"], 'vocastra-status: -l "0": not a number of seconds above 0\n'),
         (["-l", "x"], 'vocastra-status: -l "x": not a number of seconds above 0\n'),
-        (["-mj"], "vocastra-status: --metrics does not go with --json and --follow\n"),
-        (["-mf"], "vocastra-status: --metrics does not go with --json and --follow\n"),
+        (["-mj"], "vocastra-status: --metrics cannot be used with --json or --follow\n"),
+        (["-mf"], "vocastra-status: --metrics cannot be used with --json or --follow\n"),
     ],
 )
 def test_wrong_use(arguments, why):
@@ -337,7 +337,7 @@ def make_run(path, **health):
     [
         ({}, 0, []),
         ({"children": [("problem", PROBLEM)]}, 1, ["No updates"]),
-        ({"hung": 1}, 2, ["the daemon does not go on"]),
+        ({"hung": 1}, 2, ["the daemon hangs"]),
         ({"daemon": 0}, 2, ["no daemon: the station has not started it"]),
         ({"daemon": 0, "children": [("problem", PROBLEM)]}, 2, ["No updates"]),
         ({"station": 2**22 + 1}, 2, ["no daemon: the station has ended"]),
