@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
   const Program program = {
       "cifs",
       2,
-      "usage: cifs PATH USERNAME PASSWORD SUBDIR WATCH-DIRECTORY MOUNT-OPTS AUTO-DELETE\n"
+      "Usage: cifs PATH USERNAME PASSWORD SUBDIR WATCH-DIRECTORY MOUNT-OPTS AUTO-DELETE\n"
       "Mirrors a directory of an SMB share for vocastra.\n",
       {},
       "vocastra-helpers(1) explains the arguments.\n"};

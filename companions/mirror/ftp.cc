@@ -7,7 +7,7 @@ int main(int argc, char** argv) {
   const Program program = {
       "ftp",
       2,
-      "usage: ftp PATH SUBDIR USERNAME PASSWORD WATCH-DIRECTORY AUTO-DELETE POLL-RATE MODE\n"
+      "Usage: ftp PATH SUBDIR USERNAME PASSWORD WATCH-DIRECTORY AUTO-DELETE POLL-RATE MODE\n"
       "Mirrors a directory of an FTP or SFTP server for vocastra.\n",
       {},
       "vocastra-helpers(1) explains the arguments.\n"};

@@ -179,7 +179,7 @@ def test_command_line(name, count):
     assert run() == (2, "", text.format(0))
     assert run("a", "b") == (2, "", text.format(2))
     assert run("--wrong")[0] == 2
-    assert run("--help")[:2][1].startswith(f"usage: {name} PATH ")
+    assert run("--help")[:2][1].startswith(f"Usage: {name} PATH ")
     status, out, err = run("--version")
     assert (status, out.split()[0], err) == (0, name, "")
 
