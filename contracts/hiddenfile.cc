@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "format.h"
+#include "listinglock.h"
 
 namespace {
 
@@ -60,6 +61,7 @@ void HiddenFile::Write(const std::string& bytes_) {
 }
 
 void HiddenFile::Publish(const std::string& name_) {
+  const ListingLock lock(directory);
   Require(rename(file_path.c_str(), (directory + name_).c_str()) == 0);
   is_published = true;
 }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "format.h"
+#include "listinglock.h"
 
 namespace {
 
@@ -79,6 +80,7 @@ void Known::Finish() {
     return;
   }
   const std::string part = PartPath(unfinished_part);
+  const ListingLock lock(directory);
   // Without the hidden file the delivery is complete.
   if (rename(part.c_str(), (directory + unfinished).c_str()) != 0 && errno != ENOENT) {
     throw LocalTrouble{strerror(errno)};
@@ -88,6 +90,7 @@ void Known::Finish() {
 
 Known::Files::iterator Known::Forget(Files::iterator file_) {
   if (file_->second.delivered != 0) {
+    const ListingLock lock(directory);
     unlink((directory + file_->first).c_str());
     Remember(Line(file_->first, 0, 0, 0));
   }

@@ -5,6 +5,7 @@
 
 #include "clock.h"
 #include "configuration.h"
+#include "listinglock.h"
 #include "messagecopy.h"
 #include "statusfile.h"
 
@@ -81,6 +82,7 @@ bool Withdraw(const HandedOver& message_, const std::string& status_path_) {
   if (IsTaken(message_, status_path_)) {
     return false;
   }
+  const ListingLock lock(message_.path);
   bool is_removed = unlink((message_.path + message_.file).c_str()) == 0;
   DIR* const listing = opendir(message_.path.c_str());
   while (const dirent* entry = listing == nullptr ? nullptr : readdir(listing)) {

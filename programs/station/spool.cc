@@ -18,6 +18,7 @@
 
 #include "configuration.h"
 #include "format.h"
+#include "listinglock.h"
 #include "messagecopy.h"
 #include "outputname.h"
 #include "playerstate.h"
@@ -384,6 +385,7 @@ void Spool::Impl::FindFiles(const std::string& id_, const Folder& folder_, int64
 // Removes the message from the daemon's eyes.
 void Spool::Impl::PutAway(Message& message_, const Folder& folder_) {
   const std::string path = folder_.path + message_.name;
+  const ListingLock lock(folder_.path);
   if (message_.copy.empty()) {
     message_.copy = folder_.path +
                     FormatCopyName({message_.was_speaking, message_.arrival, message_.record.file});
@@ -411,9 +413,13 @@ void Spool::Impl::Hold(Message& message_, const Folder& folder_) {
     return (other_.place == Message::kAway || is_unseen) && !other_.HasEnded() &&
            other_.record.directory == message_.record.directory;
   };
-  if (is_running && !message_.copy.empty() &&
-      (folder_.phase != Folder::kScanned || std::any_of(messages.begin(), self, waits)) &&
-      rename((folder_.path + message_.name).c_str(), message_.copy.c_str()) == 0) {
+  const bool is_early =
+      folder_.phase != Folder::kScanned || std::any_of(messages.begin(), self, waits);
+  if (!is_running || message_.copy.empty() || !is_early) {
+    return;
+  }
+  const ListingLock lock(folder_.path);
+  if (rename((folder_.path + message_.name).c_str(), message_.copy.c_str()) == 0) {
     message_.place = Message::kAway;
     message_.forgotten_from = kNever;
     message_.may_be_taken = !folder_.removes_taken;
@@ -768,6 +774,7 @@ bool Spool::Impl::Show(Message& message_, const Folder& folder_, bool is_known_)
   for (int number = is_known_ ? 1 : 0; number < kMaxNames; ++number) {
     const std::string next = number == 0 ? message_.record.file : name + Format("_%d", number);
     bool is_kept = false;
+    const ListingLock lock(folder_.path);
     if (ShowCopy(message_.copy, folder_.path + next, is_kept)) {
       message_.name = next;
       message_.copy = is_kept ? message_.copy : "";

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "mirror_fixtures.h"
+#include "stand_ins/changes.h"
 
 namespace {
 
@@ -152,6 +153,7 @@ TEST_F(MirrorTest, FileThatTwoLooksDoNotShowIsRemoved) {
   server.Put("a.txt", "A.");
   Run(10);
   EXPECT_EQ(2, Local().size());
+  EXPECT_EQ(0, stand_ins::UnlockedChanges(directory.path).size());
 }
 
 TEST_F(MirrorTest, FailureBetweenTwoLooksKeepsAFile) {

@@ -1,4 +1,6 @@
 #include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
 
 #include <algorithm>
 #include <fstream>
@@ -8,6 +10,7 @@
 #include "messagecopy.h"
 #include "playerstate.h"
 #include "spool.h"
+#include "stand_ins/changes.h"
 #include "statusfile.h"
 #include "test_util.h"
 
@@ -51,7 +54,7 @@ class Daemon {
         said(said_) {
     if (Exists(path_)) {
       for (const std::string& name : Listing(path_)) {
-        IsHidden(name) ? 0 : unlink((path_ + "/" + name).c_str());
+        IsHidden(name) ? 0 : unlinkat(AT_FDCWD, (path_ + "/" + name).c_str(), 0);
       }
     }
   }
@@ -85,7 +88,7 @@ class Daemon {
         }
         std::ofstream(last_played + "/" + name) << text;
       }
-      if (removes_taken && unlink(path.c_str()) != 0) {
+      if (removes_taken && remove(path.c_str()) != 0) {
         log_.push_back({LogEvent::kNotRemoved, path, ""});
       } else if (!text.empty()) {
         active = name;
@@ -178,6 +181,10 @@ class Service {
     scanned = path + (*kind.subdir == '\0' ? "" : std::string("/") + kind.subdir);
   }
 
+  ~Service() { EXPECT_THAT(stand_ins::UnlockedChanges(scanned), IsEmpty()); }
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
   void StartStation() {
     daemon.reset();
     spool.reset();
@@ -245,7 +252,8 @@ class Service {
 
   void Publish(const std::string& name_, const std::string& text_) const {
     run.Write(".new", text_);
-    EXPECT_EQ(0, rename((run / ".new").c_str(), (scanned + "/" + name_).c_str()));
+    EXPECT_EQ(
+        0, renameat(AT_FDCWD, (run / ".new").c_str(), AT_FDCWD, (scanned + "/" + name_).c_str()));
   }
   void Arrive(const std::string& name_, const std::string& text_) {
     Publish(name_, text_);
@@ -383,7 +391,7 @@ TEST_F(RunningSpoolTest, StateStopDropsTheMessage) {
 
 TEST_F(RunningSpoolTest, WithdrawnMessageIsDropped) {
   service.Arrive("m", "abc");
-  unlink((service.scanned + "/m").c_str());
+  remove((service.scanned + "/m").c_str());
   service.spool->Read();
   ASSERT_TRUE(service.Settle());
   EXPECT_THAT(service.Records(), ElementsAre("m:dropped:0:0"));
@@ -401,7 +409,7 @@ TEST_F(RunningSpoolTest, FileThatIsNotQueuedIsAProblemWhileItIsThere) {
   ASSERT_THAT(service.Problems(), ElementsAre("not-queued:a/m"));
   EXPECT_EQ(service.scanned + "/m is not spoken: its name and text were used before.",
             service.Now().problems[0].sentence);
-  unlink((service.scanned + "/m").c_str());
+  remove((service.scanned + "/m").c_str());
   service.Steps(3);
   EXPECT_THAT(service.Problems(), IsEmpty());
 }
@@ -709,7 +717,7 @@ TEST(SpoolRestartTest, MessageWithdrawnWhileNoDaemonRunsStaysAway) {
   service.Arrive("m", "abc");
   service.daemon.reset();
   service.spool->OnDaemonEnd();
-  unlink((service.scanned + "/m").c_str());
+  remove((service.scanned + "/m").c_str());
   service.StartDaemon();
   ASSERT_TRUE(service.Settle());
   EXPECT_THAT(service.said.begun, IsEmpty());
@@ -771,7 +779,8 @@ TEST(SpoolRestartTest, CopyKeepsTheModeOfTheFile) {
   service.Steps(6);
   service.run.Write(".secret", "a");
   ASSERT_EQ(0, chmod((service.run / ".secret").c_str(), 0640));
-  ASSERT_EQ(0, rename((service.run / ".secret").c_str(), (service.scanned + "/m").c_str()));
+  ASSERT_EQ(0, renameat(AT_FDCWD, (service.run / ".secret").c_str(), AT_FDCWD,
+                        (service.scanned + "/m").c_str()));
   service.spool->Read();
   const std::vector<std::string> names = Listing(service.scanned);
   ASSERT_EQ(2u, names.size());
