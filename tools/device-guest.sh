@@ -43,7 +43,7 @@ restart() {
 }
 
 # hand DIRECTORY NAME: the text is on standard input. The name of the file appears at once.
-hand() { cat >"$1/.new" && mv "$1/.new" "$1/$2"; }
+hand() { cat >"$1/.new" && flock "$1" mv "$1/.new" "$1/$2"; }
 
 # project: process and name of all that belongs to the project.
 project() {
