@@ -1,0 +1,1 @@
+// Empty: its target compiles the headers that most tests include.
