@@ -117,8 +117,7 @@ struct Player::Impl {
   bool is_state_old = true;
 };
 
-// --- What goes on around
-// --------------------------------------------------------------------------
+// --- What goes on around ---
 
 void Player::Impl::LookAround() {
   if (now >= next_look) {
@@ -178,8 +177,7 @@ void Player::Impl::MakeRoom() {
   }
 }
 
-// --- Sound
-// ----------------------------------------------------------------------------------------
+// --- Sound ---
 
 const Piece* Player::Impl::Best() const {
   const Piece* best = nullptr;
@@ -329,8 +327,7 @@ int Player::Impl::Pump() {
   }
 }
 
-// --- The sink
-// -------------------------------------------------------------------------------------
+// --- The sink ---
 
 // Tries once a second.
 void Player::Impl::OpenSink() {
@@ -380,8 +377,7 @@ void Player::Impl::EndSound() {
   }
 }
 
-// --- What others learn
-// ----------------------------------------------------------------------------
+// --- What others learn ---
 
 void Player::Impl::Report(const std::string& problem_) {
   fprintf(stderr, "player: %s\n", problem_.c_str());

@@ -22,8 +22,7 @@ std::string Token(const PageContent& content_) {
   return content_.viewer.token.empty() ? "" : HiddenField("token", content_.viewer.token);
 }
 
-// --- Messages
-// -------------------------------------------------------------------------------------
+// --- Messages ---
 
 std::string TextOf(const Entry& entry_) {
   if (entry_.text.empty()) {
@@ -123,8 +122,7 @@ std::string HistorySection(const PageContent& content_) {
   return section + "</section>";
 }
 
-// --- The state
-// ------------------------------------------------------------------------------------
+// --- The state ---
 
 std::string ProblemItem(const std::string& sentence_, const std::string& remedy_, long long since_,
                         long long now_) {
@@ -208,8 +206,7 @@ std::string WaitingPart(const PageContent& content_) {
   return part.empty() ? "<p class=\"quiet\">No message waits.</p>" : part;
 }
 
-// --- Forms
-// ----------------------------------------------------------------------------------------
+// --- Forms ---
 
 std::string Value(const PageContent& content_, const std::string& name_) {
   const auto found = content_.form.find(name_);
@@ -343,8 +340,7 @@ std::string TemplatesSection(const PageContent& content_) {
                    forms + "</section>";
 }
 
-// --- Whole pages
-// ----------------------------------------------------------------------------------
+// --- Whole pages ---
 
 // Browsers keep the files; after an upgrade they must not.
 std::string MakeVersion() {

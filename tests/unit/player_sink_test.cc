@@ -6,8 +6,7 @@
 
 using ::testing::ElementsAre;
 
-// --- An ALSA device of the test
-// -------------------------------------------------------------------
+// --- An ALSA device of the test ---
 
 namespace {
 
@@ -132,8 +131,7 @@ TEST_F(AlsaSinkTest, DeviceThatTakesNothingIsLost) {
   EXPECT_EQ("no sound device speaker: it takes no sound", reason);
 }
 
-// --- Others
-// ---------------------------------------------------------------------------------------
+// --- Others ---
 
 TEST(PaceTest, LetsPassAsMuchAsWouldBeHeard) {
   Pace pace(1000);

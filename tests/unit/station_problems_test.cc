@@ -178,8 +178,7 @@ TEST_F(ProblemsTest, OthersSetAndClearTheirs) {
   EXPECT_THAT(Ids(), IsEmpty());
 }
 
-// --- Directories and disks
-// ------------------------------------------------------------------------
+// --- Directories and disks ---
 
 TEST_F(ProblemsTest, OutputDirectory) {
   const std::string path = options.output_directory_path;
@@ -280,8 +279,7 @@ TEST_F(ProblemsTest, PermissionsOfDirectories) {
   EXPECT_EQ(0, result);
 }
 
-// --- Player
-// ---------------------------------------------------------------------------------------
+// --- Player ---
 
 TEST_F(ProblemsTest, PlayerThatIsNotThere) {
   unlink((run / "player").c_str());
@@ -343,8 +341,7 @@ TEST_F(ProblemsTest, PlayerThatDoesNotGoOn) {
   EXPECT_THAT(Ids(), IsEmpty());
 }
 
-// --- Translator
-// -----------------------------------------------------------------------------------
+// --- Translator ---
 
 TEST_F(ProblemsTest, MissingTranslator) {
   unlink(translator.c_str());
@@ -422,8 +419,7 @@ TEST_F(ProblemsTest, TrialThatHangsIsEnded) {
   EXPECT_LT(Now(), deadline);
 }
 
-// --- Remote directories
-// ---------------------------------------------------------------------------
+// --- Remote directories ---
 
 TEST_F(ProblemsTest, RemoteDirectories) {
   Configure(
@@ -467,8 +463,7 @@ TEST_F(ProblemsTest, DeadHelpers) {
   Await({"helper-dead:f", "helper-dead:g"});
 }
 
-// --- Daemon
-// ---------------------------------------------------------------------------------------
+// --- Daemon ---
 
 TEST_F(ProblemsTest, DaemonThatDoesNotRun) {
   view.daemon = 0;
