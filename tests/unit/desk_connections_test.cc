@@ -64,13 +64,13 @@ TEST_F(ConnectionsTest, EachStepHasItsLimit) {
 
 TEST_F(ConnectionsTest, CutsAClientThatHasLeftWhenItsAnswerIsDone) {
   Connection& connection = Add(client, "a", 100);
-  connections.CutLeft();
+  connections.CutAbandoned();
   connection.has_left = true;
   Connections::ExpectReading(connection, 100);
-  connections.CutLeft();
+  connections.CutAbandoned();
   EXPECT_FALSE(client.IsCut());
   Connections::ExpectRequest(connection, 100);
-  connections.CutLeft();
+  connections.CutAbandoned();
   EXPECT_TRUE(client.IsCut());
 }
 
