@@ -1,14 +1,14 @@
-# The web page as an operator turns it on; sourced by tools/test-install, with the functions of
-# failures.sh and figures.sh.
+# Turns the web page on as an operator does, and uses it. tools/test-install sources this file,
+# which needs the functions of failures.sh and figures.sh.
 #
-# Some variables are those of tools/test-install:
+# tools/test-install sets some variables:
 # shellcheck shell=bash disable=SC2016,SC2154
 
 page=http://127.0.0.1:8080
 password='correct horse'
 announcement='The coach to the harbour leaves at noon.'
 
-# Alone, from the installation to the purge.
+# Only the web page, from the installation to the purge.
 test_desk() {
   boot_installed "$(package_for amd64)" || return 0
   check "the service runs after boot" within 60 is_active
@@ -21,7 +21,7 @@ test_desk() {
   check "no file, account or group left" nothing_left inside
 }
 
-# The page is left turned on, for the purge.
+# Leaves the page turned on, so that the purge has to remove it.
 try_desk() {
   check "the page is neither enabled nor running" desk_is_off
   check "an operator adds a user" \
@@ -49,7 +49,7 @@ desk_is_off() {
   [[ $(inside systemctl is-enabled vocastra-desk) == disabled ]] && not is_active vocastra-desk
 }
 
-# From outside of the container: it has no browser.
+# Runs outside of the container, which has no browser.
 desk_curl() {
   nsenter --target "$leader" --net \
     curl --silent --show-error --max-time 60 -b "$work/cookies" -c "$work/cookies" "$@"
@@ -79,14 +79,15 @@ log_has_announcement() {
     grep -E "user anna says in announcements, as desk-[0-9-]+: $announcement\$"
 }
 
-# as_desk COMMAND...: in the confinement of the service.
+# as_desk COMMAND...: runs a command in the confinement of the service.
 as_desk() {
   inside nsenter --mount --target "$(desk_process)" runuser -u vocastra-desk -- "$@"
 }
 
 desk_process() { inside systemctl show --property=MainPID --value vocastra-desk | grep -v '^0$'; }
 
-# All may read the package's configuration, and the directories that the station publishes.
+# The desk reads the published directories, but no configuration. Other users may read the package's
+# configuration, so the confinement must hide it.
 configuration_is_hidden() {
   local file
   inside runuser -u stranger -- test -r /etc/vocastra/vocastra.conf &&
