@@ -13,7 +13,7 @@ test_desk() {
   boot_installed "$(package_for amd64)" || return 0
   check "the service runs after boot" within 60 is_active
   check "a player" start_player
-  check "vocastra-status finds nothing amiss" within 60 status_is_fine
+  check "vocastra-status reports no problem" within 60 status_is_fine
   try_desk
   check "apt purge vocastra while it runs" inside apt-get purge -y -qq vocastra
   check "no process left" no_process
@@ -32,15 +32,15 @@ try_desk() {
     exposure_at_most vocastra-desk 15
   check "a wrong password is refused" answers 403 -d user=anna -d "password=wrong horse" "$page/login"
   check "the user logs in" log_in
-  check "without a token nothing is said" answers 403 "${say[@]}" "$page/say"
+  check "a form without a token is refused" answers 403 "${say[@]}" "$page/say"
   check "the user says a message" answers 303 "${say[@]}" -d "token=$(token)" "$page/say"
   check "that message is heard in full" within 60 desk_message_is_heard
-  check "the page tells so" within 60 page_has 'heard in full'
+  check "the page shows that" within 60 page_has 'heard in full'
   check "the log has user, directory and text" log_has_announcement
   check "the page's user cannot read the configuration" configuration_is_hidden
   check "an upgrade restarts the page" upgrade_restarts_desk
   check "the user logs in again" log_in
-  check "the history has outlasted the upgrade" page_has "$announcement"
+  check "the history survives the upgrade" page_has "$announcement"
 }
 
 say=(-d directory=announcements --data-urlencode "text=$announcement")

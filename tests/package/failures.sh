@@ -89,7 +89,7 @@ all_failures() {
 failure() {
   local name=$1 told fine
   if ! within 60 is_fine; then
-    verdict FAILED "$name: something is amiss before it"
+    verdict FAILED "$name: vocastra-status fails before it"
     sed 's/^/    | /' "$work/last"
     return
   fi

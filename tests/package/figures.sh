@@ -95,7 +95,7 @@ print_idle_day() {
   sleep "$idle"
   inside journalctl --no-pager --quiet --output=short-unix --unit='vocastra*' \
     --since="@$((since / 1000000))" >"$work/lines"
-  check "$(inside ls "$spool/lying" | wc -l) files lie" within 1 all_is_said $((before + lying))
+  check "$(inside ls "$spool/lying" | wc -l) files wait in the directory" within 1 all_is_said $((before + lying))
   sed 's/^/    | /' "$work/lines"
   awk -v since="$since" -v idle="$idle" '
     { sub(/[.]/, "", $1); time = ($1 - since) / 1000000; $1 = "" }
