@@ -5,7 +5,7 @@
 
 namespace {
 
-// The method and the cost of each hash that was computed.
+// The method and the cost of each computed hash.
 std::vector<std::string> computed;
 
 }  // namespace
