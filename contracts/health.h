@@ -17,7 +17,7 @@
 struct Problem {
   std::string id;        // For programs: a word, and perhaps ":" and a subject.
   std::string sentence;  // The cause, for people.
-  std::string remedy;    // What to do, one sentence.
+  std::string remedy;    // The action that ends it, in one sentence.
   long long since = 0;   // Seconds since 1970.
 };
 

@@ -95,8 +95,8 @@ Known::Files::iterator Known::Forget(Files::iterator file_) {
   return known.erase(file_);
 }
 
-// Reads the memory and rewrites it with one line for each file. An incomplete line at the end is
-// ignored: its delivery has not begun.
+// Reads the memory, which the constructor then rewrites with one line for each file. Ignores an
+// incomplete line at the end: its delivery has not begun.
 void Known::Load() {
   const std::unique_ptr<FILE, FileCloser> file(fopen((directory + kMemory).c_str(), "re"));
   if (!file) {

@@ -71,7 +71,7 @@ struct Player::Impl {
   }
 
   int Step();
-  void CheckFiles();
+  void Refresh();
   void MakeRoom();
   int Pump();
   bool Produce();
@@ -117,9 +117,10 @@ struct Player::Impl {
   bool is_state_old = true;
 };
 
-// --- Status, configuration and queue ---
+// --- Configuration, status and queue ---
 
-void Player::Impl::CheckFiles() {
+// Reads configuration and status and checks the sink when that is due, and updates the queue.
+void Player::Impl::Refresh() {
   if (now >= next_look) {
     next_look = now + kSlowInterval;
     try {
@@ -418,7 +419,7 @@ void Player::Impl::WriteState() {
 int Player::Impl::Step() {
   now = Now();
   OpenSink();
-  CheckFiles();
+  Refresh();
   int wait = is_open ? Pump() : kIdleTick;
   messages.EndSilent(now, [&](const std::string& id_) {
     const auto& waiting = queue.Waiting();

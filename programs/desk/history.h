@@ -10,7 +10,8 @@
 #include "health.h"
 
 struct Entry {
-  // How a message ended; kOpen while it has not, or as its state says.
+  // An end that the station does not record: kWithdrawn by a user, or kForgotten by the station.
+  // kOpen: none.
   enum Fate { kOpen, kWithdrawn, kForgotten };
 
   long long id = 0;  // Of the entry; a later entry has a larger one.

@@ -22,7 +22,7 @@
 namespace {
 
 constexpr size_t kMaxRunning = 2;
-constexpr size_t kMaxKept = 8;  // Their files are in memory, as /tmp may be.
+constexpr size_t kMaxKept = 8;  // Their files may be in memory.
 constexpr double kLimit = 20;   // Seconds.
 constexpr rlim_t kMaxProcessor = 20;
 constexpr rlim_t kMaxSound = 8 << 20;  // Bytes; three minutes.

@@ -407,7 +407,7 @@ std::string Server::Impl::ClientOfRequest(MHD_Connection* handle_) const {
   return forwarded.empty() ? ConnectionOf(handle_).client : forwarded;
 }
 
-// Called after the headers. Answers at once if the request is refused.
+// Called after the headers. Answers at once if the body is not needed.
 MHD_Result Server::Impl::Begin(MHD_Connection* handle_, const char* url_, const char* method_,
                                void** exchange_) {
   auto* const exchange = new Exchange;
