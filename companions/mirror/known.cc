@@ -80,7 +80,7 @@ void Known::Finish() {
     return;
   }
   const std::string part = PartPath(unfinished_part);
-  // If the hidden file is gone, the delivery is complete.
+  // Without the hidden file the delivery is complete.
   if (rename(part.c_str(), (directory + unfinished).c_str()) != 0 && errno != ENOENT) {
     throw LocalTrouble{strerror(errno)};
   }
