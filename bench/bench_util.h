@@ -8,7 +8,7 @@
 
 #include <string>
 
-// A directory of the benchmark's own, removed with all that is in it.
+// A temporary directory, which is removed with its contents.
 class ScratchDirectory {
  public:
   ScratchDirectory() {

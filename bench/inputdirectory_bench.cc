@@ -39,8 +39,8 @@ class LogToNowhere {
   int saved;
 };
 
-// One scan that finds the file, takes it and splits it: read and checked twice, logged, summed,
-// removed.
+// One scan that finds the file, takes it and splits it. The file is read and checked twice, logged,
+// summed and removed.
 void Words_Daemon(benchmark::State& state_) {
   const LogToNowhere log;
   const ScratchDirectory scratch;

@@ -1,5 +1,5 @@
 # Toolchain for a board, with any compiler and any sysroot:
-#   BOARD_COMPILER   what the names of its compilers begin with, such as arm-linux-gnueabihf-
+#   BOARD_COMPILER   the prefix of its compilers' names, such as arm-linux-gnueabihf-
 #   BOARD_SYSROOT    the board's headers and libraries
 #   BOARD_EMULATOR   runs a program of the board here: the build makes its clips with one
 set(CMAKE_SYSTEM_NAME Linux)

@@ -19,14 +19,15 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 # The program itself finds its libraries in the sysroot.
 set(target_libraries ${target_sysroot}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
 set(CMAKE_BUILD_RPATH ${target_sysroot}/lib/${CMAKE_LIBRARY_ARCHITECTURE} ${target_libraries})
-# The linker also looks at what the libraries need.
+# The linker also reads the libraries' own dependencies.
 set(CMAKE_EXE_LINKER_FLAGS_INIT
   "-Wl,-rpath-link,${target_libraries}/samba -Wl,-rpath-link,${target_libraries}/pulseaudio")
-# GCC notes that it passes some arguments otherwise than before version 7; all here is built by one.
+# GCC notes that it passes some arguments in another way since version 7. One compiler builds all
+# code here.
 set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 
-# Tests of companions also need what their libraries need. A daemon under test does without, since
-# tests give it libraries of their own.
+# Tests of companions also need their libraries' dependencies. A daemon under test does not, as
+# tests give it their own libraries.
 set(VOCASTRA_EMULATOR ${VOCASTRA_EMULATOR} -L ${target_compiler})
 list(JOIN CMAKE_BUILD_RPATH ":" target_path)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${VOCASTRA_EMULATOR}

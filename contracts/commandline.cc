@@ -65,7 +65,7 @@ std::vector<std::string> ParseCommandLine(const Program& program_, int argc_, ch
   }
   table.push_back({nullptr, 0, nullptr, 0});
   int letter = 0;
-  int index = 0;  // Of an option that was given by its name.
+  int index = 0;  // Of an option that was given by its long name.
   while ((letter = getopt_long(argc_, argv_, letters.c_str(), table.data(), &index)) != -1) {
     if (letter == '?') {  // getopt_long has said why.
       if (!program_.advice.empty()) {

@@ -33,7 +33,7 @@ std::function<void(const char*)> Keep(std::string& text_);
 // a bad option is reported on standard error and ends it with wrong_use.
 std::vector<std::string> ParseCommandLine(const Program& program_, int argc_, char** argv_);
 
-// The number of seconds that text_ is; -1 if it is not a whole number of at least minimum_.
+// The number of seconds in text_; -1 if it is not a whole number of at least minimum_.
 int ParseSeconds(const char* text_, int minimum_);
 
 // Ends the program with wrong_use, after "NAME: WHY" on standard error.

@@ -10,7 +10,7 @@ bool IsEncoding(const std::string& name_) {
 
 const XMLElement* FindById(const XMLElement& root_, const char* name_, const std::string& id_) {
   for (const XMLElement* element : root_.GetChildren(name_)) {
-    // The default differs from the id, so that an element without id never matches.
+    // The default differs from the id, so an element without an id never matches.
     if (element->GetAttributeString("id", id_ + "-") == id_) {
       return element;
     }

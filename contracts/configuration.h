@@ -1,5 +1,5 @@
-// For readers of the daemon's configuration: the elements below "tts-config", as the daemon
-// understands them.
+// Reading the daemon's configuration: the elements below "tts-config", as the daemon understands
+// them.
 #pragma once
 
 #include <map>
@@ -14,8 +14,8 @@ bool IsEncoding(const std::string& name_);
 // none. Status files can be searched as well.
 const XMLElement* FindById(const XMLElement& root_, const char* name_, const std::string& id_);
 
-// The directory that the daemon scans for a "directory" element of type "local": its "path", and
-// "subdir" below it. Ends in "/", unless both are empty.
+// The path that the daemon scans for a "directory" element of type "local": its "path", followed by
+// its "subdir". Ends in "/" unless both are empty.
 std::string ScannedPath(const XMLElement& directory_);
 
 // An input directory of type "local".
@@ -29,19 +29,19 @@ struct LocalDirectory {
 
   std::string id;
   std::string path;    // ScannedPath.
-  bool removes_taken;  // A file that was taken is removed.
+  bool removes_taken;  // The daemon removes the files that it takes.
   std::string parser;
   std::string encoding;
   bool is_cache;       // Nothing is spoken.
   XMLElement element;  // Name and attributes.
 };
 
-// Of any input directory: what a player has to know.
+// The part of any input directory that a player needs.
 struct ConfiguredDirectory {
   std::string display_id;
   int priority;  // The smaller, the more urgent.
 };
 
-// The directories below root_ by their ids. One whose priority is not a number, which the daemon
-// skips, is left out.
+// The directories below root_ by their ids, without those whose priority is not a number: the
+// daemon skips them.
 std::map<std::string, ConfiguredDirectory> ConfiguredDirectories(const XMLElement& root_);

@@ -1,11 +1,11 @@
-// A file descriptor that is closed at the end of its owner.
+// A file descriptor that is closed by its destructor.
 #pragma once
 
 #include <unistd.h>
 
 class Descriptor {
  public:
-  // fd_: taken over; -1: none, as system calls return it on failure.
+  // Owns fd_; -1: no descriptor, as failed system calls return it.
   explicit Descriptor(int fd_) : fd(fd_) {}
   ~Descriptor() {
     if (fd >= 0) {

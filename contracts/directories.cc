@@ -10,7 +10,7 @@ using Names = std::initializer_list<const char*>;
 
 constexpr Names kOfRoot = {"state"};
 constexpr Names kOfRemote = {"display-id", "id", "priority", "type"};
-// For handing a message over, for a preview, and to tell what becomes of the message.
+// Attributes needed to hand a message over, to make a preview, and to follow the message.
 constexpr Names kOfLocal = {"auto-delete", "conv-opts",        "dir-mode", "display-id", "encoding",
                             "id",          "last-played-path", "loops",    "parser",     "path",
                             "preview",     "priority",         "subdir",   "type"};
@@ -20,7 +20,7 @@ constexpr Names kOfField = {"attr", "attr_value", "parent", "tag"};
 std::unique_ptr<XMLElement> Copied(const XMLElement& element_, const Names& names_) {
   auto copy = std::make_unique<XMLElement>(element_.GetName().c_str());
   for (const char* name : names_) {
-    // An attribute that is absent must stay so: two different defaults show it.
+    // An absent attribute must stay absent. Two different defaults show that it is absent.
     const std::string value = element_.GetAttributeString(name, "");
     if (!value.empty() || element_.GetAttributeString(name, "-").empty()) {
       copy->SetAttributeString(name, Escaped(value));

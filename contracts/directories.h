@@ -1,6 +1,6 @@
 // The file "directories.xml" in the run directory: the configuration in force without its secrets,
 // for programs that must not read the configuration itself. The station replaces it by a rename
-// with every configuration that it accepts; everybody may read it.
+// with every configuration that it accepts. All users may read it.
 //
 // It has the form of a configuration, so contracts/configuration.h reads it too:
 //
@@ -17,8 +17,8 @@
 
 constexpr char kDirectoriesFile[] = "directories.xml";
 
-// The part of a configuration that everybody may know, with values escaped as Dump needs it. Only
-// attributes that are listed in directories.cc are in it, so a new one is a secret at first. Of a
-// remote directory it has id, display-id, priority and type; its path may hold a password. Parsers
-// are whole.
+// The part of a configuration that is no secret, with values escaped as Dump needs it. It has only
+// the attributes that are listed in directories.cc, so a new attribute stays secret until it is
+// added there. A remote directory has only id, display-id, priority and type, as its path may hold
+// a password. Parsers are complete.
 std::unique_ptr<XMLElement> PublicPart(const XMLElement& configuration_);

@@ -19,9 +19,9 @@ constexpr const char* kStateNames[] = {"waiting", "speaking", "said", "failed", 
 
 std::string Number(long long number_) { return Format("%lld", number_); }
 
-// The time of the process's start, in ticks since the start of the system; 0 if it is not known.
+// When the process started, in clock ticks since the start of the system; 0 if that is not known.
 long long StartOf(int process_) {
-  constexpr int kFieldsToStart = 20;  // After the name, which is in brackets.
+  constexpr int kFieldsToStart = 20;  // Counted from the end of the name, which is in brackets.
   try {
     const std::string stat = ReadWhole(Format("/proc/%d/stat", process_));
     size_t position = stat.rfind(')');

@@ -5,8 +5,7 @@
 //       <counter name="messages" value="12"/>
 //       <problem id="player" remedy="..." sentence="..." since="1700000000"/>
 //       <message arrived="1700000000" directory="lobby" ended="0" failed="0" file="train"
-//       pieces="2"
-//           state="speaking"/>
+//           pieces="2" state="speaking"/>
 //   </health>
 #pragma once
 
@@ -14,23 +13,23 @@
 #include <string>
 #include <vector>
 
-// A reason for which messages may not be heard.
+// A reason why messages may not be heard.
 struct Problem {
-  std::string id;        // For programs: a word, then perhaps ":" and what it is about.
+  std::string id;        // For programs: a word, and perhaps ":" and a subject.
   std::string sentence;  // The cause, for people.
-  std::string remedy;    // What to do, one sentence.
+  std::string remedy;    // The action that ends it, in one sentence.
   long long since = 0;   // Seconds since 1970.
 };
 
-// What became of a message in a local directory.
+// The progress of a message in a local directory.
 struct MessageRecord {
   enum State {
     kWaiting,
     kSpeaking,
     kSaid,     // Every piece is in the output directory.
-    kFailed,   // Ended, and at least one piece could not be made.
+    kFailed,   // Ended; at least one piece could not be made.
     kDropped,  // The daemon did not take it, or removed it unspoken.
-    kHeard     // Said, and the player has played every piece.
+    kHeard     // The player has played every piece.
   };
 
   std::string directory;  // The id in the configuration.
@@ -44,15 +43,15 @@ struct MessageRecord {
 
 struct Health {
   int station = 0;  // The station's process.
-  // When that process began, in ticks since the start of the system: its number may come again.
-  // Only ReadHealth sets it; WriteHealth finds it out.
+  // When that process started, in clock ticks since the start of the system, as a later process may
+  // have the same number. Only ReadHealth sets it; WriteHealth determines it itself.
   long long station_start = 0;
   int daemon = 0;        // The daemon's process; 0: none.
-  bool is_hung = false;  // The daemon does not advance.
-  std::string saying;    // Directory and file of the message that is being said; may be empty.
+  bool is_hung = false;  // The daemon runs but does not advance.
+  std::string saying;    // Directory and file of the message that is being spoken; may be empty.
   std::map<std::string, long long> counters;  // messages, pieces, failed, lost, restarts.
   std::vector<Problem> problems;              // The oldest first.
-  std::vector<MessageRecord> messages;        // Those that have not ended, and the last that have.
+  std::vector<MessageRecord> messages;  // Those that have not ended, and the last ones that have.
 };
 
 // The name of a state in the file: "waiting", "speaking" and so on.
@@ -61,8 +60,8 @@ const char* NameOf(MessageRecord::State state_);
 // Replaces the file at path_, unless nothing has changed. Throws a string if that fails.
 void WriteHealth(const std::string& path_, const Health& health_);
 
-// A file name with control characters or invalid UTF-8 is read with "?" or U+FFFD for them.
-// Throws a string if the file cannot be read or is no health file.
+// In file names, control characters are read as "?" and invalid UTF-8 as U+FFFD. Throws a string if
+// the file cannot be read or is no health file.
 Health ReadHealth(const std::string& path_);
 
 // True if the station that wrote it is running.

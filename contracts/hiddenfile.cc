@@ -15,9 +15,9 @@
 
 namespace {
 
-constexpr mode_t kMessageMode = 0644;  // Whatever the umask: the daemon must read it.
+constexpr mode_t kMessageMode = 0644;  // Independent of the umask: the daemon must read it.
 
-// Who may write to the directory; empty if that is of no use.
+// Who may write to the directory, as advice in an error text; empty if that does not help.
 std::string Advice(const std::string& directory_) {
   struct stat status = {};
   if (stat(directory_.c_str(), &status) != 0 || (status.st_mode & S_IWGRP) == 0) {

@@ -1,5 +1,5 @@
 // A file on its way into an input directory. It is written under a hidden name, which the daemon
-// ignores, and renamed when it is whole.
+// ignores, and renamed when it is complete.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 class HiddenFile {
  public:
   // Creates an empty file in directory_, which ends in "/".
-  // Throws a string if that is not possible, as Write and Publish do.
+  // Throws a string on failure, as Write and Publish do.
   explicit HiddenFile(const std::string& directory_);
   // Removes the file unless it was published.
   ~HiddenFile();
@@ -34,6 +34,6 @@ class HiddenFile {
 };
 
 // A name for a message, safe in a shell: source_, the present time and the number of the process.
-// The names of one source are unique, and in the order of the calls: files that wait together are
-// taken in the order of names.
+// The names of one source are unique and sort in the order of the calls, as the daemon takes
+// waiting files in the order of their names.
 std::string MessageName(const std::string& source_);

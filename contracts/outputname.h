@@ -13,6 +13,6 @@ struct OutputName {
   bool is_first = false;  // A clip, or the first piece of a message.
 };
 
-// Takes the name apart. False if it does not begin with a number of up to 10 digits and "_". What
-// follows need not be as the daemon writes it: the id ends at the first dot, then.
+// Parses a name. False if it does not begin with a number of up to 10 digits and "_". If the rest
+// is not as the daemon writes it, the id ends at the first dot.
 bool ParseOutputName(const std::string& name_, OutputName& result_);

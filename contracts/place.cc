@@ -21,7 +21,7 @@ void RefuseLineBreaks(const RemoteAttributes& attributes_) {
   }
 }
 
-// An option's value is handed to its function; one without "=" has an empty value.
+// Functions by the names of options. Each takes the option's value, which is empty without "=".
 using Options = std::map<std::string, std::function<void(const std::string&)>>;
 
 bool StartsWith(const std::string& text_, const std::string& start_) {
@@ -45,7 +45,7 @@ int Port(const std::string& text_, const std::string& failure_) {
   try {
     port = ParseInteger(text_);
   } catch (const std::string&) {
-    // Reported below.
+    // Reported by the throw below.
   }
   if (port < 1 || port > 0xffff) {
     throw failure_;

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-// Of the element "directory".
+// The attributes of the element "directory".
 struct RemoteAttributes {
   std::string path;
   std::string subdir;
@@ -14,7 +14,7 @@ struct RemoteAttributes {
   std::string options;  // "ftp-mode" or "mount-opts".
 };
 
-// What libcurl speaks.
+// The protocols of libcurl.
 enum class FtpKind {
   kFtp,
   kFtps,   // TLS from the start.
@@ -24,11 +24,12 @@ enum class FtpKind {
 
 struct FtpPlace {
   FtpKind kind = FtpKind::kFtp;
-  std::string host;       // A name or an address; one of IPv6 is in brackets.
-  int port = 0;           // 0: that of the protocol.
-  std::string directory;  // Relative to that of the login unless it begins with "/"; may be empty.
-  std::string user;       // Empty: anonymous.
-  std::string password;   // With a key file: that of the key.
+  std::string host;  // A name or an address; one of IPv6 is in brackets.
+  int port = 0;      // 0: that of the protocol.
+  // Relative to the login's directory unless it begins with "/"; may be empty.
+  std::string directory;
+  std::string user;      // Empty: anonymous.
+  std::string password;  // With a key file: the key's password.
   bool is_active = false;
   std::string ca_file;      // Empty: the certificates of the system.
   std::string known_hosts;  // SFTP only.
@@ -53,16 +54,16 @@ struct SmbPlace {
 // A path as it is written in a URL: slashes and bytes that need no escape stay.
 std::string EscapedPath(const std::string& path_);
 
-// The text without a user and a password in front of the host: it is for messages.
+// The text without the user and the password before the host, for messages.
 std::string WithoutLogin(const std::string& path_);
 
-// A directory and another one below it; either may be empty.
+// A directory's path and one below it, joined; either may be empty.
 std::string Joined(const std::string& directory_, const std::string& below_);
 
-// Host and path of a remote directory, as its helper names it in messages.
+// The host and the path of a remote directory, as its helper writes them in messages.
 std::string RemoteSource(const std::string& path_, const std::string& subdir_);
 
-// Throw a string if the attributes cannot work. It has no value that could be a password, and names
-// the attributes as the helpers' usage texts do: PATH, MODE, MOUNT-OPTS.
+// Both throw a string if the attributes cannot work. It never holds a value that could be a
+// password. It names the attributes as the helpers' usage texts do: PATH, MODE, MOUNT-OPTS.
 FtpPlace ReadFtpPlace(const RemoteAttributes& attributes_);
 SmbPlace ReadSmbPlace(const RemoteAttributes& attributes_);

@@ -12,13 +12,14 @@
 struct PlayerState {
   int pid = 0;          // The player's process.
   std::string playing;  // The name of the file; empty: none.
-  // Since when it plays, or nothing does; seconds since 1970.
+  // When the file began to play, or silence began; seconds since 1970.
   long long since = 0;
-  std::vector<std::string> waiting;  // Names as the daemon gave them, the next one first.
-  std::string device;                // A sound device's name, "null", or the path of a WAV file.
-  bool device_ok = true;             // False while there is no such sound device.
-  std::string problem;               // The last one, as on standard error; empty: none yet.
-  long long problem_time = 0;        // Seconds since 1970.
+  // The daemon's names of the files; the next one to be played is the first.
+  std::vector<std::string> waiting;
+  std::string device;          // A sound device's name, "null", or the path of a WAV file.
+  bool device_ok = true;       // False while there is no such sound device.
+  std::string problem;         // The last problem, as on standard error; empty: none yet.
+  long long problem_time = 0;  // Seconds since 1970.
 };
 
 // True if the player that wrote it runs.

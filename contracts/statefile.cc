@@ -15,7 +15,7 @@
 
 namespace {
 
-// Bytes that each file has beyond its end, for the time when the file system is full.
+// Bytes that are allocated beyond the end of each file, to be used when the file system is full.
 constexpr off_t kReserve = 16 * 1024;
 
 bool Holds(const std::string& path_, const std::string& text_) {
@@ -26,7 +26,7 @@ bool Holds(const std::string& path_, const std::string& text_) {
   }
 }
 
-// Writes the text to a new file, with the reserve if the file system has that.
+// Writes the text to a new file, with the reserve if the file system allows it.
 bool WriteNew(const std::string& path_, const std::string& text_) {
   const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd < 0) {
@@ -42,7 +42,7 @@ bool WriteNew(const std::string& path_, const std::string& text_) {
   return is_written;
 }
 
-// Writes over the present file, which becomes no shorter, as that would free what it has.
+// Overwrites the present file without truncating it, which would free its blocks.
 bool Overwrite(const std::string& path_, std::string text_) {
   const int fd = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
   struct stat status {};

@@ -5,16 +5,15 @@
 
 #include "xml.h"
 
-// The text without line ends and other control characters, which would break a reader.
+// The text with a replacement for each control character, line ends included.
 std::string OneLine(std::string text_);
 
-// An attribute's value as any XML reader takes it, in one line.
+// The text as an attribute's value of well-formed XML, in one line.
 std::string Escaped(const std::string& text_);
 
-// Replaces the file at path_ by the dump of root_, unless it holds that already. While there is no
-// room for a new file, writes over the old one, in room that was kept for that. Throws a string if
-// both fail.
+// Replaces the file at path_ by the dump of root_, unless it holds that already. Without room for a
+// new file, overwrites the old one, for which room is reserved. Throws a string if both fail.
 void ReplaceByDump(const std::string& path_, const XMLElement& root_);
 
-// An attribute that was written by "%lld". Throws a string if it is absent.
+// The value of an attribute that was written by "%lld". Throws a string if it is absent.
 long long LongAttribute(const XMLElement& element_, const char* name_);

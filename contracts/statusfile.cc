@@ -13,17 +13,18 @@ namespace {
 constexpr int kHalfFilePause = 10;  // Milliseconds.
 constexpr size_t kMaxFileBytes = 16 << 20;
 constexpr size_t kMaxStatusBytes = 4 << 20;  // More than any status.
-constexpr int kMaxAttributes = 30;  // Of an element. The time for them grows by the square.
+// Of an element. The time to read them grows with the square of their number.
+constexpr int kMaxAttributes = 30;
 
 constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyz-";
 
-// Reads a dump from front to back. Every step returns false at the first byte that a dump does not
-// have there, and at the end of an incomplete file.
+// Reads a dump from front to back. Each step returns false at a byte that a dump cannot have there,
+// and at the end of an incomplete file.
 class DumpParser {
  public:
   explicit DumpParser(const std::string& text_) : text(text_) {}
 
-  // Null if the text is no whole document.
+  // Null if the text is not one complete document.
   std::unique_ptr<XMLElement> Parse() {
     do {
       while (Take(" ")) {
@@ -179,7 +180,7 @@ std::unique_ptr<XMLElement> TryReadStatus(const std::string& path_) {
     throw Format("%s: is too large for a status", path_.c_str());
   }
   std::unique_ptr<XMLElement> root = ParseStatus(text);
-  // Reads again: the first text may consist of pieces of two statuses.
+  // Compares a second read: the first text may be mixed from two statuses.
   if (root && ReadWhole(path_) != text) {
     root.reset();
   }

@@ -1,7 +1,7 @@
 // vocastra-check on a configuration and a glossary, separated by a line "====" (see document.h).
 //
-// Each finding is one line of the documented form, and the exit status is that of the worst. If the
-// daemon refuses the input, there is an error.
+// Each finding is one line of the documented form, and the exit status is that of the worst
+// finding. If the daemon refuses the input, there is an error.
 #include <pwd.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,7 +16,7 @@
 #include "glossary.h"
 #include "xml.h"
 
-// The same single user on every machine: reading the real ones takes most of the time.
+// One fixed user on every machine, as reading the real users takes most of the time.
 extern "C" passwd* getpwent() {
   static char name[] = "somebody";
   static char home[] = "/home/somebody";

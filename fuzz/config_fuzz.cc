@@ -33,7 +33,7 @@ Function* Real(const char* name_, Function* /*replacement*/) {
 }
 
 const fuzz::Scratch kScratch;
-const fuzz::Scratch kEmptyDirectory;  // Opened for every other path.
+const fuzz::Scratch kEmptyDirectory;  // Opened instead of every other path.
 
 }  // namespace
 
@@ -88,7 +88,7 @@ uint16_t CRCOf(const std::string& text_) {
 // A player with its configuration and status in the scratch directory.
 class Station {
  public:
-  // Hands the document over and runs one pass. True if it came to its end.
+  // Writes the configuration and runs one pass. True if the pass did not throw.
   bool Run(const std::string& config_) {
     const std::string path = kScratch.Write("config.xml", config_);
     bool is_valid = false;

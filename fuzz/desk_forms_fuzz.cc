@@ -1,8 +1,8 @@
-// What a browser sends as text: the input is a path, a header with cookies, and a body, a line
+// The texts that a browser sends. The input is a path, a header with cookies, and a body, a line
 // each.
 //
-// What is accepted is UTF-8 without control characters and within the bounds, and is found again
-// when it is encoded.
+// Accepted values are UTF-8 without control characters and within the limits, and the same when
+// they are encoded and parsed again.
 #include <string.h>
 
 #include "forms.h"

@@ -1,6 +1,6 @@
-// Listings of servers. The first byte says in which form, and how large the pieces are.
+// Listings of servers. The first byte chooses the form and the size of the pieces.
 //
-// The pieces give what the whole gives. Names and times are parts of the listing's lines.
+// The pieces give the same result as the whole. Names and times are parts of the listing's lines.
 #include <algorithm>
 #include <vector>
 
@@ -20,7 +20,7 @@ Result Read(ListingForm form_, const char* data_, size_t size_, size_t piece_siz
                        [&result](const RemoteFile& file_) { result.files.push_back(file_); });
   try {
     for (size_t i = 0; i < size_; i += piece_size_) {
-      // Memory of its own, so that reading beyond it shows.
+      // Each piece has its own memory, so that sanitizers notice a read beyond it.
       const std::vector<char> piece(data_ + i, data_ + std::min(i + piece_size_, size_));
       reader.Feed(piece.data(), piece.size());
     }

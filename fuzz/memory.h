@@ -15,7 +15,7 @@ namespace fuzz {
 class Memory {
  public:
   Memory();
-  // The most bytes held at once so far beyond those at the start.
+  // The largest number of bytes held at once, less those at the start.
   size_t Own() const;
   size_t Expats() const;
 };

@@ -6,7 +6,7 @@
 //   pD gD sD rD nD   scans, takes words, stops or restarts the message, changes whether there is
 //                    a parser
 //
-// Queue, messages, words, status and the files left are those of the model.
+// Queue, messages, words, status and remaining files equal the model's.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -65,7 +65,7 @@ int unlink(const char* path_) noexcept {
   return remove(path_);
 }
 
-// Starts no shell, which would take most of the time: does the shell's two commands itself.
+// Carries out the shell's two commands itself, as a shell would take most of the time.
 int posix_spawn(pid_t* /*pid*/, const char* /*path*/, const posix_spawn_file_actions_t* /*actions*/,
                 const posix_spawnattr_t* /*attributes*/, char* const* arguments_,
                 char* const* /*environment*/) {

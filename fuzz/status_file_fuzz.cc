@@ -1,7 +1,7 @@
 // Texts of status files, as vocastra-say and vocastra-status read them. They may be half written,
 // and values are not escaped.
 //
-// A text is refused, or its tree has everything that the tools read. Parsing the dump of a tree
+// A text is refused, or its tree has all attributes that the tools read. Parsing the dump of a tree
 // gives the same tree, and every proper beginning of a text is refused.
 #include "debug.h"
 #include "document.h"
@@ -25,8 +25,8 @@ bool IsFlat(const XMLElement* root_) {
   return true;
 }
 
-// Reads all that the tools read of a status. They do not check it first. The list is also in the
-// reader, and is here again on purpose: an attribute that the reader forgets is noticed here.
+// Reads all attributes of a status that the tools read without a check. The reader has the same
+// list; the copy is on purpose, so that an attribute that the reader forgets is noticed.
 void ReadAll(const XMLElement& root_) {
   for (const char* name : {"timestamp", "now-playing", "output-bound"}) {
     root_.GetAttributeInteger(name);

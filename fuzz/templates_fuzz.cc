@@ -1,8 +1,8 @@
 // The file of templates, and the values of their blanks. Up to the first zero byte: the file; then
 // one value.
 //
-// A template has a title, a directory and a text, fills its blanks with the value as it is, and
-// nothing of it leaves its place in a page.
+// A template has a title, a directory and a text, and fills its blanks with the unchanged value. In
+// a page, its text is escaped.
 #include <algorithm>
 
 #include "charencoding.h"

@@ -1,6 +1,6 @@
-// The text of a snippet to the markup for the speech engine.
+// The conversion of a snippet's text to markup for the speech engine.
 //
-// The markup is well-formed whatever the text, has no element but breaks, and holds the text.
+// The markup of any text is well-formed, has no elements except breaks, and holds the text.
 #include <expat.h>
 
 #include "fuzz.h"
@@ -8,7 +8,7 @@
 
 namespace {
 
-// The text that a markup says, with pause tags again.
+// The text in a markup, with breaks as pause tags.
 struct Reading {
   std::string text;
 

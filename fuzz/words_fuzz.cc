@@ -1,7 +1,7 @@
-// Text to words to snippets. First byte: the word limit, second byte: loops, the rest is the text
-// as a parser might return it, valid or not.
+// Text that is split into words and snippets. First byte: the word limit; second byte: loops; the
+// rest: the text as a parser may return it, valid or not.
 //
-// Words and snippets are those of the model; no word is over its limit.
+// Words and snippets equal the model's; no word is over its limit.
 #include <errno.h>
 #include <spawn.h>
 
@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data_, size_t size_) {
   SetDebugMask(0);
   fuzz::Input input(data_, size_);
   const int byte = input.Byte();
-  const int limit = byte < 128 ? byte : byte - 256;  // Also below 0.
+  const int limit = byte < 128 ? byte : byte - 256;  // The limit may be negative.
   const int loops = input.Byte() % 4;
   FixedText parser;
   parser.text = input.Rest();

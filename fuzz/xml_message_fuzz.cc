@@ -1,7 +1,7 @@
 // XML messages with a field configuration. First line: mode and fields (see Configuration below),
 // the rest is the document (see document.h).
 //
-// The text is valid UTF-8, never longer than its bound, and that of the model. Loading keeps its
+// The text is valid UTF-8, not longer than its limit, and equals the model's. Loading keeps its
 // limits of memory and reads no other file.
 #include <memory>
 #include <vector>

@@ -24,8 +24,8 @@ size_t LeadingAscii(uint64_t word_) {
 #endif
 }
 
-// The end of the ASCII bytes from p_ on. Looks at 16 bytes at once: message texts are mostly ASCII,
-// and a step per byte would cost more than the reading.
+// The end of the ASCII bytes from p_ on. Checks 16 bytes at once: message texts are mostly ASCII,
+// and a step for each byte would take more time than reading the file.
 const unsigned char* SkipAscii(const unsigned char* p_, const unsigned char* end_) {
   uint64_t words[2];
   // NOMUTATE(condition): steps over all that it reads; asan notices.
@@ -50,7 +50,8 @@ const unsigned char* SkipAscii(const unsigned char* p_, const unsigned char* end
 // Steps over one valid sequence of three or four bytes. False if there is none at p_. Overlong
 // forms, surrogates and code points above U+10FFFF show in the second byte at the latest.
 //
-// Each length returns by itself: the branch predictor then knows where the next sequence starts.
+// Each length has its own return, so that the branch predictor knows where the next sequence
+// starts.
 bool SkipLongSequence(const unsigned char*& p_, const unsigned char* end_) {
   const unsigned char lead = p_[0];
   const auto available = end_ - p_;
@@ -143,8 +144,8 @@ bool Utf8IsValid(const std::string& text_) {
   const auto* p = reinterpret_cast<const unsigned char*>(text_.data());
   const unsigned char* const end = p + text_.size();
   while ((p = SkipAscii(p, end)) < end) {
-    // Texts in other scripts are mostly two-byte sequences with single spaces between words. There
-    // SkipAscii would cost more than it saves.
+    // Texts in other scripts are mostly two-byte sequences with single spaces between words.
+    // SkipAscii would slow these texts down.
     bool is_run = true;
     while (is_run) {
       while (end - p >= 2 && p[0] >= 0xC2 && p[0] < 0xE0 && IsContinuation(p[1])) {

@@ -6,8 +6,8 @@
 
 namespace {
 
-// How many bytes are taken at a step, each by a table of its own: the look-ups of a step do not
-// wait for one another, which makes it 11 times as fast as a step per byte on x86-64. The tables
+// The number of bytes that one step takes, each by its own table. The look-ups of a step do not
+// wait for one another, so this is 11 times as fast as a step for each byte on x86-64. The tables
 // take 8 KiB: small ARM cores have 16 or 32 KiB of data cache.
 constexpr size_t kSlices = 16;  // NOMUTATE(constant): any number of slices gives the same checksum.
 

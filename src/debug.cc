@@ -52,7 +52,7 @@ void Debug(unsigned int mask_, const char* format_, ...) {
   if (!IsDebugEnabled(mask_)) {
     return;
   }
-  const int saved_errno = errno;  // Callers log in the middle of handling an error.
+  const int saved_errno = errno;  // Callers log while they handle an error.
   va_list args;
   va_start(args, format_);
   WriteLine(format_, args);

@@ -1,7 +1,7 @@
 // The process-wide diagnostic log: one line per call on standard error, filtered by a bit mask.
 //
-// There is no prefix and no time stamp; whoever collects standard error adds them.
-// For use by one thread.
+// There is no prefix and no time stamp; the program that collects standard error adds them. For use
+// by one thread.
 #pragma once
 
 // Message classes: the bits of the mask.

@@ -61,7 +61,7 @@ struct Directory::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  // Releases the lock at the end of a block, also when there is no memory.
+  // Releases the lock at the end of a block, even if memory runs out.
   struct UnlockAtEnd {
     explicit UnlockAtEnd(const Impl& directory_) : directory(directory_) {}
     ~UnlockAtEnd() { directory.Unlock(); }

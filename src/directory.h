@@ -1,9 +1,9 @@
 // A directory that several processes share under one advisory lock.
 //
 // A listed file is a regular file whose name does not begin with a dot. Every operation ignores all
-// other entries, also those whose type the file system does not report. Counting,
-// listing, moving, copying and clearing take the lock (an exclusive flock on the directory
-// itself) for their duration; Lock and Unlock are for callers that need it for longer.
+// other entries, even those whose type the file system does not report. Counting, listing, moving,
+// copying and clearing take the lock (an exclusive flock on the directory itself) for their
+// duration; Lock and Unlock are for callers that need it for longer.
 #pragma once
 
 #include <list>
@@ -31,8 +31,8 @@ class Directory {
   // Names (without directory) of the listed files in byte order: "B" before "a", "10" before
   // "9". Throws a string if the directory is unreadable; the lock is held then until Unlock or
   // the end of the object. Empty, with a log line, if there is no memory.
-  // If files vanish meanwhile, empty names are at the head and as many names are missing at the
-  // end; the next listing has them.
+  // If files vanish during the call, there are empty names at the head, and as many names are
+  // missing at the end. The next listing has them.
   std::list<std::string> GetFileNames();
 
   // Move or copy the file at current_path_ into the directory as new_name_, through the shell

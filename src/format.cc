@@ -117,7 +117,7 @@ int RunShell(const std::string& cmd_) {
   const CommandSignals signals;
   char shell[] = "sh";
   char option[] = "-c";
-  // Not a copy: commands that clean up must run when there is no memory, too.
+  // Not a copy, as commands that clean up must run even if memory runs out.
   char* const arguments[] = {shell, option, const_cast<char*>(cmd_.c_str()), nullptr};
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);

@@ -42,7 +42,7 @@ void RemoveContents(const std::string& path_) {
   RunCommand(Format("rm %s/* > /dev/null 2>&1", path_.c_str()));
 }
 
-// False, with a log line, if the file is still there.
+// Removes a file. False, with a log line, if it is still there.
 bool RemoveFile(const std::string& path_) {
   if (unlink(path_.c_str()) == 0) {
     return true;
@@ -111,9 +111,9 @@ struct Attributes {
 // A private directory below "/tmp/", removed with everything in it.
 class WatchDirectory {
  public:
-  // Makes the command that removes it now: later there may be no memory for it.
+  // Makes the command for the removal now, as there may be no memory for it later.
   WatchDirectory() : removal("rm -rf /tmp/watchXXXXXX"), path(CreateTemporaryDirectory("watch")) {
-    removal.replace(strlen("rm -rf "), std::string::npos, path);  // As long as before.
+    removal.replace(strlen("rm -rf "), std::string::npos, path);  // The length does not change.
   }
   ~WatchDirectory() {
     if (path.compare(0, strlen(kWatchPrefix), kWatchPrefix) != 0) {
@@ -142,7 +142,7 @@ class Helper {
   Helper& operator=(const Helper&) = delete;
 
  private:
-  pid_t pid = 0;  // 0: it could not be started.
+  pid_t pid = 0;  // 0: the helper could not be started.
 };
 
 // Turns this forked child into the helper. Unblocks all signals, also those that were blocked when

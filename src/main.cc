@@ -85,7 +85,7 @@ void RunUntilExitRequest(Vocastra& player_) {
       }
     } catch (const std::string& text) {
       Debug(kDebugNormal, "%s", text.c_str());
-    } catch (const std::exception& e) {  // Usually no memory; the next pass may have some.
+    } catch (const std::exception& e) {  // Usually std::bad_alloc; the next pass may have memory.
       Debug(kDebugNormal, "%s", e.what());
     }
   }

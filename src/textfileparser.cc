@@ -55,7 +55,7 @@ void DumpBytes(const std::string& text_) {
   }
   dump += "\n\r";
   fflush(stdout);
-  WriteWhole(STDOUT_FILENO, dump.data(), dump.size());  // If it fails, there is nobody to tell.
+  WriteWhole(STDOUT_FILENO, dump.data(), dump.size());  // A failure cannot be reported anywhere.
 }
 
 void ShowReencoded(const std::string& text_) {

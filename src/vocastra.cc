@@ -141,7 +141,7 @@ void Vocastra::Impl::CreateResources() {
 }
 
 Vocastra::Impl::~Impl() {
-  while (!id_to_directory.empty()) {  // In ascending order, which clear() does not promise.
+  while (!id_to_directory.empty()) {  // In ascending order, which clear() does not guarantee.
     id_to_directory.erase(id_to_directory.begin());
   }
   ClearFileParsers();  // NOMUTATE(call): the first members destroyed are the parsers.

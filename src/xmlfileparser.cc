@@ -34,8 +34,8 @@ struct ActiveField {
   int parents_on_path;  // Elements from the root to the current one that are named field->parent.
 };
 
-// Logs if the text has no room for that many bytes more. One byte is counted for the separator,
-// though it has two.
+// False, with a log line, if the text has no room for so many further bytes. One byte is counted
+// for the separator, though it has two.
 bool HasRoom(const std::string& text_, size_t bytes_) {
   if (text_.size() + bytes_ + 1 > kMaxTextBytes) {
     Debug(kDebugNormal, "Too many characters, truncating");
@@ -151,7 +151,7 @@ void XMLFileParser::Impl::ExtractFields(std::string& text_, const XMLElement& el
 void XMLFileParser::Impl::ExtractChild(std::string& text_, const XMLElement& child_,
                                        const Field& field_) const {
   const std::string child_text = child_.GetText();
-  // In attribute mode too, where the text is not used: both modes have the same bound.
+  // This applies to attribute mode too, where the text is not used: both modes have the same limit.
   if (!HasRoom(text_, child_text.size())) {
     return;
   }

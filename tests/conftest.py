@@ -19,7 +19,7 @@ def pytest_xdist_auto_num_workers():
 def maker(tmp_path):
     """maker(kind, name) returns a function that makes objects of that kind.
 
-    Each is given a directory of its own, and is closed after the test, the newest first.
+    Each object gets its own directory, and is closed after the test, the newest first.
     """
     with contextlib.ExitStack() as stack:
 

@@ -2,9 +2,9 @@
 
     /usr/bin/python3 tests/latency.py [COUNT]
 
-Hands COUNT messages (10) over to each server by a rename, one after the other and each at a random
-time, and prints how long it took until the daemon had delivered the first audio file. The
-translator is the fake one of the tests; the daemon is the one that the tests use.
+Hands COUNT messages (10) over to each server by a rename, one after the other, each at a random
+time. Prints the time until the daemon has delivered the first audio file. Daemon and fake
+translator are those of the tests.
 """
 
 import random

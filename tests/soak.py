@@ -1,4 +1,4 @@
-"""Runs the daemon for MINUTES under the load and failures of a busy station, and counts.
+"""Runs the daemon for MINUTES under the load and failures of a busy station; counts the results.
 
     tools/soak MINUTES [SEED]
 
@@ -41,8 +41,9 @@ fi
 exec cat "$1" >"$2"
 """
 
-BACKLOG = 25  # Messages on their way at most.
-SPIN = 250  # Milliseconds of processor time per second that are too much. Its pauses leave a few.
+BACKLOG = 25  # The largest number of unfinished messages.
+# Milliseconds of processor time per second that are too much. The daemon needs a few.
+SPIN = 250
 GROWTH = 512  # KiB that resident memory and heap may differ between the middle and the end.
 
 
@@ -73,12 +74,12 @@ class Soak:
             (self.daemon.root / name).mkdir()
         for clip in ("spacer", "bumper", "silence"):
             (self.daemon.root / f"{clip}.wav").write_text("clip")
-        self.watch = None  # Where files of the remote directory arrive.
+        self.watch = None  # The directory where files of the remote directory arrive.
         self.player = None
         self.numbers = {}
         self.messages = []
         self.by_name = {}
-        self.open = {}  # Message by name, of those not heard to their end.
+        self.open = {}  # By name: the messages that were not heard to their end.
         self.lock = threading.Lock()
         self.output_lock = threading.Lock()  # Held while the output directory is away or in use.
         self.out_of_order = 0
@@ -172,7 +173,8 @@ class Soak:
             for word in words:
                 message = self.open.get(word.rpartition("-")[0])
                 if message is None:
-                    self.unknown += 1  # Of no message, or of one heard to its end: said twice.
+                    # The word belongs to no message, or was spoken twice.
+                    self.unknown += 1
                     continue
                 self.interrupted += message is not self.speaker and bool(message.heard)
                 self.speaker = message
@@ -259,7 +261,8 @@ class Soak:
             "rss": rss,
             "heap": int(heap[1]) if heap else 0,
             "descriptors": len(os.listdir(f"/proc/{pid}/fd")),
-            # Not one that is collected at this moment, as the daemon's "date" now and then.
+            # Counts twice, to leave out a process that is just being collected, such as the
+            # daemon's "date".
             "zombies": len(self.daemon.zombies() & self.daemon.zombies()),
             "cpu": (int(stat[11]) + int(stat[12])) / os.sysconf("SC_CLK_TCK"),
             "passes": self.daemon.timestamp() or 0,
@@ -272,10 +275,11 @@ class Soak:
             return sum(not message.excused for message in self.open.values())
 
     def note_failures(self):
-        """Excuses the messages of which the translator has lost words since the last call."""
+        """Excuses the messages that have lost words in the translator since the last call."""
         if self.failed.exists():
             failed = self.failed.read_text()
-            failed = failed[: failed.rfind("\n") + 1]  # One call, one line; the last may be half.
+            # Each call is one line; the last line may be incomplete.
+            failed = failed[: failed.rfind("\n") + 1]
             words = failed[self.failed_seen :].replace(PAUSE, "").split()
             self.failed_seen = len(failed)
             for name in {word.rpartition("-")[0] for word in words}:
@@ -321,7 +325,7 @@ class Soak:
 
 
 def is_in_order(message):
-    """Whether what was heard is the message's words in order, with none twice in a play."""
+    """Whether the heard words are the message's in order, with no word twice in a play."""
     positions = [message.words.index(word) for word in message.heard]
     plays = 1 + sum(b <= a for a, b in zip(positions, positions[1:]))
     return plays <= len(message.expected) // len(message.words)

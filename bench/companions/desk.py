@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Measures the desk beside a station with daemon, translator and player.
+"""Measures the desk with a station, daemon, translator and player.
 
     bench/companions/desk.py
 
@@ -68,17 +68,17 @@ class HeardScene(Scene):
         start = time.monotonic()
         say()
         seconds = self.player.wait("announcements", count) - start
-        # The station may tell of a message later than it is played.
+        # The station may record a message after it was played.
         wait_until(lambda: len(self.messages()) > known, "the message's record")
         self.wait_until_quiet()
         return seconds
 
     def processor_time(self):
-        """Seconds of the desk."""
+        """Processor time of the desk in seconds."""
         return int(Path(f"/proc/{self.desk.process.pid}/schedstat").read_text().split()[0]) / 1e9
 
     def fill_history(self):
-        """The desk starts again with as many messages as it keeps."""
+        """Restarts the desk with a full history."""
         path = self.desk.root / "state/history"
         assert self.desk.stop() == 0
         entries = [json.loads(line) for line in path.read_text().splitlines()]
@@ -126,7 +126,7 @@ def wakeups(desk, seconds):
 
 
 def watched(scene, clients, seconds):
-    """Per cent of a core; and events that each client got."""
+    """Per cent of a core, and the events that each client received."""
     browser = scene.log_in("anna")
     with contextlib.closing(Watchers(browser, clients)) as watchers:
         time.sleep(1)
@@ -174,7 +174,7 @@ def measure(runs=10, clients=100, seconds=60, hostile=()):
         at_start = scene.desk.figure("VmRSS") / 1024
         size = page_size(scene.log_in("operate"))
         anna = scene.log_in("anna")
-        scene.latency(scene.say_by_program)  # The first one warms the caches up.
+        scene.latency(scene.say_by_program)  # The first run warms up the caches.
         latencies = ([], [])
         for _ in range(runs):  # In turn, so that both see the same machine.
             for values, say in zip(

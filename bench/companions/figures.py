@@ -1,4 +1,4 @@
-"""One table of the figures of the companions and the desk, beside those of former scripts."""
+"""One table of the figures of the companions and the desk, and of the former scripts."""
 
 import json
 import sys
@@ -13,7 +13,7 @@ import mirror  # noqa: E402
 import player  # noqa: E402
 import voice  # noqa: E402
 
-SCRIPTS = HERE / "scripts.json"  # By figure: the value of the scripts, as measured last.
+SCRIPTS = HERE / "scripts.json"  # By figure: the last measured value of the scripts.
 LOOK_RATIO = 1.5  # Times a loop that only lists, with 100 files.
 HEAD = "| figure | scripts | now | floor | ratio | goal | |\n|---|---:|---:|---:|---:|---:|---|\n"
 
@@ -36,7 +36,7 @@ def measure(libexec, floors=None, smoke=False, runs=50):
 
 
 def measure_desk(smoke=False):
-    """Rows of the same kind."""
+    """Rows of the desk."""
     if smoke:
         return desk.measure(runs=1, clients=3, seconds=1, hostile=("-k", "oversized"))
     return desk.measure()

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Measures the mirror helpers beside programs that only list with the same libraries.
+"""Measures the mirror helpers and programs that only list with the same libraries.
 
 bench/companions/mirror.py [HELPERS [FLOORS]]
 
@@ -43,11 +43,11 @@ TICK = 1000 / os.sysconf("SC_CLK_TCK")  # Milliseconds.
 
 
 class Unmeasured(Exception):
-    """A helper that does not do what is measured."""
+    """Thrown if a helper does not do the measured work."""
 
 
 class Program:
-    """A program that runs, and its children."""
+    """A running program and its children."""
 
     def __init__(self, command, **options):
         options = {"stdin": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, **options}
@@ -131,7 +131,7 @@ def floor_command(floors, kind, server):
 
 
 def measure_floor(floors, kind, server, seconds):
-    """It writes a dot for each look; the first looks log in."""
+    """Measures a floor, which writes a dot for each look. The first looks log in."""
     command = floor_command(floors, kind, server)
     with contextlib.closing(Program(command, stdout=subprocess.PIPE)) as program:
         time.sleep(3)
@@ -151,7 +151,7 @@ def measure_renames(server, local, program, renames):
     """Seconds from a rename on the server to the delivery."""
     took = []
     for number in range(renames):
-        time.sleep(0.37)  # Another phase of the helper's looks each time.
+        time.sleep(0.37)  # Each rename is in another phase of the helper's looks.
         name = f"new{number}.txt"
         begin = time.monotonic()
         server.put(name, "A new one.")
@@ -187,14 +187,14 @@ def measure_helper(helpers, floors, kind, root, count, seconds):
             server.put(f"message-{number:05d}.txt", f"Message {number}.")
         local = root / "watch"
         arguments = server.arguments(local)
-        if (helpers / "mirror.sh").exists():  # Knows fewer options.
+        if (helpers / "mirror.sh").exists():  # The former script has fewer options.
             if kind == "sftp":
                 raise Unmeasured
             arguments = [word.replace(",settle=0", "") for word in arguments]
         helper = Program([helpers / server.kind, *arguments])
         with contextlib.closing(helper):
             wait(lambda: read_beat(local), 600, helper)
-            # Until exact times of delivered files are not asked for any more.
+            # Waits until the helper no longer asks for exact times of delivered files.
             time.sleep(4 * seconds if kind == "sftp" else 5)
             milliseconds = per_look(helper, lambda: count_beats(local, seconds))
             rows = [[f"{name}: processor time of a look", milliseconds, "ms", None, look_goal]]

@@ -11,9 +11,9 @@ shell script that the player once was can be measured too.
   the difference of a long and a short run, so that the start does not count.
 - Alarm: the daemon runs with -w 5 -f 2, and an announcement of pieces of 10 seconds plays through
   "--null". Then the file of an alarm is renamed into its input directory at a random time. The
-  time ends with the line "playing NAME" of its first file. The floor is the daemon's own share, of
-  which no player is free: it sees the message after up to one pause of 100 ms, finds the output
-  directory full, and looks again after another one.
+  time ends with the line "playing NAME" of its first file. The floor is the daemon's own share: it
+  sees the message after up to one pause of 100 ms, finds the output directory full, and looks again
+  after another pause.
 """
 
 import argparse
@@ -45,7 +45,7 @@ def is_script(player):
 
 
 def command(player, daemon):
-    """The player at the daemon's output directory, with all that it can know of the daemon."""
+    """The player's command, with the daemon's output directory, configuration and status."""
     options = ["--null", "--verbose"]
     if not is_script(player):
         options += ["--config", daemon.config, "--status", daemon.status_path]
@@ -56,7 +56,7 @@ def command(player, daemon):
 def start_daemon(root, announcement=False):
     """A daemon with two directories. Sound of an announcement lasts long, that of an alarm not."""
     daemon = Daemon(root, words=5, files=2)
-    # Shared memory, if there is some: no disk shall be measured.
+    # In shared memory if possible, so that no disk is measured.
     daemon.configure(
         daemon.directory("lobby", priority=5, loops=1000, conv_opts=f"fake:big={20 * RATE}"),
         daemon.directory("alarm", priority=1, conv_opts=f"fake:big={RATE}"),

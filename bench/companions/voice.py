@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Measures the translator espeak-ng beside the engine's own program, which writes a WAV file.
+"""Measures the translator espeak-ng and the engine's own program, which writes a WAV file.
 
 bench/companions/voice.py [TRANSLATOR]   (default: the one in build/release)
 """

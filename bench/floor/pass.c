@@ -1,5 +1,5 @@
-// The least work of one idle pass: work that every program with the daemon's outside behaviour must
-// do.
+// The least work of one idle pass: the work that any program with the daemon's visible behaviour
+// must do.
 //
 // In each pass: the checksum of the configuration, the glossary fed to expat with empty handlers,
 // a scan of every input directory, a count of the output directory, and the status file. A scan

@@ -1,4 +1,5 @@
-// Preloaded by launch: tells the time of the program's first pause and ends it by SIGINT.
+// Preloaded by launch: reports the time of the program's first pause and ends the program by
+// SIGINT.
 #include <signal.h>
 #include <stdlib.h>
 #include <time.h>

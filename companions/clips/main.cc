@@ -1,5 +1,5 @@
-// Makes the clips that come with the project: a gong and two silences. Every sample is computed, so
-// nobody else has rights in them. Runs during the build.
+// Makes the project's clips during the build: a gong and two silences. Every sample is computed, so
+// nobody else has rights in them.
 
 #include <math.h>
 #include <sndfile.h>

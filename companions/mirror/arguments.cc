@@ -11,9 +11,9 @@ constexpr int kLongestPoll = 24 * 60 * 60;  // Seconds.
 
 bool IsSet(const std::string& number_) { return number_ != "0" && !number_.empty(); }
 
-// Source and directory, which do not depend on whether the arguments can work.
-void SetPlaces(const RemoteAttributes& attributes_, const std::string& watch_directory_,
-               MirrorSettings* settings_) {
+// Sets source and local directory, even if other arguments are wrong.
+void SetSourceAndDirectory(const RemoteAttributes& attributes_, const std::string& watch_directory_,
+                           MirrorSettings* settings_) {
   settings_->source = RemoteSource(attributes_.path, attributes_.subdir);
   settings_->directory = Joined(watch_directory_, attributes_.subdir);
 }
@@ -25,7 +25,7 @@ void ReadFtpArguments(const std::vector<std::string>& arguments_, FtpArguments* 
   settings.kind = "ftp";
   const RemoteAttributes attributes = {arguments_[0], arguments_[1], arguments_[2], arguments_[3],
                                        arguments_[7]};
-  SetPlaces(attributes, arguments_[4], &settings);
+  SetSourceAndDirectory(attributes, arguments_[4], &settings);
   result_->place = ReadFtpPlace(attributes);
   settings.auto_delete = IsSet(arguments_[5]);
   const int poll = ParseSeconds(arguments_[6].c_str(), 0);
@@ -41,7 +41,7 @@ void ReadSmbArguments(const std::vector<std::string>& arguments_, SmbArguments* 
   settings.kind = "cifs";
   const RemoteAttributes attributes = {arguments_[0], arguments_[3], arguments_[1], arguments_[2],
                                        arguments_[5]};
-  SetPlaces(attributes, arguments_[4], &settings);
+  SetSourceAndDirectory(attributes, arguments_[4], &settings);
   result_->place = ReadSmbPlace(attributes);
   settings.auto_delete = IsSet(arguments_[6]);
   settings.settle_seconds = result_->place.settle_seconds.value_or(settings.settle_seconds);

@@ -1,4 +1,4 @@
-// The arguments of the two helpers. Their order and number are the daemon's.
+// The arguments of the two helpers. The daemon determines their order and number.
 #pragma once
 
 #include <string>
@@ -23,8 +23,8 @@ constexpr size_t kFtpArgumentCount = 8;
 // PATH USERNAME PASSWORD SUBDIR WATCH-DIRECTORY MOUNT-OPTS AUTO-DELETE
 constexpr size_t kSmbArgumentCount = 7;
 
-// Fill in result_. They throw a string if the arguments cannot work; source and directory are set
-// by then. The text has no value that could be a password. REQUIRES: as many arguments as there are
-// to be.
+// Parse the arguments into result_. They throw a string if the arguments cannot work, with source
+// and directory already set. The string never holds a value that could be a password. REQUIRES: the
+// number of arguments is right.
 void ReadFtpArguments(const std::vector<std::string>& arguments_, FtpArguments* result_);
 void ReadSmbArguments(const std::vector<std::string>& arguments_, SmbArguments* result_);

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Bytes: twice as many as for the largest listing that the mirror takes.
+// Bytes: twice the need of the largest listing that the mirror accepts.
 constexpr size_t kMemory = 128 << 20;
 
 }  // namespace
@@ -31,6 +31,6 @@ int main(int argc, char** argv) {
         LimitMemory(kMemory);
         return std::make_unique<SmbRemote>(arguments.place, std::move(go_on_));
       });
-  // A thread may still be in the library, which must not be torn down under it.
+  // No destructors run, as a thread may still use the library.
   _exit(status);
 }

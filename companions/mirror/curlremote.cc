@@ -27,13 +27,13 @@ constexpr int kLongestWait = 200;
 constexpr char kNoAnswer[] = "no answer";
 constexpr char kBroken[] = "the connection broke";
 
-// Answers to a command that a server does not know, or not with these arguments.
+// The server's answers to an unknown command, or to unknown arguments.
 constexpr long kUnknownCommand = 500;
 constexpr long kWrongArguments = 501;
 constexpr long kNotImplemented = 502;
 constexpr long kNotForArguments = 504;
 
-// Certificates by the hashes of their names: only those that are needed come into memory.
+// Certificates named by their hashes: the library loads only those that it needs.
 constexpr char kCertificates[] = "/etc/ssl/certs";
 
 const char* SchemeOf(FtpKind kind_) {
@@ -54,7 +54,7 @@ std::string UrlOf(const FtpPlace& place_) {
     url += Format(":%d", place_.port);
   }
   url += '/';
-  // The library takes a path of SFTP for absolute, one of FTP for relative.
+  // The library treats a path as absolute for SFTP, and as relative for FTP.
   if (place_.kind == FtpKind::kSftp) {
     const bool is_absolute = !place_.directory.empty() && place_.directory[0] == '/';
     url += is_absolute ? EscapedPath(place_.directory.substr(1))
@@ -77,7 +77,7 @@ std::string Quoted(const std::string& path_) {
   return quoted + '"';
 }
 
-// A list of commands.
+// A list of commands for the server, freed at the end.
 class Commands {
  public:
   explicit Commands(const std::string& command_)
@@ -97,7 +97,7 @@ class Commands {
   curl_slist* list;
 };
 
-// A request that runs, as long as this lives.
+// Adds a request to the library's set while it lives.
 class Running {
  public:
   Running(CURLM* sessions_, CURL* handle_) : sessions(sessions_), handle(handle_) {
@@ -113,7 +113,7 @@ class Running {
   CURL* handle;
 };
 
-// Once in a process, and never undone.
+// Initializes the library, once in a process.
 void StartLibrary() {
   static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
   if (result != CURLE_OK) {
@@ -157,17 +157,17 @@ struct CurlRemote::Impl {
   const std::function<bool()> go_on;
   CURLM* sessions = nullptr;
   CURL* handle = nullptr;
-  std::vector<curl_socket_t> sockets;  // Those that are open.
+  std::vector<curl_socket_t> sockets;  // The open ones.
   bool has_mlsd = true;
-  bool is_set_to_list = false;  // The last request was a listing, as the next one mostly is.
+  bool is_set_to_list = false;  // The last request was a listing; most often the next one is too.
 
-  // Of the request that runs.
+  // Of the running request.
   const Take* take = nullptr;
-  std::exception_ptr thrown;  // By a function that the library has called.
+  std::exception_ptr thrown;  // The exception of a function that the library has called.
   std::string reply;          // The server's last line, FTP only.
   char error[CURL_ERROR_SIZE] = "";
-  bool has_received = false;  // Since that was last looked at.
-  bool is_lost = false;       // The server has closed the connection that was closed last.
+  bool has_received = false;  // Since the flag was last cleared.
+  bool is_lost = false;       // The connection that was closed last was closed by the server.
 };
 
 size_t CurlRemote::Impl::TakeData(char* data_, size_t /*one_*/, size_t size_, void* self_) {
@@ -222,10 +222,10 @@ int CurlRemote::Impl::CloseSocket(void* self_, curl_socket_t socket_) {
 
 void CurlRemote::Impl::SetCommon() {
   Set(CURLOPT_PROTOCOLS_STR, SchemeOf(place.kind));
-  Set(CURLOPT_PATH_AS_IS, 1L);  // ".." is for the server.
+  Set(CURLOPT_PATH_AS_IS, 1L);  // The server interprets "..".
   Set(CURLOPT_PROXY, "");
   Set(CURLOPT_NOSIGNAL, 1L);
-  Set(CURLOPT_QUICK_EXIT, 1L);  // Does not wait for a name server.
+  Set(CURLOPT_QUICK_EXIT, 1L);  // Does not wait for a pending name lookup.
   Set(CURLOPT_ERRORBUFFER, error);
   Set(CURLOPT_WRITEFUNCTION, &TakeData);
   Set(CURLOPT_WRITEDATA, this);
@@ -251,7 +251,7 @@ void CurlRemote::Impl::SetCommon() {
 }
 
 void CurlRemote::Impl::SetTls() {
-  // Also from the start: else a server could have the data without it.
+  // For kFtps too: otherwise, a server could ask for data without TLS.
   if (place.kind == FtpKind::kFtpes || place.kind == FtpKind::kFtps) {
     Set(CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
   }
@@ -272,7 +272,7 @@ void CurlRemote::Impl::SetSsh() {
   }
 }
 
-// Begins a request, without what the last one has set.
+// Sets up a request, without the options of the last one.
 void CurlRemote::Impl::SetRequest(const std::string& url_) {
   if (handle == nullptr) {
     StartLibrary();
@@ -309,7 +309,7 @@ void CurlRemote::Impl::Perform(const Take& take_) {
   }
 }
 
-// Ends the session without a farewell, for whose answer the library would wait.
+// Closes the session's sockets, as the library would wait for the answer to a proper end.
 void CurlRemote::Impl::CutOff() {
   for (const curl_socket_t number : sockets) {
     shutdown(number, SHUT_RDWR);
@@ -318,8 +318,8 @@ void CurlRemote::Impl::CutOff() {
 
 // Waits for the end of the request.
 //
-// The library waits up to a second for nothing at some steps of FTP. So it is asked again soon, and
-// less often the longer nothing happens.
+// At some steps of FTP, the library would wait up to a second without a reason. So it is called
+// again soon, and less often the longer nothing happens.
 CURLcode CurlRemote::Impl::Wait() {
   int milliseconds = kShortestWait;
   double last_progress = Now();
@@ -348,7 +348,7 @@ long CurlRemote::Impl::ResponseCode() const {
   return code;
 }
 
-// The same trouble has the same text each time, which the library's own texts do not always have.
+// Throws a text that is always the same for the same failure. The library's own texts vary.
 void CurlRemote::Impl::Fail(CURLcode result_) {
   constexpr long kFirstFailure = 400;
   const bool has_reply = place.kind != FtpKind::kSftp && ResponseCode() >= kFirstFailure &&
@@ -356,7 +356,7 @@ void CurlRemote::Impl::Fail(CURLcode result_) {
   const std::string text = has_reply          ? reply
                            : error[0] != '\0' ? error
                                               : curl_easy_strerror(result_);
-  // For SFTP, each step has an error of its own, also if the connection is why it failed.
+  // For SFTP, each step has its own error, even if a lost connection is the cause.
   if (place.kind == FtpKind::kSftp && is_lost) {
     throw std::string(kBroken);
   }
@@ -396,7 +396,7 @@ void CurlRemote::Impl::List(const char* command_, ListingForm form_,
     is_set_to_list = true;
   }
   Perform([&reader](const char* data_, size_t size_) { reader.Feed(data_, size_); });
-  // The library takes a 450 for an empty directory.
+  // The library treats a 450 as an empty directory.
   if (place.kind != FtpKind::kSftp && ResponseCode() / 100 != 2) {
     throw reply;
   }
@@ -442,7 +442,7 @@ std::string CurlRemote::Time(const RemoteFile& file_) {
   curl_off_t seconds = -1;
   curl_easy_getinfo(impl->handle, CURLINFO_FILETIME_T, &seconds);
   if (seconds < 0 && impl->place.kind != FtpKind::kSftp && impl->has_mlsd) {
-    return file_.stamp;  // The best that there is.
+    return file_.stamp;  // The server has no exact time.
   }
   if (seconds < 0) {
     throw std::string("the server does not tell times of files");
@@ -466,7 +466,7 @@ void CurlRemote::Delete(const std::string& name_) {
     impl->Set(CURLOPT_QUOTE, commands.Get());
     impl->Perform([](const char*, size_t) {});
   } else {
-    // Before the transfer that there is not, and in the right directory.
+    // The library sends these in the right directory, before the (empty) transfer.
     const Commands commands("DELE " + name_);
     impl->Set(CURLOPT_PREQUOTE, commands.Get());
     impl->Perform([](const char*, size_t) {});

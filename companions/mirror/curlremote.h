@@ -8,12 +8,11 @@
 #include "place.h"
 #include "remote.h"
 
-// Keeps one session as long as it is used at least every two minutes. Limits: 5 seconds until a
-// session is open and for each answer of an FTP server, 10 seconds without any byte, 60 seconds for
-// a call.
+// Keeps one session while it is used at least every two minutes. Limits: 5 seconds to open a
+// session and for each answer of an FTP server, 10 seconds without any byte, 60 seconds for a call.
 //
-// Neither ~/.netrc, ~/.ssh, an SSH agent nor the environment's proxies are used. Certificates, or
-// host keys, are always checked.
+// Does not use ~/.netrc, ~/.ssh, an SSH agent or the environment's proxies. Always checks
+// certificates and host keys.
 class CurlRemote : public Remote {
  public:
   CurlRemote(const FtpPlace& place_, std::function<bool()> go_on_);

@@ -11,8 +11,8 @@
 
 namespace {
 
-// The daemon compares 16-bit checksums of the texts and takes 0 for a missing file: those of these
-// texts are distinct, and none is 0.
+// The daemon compares 16-bit checksums of the texts, and a checksum of 0 means a missing file. The
+// checksums of these texts differ, and none is 0.
 constexpr int kTexts = 100;
 constexpr char kText[] = "alive %02d\n";
 constexpr size_t kTextSize = 9;  // Bytes of a text.

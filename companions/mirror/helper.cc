@@ -31,7 +31,8 @@ void MakeDirectory(const std::string& path_) {
 int RunHelper(const Program& program_, size_t count_, int argc_, char** argv_,
               const std::function<void(const std::vector<std::string>&)>& read_,
               MirrorSettings* settings_, const MakeRemote& make_remote_) {
-  // A lone option is for people; the daemon gives all arguments, whatever they begin with.
+  // A single argument is an option, given by a person. The daemon gives all arguments, and they may
+  // begin with "-".
   const size_t given = static_cast<size_t>(argc_) - 1;
   std::vector<std::string> arguments(argv_ + 1, argv_ + argc_);
   if (given != count_) {
@@ -50,7 +51,7 @@ int RunHelper(const Program& program_, size_t count_, int argc_, char** argv_,
     } catch (const std::string& text) {
       failure = text;
     }
-    // Also if it stays empty: without it, each pass of the daemon fails.
+    // Without the directory, each pass of the daemon fails.
     MakeDirectory(settings_->directory);
     if (!failure.empty()) {
       throw failure;

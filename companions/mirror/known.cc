@@ -17,12 +17,13 @@ namespace {
 constexpr char kMemory[] = ".helper.delivered";
 constexpr char kPart[] = ".helper.part.";
 
-// Lines of the memory beyond two for each file, before it is rewritten.
+// The memory is rewritten when it has so many lines more than two for each file.
 constexpr size_t kSpareLines = 1000;
 
-constexpr size_t kLineSize = 512;  // Bytes that a line has at most: a name and three numbers.
+constexpr size_t kLineSize = 512;  // The longest line, in bytes: a name and three numbers.
 
-constexpr size_t kPieceSize = 1 << 14;  // Bytes; the memory is rewritten in such pieces.
+// Bytes that are written at once when the memory is rewritten.
+constexpr size_t kPieceSize = 1 << 14;
 
 struct FileCloser {
   void operator()(FILE* file_) const { fclose(file_); }
@@ -41,11 +42,11 @@ std::string Line(const std::string& name_, uint64_t delivered_, uint64_t version
 }  // namespace
 
 uint64_t Fingerprint(uint64_t size_, const std::string& time_) {
-  // FNV-1a. A server that makes two versions alike harms only its own file.
+  // FNV-1a. A server that forges equal versions harms only its own file.
   constexpr uint64_t kStart = 0xcbf29ce484222325;
   constexpr uint64_t kPrime = 0x100000001b3;
   uint64_t hash = (kStart ^ size_) * kPrime;
-  hash = (hash ^ (hash >> 32)) * kPrime;  // All bits of the size reach all of the result.
+  hash = (hash ^ (hash >> 32)) * kPrime;  // Mixes all bits of the size into the result.
   for (const char c : time_) {
     hash = (hash ^ static_cast<unsigned char>(c)) * kPrime;
   }
@@ -59,7 +60,7 @@ Known::Known(const std::string& directory_) : directory(directory_) {
   try {
     Rewrite();
   } catch (const LocalTrouble&) {
-    // There may be room later. Nothing is delivered before.
+    // There may be room later. No file is delivered before that.
   }
 }
 
@@ -97,8 +98,8 @@ Known::Files::iterator Known::Forget(Files::iterator file_) {
   return known.erase(file_);
 }
 
-// Every process begins with a memory that has one line for each file. A line at the end that was
-// not written to its end counts for nothing: its delivery was not begun.
+// Reads the memory, which the constructor then rewrites with one line for each file. Ignores an
+// incomplete line at the end: its delivery has not begun.
 void Known::Load() {
   const std::unique_ptr<FILE, FileCloser> file(fopen((directory + kMemory).c_str(), "re"));
   if (!file) {
@@ -116,7 +117,7 @@ void Known::Load() {
   }
 }
 
-// A line that is not as Line writes it counts for nothing.
+// Ignores a line that Line does not write.
 void Known::TakeLine(const std::string& line_) {
   const std::string name = line_.substr(0, line_.find(' '));
   uint64_t delivered = 0;
@@ -158,7 +159,7 @@ void Known::Remember(const std::string& line_) {
   try {
     memory->Write(line_.data(), line_.size());
   } catch (const LocalTrouble&) {
-    memory.reset();  // Half of the line may be in it.
+    memory.reset();  // Part of the line may have been written.
     throw;
   }
   ++lines;

@@ -2,9 +2,8 @@
 // removes a file that it takes; a mirror without memory would deliver it again.
 //
 // The memory is in the local directory, in the hidden file ".helper.delivered". A delivery adds a
-// line to it and then renames the hidden file with the content. So a process that is ended at any
-// moment leaves enough for the next one to go on: a line whose hidden file is still there is a
-// delivery to be completed.
+// line to it and then renames the hidden file with the content. So the next process can go on after
+// an end at any moment: if the hidden file of a line still exists, it completes that delivery.
 #pragma once
 
 #include <stddef.h>
@@ -17,19 +16,20 @@
 
 #include "localfile.h"
 
-// A number that tells versions of a file apart, never 0.
+// A number that identifies a version of a file, never 0.
 uint64_t Fingerprint(uint64_t size_, const std::string& time_);
 
 struct KnownFile {
   uint64_t shown = 0;      // Fingerprint of size and stamp in the last listing that had the file.
-  uint64_t delivered = 0;  // That of the copy that was delivered; 0: none.
+  uint64_t delivered = 0;  // Fingerprint of the delivered copy's size and stamp; 0: none.
   uint64_t version = 0;    // Fingerprint of that copy's size and exact time.
-  double due = 0;          // When the file may be fetched, or deleted, at the earliest.
-  double next_check = std::numeric_limits<double>::infinity();  // When to ask for the exact time.
+  double due = 0;          // The earliest time at which the file may be fetched or deleted.
+  // When to ask for the exact time again.
+  double next_check = std::numeric_limits<double>::infinity();
   uint32_t seen = 0;      // Number of the last look that found it.
-  uint16_t tries = 0;     // That did not succeed since it was delivered last.
-  uint8_t told = 0;       // Bits: the troubles that were reported.
-  uint8_t checks = 0;     // How often the exact time was asked for since the delivery.
+  uint16_t tries = 0;     // Failed tries since the last delivery.
+  uint8_t told = 0;       // Bits: the failures that were reported.
+  uint8_t checks = 0;     // Requests for the exact time since the delivery.
   bool is_local = false;  // The last look into the local directory found the copy.
 };
 
@@ -37,8 +37,8 @@ class Known {
  public:
   using Files = std::unordered_map<std::string, KnownFile>;
 
-  // Reads the memory, completes a delivery that was cut short and removes other hidden parts.
-  // directory_ ends in "/". Throws LocalTrouble, as the others do.
+  // Reads the memory, completes an interrupted delivery and removes other hidden parts. directory_
+  // ends in "/". Throws LocalTrouble, as the other functions do.
   explicit Known(const std::string& directory_);
 
   Known(const Known&) = delete;
@@ -46,7 +46,7 @@ class Known {
 
   Files& files() { return known; }
 
-  // Somebody has emptied the directory, or put another one into its place: the memory is gone.
+  // True if the memory's file is gone: the directory was emptied or replaced.
   bool HasLostMemory() const { return memory && !memory->IsInPlace(); }
 
   // Writes the memory again.
@@ -56,13 +56,13 @@ class Known {
   uint64_t NextPart() { return ++last_part; }
   std::string PartPath(uint64_t part_) const;
 
-  // A delivery in two steps. The first writes into the memory that the hidden file is the version
-  // of file_ that is shown now; if it throws, nothing has happened. The second gives the hidden
-  // file its name, and is repeated if it throws. To be called before any other change.
+  // A delivery has two steps. Record notes in the memory that the hidden file holds the version of
+  // file_ that is shown now; if it throws, nothing has changed. Finish renames the hidden file, and
+  // is to be repeated if it throws. No other change may come between them.
   void Record(Files::value_type& file_, uint64_t version_, uint64_t part_);
   void Finish();
 
-  // Removes the local copy, if one was delivered, and the knowledge. Returns the next file.
+  // Removes the local copy, if one was delivered, and the file's entry. Returns the next file.
   Files::iterator Forget(Files::iterator file_);
 
  private:
@@ -73,7 +73,7 @@ class Known {
 
   std::string directory;
   Files known;
-  std::unique_ptr<LocalFile> memory;  // Null: to be rewritten before anything is added.
+  std::unique_ptr<LocalFile> memory;  // Null: the memory must be rewritten before a line is added.
   size_t lines = 0;                   // In the memory.
   uint64_t last_part = 0;
   std::string unfinished;        // The file that is being delivered,

@@ -17,7 +17,7 @@ bool IsNumber(string_view text_) {
   return !text_.empty() && std::all_of(text_.begin(), text_.end(), IsDigit);
 }
 
-// The number that the digits of text_ are; false if it has none, others, or too many.
+// Reads a number. False if text_ is empty, has other characters than digits, or too many digits.
 bool ReadSize(string_view text_, uint64_t* size_) {
   constexpr size_t kMaxDigits = 19;  // Fits into 64 bits in any case.
   if (!IsNumber(text_) || text_.size() > kMaxDigits) {
@@ -30,14 +30,14 @@ bool ReadSize(string_view text_, uint64_t* size_) {
   return true;
 }
 
-// Without regard to case.
+// Compares without regard to case.
 bool IsSame(string_view text_, string_view other_) {
   return text_.size() == other_.size() &&
          strncasecmp(text_.data(), other_.data(), text_.size()) == 0;
 }
 
-// Takes the text up to the next separator_ off the front, and the separator with it. False if there
-// is none.
+// Moves the text before the next separator_ to part_, and removes the separator. False if there is
+// none.
 bool Cut(string_view* text_, char separator_, string_view* part_) {
   const size_t end = text_->find(separator_);
   if (end == string_view::npos) {
@@ -48,7 +48,8 @@ bool Cut(string_view* text_, char separator_, string_view* part_) {
   return true;
 }
 
-// True if the line makes sense. is_file_: it is a regular file, and file_ is set.
+// Reads a line of the form kFacts. False if the line makes no sense. is_file_: it is a regular
+// file, and file_ is set.
 bool ReadFacts(string_view line_, RemoteFile* file_, bool* is_file_) {
   string_view facts;
   if (!Cut(&line_, ' ', &facts) || facts.empty() || facts.back() != ';' || line_.empty()) {
@@ -114,8 +115,8 @@ bool IsClockOrYear(string_view word_) {
          std::all_of(word_.begin(), word_.end(), [](char c_) { return IsDigit(c_) || c_ == ':'; });
 }
 
-// Takes the time that begins with the next word off the front: "Nov 21 00:07", "21 Nov 2026" or
-// "2026-11-21 00:07".
+// Skips a time that begins with the next word: "Nov 21 00:07", "21 Nov 2026" or "2026-11-21 00:07".
+// False if there is none.
 bool TakeTime(Words* words_) {
   const string_view first = words_->Next();
   const bool is_date = first.size() == strlen("2026-11-21") && first[4] == '-' && first[7] == '-';
@@ -129,8 +130,8 @@ bool TakeTime(Words* words_) {
   return IsClockOrYear(words_->Next());
 }
 
-// "-rw-r--r--    1 owner group     5 Nov 21 00:07 name". The size is the number before the time:
-// some servers leave columns out, and owners can have blanks.
+// "-rw-r--r--    1 owner group     5 Nov 21 00:07 name". The size is the number before the time, as
+// some servers omit columns and owners can have blanks.
 bool ReadLongColumns(string_view line_, RemoteFile* file_, bool* is_file_) {
   Words words(line_);
   words.Next();

@@ -8,7 +8,8 @@
 
 #include "remote.h"
 
-// Bytes that a line may have. The longest name has 255, and MLSD puts a few facts in front.
+// Bytes that a line may have. The longest name has 255, and in an MLSD listing a few facts precede
+// it.
 constexpr size_t kMaxListingLine = 4096;
 
 enum class ListingForm {
@@ -18,11 +19,11 @@ enum class ListingForm {
   kColumns,
 };
 
-// Takes a listing piece by piece and hands on its regular files. The time of day in a listing's
-// lines is part of the files' stamps as it is.
+// Takes a listing piece by piece and passes on its regular files. A file's stamp has the time as
+// the listing gives it.
 //
-// Lines that make no sense are left out, since a name with a line break makes such lines. A listing
-// of which no line makes sense is an error.
+// Lines that make no sense are ignored, as a name with a line break causes them. It is an error if
+// no line of a listing makes sense.
 class ListingReader {
  public:
   ListingReader(ListingForm form_, std::function<void(const RemoteFile&)> take_);
@@ -39,10 +40,10 @@ class ListingReader {
 
   ListingForm form;
   std::function<void(const RemoteFile&)> take;
-  std::string rest;      // The beginning of a line.
+  std::string rest;      // The beginning of an incomplete line.
   RemoteFile file;       // Kept, so that its strings keep their memory.
-  bool is_empty = true;  // Nothing has come.
+  bool is_empty = true;  // No byte has come.
   bool makes_sense = false;
   bool has_bare = false;
-  bool has_file = false;  // That is not bare.
+  bool has_file = false;  // There was a file that is not bare.
 };

@@ -1,4 +1,4 @@
-// A file in the local directory that is being written, closed with the object and on exec.
+// A file in the local directory that is being written. The destructor closes it, and so does exec.
 #pragma once
 
 #include <stddef.h>
@@ -6,7 +6,7 @@
 
 #include <string>
 
-// The local directory does not take what it has to. Not a string, as it is no failure of the
+// Thrown if the local directory cannot be written. Not a string: strings are failures of the
 // server.
 struct LocalTrouble {
   std::string reason;
@@ -15,8 +15,8 @@ struct LocalTrouble {
 class LocalFile {
  public:
   // Opens path_ for writing and creates it if it is missing; flags_ are added, such as O_TRUNC or
-  // O_APPEND. Everybody may read it, whatever the umask: the daemon may copy a message, with its
-  // mode, for others to read. Throws LocalTrouble, as the others do.
+  // O_APPEND. Everybody may read the file, independent of the umask: the daemon may copy a message
+  // with its mode, and others read the copy. Throws LocalTrouble, as the other functions do.
   explicit LocalFile(const std::string& path_, int flags_);
   ~LocalFile();
 
@@ -25,14 +25,14 @@ class LocalFile {
 
   void Write(const char* data_, size_t size_);
 
-  // Gives the file another name, in place of the file that has it.
+  // Renames the file. Replaces a file that has the new name.
   void Rename(const std::string& path_);
 
-  // Gives the file and another one each other's names. False if the file system cannot, or there is
-  // no other one.
+  // Exchanges the names of this file and the one at path_. False if the file system cannot, or
+  // there is no other file.
   bool Exchange(const std::string& path_);
 
-  // False if somebody has removed the file, or put another one into its place.
+  // False if the file was removed or replaced.
   bool IsInPlace() const;
 
  private:

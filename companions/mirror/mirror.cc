@@ -27,25 +27,27 @@ namespace {
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
 constexpr int kListSeconds = 60;  // A listing that takes longer is ended.
-// A file delays the others by the sum of these at most.
-constexpr double kAnswerSeconds = 4;    // For one answer that is not about its content.
-constexpr double kTransferSeconds = 6;  // For a transfer; then the others have their turn.
-constexpr double kTimesSeconds = 2;     // For asking for times before the first file is fetched.
-constexpr double kTurnSeconds = 10;     // After which no other file is begun before the next look.
+// One file delays the others by the sum of these limits at most.
+constexpr double kAnswerSeconds = 4;    // For an answer other than a file's content.
+constexpr double kTransferSeconds = 6;  // For one turn of a transfer.
+// For asking for exact times before the first file is fetched.
+constexpr double kTimesSeconds = 2;
+constexpr double kTurnSeconds = 10;     // After which a look fetches no further file.
 constexpr double kBeatSeconds = 0.5;    // Between two beats during a transfer, at least.
 constexpr double kRefusedSeconds = 30;  // Servers lock an account on which many logins fail.
 constexpr double kShortPause = 0.1;     // Seconds between two looks, at least.
 constexpr double kLongestRetry = 60;    // Seconds until a file that failed is tried again.
-constexpr double kQuietSeconds = 60;    // A worker that is quiet for longer hangs.
+constexpr double kQuietSeconds = 60;    // A worker that is silent for longer hangs.
 
 constexpr size_t kMaxFiles = 100'000;  // Files that a listing may have,
 constexpr size_t kMaxNames = 8 << 20;  // and bytes in all of their names.
 constexpr size_t kClockEntries = 256;  // Entries of a listing between two looks at the clock.
-constexpr size_t kBatch = 100;         // Files that one look deals with.
-constexpr uint8_t kChecks = 7;         // The last one is 127 seconds after the first was planned.
-constexpr int kPatience = 10;          // Turns of a slow file for which the first heartbeat waits.
+constexpr size_t kBatch = 100;         // Files that one look fetches or deletes.
+constexpr uint8_t kChecks = 7;         // The last check is 127 seconds after the first was planned.
+// Turns of a slow file until the first heartbeat no longer waits for it.
+constexpr int kPatience = 10;
 
-// What was told of a file: bits of KnownFile::told.
+// Failures of a file that were reported: bits of KnownFile::told.
 constexpr uint8_t kTooLarge = 1;
 constexpr uint8_t kCannotFetch = 2;
 constexpr uint8_t kChanged = 4;
@@ -55,19 +57,19 @@ struct DirectoryCloser {
   void operator()(DIR* directory_) const { closedir(directory_); }
 };
 
-// The server, not one of its files, is in trouble.
+// Thrown if the server fails, rather than one file.
 struct ServerTrouble {
   std::string reason;
 };
 
-// A file that is to be fetched.
+// A file that is due to be fetched.
 struct Due {
   RemoteFile file;
   uint16_t tries;
   std::string time;  // Its exact time; empty until the server was asked.
 };
 
-// Files that failed often come last, of the others the oldest first.
+// Files that failed most often come last. Of the rest, the oldest come first.
 bool ComesBefore(const Due& a_, const Due& b_) {
   return std::tie(a_.tries, a_.time, a_.file.stamp, a_.file.name) <
          std::tie(b_.tries, b_.time, b_.file.stamp, b_.file.name);
@@ -80,7 +82,7 @@ struct Mirror::Impl {
        std::function<double()> now_);
 
   double Look();
-  void LookAndDeal();
+  void LookOnce();
   void KeepMemory();
   double Lost(const std::string& reason_, double seconds_);
   double Pause() const;
@@ -119,10 +121,10 @@ struct Mirror::Impl {
   Heartbeat heartbeat;
   Known known;
 
-  // What the server is asked at present.
+  // The present request to the server.
   double deadline = 0;
   bool is_late = false;     // The deadline has passed.
-  bool is_beating = false;  // Waiting for the server is a sign of life.
+  bool is_beating = false;  // Heartbeats go on while the server is waited for.
   double last_beat = 0;
 
   // This look.
@@ -132,11 +134,11 @@ struct Mirror::Impl {
   size_t listed = 0;  // Files with safe names.
   std::vector<Due> due;
   std::vector<RemoteFile> taken;
-  double next_due = kNever;  // When the next file is due that was not yet.
-  bool has_more = false;     // There is more to do at once,
-  bool has_slow = false;     // or a slow file has to go on.
+  double next_due = kNever;  // When the next file becomes due.
+  bool has_more = false;     // There is more to do in the next look, which follows at once.
+  bool has_slow = false;     // A slow file has to go on, also at once.
 
-  // The looks before it.
+  // Earlier looks.
   bool in_row = false;  // The last one succeeded.
   double row_start = 0;
   bool is_mirrored;  // The first mirror was complete.
@@ -167,7 +169,7 @@ double Mirror::Impl::Look() {
   has_slow = false;
   next_due = kNever;
   try {
-    LookAndDeal();
+    LookOnce();
     report.Over(Report::kLocal);
     return Pause();
   } catch (const Refused& refused) {
@@ -181,7 +183,7 @@ double Mirror::Impl::Look() {
   }
 }
 
-void Mirror::Impl::LookAndDeal() {
+void Mirror::Impl::LookOnce() {
   known.Finish();
   KeepMemory();
   if (settings.auto_delete) {
@@ -204,8 +206,8 @@ void Mirror::Impl::LookAndDeal() {
   DeleteTaken();
 }
 
-// Copies that are gone with their directory are not those that the daemon took, whose remote files
-// are to be deleted: what is still there remotely is delivered again.
+// If the directory was emptied or replaced, the daemon has not taken the missing copies. Their
+// remote files must not be deleted, and are delivered again.
 void Mirror::Impl::KeepMemory() {
   if (!known.HasLostMemory()) {
     return;
@@ -222,7 +224,7 @@ void Mirror::Impl::KeepMemory() {
 // the server was gone would look settled when it is back.
 double Mirror::Impl::Lost(const std::string& reason_, double seconds_) {
   in_row = false;
-  // What only a listing without end has shown must not stay.
+  // Forgets the files that only an endless listing may have shown.
   for (auto file = known.files().begin(); file != known.files().end();) {
     const bool is_new = file->second.delivered == 0 && file->second.told == 0;
     file = is_new ? known.Forget(file) : std::next(file);
@@ -231,15 +233,17 @@ double Mirror::Impl::Lost(const std::string& reason_, double seconds_) {
   return seconds_;
 }
 
-// A file is delivered one poll period and the time to settle after it was written at the latest.
+// The seconds until the next look. A file is delivered at the latest one poll period and the time
+// to settle after it was written.
 double Mirror::Impl::Pause() const {
   const double end = now();
   if (has_more || has_slow) {
     return kShortPause;
   }
-  // All files that a listing showed first are due when the first of them is, and that time is over.
+  // All files that a listing showed first are due when the listing's time has passed after the
+  // first of them is due.
   const double next = std::min(start + settings.poll_seconds, next_due + listing_seconds);
-  // A server that takes long for a listing has a rest of the same length.
+  // After a long listing, the server rests as long as the listing took.
   const double rest = std::min<double>(settings.poll_seconds, listing_seconds);
   return std::max({next - end, rest, kShortPause});
 }
@@ -259,7 +263,7 @@ bool Mirror::Impl::GoOn() {
     try {
       heartbeat.Beat();
     } catch (const LocalTrouble&) {
-      // The beat after the next listing reports it.
+      // The beat after the next listing reports the failure.
     }
   }
   is_late = is_late || time >= deadline;
@@ -273,7 +277,7 @@ void Mirror::Impl::Beat() {
 
 // --- Listings ---
 
-// No beat meanwhile: a server that does not end its listing is gone.
+// There is no beat during a listing, so a server that does not end its listing counts as gone.
 void Mirror::Impl::List(const std::function<void(const RemoteFile&)>& take_) {
   size_t files = 0;
   size_t bytes = 0;
@@ -295,7 +299,7 @@ void Mirror::Impl::List(const std::function<void(const RemoteFile&)>& take_) {
   }
 }
 
-// Brings the knowledge up to date with a listing.
+// Reads a listing and updates the known files.
 void Mirror::Impl::Show() {
   ++look;
   listed = 0;
@@ -335,7 +339,7 @@ void Mirror::Impl::Take(const RemoteFile& file_) {
     known_file.shown = shown;
   }
   if (known_file.seen == 0 && known_file.delivered == shown && file_.is_rounded) {
-    known_file.checks = kChecks - 1;  // By a process before this one.
+    known_file.checks = kChecks - 1;  // An earlier process has delivered it.
     PlanCheck(known_file);
   }
   known_file.seen = look;
@@ -360,7 +364,7 @@ void Mirror::Impl::Take(const RemoteFile& file_) {
   known_file.is_local = false;
 }
 
-// Keeps the first ones only, as a heap: there may be many.
+// Adds a due file. Keeps only the first kBatch files, in a heap, as there may be many.
 void Mirror::Impl::AddDue(const RemoteFile& file_, uint16_t tries_) {
   Due added = {file_, tries_, ""};
   if (due.size() == kBatch) {
@@ -375,7 +379,7 @@ void Mirror::Impl::AddDue(const RemoteFile& file_, uint16_t tries_) {
   std::push_heap(due.begin(), due.end(), ComesBefore);
 }
 
-// Marks the files of which there is a copy.
+// Marks the files that have a local copy.
 void Mirror::Impl::FindLocalCopies() {
   const std::unique_ptr<DIR, DirectoryCloser> listing(opendir(directory.c_str()));
   if (!listing) {
@@ -428,7 +432,7 @@ void Mirror::Impl::DeleteTaken() {
 
 void Mirror::Impl::Delete(const RemoteFile& file_, KnownFile& known_file_) {
   if (Fingerprint(file_.size, remote->Time(file_)) != known_file_.version) {
-    known_file_.delivered = 0;  // Another one, which the listing does not tell apart.
+    known_file_.delivered = 0;  // A new version, which the listing does not distinguish.
     known_file_.due = now() + settings.settle_seconds;
     return;
   }
@@ -480,7 +484,7 @@ bool Mirror::Impl::Prepare(Due& due_) {
     return false;
   }
   if (known_file.delivered != 0 && Fingerprint(file.size, due_.time) == known_file.version) {
-    known_file.delivered = known_file.shown;  // The same one with another stamp.
+    known_file.delivered = known_file.shown;  // The delivered version with another stamp.
     return false;
   }
   return true;
@@ -501,16 +505,16 @@ void Mirror::Impl::Fetch(const Due& due_) {
     }
   } catch (const std::string& reason) {
     if (part.bytes == bytes_before && !is_late) {
-      parts.Drop(name);  // The server may be unable to go on in the middle.
+      parts.Drop(name);  // The server may be unable to resume a transfer.
     }
     Fail(name, kCannotFetch, "cannot fetch " + name + ": " + reason);
   } catch (const LocalTrouble&) {
-    parts.Drop(name);  // Makes room.
+    parts.Drop(name);  // Frees its room.
     throw;
   }
 }
 
-// False if this is not the file that was listed.
+// Fetches the file or a further part of it. False if it is not the version that was listed.
 bool Mirror::Impl::Transfer(const Due& due_, Part& part_) {
   const uint64_t size = due_.file.size;
   bool is_too_long = false;
@@ -551,16 +555,16 @@ void Mirror::Impl::Deliver(const Due& due_, Part& part_) {
 }
 
 bool Mirror::Impl::IsFirstMirrorComplete() const {
-  // What the first look showed is due by now, unless it has changed.
+  // The files of the first look are due by now, unless they have changed.
   const bool is_settled = next_due == kNever || start >= row_start + settings.settle_seconds;
-  // A slow file would be spoken if it came later; one that never ends must not hold up all others.
+  // A slow file that comes later would be spoken. One that never ends must not hold up all others.
   return is_settled && !has_more && !parts.HasYoungerThan(kPatience);
 }
 
 // --- Troubles with one file ---
 
-// The server did not do its part for a file, which is tried again later. Throws ServerTrouble if it
-// does not answer at all.
+// Handles the server's failure with one file, which is tried again later. Throws ServerTrouble if
+// the server does not answer at all.
 void Mirror::Impl::Fail(const std::string& name_, uint8_t trouble_, const std::string& text_) {
   KnownFile& known_file = Of(name_);
   if (is_late && trouble_ == kCannotFetch) {
@@ -572,14 +576,14 @@ void Mirror::Impl::Fail(const std::string& name_, uint8_t trouble_, const std::s
     bool is_there = false;
     List([&](const RemoteFile& file_) { is_there = is_there || file_.name == name_; });
     if (!is_there) {
-      return;  // No wonder.
+      return;  // The file is gone, which explains the failure.
     }
   }
   Tell(known_file, trouble_, text_);
   Retry(known_file);
 }
 
-// Reports a trouble of a file unless that was done since it was delivered last.
+// Reports a failure of a file once until its next delivery.
 void Mirror::Impl::Tell(KnownFile& known_file_, uint8_t trouble_, const std::string& text_) {
   if ((known_file_.told & trouble_) == 0) {
     known_file_.told = static_cast<uint8_t>(known_file_.told | trouble_);
@@ -596,9 +600,8 @@ void Mirror::Impl::Retry(KnownFile& known_file_) {
   known_file_.due = now() + std::max<double>(wait, settings.settle_seconds);
 }
 
-// A listing that rounds times shows nothing of a file that is written again within the same minute,
-// with the same size. So the exact time is asked for, less and less often, until that minute is
-// over.
+// A listing that rounds times does not show that a file was written again in the same minute with
+// the same size. So the exact time is asked for, less and less often, until that minute is over.
 void Mirror::Impl::PlanCheck(KnownFile& known_file_) const {
   known_file_.next_check =
       known_file_.checks < kChecks ? now() + (1 << known_file_.checks) : kNever;

@@ -15,32 +15,32 @@ struct MirrorSettings {
   std::string source;        // Host and path, without a password; for messages.
   std::string directory;     // The local directory, which exists.
   bool auto_delete = false;  // Delete remotely what the daemon has taken.
-  int poll_seconds = 1;      // From one look at the server to the next.
-  // A file is fetched only after two equal looks that are at least that far apart.
+  int poll_seconds = 1;      // Between two looks at the server.
+  // A file is fetched after two looks at least so far apart that show no change of it.
   int settle_seconds = 3;
   uint64_t size_limit = 1 << 20;  // Bytes; larger files are not fetched.
 };
 
-// Makes the Remote. It is called in the process that works with it.
+// Makes the Remote. To be called in the process that uses it.
 using MakeRemote = std::function<std::unique_ptr<Remote>(std::function<bool()> go_on_)>;
 
 // The mirror's work, for one thread and without pauses.
 //
-// What it does with the files:
-//   - Names of the form [A-Za-z0-9_][A-Za-z0-9._+=@-]* are passed on, of at most 255 bytes: the
-//     daemon hands names to the shell. Another name that two looks show is reported once.
-//   - A file is delivered when it is settled and was not delivered with that size and time before;
-//     under a hidden name first, which is renamed if the size is right and the remote file is still
-//     the same. The oldest file comes first. A file that takes long waits for its next turn, with
-//     what has come of it, and the others come first.
-//   - It remembers what it delivered (see Known).
+// Rules for the files:
+//   - The mirror accepts names of the form [A-Za-z0-9_][A-Za-z0-9._+=@-]* of at most 255 bytes, as
+//     the daemon passes names to the shell. A refused name is reported once, after two looks have
+//     shown it.
+//   - A file is delivered when it is settled and was not delivered with that size and time before.
+//     It is fetched under a hidden name, and renamed if the size is right and the remote file is
+//     still the same. The oldest file comes first. After its turn, a slow file keeps its fetched
+//     part and lets the others go first.
+//   - The mirror remembers what it delivered (see Known).
 //   - A local file is removed and forgotten when two looks in a row do not show it remotely.
-//   - With auto_delete, a remote file is deleted when its local copy is gone, as the daemon took
-//   it,
-//     unless it has changed meanwhile.
-//   - The heartbeat follows each listing, and continues during transfers, but does not begin before
-//     the first mirror is complete: what that delivers counts as old in the daemon.
-//   - A trouble is reported once and tried again forever.
+//   - With auto_delete, a remote file is deleted when the daemon has taken its local copy, unless
+//     it has changed meanwhile.
+//   - The heartbeat follows each listing, and continues during transfers. It begins when the first
+//     mirror is complete: the daemon treats files that exist by then as old.
+//   - A failure is reported once, and the mirror tries again forever.
 class Mirror {
  public:
   // now_: seconds from an arbitrary start. Throws LocalTrouble if the local directory cannot be

@@ -1,5 +1,5 @@
-// Files that are being fetched, under hidden names. What has come of a slow one is kept until its
-// next turn.
+// Files that are being fetched, under hidden names. The fetched part of a slow file is kept until
+// its next turn.
 #pragma once
 
 #include <stddef.h>
@@ -19,7 +19,7 @@ struct Part {
   uint64_t number;
   std::unique_ptr<LocalFile> file;
   uint64_t bytes = 0;
-  int turns = 0;  // How often it was asked for.
+  int turns = 0;  // How often Get has returned it.
 };
 
 class Parts {
@@ -30,19 +30,19 @@ class Parts {
   Parts(const Parts&) = delete;
   Parts& operator=(const Parts&) = delete;
 
-  // The part of this version of the file, which may be a new one; one of another version is
-  // removed. So is the one with the most turns if there are many. Valid until the next call of any
-  // kind. Throws LocalTrouble.
+  // The part of this version of the file; makes one if there is none. Removes the part of another
+  // version and, if there are many parts, the one with the most turns. The reference is valid until
+  // the next call of any function. Throws LocalTrouble.
   Part& Get(const std::string& name_, uint64_t version_);
 
   // Removes the file's part, if there is one.
   void Drop(const std::string& name_);
   void DropIf(const std::function<bool(const Part&)>& is_dropped_);
 
-  // Forgets the file's part, which is delivered.
+  // Forgets the file's part, which was delivered.
   void Release(const std::string& name_);
 
-  // A file that had fewer turns than that is not complete.
+  // True if there is a part that had fewer turns than turns_.
   bool HasYoungerThan(int turns_) const;
 
  private:

@@ -7,9 +7,10 @@
 
 namespace {
 
-constexpr int kFileLines = 20;      // In a minute.
-constexpr size_t kTroubles = 4;     // Of one part, in one outage: reasons may have numbers in them.
-constexpr size_t kTextSize = 1000;  // Bytes: a line must reach a pipe in one piece.
+constexpr int kFileLines = 20;  // In a minute.
+// For one part, in one outage: reasons that differ by a number only count as different.
+constexpr size_t kTroubles = 4;
+constexpr size_t kTextSize = 1000;  // Bytes: a line must go through a pipe in one piece.
 constexpr const char* kOver[] = {"works again", "can write files again"};
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What a mirror tells on standard error, one line each: a trouble once, until it is over.
+// A mirror's lines on standard error. A failure is reported once, until it is over.
 #pragma once
 
 #include <functional>
@@ -13,17 +13,18 @@ class Report {
   // Writes a line. Bytes that are not printable ASCII become "?"; a very long text is cut.
   void Say(const std::string& text_) const;
 
-  // The same about one file of many. Only so many of these lines are written in a minute, so that
-  // a hostile server cannot fill the log; that others are left out is said once.
+  // Writes a line about one file of many. The number of these lines in a minute is limited, so that
+  // a hostile server cannot fill the log. One line says that others are left out.
   void SayOfFile(const std::string& text_);
 
-  // What is in trouble as a whole.
+  // The part that fails.
   enum Part { kServer, kLocal, kParts };
 
-  // Says a trouble unless that was done, or there were many others, since it was over last.
+  // Reports a failure of the part. Does nothing if this failure, or many others, were reported
+  // since the part last worked.
   void Complain(Part part_, const std::string& text_);
 
-  // Ends the troubles of that part, and says so if there were any.
+  // Ends the failures of the part, and says so if there were any.
   void Over(Part part_);
 
  private:
@@ -31,5 +32,5 @@ class Report {
   std::function<double()> now;
   double minute_end = 0;
   int lines_in_minute = 0;
-  std::vector<std::string> troubles[kParts];  // Those that were said.
+  std::vector<std::string> troubles[kParts];  // The reported ones.
 };

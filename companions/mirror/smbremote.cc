@@ -28,10 +28,10 @@ namespace {
 
 constexpr int kAnswerMilliseconds = 5000;
 constexpr auto kPause = std::chrono::milliseconds(200);  // Between two calls of go_on.
-constexpr double kJobSeconds = 90;  // A job of the library that takes longer has no end.
+constexpr double kJobSeconds = 90;  // A job of the library that takes longer counts as endless.
 constexpr size_t kPieceSize = 1 << 16;
 
-// Attributes of a file that is none.
+// Attribute of an entry that is not a file.
 constexpr uint16_t kVolume = 0x08;
 constexpr uint16_t kDirectory = 0x10;
 
@@ -41,8 +41,8 @@ std::string UrlOf(const SmbPlace& place_) {
   return directory.empty() || directory.back() == '/' ? url + directory : url + directory + "/";
 }
 
-// A home directory with settings that take the place of the machine's and the user's. The library
-// looks for them when its first context is made.
+// A home directory whose settings replace the machine's and the user's. The library reads them when
+// its first context is made.
 class Home {
  public:
   Home() {
@@ -77,7 +77,7 @@ class Home {
 
 void IgnoreLog(void* /*unused*/, int /*level_*/, const char* /*text_*/) {}
 
-// The library, used by one thread at a time. Functions return 0 or an errno.
+// The library's session, used by one thread at a time. Functions return 0 or an errno.
 class Session {
  public:
   explicit Session(const SmbPlace& place_) : place(place_), url(UrlOf(place_)) {}
@@ -146,7 +146,7 @@ class Session {
     return 0;
   }
 
-  // Asks for the time of a file's last change.
+  // Asks the server for the time of a file's last change.
   int FindTime(const std::string& name_) {
     const int failure = Open();
     if (failure != 0) {
@@ -183,7 +183,7 @@ class Session {
   }
 
  private:
-  // Ends what a call has left that was ended early, and opens a session.
+  // Cleans up after an interrupted call, and opens a session if there is none.
   int Open() {
     CloseDirectory();
     CloseFile();
@@ -230,8 +230,9 @@ class Session {
 
   const SmbPlace place;
   const std::string url;
-  SMBCCTX* first_context = nullptr;  // As long as it is there, no settings are read again.
-  SMBCCTX* context = nullptr;        // With a session; null if there is none.
+  // While it exists, the library does not read the settings again.
+  SMBCCTX* first_context = nullptr;
+  SMBCCTX* context = nullptr;  // It has a session; null: none.
   SMBCFILE* open_directory = nullptr;
   SMBCFILE* open_file = nullptr;
   std::vector<char> piece;
@@ -254,7 +255,7 @@ class Worker {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
 
-  // Leaves the thread alone if it has a job.
+  // Detaches the thread if it has a job.
   ~Worker() {
     std::unique_lock<std::mutex> lock(state->mutex);
     state->is_over = true;
@@ -271,9 +272,9 @@ class Worker {
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
-  // Has a job done and returns its result; throws what it throws. Throws a string if go_on_ returns
-  // false; the job goes on then, and the things that it uses must live on with it. Throws Stuck if
-  // the job that there is takes too long.
+  // Lets the thread do a job; returns or throws as the job does. Throws a string if go_on_ returns
+  // false. The job then goes on, so it must own what it uses. Throws Stuck if the present job takes
+  // too long.
   int Do(Job job_, const std::function<bool()>& go_on_) {
     std::unique_lock<std::mutex> lock(state->mutex);
     Wait(&lock, go_on_);
@@ -353,7 +354,7 @@ class AtEnd {
   const std::function<void()> action;
 };
 
-// Failures after which the session is as good as before.
+// True for failures that concern one file and leave the session usable.
 bool IsOfFile(int failure_) {
   return failure_ == ENOENT || failure_ == EACCES || failure_ == EBUSY || failure_ == EISDIR;
 }
@@ -386,7 +387,7 @@ struct SmbRemote::Impl {
         go_on(std::move(go_on_)),
         worker(std::move(now_)) {}
 
-  // Has something done with the session by the thread. A failure is thrown.
+  // Lets the thread run action_ with the session. Throws if it fails.
   void Do(const std::function<int(Session*)>& action_) {
     const int failure = Ask([shared = session, action_] { return action_(shared.get()); });
     if (failure == 0) {
@@ -398,7 +399,7 @@ struct SmbRemote::Impl {
       is_open = false;
       Ask([shared = session] { return shared->Close(); });
     }
-    // The library says the same of a login, a share and a directory.
+    // The library has the same error for a refused login, share and directory.
     if (!was_open && (failure == EACCES || failure == EPERM)) {
       throw Refused{"login or access refused"};
     }
@@ -410,7 +411,7 @@ struct SmbRemote::Impl {
 
   int Ask(Worker::Job job_) { return worker.Do(std::move(job_), go_on); }
 
-  const std::shared_ptr<Session> session;  // The thread's as well.
+  const std::shared_ptr<Session> session;  // Shared with the thread.
   const std::function<bool()> go_on;
   bool is_open = false;
   Worker worker;
@@ -469,7 +470,7 @@ void SmbRemote::Delete(const std::string& name_) {
 }
 
 void LimitMemory(size_t bytes_) {
-  unsigned long pages = 0;  // That count: private and writable.
+  unsigned long pages = 0;  // Pages that the limit counts: private and writable ones.
   FILE* file = fopen("/proc/self/statm", "re");
   if (file != nullptr) {
     // NOLINTNEXTLINE(cert-err34-c): the kernel writes it.

@@ -13,18 +13,18 @@
 
 // Keeps one session. The server has 5 seconds for each answer.
 //
-// The library blocks, so it runs in a thread of its own while the caller's calls go_on. A call that
-// is ended early leaves that thread with its request; the next call waits until it is through, and
-// throws Stuck if that takes longer than 90 seconds in all.
+// The library blocks, so it runs in a thread of its own, while the caller's thread calls go_on. If
+// a call is ended early, that thread finishes its request. The next call waits for that, and throws
+// Stuck if the request takes longer than 90 seconds in all.
 //
-// Neither the machine's smb.conf nor one of the user is read, and Kerberos is not used.
+// Does not read the machine's smb.conf or the user's, and does not use Kerberos.
 class SmbRemote : public Remote {
  public:
   // now_: seconds from an arbitrary start.
   SmbRemote(const SmbPlace& place_, std::function<bool()> go_on_,
             std::function<double()> now_ = Now);
-  // Does not wait for the server. If the thread still has a request it is left alone: the process
-  // should end by _exit then.
+  // Does not wait for the server. If the thread still has a request, it goes on, and the process
+  // should end by _exit.
   ~SmbRemote() override;
 
   SmbRemote(const SmbRemote&) = delete;
@@ -41,6 +41,7 @@ class SmbRemote : public Remote {
   std::unique_ptr<Impl> impl;
 };
 
-// Limits what this process may take to what it has and so many bytes more. The library reads a
-// listing whole, and one without end shall fail before the machine's memory is used up.
+// Limits the memory of this process to its present memory and bytes_ more. The library keeps a
+// whole listing in memory. With the limit, an endless listing fails before the machine's memory is
+// used up.
 void LimitMemory(size_t bytes_);

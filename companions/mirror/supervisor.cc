@@ -20,9 +20,10 @@ namespace {
 
 constexpr double kFirstPause = 0.25;  // Seconds before a worker is started again;
 constexpr double kLastPause = 8;      // each pause is twice as long as the one before, up to this.
-constexpr double kLongLife = 60;      // Seconds after which a worker's end is one by itself.
-constexpr double kStart = 60;         // Seconds that a worker may take before its first promise.
-constexpr time_t kLook = 5;           // Seconds between two looks at its pulse.
+// Seconds; after a longer life, a worker's end is not connected with the last one.
+constexpr double kLongLife = 60;
+constexpr double kStart = 60;  // Seconds that a worker may take to its first promise.
+constexpr time_t kLook = 5;    // Seconds between two checks of its pulse.
 
 std::string EndOf(int status_) {
   return WIFSIGNALED(status_) ? Format("was ended by signal %d", WTERMSIG(status_))
@@ -47,11 +48,11 @@ class Supervisor {
   const Report& report;
   const std::function<void(Pulse&)>& work;
   const pid_t parent = getppid();
-  sigset_t signals{};  // Those that are waited for, blocked meanwhile.
+  sigset_t signals{};  // The signals that Run waits for; they are blocked.
   sigset_t callers_mask{};
   Pulse* pulse;        // In memory that both processes share.
   pid_t worker = 0;    // 0: none.
-  double started = 0;  // When that was.
+  double started = 0;  // When the worker was started.
   double pause = kFirstPause;
   double next_start = 0;
 };
@@ -64,10 +65,10 @@ Supervisor::Supervisor(const Report& report_, const std::function<void(Pulse&)>&
     throw Format("no shared memory: %s", strerror(errno));
   }
   pulse = new (memory) Pulse;
-  // A terminal's Ctrl-C reaches the whole process group, and the daemon still has to send SIGTERM.
+  // A terminal's Ctrl-C also reaches this process, but the daemon ends it by SIGTERM.
   signal(SIGINT, SIG_IGN);
   signal(SIGPIPE, SIG_IGN);
-  signal(SIGCHLD, SIG_DFL);  // Ignored, it would take the worker's status with it.
+  signal(SIGCHLD, SIG_DFL);  // If it were ignored, the worker's status would be lost.
   sigemptyset(&signals);
   for (const int number : {SIGTERM, SIGHUP, SIGCHLD}) {
     sigaddset(&signals, number);
@@ -84,7 +85,7 @@ Supervisor::~Supervisor() {
 }
 
 void Supervisor::Run() {
-  // A process whose parent is gone has another one.
+  // The system gives an orphaned process another parent.
   while (getppid() == parent) {
     if (worker == 0 && Now() >= next_start) {
       StartWorker();
@@ -121,7 +122,7 @@ void Supervisor::StartWorker() {
 void Supervisor::BeWorker(pid_t supervisor_) {
   int status = EXIT_FAILURE;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() == supervisor_) {  // Else it was gone before.
+  if (getppid() == supervisor_) {  // If not, the supervisor has ended already.
     for (const int number : {SIGTERM, SIGHUP}) {
       signal(number, SIG_DFL);
     }
@@ -150,14 +151,14 @@ void Supervisor::Await() {
   if (Now() - started >= kLongLife) {
     pause = kFirstPause;
   }
-  if (pause < kLastPause) {  // Else it is nothing new.
+  if (pause < kLastPause) {  // Later ends in a row are not reported.
     report.Say("the worker " + EndOf(status) + " and is started again");
   }
   next_start = Now() + pause;
   pause = std::min(2 * pause, kLastPause);
 }
 
-// Whatever moment its end comes at, the worker's memory is right.
+// A worker may be killed at any moment: its memory file is always consistent.
 void Supervisor::EndWorker() {
   if (worker > 0) {
     kill(worker, SIGKILL);

@@ -34,7 +34,7 @@ bool UnsafeNames::Take(const std::string& name_) {
   }
   names.push_back(mark | kReported);
   const bool is_new = (*before & kReported) == 0;
-  *before |= kReported;  // It may be listed twice.
+  *before |= kReported;  // A listing may have the name twice.
   return is_new;
 }
 

@@ -1,4 +1,4 @@
-// Names of files that are not passed on: the daemon hands names to the shell.
+// Names of files that the mirror refuses: the daemon passes names to the shell.
 #pragma once
 
 #include <stdint.h>
@@ -9,11 +9,11 @@
 // True for names of the form [A-Za-z0-9_][A-Za-z0-9._+=@-]* of at most 255 bytes.
 bool IsSafeName(const std::string& name_);
 
-// Tells which unsafe names are to be reported: each once, as long as listings show it, and not
-// before two listings in a row do; it may be a name for the time of an upload.
+// Decides which unsafe names to report: each once while listings show it, and only after two
+// listings in a row, as an upload may have a temporary name.
 class UnsafeNames {
  public:
-  // Before a listing. Of one that was not ended, nothing counts.
+  // To be called before a listing. Names of a listing without EndListing are ignored.
   void BeginListing() { names.clear(); }
 
   // True if the name is to be reported.

@@ -7,9 +7,9 @@
 namespace {
 
 constexpr unsigned int kBufferTime = 80000;  // Microseconds.
-constexpr double kStuckLimit = 2;            // Seconds without room that mean a dead device.
+constexpr double kStuckLimit = 2;  // Seconds without room after which the device counts as dead.
 
-// The library would write its own complaints to standard error, at every try.
+// Without this, the library writes its errors to standard error, at each try.
 void Ignore(const char*, int, const char*, int, const char*, ...) {}
 
 class AlsaSink : public Sink {
@@ -32,7 +32,7 @@ class AlsaSink : public Sink {
   size_t Write(const int16_t* samples_, size_t count_) override {
     snd_pcm_sframes_t count = snd_pcm_writei(pcm, samples_, count_);
     if (count == -EPIPE || count == -ESTRPIPE) {
-      // It ran dry, as after every last sound, or was suspended.
+      // The device has played all samples, as at the end of each sound, or was suspended.
       Require(snd_pcm_prepare(pcm));
       count = snd_pcm_writei(pcm, samples_, count_);
       last_progress = Now();

@@ -78,7 +78,7 @@ class WavClip : public Clip {
   }
 
  private:
-  // Makes further samples ready. False at the end.
+  // Reads and resamples further samples. False at the end.
   bool Refill() {
     position = 0;
     ready.clear();
@@ -89,7 +89,7 @@ class WavClip : public Clip {
         return !ready.empty();
       }
       if (mono.empty()) {
-        // The end: zeros bring out what the resampler still holds.
+        // At the end, zeros push the last samples out of the resampler.
         const uint64_t total = (frames * static_cast<uint64_t>(rate) + InRate() / 2) / InRate();
         if (produced >= total) {
           return false;
@@ -108,7 +108,7 @@ class WavClip : public Clip {
 
   uint64_t InRate() const { return static_cast<uint64_t>(info.samplerate); }
 
-  // The mean of all channels; empty at the end.
+  // Reads further frames as the mean of their channels; empty at the end.
   std::vector<float> ReadMono() {
     const size_t channels = static_cast<size_t>(info.channels);
     std::vector<float> all(kBlock * channels);
@@ -121,7 +121,7 @@ class WavClip : public Clip {
     return mono;
   }
 
-  // Appends to ready.
+  // Appends the resampled sound to ready.
   void Resample(const std::vector<float>& mono_) {
     size_t done = 0;
     while (done < mono_.size()) {

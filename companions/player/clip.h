@@ -15,7 +15,7 @@ class Clip {
   virtual size_t Read(int16_t* samples_, size_t count_) = 0;
 };
 
-// A file that begins with "RIFF" is WAV of any kind, rate and number of channels, every other one
-// raw samples, little-endian. rate_ is in hertz. It is read piece by piece, however long it is.
-// Throws a string with the reason if the file cannot be read.
+// Opens a file. One that begins with "RIFF" is WAV of any kind, rate and number of channels. Any
+// other is raw little-endian samples. rate_ is in hertz. Files of any length are read piece by
+// piece. Throws a string with the reason if the file cannot be read.
 std::unique_ptr<Clip> OpenClip(const std::string& path_, int rate_);

@@ -1,4 +1,4 @@
-// Player: takes the numbered audio files out of the daemon's output directory and plays them.
+// The player: takes the numbered audio files from the daemon's output directory and plays them.
 
 #include <errno.h>
 #include <poll.h>
@@ -126,9 +126,9 @@ std::unique_ptr<Sink> MakeSink(Options& options_) {
   return MakeAlsaSink(options_.device, player.rate);
 }
 
-// A descriptor that is readable when the player is to end.
+// A descriptor that becomes readable when a signal asks the player to end.
 int EndSignals() {
-  signal(SIGPIPE, SIG_IGN);  // Sound goes on when nobody reads standard output.
+  signal(SIGPIPE, SIG_IGN);  // The player goes on when nobody reads standard output.
   sigset_t signals;
   sigemptyset(&signals);
   for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
@@ -162,7 +162,7 @@ void Run(Options options_) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  SetDebugMask(0);  // Failures are reported in the player's own words.
+  SetDebugMask(0);  // The player reports failures itself.
   try {
     Run(ParseOptions(argc, argv));
     return EXIT_SUCCESS;

@@ -13,7 +13,8 @@ constexpr double kSilence = 1;  // Seconds.
 Messages::Messages(int rate_, std::function<void(const std::string& line_)> print_)
     : rate(rate_), print(std::move(print_)) {}
 
-// Several clips and one piece of speech are marked as the first of the same message.
+// Finds the open message. Several clips and one piece of speech of a message can be marked as the
+// first.
 Messages::Message& Messages::MessageOf(const OutputName& name_) {
   Message& message = open[name_.id];
   if (name_.is_first && message.has_speech) {

@@ -1,4 +1,4 @@
-// What has been played of each message, and when a message is finished.
+// Counts the played files of each message, and finds out when a message is finished.
 #pragma once
 
 #include <stdint.h>
@@ -15,11 +15,11 @@ class Messages {
   // rate_: samples per second.
   Messages(int rate_, std::function<void(const std::string& line_)> print_);
 
-  // A file has been played to its end, or was interrupted. A file that begins a message ends the
-  // one before with the same id.
+  // Played: a file was played to its end. Interrupted: it was interrupted. A file that begins a
+  // message ends the previous one with the same id.
   void Played(const OutputName& name_, uint64_t samples_, double now_);
   void Interrupted(const OutputName& name_);
-  // Ends the messages that have been silent for a second, unless more is to be expected of their
+  // Ends the messages that have been silent for a second, unless expects_more_ is true for their
   // id.
   void EndSilent(double now_, const std::function<bool(const std::string& id_)>& expects_more_);
   void EndAll();

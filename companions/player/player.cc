@@ -19,7 +19,7 @@
 namespace {
 
 constexpr int kBlocksPerSecond = 50;  // A block of samples is also the length of a fade.
-constexpr int kBlocksAtOnce = 50;     // In a step, if the sink takes all at once.
+constexpr int kBlocksAtOnce = 50;     // At most in one step, even if the sink has room for more.
 
 // Milliseconds between steps.
 constexpr int kTick = 20;      // While there is sound.
@@ -29,8 +29,8 @@ constexpr int kUnwatchedTick = 100;
 
 // Seconds.
 constexpr double kStatusInterval = 0.05;  // While there is sound.
-constexpr double kSlowInterval = 1;       // Between two looks at what seldom changes.
-constexpr double kHold = 1;               // For the next piece of a more urgent message.
+constexpr double kSlowInterval = 1;       // Between two looks at things that seldom change.
+constexpr double kHold = 1;               // To wait for the next piece of a more urgent message.
 constexpr double kEndDelay = 2;           // From the last sound to the end command.
 
 constexpr int64_t kAny = int64_t{kLeastUrgent} + 1;
@@ -71,7 +71,7 @@ struct Player::Impl {
   }
 
   int Step();
-  void LookAround();
+  void Refresh();
   void MakeRoom();
   int Pump();
   bool Produce();
@@ -87,7 +87,7 @@ struct Player::Impl {
   void Report(const std::string& problem_);
   void WriteState();
 
-  // Nothing is being played or on its way to the sink.
+  // True if nothing is being played or waits for the sink.
   bool IsSilent() const { return !playing && pending_at == pending.size(); }
   int UrgencyOf(const Piece& piece_) const { return urgency.Of(piece_.parts.id); }
 
@@ -98,29 +98,29 @@ struct Player::Impl {
   Messages messages;
   std::optional<Playing> playing;
   std::vector<int16_t> pending;  // Samples for the sink.
-  size_t pending_at = 0;         // Up to here they are written.
+  size_t pending_at = 0;         // Samples before this index are written.
   double now = 0;
   double next_status = 0;
   double next_look = 0;
   bool is_current = false;  // The queue is up to date.
-  bool is_locked = false;   // The lock kept the last piece from being taken.
+  bool is_locked = false;   // The last piece could not be taken because of the lock.
   bool is_open = false;     // The sink.
   double next_open = 0;
   bool needs_tail = false;
   bool is_sounding = false;  // Between the begin and the end command.
   double last_sound = 0;
   int last_urgency = kLeastUrgent;  // Of the piece that was played last.
-  int moved_at = -2;                // The status after which a file was moved aside.
+  int moved_at = -2;                // The counter of the status after which a file was moved aside.
   bool is_done = false;
   PlayerState state;
   uint64_t state_version = 0;  // Of the queue.
   bool is_state_old = true;
 };
 
-// --- What goes on around
-// --------------------------------------------------------------------------
+// --- Configuration, status and queue ---
 
-void Player::Impl::LookAround() {
+// Reads configuration and status and checks the sink when that is due, and updates the queue.
+void Player::Impl::Refresh() {
   if (now >= next_look) {
     next_look = now + kSlowInterval;
     try {
@@ -150,11 +150,11 @@ void Player::Impl::LookAround() {
   }
 }
 
-// Lets the daemon make a file that is more urgent than all that waits, if the directory is full.
+// If the directory is full, moves a file aside, so that the daemon can make a more urgent one.
 void Player::Impl::MakeRoom() {
   const int active = urgency.MostUrgentActive();
-  // The daemon may have looked at the directory shortly before the last move: its next status does
-  // not count yet.
+  // The daemon may have looked at the directory shortly before the last move, so its next status
+  // does not count yet.
   const int statuses = urgency.Timestamp() - moved_at;
   if (!urgency.IsOutputBound() || (statuses >= 0 && statuses < 2)) {
     return;
@@ -178,8 +178,7 @@ void Player::Impl::MakeRoom() {
   }
 }
 
-// --- Sound
-// ----------------------------------------------------------------------------------------
+// --- Sound ---
 
 const Piece* Player::Impl::Best() const {
   const Piece* best = nullptr;
@@ -223,7 +222,7 @@ bool Player::Impl::StartNext() {
     is_locked = false;
     return false;
   }
-  // A less urgent piece would only be interrupted by the next one of the message.
+  // The next piece of the more urgent message would only interrupt a less urgent piece.
   const bool more_comes = urgency.MostUrgentActive() <= last_urgency;
   if (UrgencyOf(*best) > last_urgency && more_comes && now - last_sound < kHold) {
     return false;
@@ -240,7 +239,7 @@ bool Player::Impl::StartNext() {
   return playing.has_value();
 }
 
-// Fades out what plays if something more urgent waits. It will be played again from its start.
+// Fades out the present piece if a more urgent one waits. It is played again later from its start.
 void Player::Impl::Interrupt() {
   std::optional<Playing> next = TakeBest(UrgencyOf(playing->piece));
   if (!next) {
@@ -248,7 +247,7 @@ void Player::Impl::Interrupt() {
   }
   Read();
   if (playing->is_at_end) {
-    queue.PutBack(next->piece);  // The last few samples may be heard before.
+    queue.PutBack(next->piece);  // The last few samples are played first.
     return;
   }
   Fade(pending);
@@ -257,7 +256,7 @@ void Player::Impl::Interrupt() {
   playing = std::move(next);
 }
 
-// Makes the next block of what plays pending.
+// Reads the next block of the present piece into pending.
 void Player::Impl::Read() {
   const auto block = static_cast<size_t>(options.rate / kBlocksPerSecond);
   pending.resize(block);
@@ -273,7 +272,7 @@ void Player::Impl::Finish() {
   playing.reset();
 }
 
-// Makes the next samples for the sink pending. False if there are none. A piece has ended when the
+// Fills pending with the next samples for the sink. False if there are none. A piece ends when the
 // sink has its last samples.
 bool Player::Impl::Produce() {
   pending_at = 0;
@@ -309,7 +308,7 @@ bool Player::Impl::Produce() {
   return true;
 }
 
-// Hands samples to the sink as long as it takes some. Returns the milliseconds to wait.
+// Passes samples to the sink while it takes some. Returns the milliseconds to wait.
 int Player::Impl::Pump() {
   try {
     for (int block = 0; block < kBlocksAtOnce; ++block) {
@@ -329,8 +328,7 @@ int Player::Impl::Pump() {
   }
 }
 
-// --- The sink
-// -------------------------------------------------------------------------------------
+// --- The sink ---
 
 // Tries once a second.
 void Player::Impl::OpenSink() {
@@ -351,7 +349,8 @@ void Player::Impl::OpenSink() {
   }
 }
 
-// What was playing waits for the device: nobody knows how much of it was heard.
+// Lets the present piece wait for the device, to be played again: nobody knows how much of it was
+// heard.
 void Player::Impl::LoseSink(const std::string& reason_) {
   is_open = false;
   is_locked = false;
@@ -369,7 +368,7 @@ void Player::Impl::LoseSink(const std::string& reason_) {
   }
 }
 
-// The end command, some time after the last sound.
+// Runs the end command some time after the last sound.
 void Player::Impl::EndSound() {
   if (is_sounding) {
     is_sounding = false;
@@ -380,8 +379,7 @@ void Player::Impl::EndSound() {
   }
 }
 
-// --- What others learn
-// ----------------------------------------------------------------------------
+// --- Reports and state file ---
 
 void Player::Impl::Report(const std::string& problem_) {
   fprintf(stderr, "player: %s\n", problem_.c_str());
@@ -421,7 +419,7 @@ void Player::Impl::WriteState() {
 int Player::Impl::Step() {
   now = Now();
   OpenSink();
-  LookAround();
+  Refresh();
   int wait = is_open ? Pump() : kIdleTick;
   messages.EndSilent(now, [&](const std::string& id_) {
     const auto& waiting = queue.Waiting();

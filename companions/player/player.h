@@ -1,4 +1,4 @@
-// Plays the files of a queue by their urgency as one stream.
+// Plays the files of a queue as one stream, the most urgent first.
 #pragma once
 
 #include <memory>
@@ -11,7 +11,7 @@
 struct PlayerOptions {
   int rate = 22050;          // Of the stream; hertz.
   int volume = 100;          // Per cent.
-  bool after_piece = false;  // What plays is not interrupted.
+  bool after_piece = false;  // No piece is interrupted.
   bool until_empty = false;
   bool is_verbose = false;
   std::string begin;  // Shell commands around sound; empty: none.
@@ -24,15 +24,15 @@ class Player {
  public:
   // REQUIRES: all but the options outlive the player.
   Player(const PlayerOptions& options_, Queue& queue_, Urgency& urgency_, Sink& sink_);
-  // What plays or waits is left to a later player.
+  // Leaves pieces that play or wait to a later player.
   ~Player();
 
-  // Does what can be done without waiting. Returns after how many milliseconds it must be called
-  // again, unless the queue's descriptor becomes readable before.
+  // Does all work that needs no waiting. Returns the milliseconds after which it must be called
+  // again, or earlier if the queue's descriptor becomes readable.
   // Throws a string if the player cannot go on.
   int Step();
 
-  // True if all has been played and the player is to end then.
+  // True if all files were played and the player is to end after that.
   bool IsDone() const;
 
  private:

@@ -23,15 +23,16 @@ namespace {
 constexpr double kWatchedInterval = 1;      // Seconds between two looks at a watched directory.
 constexpr double kUnwatchedInterval = 0.1;  // If it cannot be watched.
 
-// A daemon makes no file in the first tenth of a second after its start. In nanoseconds.
+// Nanoseconds. A daemon makes no file in the first tenth of a second after its start.
 constexpr int64_t kRestartTime = 90000000;
 
-// Prefixes of hidden names. A number and a dot follow if the name is taken already: after a restart
-// of the daemon, names come again.
+// Prefixes of hidden names. A number and a dot follow if the name is taken already, as a restarted
+// daemon uses names again.
 constexpr char kPlaying[] = ".playing.";
 constexpr char kWaiting[] = ".waiting.";
 
-// Without the end of the longest names: what they tell is at their start.
+// The hidden name of a file. The end of a very long name is cut; the important part is at its
+// start.
 std::string HiddenName(const std::string& prefix_, const std::string& name_) {
   return (prefix_ + name_).substr(0, NAME_MAX);
 }
@@ -49,8 +50,8 @@ std::string NameOfHidden(const std::string& file_) {
   return "";
 }
 
-// Sorts pieces that were found together by their numbers, or by their times if those show that the
-// numbers have begun again.
+// Sorts pieces that were found together by their numbers, or by their times if these show that the
+// daemon began its numbers again.
 void Sort(std::vector<Piece>& pieces_) {
   std::sort(pieces_.begin(), pieces_.end(), [](const Piece& a_, const Piece& b_) {
     return std::make_pair(a_.parts.number, a_.time) < std::make_pair(b_.parts.number, b_.time);
@@ -95,8 +96,8 @@ struct Queue::Impl {
   Impl& operator=(const Impl&) = delete;
 
   void ReadEvents();
-  // Without waiting. The daemon holds the lock for milliseconds, but another process could hold it
-  // for long while sound has to go on.
+  // Takes the lock without waiting. The daemon holds it for milliseconds, but another process could
+  // hold it for long, and sound must go on.
   bool Lock() const { return flock(directory, LOCK_EX | LOCK_NB) == 0; }
   void Unlock() const { flock(directory, LOCK_UN); }
   void Scan();
@@ -118,7 +119,7 @@ struct Queue::Impl {
   std::list<std::string> other_ids;
 };
 
-// Own renames of hidden files are no news.
+// Ignores the player's own renames of hidden files.
 void Queue::Impl::ReadEvents() {
   alignas(inotify_event) char buffer[4096];
   ssize_t length = 0;
@@ -131,7 +132,7 @@ void Queue::Impl::ReadEvents() {
   }
 }
 
-// A new directory of the same name has another lock.
+// Throws if the directory was replaced: a new directory of the same name has another lock.
 void Queue::Impl::CheckDirectory() const {
   struct stat opened = {};
   struct stat named = {};
@@ -141,7 +142,7 @@ void Queue::Impl::CheckDirectory() const {
   }
 }
 
-// True if it is a file of the daemon.
+// True if it is a file of the daemon; then sets piece_.
 bool Queue::Impl::Look(const char* file_, Piece& piece_) const {
   piece_.file = file_;
   piece_.name = file_[0] == '.' ? NameOfHidden(file_) : file_;
@@ -154,7 +155,7 @@ bool Queue::Impl::Look(const char* file_, Piece& piece_) const {
   return true;
 }
 
-// REQUIRES: the lock.
+// REQUIRES: the lock is held.
 void Queue::Impl::Scan() {
   DIR* const listing = opendir(path.c_str());
   if (listing == nullptr) {
@@ -164,7 +165,7 @@ void Queue::Impl::Scan() {
   other_ids.clear();
   while (const dirent* entry = readdir(listing)) {
     Piece piece;
-    // Only this player touches its hidden files, so that one look at them is enough.
+    // Only this player changes its hidden files, so the first scan of them is enough.
     if ((entry->d_name[0] == '.' && !is_first_scan) || !Look(entry->d_name, piece)) {
       continue;
     }

@@ -1,4 +1,4 @@
-// Where the stream of samples goes: signed 16 bit, one channel.
+// The destination of the stream of samples: signed 16 bit, one channel.
 #pragma once
 
 #include <stddef.h>
@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-// There is no such sound device now, or no longer. It may come back.
+// Thrown if the sound device is missing or has vanished. It may come back.
 struct DeviceLost {
   std::string reason;
 };
@@ -16,20 +16,20 @@ class Sink {
  public:
   virtual ~Sink() = default;
 
-  // Gets ready for sound, also again after DeviceLost. Throws DeviceLost.
+  // Prepares for sound, also after DeviceLost. Throws DeviceLost.
   virtual void Open() {}
   // Takes as many of the samples as there is room for, without waiting, and returns their number.
-  // Throws DeviceLost, or a string if there is no hope.
+  // Throws DeviceLost, or a string if it can never go on.
   virtual size_t Write(const int16_t* samples_, size_t count_) = 0;
   // Throws DeviceLost if the device has vanished while nothing is written.
   virtual void Check() {}
-  // Silence, in samples, that pushes out the last of the sound when nothing follows.
+  // Samples of silence that push the end of the sound out when nothing follows.
   virtual size_t Tail() const { return 0; }
   // Waits until all has been heard.
   virtual void Drain() {}
 };
 
-// Lets samples through as fast as they would be heard, and a little ahead.
+// Lets samples pass at the speed at which they would be played, and a little ahead.
 class Pace {
  public:
   explicit Pace(int rate_) : rate(rate_) {}
@@ -40,10 +40,10 @@ class Pace {
 
  private:
   const int rate;          // Hertz.
-  double heard_until = 0;  // As Now() tells it.
+  double heard_until = 0;  // A time of Now().
 };
 
-// Takes as long as playing would.
+// Discards the samples at the speed of playing.
 class NullSink : public Sink {
  public:
   explicit NullSink(int rate_) : pace(rate_) {}
@@ -54,8 +54,9 @@ class NullSink : public Sink {
   Pace pace;
 };
 
-// Appends to a WAV file, whose header is right after every call. If is_paced_, it takes as long as
-// playing would. Throws a string if the file cannot be written, or is not such a file of that rate.
+// Appends to a WAV file, whose header is correct after each call. If is_paced_, it takes samples at
+// the speed of playing. Throws a string if the file cannot be written, or is not such a file of
+// that rate.
 std::unique_ptr<Sink> OpenWavSink(const std::string& path_, int rate_, bool is_paced_);
 
 // An ALSA device, whose buffer holds at most a tenth of a second.

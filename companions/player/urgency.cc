@@ -14,7 +14,7 @@
 
 namespace {
 
-// Changes whenever the file does.
+// A value that changes whenever the file changes.
 using Stamp = std::tuple<ino_t, off_t, int64_t, int64_t>;
 
 Stamp StampOf(const std::string& path_) {
@@ -25,7 +25,7 @@ Stamp StampOf(const std::string& path_) {
   return {status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
 }
 
-// What matters of a status. Without one, the daemon does not run.
+// The parts of a status that matter here. The defaults are those without a running daemon.
 struct Status {
   int timestamp = -1;
   bool is_output_bound = false;

@@ -1,5 +1,5 @@
-// How urgent display ids are, by the daemon's configuration, and for whom the daemon is at work, by
-// its status file.
+// How urgent the display ids are, from the daemon's configuration, and which directories have an
+// active message, from its status file.
 #pragma once
 
 #include <limits.h>
@@ -12,22 +12,23 @@ constexpr int kLeastUrgent = INT_MAX;
 
 class Urgency {
  public:
-  // Either path may be empty: there is no such file, then. Nothing is read yet.
+  // Either path may be empty, if there is no such file. Reads nothing yet.
   Urgency(const std::string& config_path_, const std::string& status_path_);
   ~Urgency();
 
-  // Reads the configuration if it has changed. Throws a string if it cannot be read; what was read
-  // before stays in force, and nothing is tried again before the file changes.
+  // Reads the configuration if it has changed. Throws a string if it cannot be read. The last good
+  // one then stays in force, and the file is read again only after a change.
   void ReadConfiguration();
 
-  // Reads the status file. Without one, or while it holds half a status, nothing changes.
+  // Reads the status file. Changes nothing if there is none, or while it holds an incomplete
+  // status.
   void ReadStatus();
 
-  // The priority of a display id, of its most urgent directory if there are several; kLeastUrgent
-  // if the configuration does not have it.
+  // The priority of a display id: that of its most urgent directory; kLeastUrgent if the
+  // configuration does not have the id.
   int Of(const std::string& id_) const;
 
-  // Of the last status: the priority of the most urgent directory with an active message, and
+  // In the last status, the priority of the most urgent directory with an active message;
   // kLeastUrgent if there is none.
   int MostUrgentActive() const;
   // True if a directory with that display id has an active message.

@@ -24,7 +24,7 @@ struct Descriptor {
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
 
-  // Leaves the descriptor at the start.
+  // True if the file has no bytes. Leaves the descriptor at the start.
   bool IsEmpty() const { return lseek(fd, 0, SEEK_END) + lseek(fd, 0, SEEK_SET) == 0; }
 
   const int fd;
@@ -48,7 +48,7 @@ class WavSink : public Sink {
     if (!file || info.format != kFormat || info.channels != 1 || info.samplerate != rate_) {
       throw Format("%s is not a WAV file of this player at %d Hz", path.c_str(), rate_);
     }
-    // What a killed player left after the last sample of the header is written over.
+    // Overwrites samples that the header does not count, which a killed player left.
     length = sf_seek(file.get(), 0, SEEK_END | SFM_WRITE);
     sf_command(file.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
     sf_command(file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);

@@ -12,9 +12,9 @@
 
 struct audio_object;
 
-// The engine would look for a sound device also where it need not play: it would connect to a sound
-// server, start a thread and write into the home directory. This stands in for the function of its
-// audio library, and finds none.
+// The engine looks for a sound device even if it does not play: it would connect to a sound server,
+// start a thread and write into the home directory. This function replaces the one of its audio
+// library, and finds no device.
 extern "C" audio_object* create_audio_device_object(const char* /*device*/,
                                                     const char* /*application*/,
                                                     const char* /*description*/) {
@@ -54,7 +54,7 @@ void Require(espeak_ng_STATUS status_, espeak_ng_ERROR_CONTEXT context_ = nullpt
   }
 }
 
-// Called by the engine with some more samples. Not 0 ends the synthesis.
+// The engine calls this with further samples. A result other than 0 ends the synthesis.
 int Record(short* samples_, int count_, espeak_EVENT* events_) noexcept {
   if (samples_ == nullptr || count_ <= 0) {
     return 0;
@@ -73,9 +73,9 @@ int Record(short* samples_, int count_, espeak_EVENT* events_) noexcept {
   return 0;
 }
 
-// The name under which the engine finds a voice at once, such as "gmw/en" for "en": its file, if
-// there is one of that name. For any other it reads the files of all voices, a quarter of the
-// processor's time for ten words.
+// The name under which the engine finds a voice at once, such as "gmw/en" for "en": the voice's
+// file, if there is one of that name. For any other name, the engine reads the files of all voices,
+// which takes a quarter of the processor time for ten words.
 std::string QuickName(const std::string& voice_) {
   const char* data = nullptr;
   espeak_Info(&data);

@@ -1,5 +1,5 @@
-// The speech engine, in this process. There can be only one, up to the end of the process: the
-// engine's own way of ending waits for its thread, and was seen to wait forever.
+// The speech engine, in this process. There can be only one, and it lives until the end of the
+// process: the engine's own function to end it waits for its thread, and was seen to wait forever.
 #pragma once
 
 #include <string>
@@ -19,6 +19,6 @@ class Engine {
   int Rate() const;
 
   // The sound of a text in SSML. Throws a string if the engine fails, or if the sound is longer
-  // than an hour: pauses alone could fill the memory.
+  // than an hour, as pauses alone could fill the memory.
   Samples Speak(const std::string& markup_);
 };

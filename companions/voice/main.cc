@@ -41,7 +41,7 @@ const Program kProgram = {
     {},
     "\nExit status: 0, or 1 with one line on standard error.\n"};
 
-// What the end of the time needs, as nothing can be made in a signal handler.
+// Data for the signal handler at the end of the time, which cannot allocate memory.
 int report_fd = STDERR_FILENO;
 int audio_fd = -1;
 std::string late_line;
@@ -55,7 +55,7 @@ std::string ErrorLine(std::string why_) {
 
 void EmptyAudio() {
   if (audio_fd >= 0 && ftruncate(audio_fd, 0) != 0) {
-    return;  // Not a regular file: nothing is kept in it.
+    return;  // It is not a regular file, so it keeps nothing.
   }
 }
 
@@ -77,7 +77,7 @@ void EndAfter(int seconds_) {
   alarm(static_cast<unsigned>(seconds_));
 }
 
-// The engine and what it runs complain on standard error, in several lines.
+// Redirects standard error: the engine writes several lines for one error.
 void SilenceEngine() {
   report_fd = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -126,7 +126,7 @@ Samples Spoken(const std::string& text_, const Arguments& arguments_) {
                                           : Resampled(samples, engine.Rate(), arguments_.rate);
 }
 
-// arguments_: those after the name of the program.
+// Translates a text file. arguments_: those after the name of the program.
 void Translate(const std::vector<std::string>& arguments_) {
   if (arguments_.size() < 3) {
     throw std::string("usage: espeak-ng TEXT-FILE AUDIO-FILE [ARGUMENT...] MESSAGE-NAME");

@@ -28,7 +28,7 @@ size_t TagLength(const std::string& text_, size_t position_) {
   return is_tag ? end + 1 - position_ : 0;
 }
 
-// text_ with other texts in the place of its pause tags and of its other bytes.
+// text_ with its pause tags replaced by of_tag_ and its other bytes by of_byte_.
 std::string Rewritten(const std::string& text_, std::string (*of_tag_)(const std::string&),
                       std::string (*of_byte_)(char)) {
   std::string result;
@@ -40,7 +40,7 @@ std::string Rewritten(const std::string& text_, std::string (*of_tag_)(const std
   return result;
 }
 
-// Without a strength, the engine drops a break that leads the text.
+// A pause tag in SSML. Without a strength, the engine drops a break at the start of the text.
 std::string Break(const std::string& tag_) {
   const size_t digits = tag_.find('=') + 1;
   return "<break time=\"" + tag_.substr(digits, tag_.size() - digits - 1) +

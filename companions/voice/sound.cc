@@ -11,8 +11,8 @@ void TrimEnd(Samples& samples_, int rate_) {
   const int window = rate_ / 50;
   const int shortest = rate_ / 100;
   const int64_t loud_sum = kLoud * kLoud * window;
-  int64_t sum = 0;  // Of the squares in the window that begins at "at".
-  int run = 0;      // Loud windows, one after the other.
+  int64_t sum = 0;  // The sum of the squares in the window that begins at "at".
+  int run = 0;      // The number of loud windows in a row.
   for (size_t at = samples_.size(); at-- > 0;) {
     const size_t left = at + static_cast<size_t>(window);
     sum += int64_t{samples_[at]} * samples_[at];

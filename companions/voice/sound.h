@@ -7,9 +7,8 @@
 
 using Samples = std::vector<int16_t>;
 
-// Removes the silence at the end. Sound is at least 10 ms during which the mean level of the next
-// 20 ms is above 0.3 % of the full scale, so that a click is none.
-// rate_: samples per second.
+// Removes the silence at the end. Sound begins where for at least 10 ms the mean level of the next
+// 20 ms is above 0.3 % of the full scale, so a click counts as silence. rate_: samples per second.
 void TrimEnd(Samples& samples_, int rate_);
 
 // The same sound at another rate: round(samples * to_ / from_) samples.

@@ -1,4 +1,5 @@
-// vocastra-apply: has the station check and apply the edited configuration and glossary at once.
+// vocastra-apply: asks the station to check and apply the edited configuration and glossary at
+// once.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -65,7 +66,7 @@ class Connection {
   std::vector<std::string> greeting;
 };
 
-// The findings go to standard error. True if the daemon can use the file.
+// Checks the file at path_. True if the daemon can use it. The findings go to standard error.
 bool IsFileUsable(std::vector<std::string> check_, const std::string& path_) {
   check_.push_back(path_);
   Command command;
@@ -77,7 +78,7 @@ bool IsFileUsable(std::vector<std::string> check_, const std::string& path_) {
   return IsUsable(command.Status());
 }
 
-// Replaces the file at path_ by one with that content and with the owner and mode of the old one.
+// Replaces the file at path_ by one with content_. Keeps owner and mode.
 void Install(const std::string& content_, const std::string& path_) {
   struct stat old = {};
   const bool has_old = stat(path_.c_str(), &old) == 0;

@@ -1,9 +1,8 @@
-// The attributes of the configuration and the glossary: one table, from which the checker works
-// and the schema of the configuration is made. What they mean is in vocastra.conf(5) and
-// vocastra-glossary(5).
+// The table of the attributes of configuration and glossary. The checker uses it, and the schema of
+// the configuration is made from it. vocastra.conf(5) and vocastra-glossary(5) have the meanings.
 //
-// After a change, "cmake --build --preset release --target schema" makes schema/tts-config.rnc and
-// .rng again.
+// After a change, make schema/tts-config.rnc and .rng again by "cmake --build --preset release
+// --target schema".
 #pragma once
 
 #include <string>
@@ -20,21 +19,21 @@ struct Attribute {
   const char* name;
   const char* type;           // A pattern of the schema.
   const char* default_value;  // Null: the attribute is required.
-  const char* directories;    // Types of directories for which it means something, or null: all.
-  bool is_single;             // No other attribute decides whether it may be there.
+  const char* directories;    // Types of directories for which it has an effect; null: all.
+  bool is_single;             // It is allowed independent of other attributes.
 
   bool IsNumber() const { return type == std::string(kInteger); }
   bool HasMeaningFor(const std::string& directory_type_) const;
 };
 
-// Those of one element.
+// The attributes of one element.
 std::vector<Attribute> AttributesOf(const std::string& element_);
 
-// The number that the daemon takes for an attribute of the table; its default, too, if the text is
+// The number that the daemon uses for an attribute of the table; the default also if the text is
 // not a number.
 int NumberOf(const XMLElement& element_, const std::string& name_);
 
-// The text that the daemon takes for an attribute of the table that is not required.
+// The text that the daemon uses for an optional attribute of the table.
 std::string TextOf(const XMLElement& element_, const std::string& name_);
 
 // Warns of unknown attributes. item_ names the element in findings.

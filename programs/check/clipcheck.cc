@@ -28,7 +28,7 @@ bool EndsLike(const std::string& name_, const std::string& end_) {
          strcasecmp(name_.c_str() + name_.size() - end_.size(), end_.c_str()) == 0;
 }
 
-// The number of four bytes, the lowest first. REQUIRES: they are there.
+// The little-endian number of four bytes. REQUIRES: text_ has them.
 uint32_t NumberAt(const std::string& text_, size_t at_) {
   uint32_t number = 0;
   for (size_t i = 4; i-- > 0;) {
@@ -37,7 +37,8 @@ uint32_t NumberAt(const std::string& text_, size_t at_) {
   return number;
 }
 
-// Looks for the chunk with the format and, after it, the one with the sound.
+// Looks for the chunk with the format and then for the one with the sound. Returns the reason if
+// one is missing.
 std::string WhyNoWav(const std::string& head_) {
   constexpr size_t kHeader = 12;
   constexpr size_t kChunkHeader = 8;
@@ -54,7 +55,7 @@ std::string WhyNoWav(const std::string& head_) {
     }
     at += kChunkHeader + size + size % 2;
     if (at > kHeadBytes) {
-      return "";  // What comes is too far away to be looked at.
+      return "";  // The next chunk is beyond the bytes that were read.
     }
   }
   return "it ends before its sound";

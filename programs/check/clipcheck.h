@@ -3,6 +3,6 @@
 
 #include <string>
 
-// Why the player would drop the file or play noise; empty if it seems to be sound. The player takes
-// a file that begins with "RIFF" for WAV, and every other one for raw samples.
+// Why the player would drop the file or play noise; empty if the file seems to be sound. The player
+// treats a file that begins with "RIFF" as WAV, and any other as raw samples.
 std::string WhyNoSound(const std::string& path_);

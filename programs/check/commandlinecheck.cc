@@ -17,8 +17,8 @@ constexpr char kNameProgram[] = "Name a program that the daemon may execute";
 
 Place OptionPlace(char letter_) { return {"<command-line>", 0, std::string("-") + letter_}; }
 
-// The daemon reads numbers without a check. Returns what it makes of this one, or nothing if the
-// option was not given.
+// Checks a number, as the daemon reads numbers without a check. Returns the number that the daemon
+// uses, or nothing if the option was not given.
 std::optional<int> CheckNumber(const CheckOptions& options_, char letter_, Findings& findings_) {
   const auto found = options_.daemon.find(letter_);
   if (found == options_.daemon.end()) {
@@ -41,7 +41,7 @@ std::optional<int> CheckNumber(const CheckOptions& options_, char letter_, Findi
   return value;
 }
 
-// As the shell finds it: the first word, along PATH if it has no slash.
+// Finds the program as the shell does: the first word, in PATH if it has no slash.
 std::string WhyNoTranslator(const std::string& command_) {
   const std::string program = command_.substr(0, command_.find(' '));
   if (program.find('/') != std::string::npos) {

@@ -17,7 +17,7 @@ std::string Text(const XMLElement& element_, const char* name_) {
   return element_.GetAttributeString(name_, "");
 }
 
-// False, with a finding, if a required attribute is missing: then every pass of the daemon fails.
+// False, with a finding, if a required attribute is missing: each pass of the daemon then fails.
 bool Require(const XMLElement& element_, const Place& place_, const char* name_,
              Findings& findings_) {
   try {
@@ -69,7 +69,7 @@ class ParserCheck {
     ids.insert({id + "-ascii", id + "-utf16"});
   }
 
-  // Checks that there is the parser that the "directory" element names.
+  // Checks that the parser exists that the "directory" element names.
   void CheckUse(const XMLElement& directory_, const Place& place_) const {
     const std::string parser = TextOf(directory_, "parser");
     const std::string encoding = TextOf(directory_, "encoding");
@@ -141,7 +141,8 @@ class ParserCheck {
   std::set<std::string> ids = {"text-ascii", "text-utf8", "text-utf16"};
 };
 
-// --- The whole -----------------------------------------------------------------------------------
+// --- The whole configuration
+// -----------------------------------------------------------------------------------
 
 void CheckRoot(const Document& document_, Findings& findings_) {
   const XMLElement& root = *document_.Root();
@@ -158,7 +159,7 @@ void CheckRoot(const Document& document_, Findings& findings_) {
   }
 }
 
-// True if the element has an id of its own, so that the daemon uses it. ids_ are the earlier ids.
+// True if the element has a new id, so that the daemon uses it. ids_: the earlier ids.
 bool CheckId(const Document& document_, const XMLElement& directory_, const Place& place_,
              std::set<std::string>& ids_, Findings& findings_) {
   CheckAttributes(document_, directory_, place_, findings_);
@@ -182,7 +183,7 @@ bool CheckId(const Document& document_, const XMLElement& directory_, const Plac
   return true;
 }
 
-// At the first password, if others may read the file.
+// Adds a finding at the first password if others may read the file.
 void CheckPasswords(const Document& document_, const std::string& path_, Findings& findings_) {
   struct stat status = {};
   if (stat(path_.c_str(), &status) != 0 || (status.st_mode & S_IROTH) == 0) {

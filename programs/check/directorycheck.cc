@@ -17,7 +17,7 @@
 
 namespace {
 
-// A helper's text with the attributes for its arguments.
+// A helper's error text with the names of attributes instead of its arguments.
 std::string WithAttributes(std::string text_) {
   const std::pair<const char*, const char*> names[] = {{"PATH", "path"},
                                                        {"MOUNT-OPTS", "mount-opts"},
@@ -94,7 +94,7 @@ class DirectoryCheck {
     }
   }
 
-  // Valid numbers and words that do not have the effect that they seem to have.
+  // Finds valid numbers and words without the expected effect.
   void CheckValues() {
     if (NumberOf(element, "loops") < 1) {
       findings.Warning(place, "\"loops\" below 1: messages are spoken once", "Write 1 or more");
@@ -110,7 +110,7 @@ class DirectoryCheck {
     }
   }
 
-  // Text that goes through the shell.
+  // Checks texts that go through the shell.
   void CheckNames() {
     const std::string display_id =
         element.GetAttributeString("display-id", element.GetAttributeString("id"));
@@ -144,7 +144,7 @@ class DirectoryCheck {
     }
   }
 
-  // The player takes speech for sound at its own rate.
+  // The player plays speech at its own rate, so both rates must be equal.
   void CheckRate(const std::string& arguments_) {
     const std::string name = "rate=";
     std::istringstream words(arguments_);
@@ -319,7 +319,7 @@ class DirectoryCheck {
     }
   }
 
-  // As the helper that comes with the daemon reads them.
+  // Checks the attributes as the daemon's own helper reads them.
   void CheckForHelper(const RemoteAttributes& attributes_) {
     try {
       if (type == "cifs") {
@@ -333,7 +333,7 @@ class DirectoryCheck {
     }
   }
 
-  // Options have values, which are another helper's.
+  // Checks the words for another helper, except options with values, which only that helper knows.
   void CheckFtpMode(const std::string& mode_) {
     size_t end = 0;
     for (size_t begin = 0; begin <= mode_.size(); begin = end + 1) {
@@ -346,8 +346,8 @@ class DirectoryCheck {
     }
   }
 
-  // True if the program of that option of the daemon comes with it, or is not known. directory_ is
-  // in the paths of such programs.
+  // True if the program in that option of the daemon comes with it, or is not known. The paths of
+  // such programs have directory_ in them.
   bool IsOurs(char letter_, const char* directory_) const {
     const std::string path = options.Argument(letter_);
     return path.empty() || path.find(directory_) != std::string::npos;

@@ -33,7 +33,7 @@ bool IsUtf16(const std::string& text_) {
          begin == std::string("\0<", 2);
 }
 
-// True if there is a "&" that begins none of the references that every document may use.
+// True if the line has a "&" that begins no predefined reference.
 bool HasBareAmpersand(const std::string& line_) {
   for (size_t at = line_.find('&'); at != std::string::npos; at = line_.find('&', at + 1)) {
     const auto begins = [&](const char* name_) {
@@ -61,7 +61,7 @@ std::string DaemonError(const std::string& path_) {
 
 }  // namespace
 
-// Reads a file a second time, to its end, and keeps what LoadXMLTree does not: the line of every
+// Reads a file a second time, to its end, and keeps facts that LoadXMLTree drops: the line of each
 // element, and whether the file ends early. REQUIRES: the daemon's limits on documents, which bound
 // the time and memory of this too, do not stop LoadXMLTree.
 class TagReader {
@@ -97,7 +97,7 @@ class TagReader {
   };
 
   std::vector<Tag> tags;            // In the order of start tags.
-  std::string error;                // Empty: whole and well-formed.
+  std::string error;                // Empty: the file is complete and well-formed.
   int error_line = 1;               // Of the root if there is no error.
   bool has_bare_ampersand = false;  // In the line of the error.
   bool is_utf16 = false;
@@ -109,7 +109,7 @@ class TagReader {
     auto* self = static_cast<TagReader*>(user_);
     Tag tag;
     tag.line = self->Line();
-    // Those with default values come after these, in every tag again.
+    // Specified attributes come first. The tag's default attributes, which follow, are left out.
     for (int i = 0; i < XML_GetSpecifiedAttributeCount(self->parser); i += 2) {
       tag.attributes.emplace_back(attributes_[i]);
     }
@@ -194,7 +194,7 @@ void Document::CheckContent(const XMLElement& element_, const std::vector<std::s
 
 bool Document::IsReadable() const { return access(path.c_str(), R_OK) == 0; }
 
-// Adds the finding for a file that LoadXMLTree refuses.
+// Adds the finding for a file that LoadXMLTree has refused.
 void Document::Explain(const std::string& why_, const std::string& root_name_,
                        Findings& findings_) const {
   const std::string error = DaemonError(path);
@@ -231,7 +231,7 @@ std::string Document::RemedyFor(const TagReader& reader_) const {
                                : "Correct the XML at that line";
 }
 
-// Both go through the elements in the order of start tags.
+// Pairs elements and tags, as both are in the order of start tags.
 void Document::NoteTags(const TagReader& reader_) {
   std::vector<const XMLElement*> waiting = {root.get()};
   for (const Tag& tag : reader_.tags) {

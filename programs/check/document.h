@@ -13,15 +13,15 @@
 struct Tag {
   int line = 0;
   int text_line = 0;                    // Of the first text in the element; 0: there is none.
-  std::vector<std::string> attributes;  // Names that the tag itself has, in their order.
+  std::vector<std::string> attributes;  // Names in the tag itself, in their order.
 };
 
 class TagReader;
 
 class Document {
  public:
-  // Loads the file. Adds what is wrong with it as a whole to findings_, and has no root if the
-  // daemon could not use it.
+  // Loads the file. Adds the errors of the whole file to findings_. There is no root if the daemon
+  // cannot use the file.
   Document(const std::string& path_, const std::string& root_name_, Findings& findings_);
 
   const XMLElement* Root() const { return root.get(); }
@@ -30,8 +30,8 @@ class Document {
   const Tag& TagOf(const XMLElement& element_) const { return tags.at(&element_); }
   Place PlaceOf(const XMLElement& element_, const std::string& item_) const;
 
-  // Finds text in element_, and children whose names are not in known_: in a configuration, an
-  // error if such a name is probably a misspelt one.
+  // Finds text in element_, and children whose names are not in known_. In a configuration, a name
+  // that is probably misspelt is an error.
   void CheckContent(const XMLElement& element_, const std::vector<std::string>& known_,
                     Findings& findings_) const;
 

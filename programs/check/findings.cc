@@ -34,7 +34,7 @@ void Findings::Add(const Place& place_, const char* kind_, const std::string& pr
   const size_t rank = ranks.emplace(place_.file, ranks.size()).first->second;
   std::string text = Format("%s:%d: %s: %s: %s. %s.", place_.file.c_str(), place_.line, kind_,
                             place_.item.c_str(), problem_.c_str(), remedy_.c_str());
-  // One finding is one line, whatever the file holds.
+  // Control characters of the file must not break the line.
   std::replace_if(
       text.begin(), text.end(), [](unsigned char c_) { return Utf8IsControl(c_) && c_ < 0x80; },
       '?');

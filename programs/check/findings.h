@@ -18,18 +18,19 @@ struct Place {
   std::string item;  // The element or option.
 };
 
-// value_ in quotes, as findings show it.
+// value_ in quotes, as in findings.
 std::string Quoted(const std::string& value_);
 
 class Findings {
  public:
-  // An error: messages are not spoken, or files are destroyed that are not the daemon's own.
+  // Adds an error: messages are not spoken, or files of others are destroyed.
   void Error(const Place& place_, const std::string& problem_, const std::string& remedy_);
-  // A warning: the daemon does something else than the text says.
+  // Adds a warning: the daemon does something else than the text says.
   void Warning(const Place& place_, const std::string& problem_, const std::string& remedy_);
 
-  // Writes "FILE:LINE: error|warning: ITEM: PROBLEM. REMEDY." for each to standard error, files in
-  // the order of their first findings, each by lines. Returns the worst verdict.
+  // Writes each finding to standard error as "FILE:LINE: error|warning: ITEM: PROBLEM. REMEDY.".
+  // The files are in the order of their first findings, and the findings of a file in the order of
+  // lines. Returns the worst verdict.
   Verdict Print();
 
  private:

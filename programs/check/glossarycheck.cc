@@ -12,8 +12,8 @@
 
 namespace {
 
-// Why the daemon never looks that text up; empty if it does. It splits messages at these characters
-// and removes some of them from words.
+// Why the daemon never looks that text up; empty if it does. The daemon splits messages at some
+// characters and removes some from words.
 std::string WhyNeverMatches(const std::string& text_) {
   constexpr int kMaxWordChars = 100;
   int length = 0;

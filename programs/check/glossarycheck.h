@@ -5,5 +5,5 @@
 
 #include "findings.h"
 
-// Finds entries that the daemon refuses, never looks up or takes from an earlier one.
+// Finds entries that the daemon refuses, never looks up, or ignores because of an earlier one.
 void CheckGlossary(const std::string& path_, Findings& findings_);

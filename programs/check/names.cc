@@ -10,7 +10,7 @@
 
 namespace {
 
-// Names that are longer are not looked at: comparing takes the product of the lengths.
+// Longer names are not compared, as the time grows with the product of the lengths.
 constexpr size_t kMaxLength = 40;
 
 constexpr size_t kFar = 100;
@@ -26,7 +26,7 @@ std::string Simplified(const std::string& name_) {
   return text;
 }
 
-// How many characters must be inserted, removed or replaced to make one of the other.
+// The number of characters to insert, remove or replace to turn one name into the other.
 size_t Edits(const std::string& a_, const std::string& b_) {
   std::vector<size_t> row(b_.size() + 1);
   std::iota(row.begin(), row.end(), size_t{0});
@@ -41,7 +41,7 @@ size_t Edits(const std::string& a_, const std::string& b_) {
   return row.back();
 }
 
-// True if a_ is the beginning of b_, or, as such names are less sure, a long end of it.
+// True if a_ is the beginning of b_, or a long end of it. Short ends are not sure enough.
 bool IsShortFor(const std::string& a_, const std::string& b_) {
   constexpr size_t kMinStart = 3;
   constexpr size_t kMinEnd = 5;
@@ -51,7 +51,7 @@ bool IsShortFor(const std::string& a_, const std::string& b_) {
           (a_.size() >= kMinEnd && b_.compare(b_.size() - a_.size(), a_.size(), a_) == 0));
 }
 
-// 0: they are alike; kFar: neither is meant by the other.
+// 0: the names are alike; kFar: one is no misspelling of the other.
 size_t Distance(const std::string& name_, const std::string& known_) {
   const std::string a = Simplified(name_);
   const std::string b = Simplified(known_);

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Without links, "." and "..", if the path exists up to its last name.
+// The path without links, "." and ".."; all names but the last must exist.
 std::string RealPath(const std::string& path_) {
   char resolved[PATH_MAX];
   if (realpath(path_.c_str(), resolved) != nullptr) {
@@ -43,7 +43,7 @@ std::map<std::string, std::string> UsersAtHome() {
   return users;
 }
 
-// Why the files in that directory must not be removed; empty if nothing is known against it.
+// Why the files in that directory must not be removed; empty if no reason is known.
 std::string WhyPrecious(const std::string& real_,
                         const std::map<std::string, std::string>& users_at_home_) {
   static const char* const kSystemTrees[] = {"/bin",     "/boot",     "/etc",       "/lib",
@@ -71,8 +71,8 @@ bool IsInput(const std::string& role_) {
   return role_ == kPath || role_ == kSubdir || role_ == kAboveSubdir;
 }
 
-// The daemon ignores directories in the directories that it uses, and never removes them. But
-// people take a file in an inner directory for one of the outer directory.
+// True if the one directory must not be in the other. The daemon ignores inner directories, but
+// people may mix up the files of both.
 bool MustBeApart(const std::string& outer_role_, const std::string& inner_role_) {
   const bool are_inputs =
       IsInput(outer_role_) && IsInput(inner_role_) && outer_role_ != kAboveSubdir;
@@ -198,7 +198,7 @@ bool PathUses::HasRole(const std::vector<const Use*>& uses_, const std::string& 
                      [&](const Use* use_) { return use_->role == role_; });
 }
 
-// Finds the nearest directory around inner_ that must not be there.
+// Finds the nearest directory that must not contain inner_.
 void PathUses::CheckAbove(const Use& inner_, const Groups& groups_, Findings& findings_) {
   for (std::string path = inner_.real; path.find('/') != std::string::npos && path != "/";) {
     path = ParentOf(path);
@@ -208,7 +208,7 @@ void PathUses::CheckAbove(const Use& inner_, const Groups& groups_, Findings& fi
     }
     const std::vector<const Use*>& outers = group->second;
     if (inner_.role == kSubdir && HasRole(outers, kAboveSubdir)) {
-      return;  // Whatever is around that is found for it, too.
+      return;  // Directories around this one are found for it, too.
     }
     const auto outer = std::find_if(outers.begin(), outers.end(), [&](const Use* use_) {
       return MustBeApart(use_->role, inner_.role);

@@ -12,7 +12,7 @@
 // The directory that a path is in; "." for a name alone.
 std::string ParentOf(const std::string& path_);
 
-// Why that is not a directory in which the daemon can read, write and search; empty if it is.
+// Why the daemon cannot read, write and search in that directory; empty if it can.
 std::string WhyUnusable(const std::string& path_);
 
 // The remedy for a directory, or for the directory of a file, that is missing or unusable. In a
@@ -20,7 +20,7 @@ std::string WhyUnusable(const std::string& path_);
 // directories only.
 std::string RemedyForDirectory(const std::string& path_);
 
-// Why that is not a program that can be executed; empty if it is.
+// Why the file is no executable program; empty if it is one.
 std::string WhyNotExecutable(const std::string& path_);
 
 // The characters of value_ with a meaning for the shell, each once. Blanks are among them unless
@@ -36,10 +36,10 @@ std::string ThroughShell(const std::string& name_, const std::string& characters
 // The remedy for a path with such characters.
 constexpr char kSafeCharacters[] = "Use letters, digits and . _ + - / only";
 
-// Roles of directories that are not treated alike, see PathUses.
+// Roles of directories that have different rules, see PathUses.
 constexpr char kPath[] = "path";
 constexpr char kSubdir[] = "subdir";
-constexpr char kAboveSubdir[] = "path above subdir";  // Emptied, but not looked into.
+constexpr char kAboveSubdir[] = "path above subdir";  // Emptied, but not scanned.
 constexpr char kLastPlayed[] = "last-played-path";
 constexpr char kOutput[] = "output";
 
@@ -50,8 +50,8 @@ class PathUses {
   void AddDirectory(const Place& place_, const std::string& role_, const std::string& path_);
   void AddFile(const Place& place_, const std::string& role_, const std::string& path_);
 
-  // Finds directories that must not be emptied, that overlap, or that hold one of the files. A
-  // directory that has several roles for several others is compared with the first of each role.
+  // Finds directories that must not be emptied, that overlap, or that hold one of the files. If
+  // several uses have the same path and role, only the first is compared.
   void Check(Findings& findings_) const;
 
  private:
@@ -62,7 +62,7 @@ class PathUses {
     std::string path;
     std::string real;  // Without links, "." and "..".
   };
-  // By their real paths; only the first of each role, and of files all, by their directories.
+  // By real path: the first use of each role. All files are kept, by their directories.
   using Groups = std::map<std::string, std::vector<const Use*>>;
 
   static bool HasRole(const std::vector<const Use*>& uses_, const std::string& role_);

@@ -3,7 +3,7 @@
 
 #include <string>
 
-// frame_ with attributes of the table in the place of "@ELEMENT@" and "@ELEMENT TYPES@": those that
-// may be in the element whatever its other attributes, and that mean something for every type of
-// directory or for just these. Each is a line, indented like the first.
+// frame_ with attributes of the table instead of "@ELEMENT@" and "@ELEMENT TYPES@". These are the
+// attributes of the element that are allowed independent of others, and that have an effect for all
+// types of directories, or only for TYPES. Each is a line, indented like the first.
 std::string MakeSchema(const std::string& frame_);

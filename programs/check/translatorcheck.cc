@@ -24,8 +24,9 @@ constexpr size_t kMaxPipe = 64 << 10;  // Bytes that a pipe holds.
 constexpr int kLate = -1;
 constexpr int kNoStatus = -2;
 
-// Starts a program in a group of its own, with stream_ into the descriptor and nothing in its other
-// streams. Its directory is /proc, where nobody can make a file. Returns 0 if it cannot be started.
+// Starts a program in its own process group. Its stream_ goes to descriptor_, and its other streams
+// are /dev/null. Its directory is /proc, where nobody can make a file. Returns 0 if it cannot be
+// started.
 pid_t Start(const std::vector<std::string>& command_, int stream_, int descriptor_) {
   std::vector<char*> arguments;
   arguments.reserve(command_.size() + 1);
@@ -54,8 +55,8 @@ pid_t Start(const std::vector<std::string>& command_, int stream_, int descripto
   return pid;
 }
 
-// Reads what is there, and no more: a program may write faster than this reads. descriptor_ is -1
-// after the end.
+// Reads only the bytes that are there, as a program may write faster than this reads. Sets
+// descriptor_ to -1 at the end.
 void Drain(int& descriptor_, std::string& output_) {
   char block[kMaxPipe];
   for (size_t rest = kMaxPipe; descriptor_ >= 0 && rest > 0;) {
@@ -74,8 +75,8 @@ void Drain(int& descriptor_, std::string& output_) {
 }
 
 // Runs a program and returns its exit status, kLate if it did not end in time, or kNoStatus if it
-// could not be started or a signal ended it. output_ gets what it wrote to stream_. Whatever is
-// left of its group is killed.
+// could not be started or a signal ended it. output_ gets its text on stream_. Kills the processes
+// that are left in its group.
 int Run(const std::vector<std::string>& command_, int stream_, std::string& output_) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -103,7 +104,7 @@ int Run(const std::vector<std::string>& command_, int stream_, std::string& outp
   return is_late ? kLate : info.si_code == CLD_EXITED ? info.si_status : kNoStatus;
 }
 
-// The path from anywhere; a name alone is searched for along PATH.
+// An absolute path of a program. A name without a slash is searched in PATH.
 std::string FromAnywhere(const std::string& path_) {
   char directory[PATH_MAX];
   const bool is_relative = path_[0] != '/' && path_.find('/') != std::string::npos;
@@ -143,7 +144,7 @@ std::string TranslatorCheck::Ask(const std::string& conv_opts_) {
   std::string why;
   const int status = Run(command, STDERR_FILENO, why);
   if (status == kLate) {
-    program.clear();  // It would only take time for the others, too.
+    program.clear();  // It would take as much time for the other directories.
   }
   why.resize(why.find_last_not_of(".\n", why.find('\n')) + 1);
   return status != EXIT_FAILURE ? "" : why.empty() ? "no reason given" : why;

@@ -22,7 +22,7 @@ in_port_t ParsePort(const std::string& text_) {
   return htons(static_cast<in_port_t>(ParseInteger(text_)));
 }
 
-// Copies between kinds of socket addresses, which may not share memory.
+// Copies an address into a structure of another type, as a cast would break the aliasing rules.
 template <typename To, typename From>
 To Copied(const From& from_) {
   To to = {};

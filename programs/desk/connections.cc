@@ -15,7 +15,7 @@ constexpr double kNever = std::numeric_limits<double>::infinity();
 
 Connection& Connections::Add(int fd_, const std::string& client_, double now_) {
   if (connections.size() - watchers >= kMaxOthers) {
-    CutOne();
+    CutLongestWaiting();
   }
   connections.emplace_back();
   Connection& connection = connections.back();
@@ -26,7 +26,8 @@ Connection& Connections::Add(int fd_, const std::string& client_, double now_) {
 }
 
 void Connections::Remove(const Connection& connection_) {
-  watchers -= connection_.is_watching ? 1U : 0U;  // Not Unwatch: it is const.
+  // Unwatch would change the connection, which is const here.
+  watchers -= connection_.is_watching ? 1U : 0U;
   connections.remove_if([&](const Connection& other_) { return &other_ == &connection_; });
 }
 
@@ -82,7 +83,7 @@ void Connections::CutLate(double now_) {
   }
 }
 
-void Connections::CutLeft() {
+void Connections::CutAbandoned() {
   for (Connection& connection : connections) {
     if (connection.has_left && connection.is_waiting && !connection.is_cut) {
       Cut(connection);
@@ -90,8 +91,9 @@ void Connections::CutLeft() {
   }
 }
 
-// Those that were cut are still counted until they are removed, so none is cut twice for one.
-void Connections::CutOne() {
+// Cuts the connection that waits longest of the client that has the most. Cut connections are not
+// counted, so none is chosen twice.
+void Connections::CutLongestWaiting() {
   std::map<std::string, int> counts;
   for (const Connection& connection : connections) {
     counts[connection.client] += !connection.is_watching && !connection.is_cut ? 1 : 0;
@@ -111,7 +113,7 @@ void Connections::CutOne() {
   }
 }
 
-// The library closes the connection when it reads the end.
+// The library closes the connection when it reads the end of the data.
 void Connections::Cut(Connection& connection_) {
   shutdown(connection_.fd, SHUT_RDWR);
   connection_.is_cut = true;

@@ -50,17 +50,17 @@ enum Status {
   kUnavailable = 503,
 };
 
-// A request that is refused, with a sentence for people.
+// Thrown for a request that is refused, with a sentence for people.
 struct Refusal {
   Status status;
   std::string why;
 };
 
-// What somebody wants to have said.
+// An announcement that a user asks for.
 struct Announcement {
   std::string directory;
-  std::string text;      // In one line; of an XML directory, when its parser has read the document.
-  std::string document;  // Empty: the text is handed over.
+  std::string text;  // One line; for an XML directory, set after its parser has read the document.
+  std::string document;  // Empty: the text is the message.
 };
 
 constexpr double kLookPause = 2;  // Seconds.
@@ -72,14 +72,14 @@ std::string FieldOf(const Form& form_, const std::string& name_) {
   return found == form_.end() ? "" : found->second;
 }
 
-// -1 if it is no number.
+// The number in a text; -1 if there is none.
 long long NumberOf(const std::string& text_) {
   char* end = nullptr;
   const long long number = strtoll(text_.c_str(), &end, 10);
   return text_.empty() || *end != '\0' || number < 0 ? -1 : number;
 }
 
-// A reason as a sentence.
+// Makes a sentence of an error text.
 std::string Sentence(std::string why_) {
   if (!why_.empty() && why_[0] >= 'a' && why_[0] <= 'z') {
     why_[0] = static_cast<char>(why_[0] - 'a' + 'A');
@@ -87,8 +87,8 @@ std::string Sentence(std::string why_) {
   return why_.empty() || why_.back() == '.' ? why_ : why_ + ".";
 }
 
-// The daemon's modules log every step that they take and every file that is missing. For the desk
-// that is no news.
+// Turns the log off while it lives: the daemon's modules log every step and every missing file,
+// which are normal for the desk.
 struct Quiet {
   Quiet() { SetDebugMask(0); }
   ~Quiet() { SetDebugMask(kDebugDefault); }
@@ -96,7 +96,7 @@ struct Quiet {
   Quiet& operator=(const Quiet&) = delete;
 };
 
-// The log: one write, so that lines of several processes do not mix.
+// Writes a line to the log by one write, so that lines of several processes do not mix.
 void Tell(const std::string& line_) {
   const std::string line = OneLineOf(Utf8ReplaceInvalid(line_)) + "\n";
   WriteWhole(STDERR_FILENO, line.data(), line.size());
@@ -157,10 +157,10 @@ struct Desk::Impl {
   History history;
   View view;
   Previews previews;
-  std::map<std::string, std::string> notices;  // By user; for the next page.
-  std::map<Role, std::string> live;            // What Events gives.
-  double next_look = 0;  // Whether the station runs, while somebody watches; 0: not needed.
-  std::vector<std::pair<ino_t, long>> seen;  // The files that the view was made from.
+  std::map<std::string, std::string> notices;  // By user: the notice for the next page.
+  std::map<Role, std::string> live;            // By role: the text that Events returns.
+  double next_look = 0;  // When to check that the station runs, while a stream is open; 0: never.
+  std::vector<std::pair<ino_t, long>> seen;  // Identifies the files from which the view was made.
 };
 
 void Desk::Impl::Refresh() {
@@ -169,7 +169,7 @@ void Desk::Impl::Refresh() {
   live.clear();
 }
 
-// What the form says, unchecked. Throws a Refusal.
+// Reads the form without checking the values. Throws a Refusal.
 Announcement Desk::Impl::Read(const Form& form_) const {
   Announcement result;
   const std::string title = FieldOf(form_, "template");
@@ -196,7 +196,7 @@ Announcement Desk::Impl::Read(const Form& form_) const {
   return result;
 }
 
-// Of a document: what its parser finds. Throws a string.
+// The text to be spoken; for a document, the text that its parser finds. Throws a string.
 std::string Desk::Impl::TextIn(const Announcement& announcement_) {
   if (announcement_.document.empty()) {
     return announcement_.text;
@@ -207,7 +207,7 @@ std::string Desk::Impl::TextIn(const Announcement& announcement_) {
   return OneLineOf(TextOfDocument(destination, file.path()));
 }
 
-// Throws a string or a Refusal.
+// Hands the announcement over and notes it in the history. Throws a string or a Refusal.
 void Desk::Impl::HandOverFor(const std::string& user_, Announcement announcement_) {
   if (!IsServiceRunning(paths.run + "/health")) {
     throw Refusal{kUnavailable, "The device does not speak now: its service does not run."};
@@ -273,7 +273,7 @@ Response Desk::Impl::Withdraw(const Request& request_, const Viewer& viewer_) {
 
 Response Desk::Impl::StartPreview(const Request& request_, const Viewer& viewer_) {
   const Announcement announcement = Read(request_.form);
-  view.DestinationOf(announcement.directory);  // Throws if nothing can be said there.
+  view.DestinationOf(announcement.directory);  // Throws if the directory takes no messages.
   const std::string text = TextIn(announcement);
   if (!HasWords(text)) {
     throw std::string("there is nothing to say");
@@ -439,7 +439,7 @@ std::string Desk::Events(const Viewer& viewer_) {
   }
 }
 
-// The station replaces more files than the page is made from.
+// The station also replaces files that the page does not show.
 bool Desk::OnRunChanged() {
   std::vector<std::pair<ino_t, long>> found;
   for (const char* name : {"health", "player", kDirectoriesFile}) {
@@ -470,7 +470,7 @@ int Desk::NextTimeout() const {
   return preview < 0 ? look : std::min(preview, look);
 }
 
-// A station that is killed replaces no file.
+// Finds out by the clock that the station was killed, as it then replaces no file.
 void Desk::OnTimeout() {
   impl->previews.OnTimeout();
   if (impl->next_look != 0 && Now() >= impl->next_look) {

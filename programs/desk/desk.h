@@ -1,4 +1,4 @@
-// The pages of the desk: what a request does, without any HTTP. One thread uses it.
+// The pages of the desk: carries out requests, without any HTTP. For use by one thread.
 #pragma once
 
 #include <memory>
@@ -9,21 +9,21 @@
 
 struct DeskPaths {
   std::string run;         // The station's run directory.
-  std::string state;       // A directory that the desk may write: its history.
-  std::string templates;   // File of announcements with blanks; it need not exist.
+  std::string state;       // A directory for the desk's history, which it may write.
+  std::string templates;   // File of announcements with blanks; it may be missing.
   std::string translator;  // Program for previews; empty: there are none.
 };
 
 class Desk {
  public:
-  // Reads the history. Nothing that is missing or broken makes it throw a string.
+  // Reads the history. Does not throw if a file is missing or broken.
   explicit Desk(const DeskPaths& paths_);
   ~Desk();
   Desk(const Desk&) = delete;
   Desk& operator=(const Desk&) = delete;
 
-  // Answers a request of somebody who is logged in. For a POST, the server has compared the token
-  // before. Each message that is handed over or withdrawn is a line on standard error.
+  // Answers a request of a user who is logged in. For a POST, the caller has compared the token.
+  // Logs each message that is handed over or withdrawn on standard error.
   Response Handle(const Request& request_, const Viewer& viewer_);
 
   // Files that need no login: "/style.css", "/desk.js" and "/icon.svg". Nothing for any other path.
@@ -32,11 +32,11 @@ class Desk {
   // The page with the form for user and password. why_: of the last try, for people; may be empty.
   std::string LoginPage(const std::string& why_) const;
 
-  // All that the page shows live, one line of JSON. It is the same for all viewers except for their
-  // role and token.
+  // The live parts of the page as one line of JSON. It depends on the viewer's role and token only.
   std::string Events(const Viewer& viewer_);
 
-  // To be called when a file in the run directory was replaced. True if watchers are to be told.
+  // To be called when a file in the run directory was replaced. True if the event streams are to
+  // send an event.
   bool OnRunChanged();
 
   // To be called after SIGCHLD: a preview may have ended.

@@ -7,14 +7,14 @@
 
 namespace {
 
-// Not a name that a configuration would use: a field is never extracted from the root, and one with
-// that parent would be.
+// The root's name must not be a parent in the configuration: the parser would extract fields from
+// the root.
 constexpr char kRoot[] = "vocastra-desk";
 
 struct Field {
   std::string tag;
   std::string attribute;
-  std::string value;  // Of the attribute.
+  std::string value;  // The attribute's value.
   std::string parent;
 };
 
@@ -32,7 +32,7 @@ std::vector<Field> FieldsOf(const XMLElement& parser_) {
   return fields;
 }
 
-// The daemon finds nothing with another one.
+// False if the daemon finds nothing with this field.
 bool IsUsable(const Field& field_, bool is_attr_mode_) {
   return !field_.tag.empty() && !(is_attr_mode_ && field_.attribute.empty());
 }
@@ -71,8 +71,8 @@ struct Element {
   std::string text;
 };
 
-// Attributes of one kind of element go into one element: each element in which a field does not
-// find its attribute would add an empty piece to the text.
+// Puts all attributes of one kind of element into one element: an element without the attribute of
+// a field would add an empty piece to the text.
 void Add(const Field& field_, const std::string& value_, bool is_attr_mode_,
          std::vector<Element>& elements_) {
   if (!is_attr_mode_) {

@@ -1,5 +1,4 @@
-// What a browser sends as text: the path, the fields of a form, cookies. Each function takes any
-// bytes.
+// Parses the texts that a browser sends: path, form and cookies. Each function accepts any bytes.
 #pragma once
 
 #include <stddef.h>
@@ -18,11 +17,11 @@ bool IsCleanText(const std::string& text_, bool has_lines_);
 // Throws a string unless it begins with "/" and is a clean text of one line.
 std::string DecodePath(const std::string& path_);
 
-// The fields of a body of type application/x-www-form-urlencoded. "\r\n" and "\r" become "\n". Of a
-// name that comes twice, the last counts.
+// The fields of a body of type application/x-www-form-urlencoded. "\r\n" and "\r" become "\n". Of
+// two fields with the same name, the last counts.
 // Throws a string if the encoding is wrong, a name or a value is no clean text, or there are more
 // fields, or longer names, than allowed.
 std::map<std::string, std::string> ParseForm(const std::string& body_);
 
-// The value of a cookie in a header "Cookie"; empty if there is none.
+// The value of the cookie name_ in a header "Cookie"; empty if there is none.
 std::string FindCookie(const std::string& header_, const std::string& name_);

@@ -46,7 +46,7 @@ Answer Gate::Handle(const Visit& visit_, double now_) {
     return LogIn(visit_, now_);
   }
   if (!viewer) {
-    return HandleOpen(visit_);
+    return HandleStranger(visit_);
   }
   if (request.path == "/login") {
     return RedirectTo("/");
@@ -60,7 +60,7 @@ Answer Gate::Handle(const Visit& visit_, double now_) {
     answer.session = "";
     return answer;
   }
-  return HandlePages(visit_, *viewer);
+  return HandleUser(visit_, *viewer);
 }
 
 std::optional<Viewer> Gate::Find(const std::string& session_, double now_) {
@@ -72,8 +72,8 @@ std::optional<Viewer> Gate::Find(const std::string& session_, double now_) {
   return Viewer{session->user, user->role, session->token};
 }
 
-// Of somebody who is not logged in.
-Answer Gate::HandleOpen(const Visit& visit_) {
+// Answers a request without a valid session.
+Answer Gate::HandleStranger(const Visit& visit_) {
   const Request& request = visit_.request;
   Answer answer;
   if (!IsPost(request) && request.path == "/login") {
@@ -118,7 +118,7 @@ Answer Gate::Admit(const Visit& visit_, const std::string& user_, double now_) {
   return answer;
 }
 
-Answer Gate::HandlePages(const Visit& visit_, const Viewer& viewer_) {
+Answer Gate::HandleUser(const Visit& visit_, const Viewer& viewer_) {
   const Request& request = visit_.request;
   if (IsPost(request) && viewer_.role == Role::kLook) {
     return {Refusal(request, 403, "You may look, but not announce."), {}, 0, false};
@@ -126,7 +126,7 @@ Answer Gate::HandlePages(const Visit& visit_, const Viewer& viewer_) {
   return {pages.Handle(request, viewer_), {}, 0, false};
 }
 
-// why_ is text of this program, free of what would need an escape.
+// why_ is a text of this program without characters that need escaping.
 Response Refusal(const Request& request_, int status_, const std::string& why_) {
   Response response;
   response.status = status_;

@@ -1,5 +1,5 @@
-// Decides who gets to the pages: login and logout, sessions, tokens, roles. It knows no HTTP but
-// what a request and a response hold.
+// Decides who may see the pages: login and logout, sessions, tokens, roles. It uses no HTTP beyond
+// the fields of a request and a response.
 #pragma once
 
 #include <stddef.h>
@@ -13,18 +13,19 @@
 #include "throttle.h"
 #include "users.h"
 
-// A request as it came in.
+// A request with its sender, before the login is checked.
 struct Visit {
   Request request;
-  std::string session;  // The id that the sender knows; may be empty.
+  std::string session;  // The session's id in the sender's cookie; may be empty.
   std::string client;   // The sender's network.
 };
 
 struct Answer {
   Response response;
-  std::optional<std::string> session;  // The id for the sender to keep; empty: to forget.
-  int retry_after = 0;                 // Seconds; 0: not said.
-  bool is_public = false;              // Holds nothing of a user's.
+  // The id for the sender's cookie; an empty one removes the cookie.
+  std::optional<std::string> session;
+  int retry_after = 0;     // Seconds; 0: not said.
+  bool is_public = false;  // Holds no data of a user.
 };
 
 class Gate {
@@ -32,21 +33,22 @@ class Gate {
   // REQUIRES: both outlive the gate.
   Gate(Pages& pages_, Users& users_);
 
-  // Bytes that the body of a POST may have. 0: its sender may send none, and the answer is that to
-  // the request without a body.
+  // The largest body of a POST, in bytes. 0: the sender may send none, and Handle answers without a
+  // body.
   size_t BodyLimit(const Visit& visit_, double now_);
 
   // now_: seconds from an arbitrary start. The log says who logs in.
   Answer Handle(const Visit& visit_, double now_);
 
-  // The viewer of a session. Nothing if it has ended, its user is gone or has another password.
+  // The viewer of a session. Nothing if the session has ended, or its user was removed or has a new
+  // password.
   std::optional<Viewer> Find(const std::string& session_, double now_);
 
  private:
-  Answer HandleOpen(const Visit& visit_);
+  Answer HandleStranger(const Visit& visit_);
   Answer LogIn(const Visit& visit_, double now_);
   Answer Admit(const Visit& visit_, const std::string& user_, double now_);
-  Answer HandlePages(const Visit& visit_, const Viewer& viewer_);
+  Answer HandleUser(const Visit& visit_, const Viewer& viewer_);
 
   Pages& pages;
   Users& users;
@@ -54,5 +56,5 @@ class Gate {
   Throttle throttle;
 };
 
-// A plain page for a status; in JSON if the request wants it.
+// A plain page with a status and a reason; JSON if the request asks for it.
 Response Refusal(const Request& request_, int status_, const std::string& why_);

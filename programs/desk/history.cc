@@ -23,7 +23,7 @@ using Json = nlohmann::ordered_json;
 constexpr size_t kMaxEntries = 200;
 constexpr size_t kMaxText = 4000;  // Bytes; memory is small.
 constexpr size_t kMaxChanged = 12;
-constexpr long long kPatience = 30;  // Seconds until the station must know a message.
+constexpr long long kPatience = 30;  // Seconds within which the station must know a message.
 
 constexpr MessageRecord::State kStates[] = {MessageRecord::kWaiting, MessageRecord::kSpeaking,
                                             MessageRecord::kSaid,    MessageRecord::kFailed,
@@ -74,7 +74,7 @@ Entry FromJson(const Json& json_) {
   return entry;
 }
 
-// At the end of a character.
+// Cuts the text to kMaxText bytes, at the end of a character.
 void Cut(std::string& text_, bool& is_whole_) {
   if (text_.size() <= kMaxText) {
     return;
@@ -87,7 +87,7 @@ void Cut(std::string& text_, bool& is_whole_) {
   is_whole_ = false;
 }
 
-void Bound(Entry& entry_) {
+void LimitEntry(Entry& entry_) {
   entry_.text = OneLineOf(Utf8ReplaceInvalid(entry_.text));
   entry_.document = Utf8ReplaceInvalid(entry_.document);
   Cut(entry_.text, entry_.is_whole);
@@ -100,17 +100,17 @@ History::History(const std::string& directory_) : path(directory_ + "/history") 
   std::string text;
   try {
     text = ReadWhole(path);
-  } catch (const std::string&) {  // The first start.
+  } catch (const std::string&) {  // There is no history at the first start.
   }
   for (size_t at = 0; at < text.size();) {
     const size_t end = std::min(text.find('\n', at), text.size());
     try {
       Entry entry = FromJson(Json::parse(text.substr(at, end - at)));
       if (entries.empty() || entries.back().id < entry.id) {
-        Bound(entry);
+        LimitEntry(entry);
         entries.push_back(std::move(entry));
       }
-    } catch (const Json::exception&) {  // Somebody has edited it.
+    } catch (const Json::exception&) {  // Skips a line that somebody has edited.
     }
     at = end + 1;
   }
@@ -120,14 +120,14 @@ History::History(const std::string& directory_) : path(directory_ + "/history") 
 }
 
 long long History::Add(Entry entry_) {
-  Bound(entry_);
+  LimitEntry(entry_);
   entry_.id = entries.empty() ? 1 : entries.back().id + 1;
   entries.push_back(std::move(entry_));
   if (entries.size() > kMaxEntries) {
     entries.pop_front();
   }
   const long long id = entries.back().id;
-  Touch(entries.back());
+  NoteChange(entries.back());
   Save();
   return id;
 }
@@ -146,11 +146,11 @@ void History::Update(const Health& health_, bool is_running_, long long now_, co
       if (record.state <= MessageRecord::kSpeaking) {
         read_(found);
       }
-      Bound(found);
+      LimitEntry(found);
       entries.push_back(std::move(found));
       entry = &entries.back();
       is_unsaved = true;
-      Touch(*entry);
+      NoteChange(*entry);
     }
     Take(record, now_, *entry);
     told.insert(entry->id);
@@ -160,7 +160,7 @@ void History::Update(const Health& health_, bool is_running_, long long now_, co
     if (is_running_ && is_expected && !entry.IsOver() && entry.fate == Entry::kOpen &&
         told.count(entry.id) == 0 && entry.state != MessageRecord::kSaid) {
       entry.fate = Entry::kForgotten;
-      Touch(entry);
+      NoteChange(entry);
       is_unsaved = true;
     }
   }
@@ -177,7 +177,7 @@ void History::NoteWithdrawn(long long id_, const std::string& user_) {
     if (entry.id == id_) {
       entry.fate = Entry::kWithdrawn;
       entry.withdrawn_by = user_;
-      Touch(entry);
+      NoteChange(entry);
       Save();
     }
   }
@@ -199,8 +199,8 @@ std::vector<const Entry*> History::LastChanged() const {
   return found;
 }
 
-// The station may tell another second of arrival than the desk has noted, and a name may come
-// again.
+// Finds the entry of a record. Until the station knows a message, its time of arrival may differ by
+// a second. A name may be used again, so the newest entry counts.
 Entry* History::Match(const MessageRecord& record_) {
   for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
     if (entry->directory == record_.directory && entry->file == record_.file &&
@@ -219,7 +219,7 @@ void History::Take(const MessageRecord& record_, long long now_, Entry& entry_) 
     entry_.pieces = record_.pieces;
     return;
   }
-  // The record keeps the time at which the last piece was made.
+  // The record only has the time at which the last piece was made.
   const bool is_just_heard =
       record_.state == MessageRecord::kHeard && entry_.state == MessageRecord::kSaid;
   is_unsaved = is_unsaved || record_.ended != 0;
@@ -227,16 +227,16 @@ void History::Take(const MessageRecord& record_, long long now_, Entry& entry_) 
   entry_.state = record_.state;
   entry_.pieces = record_.pieces;
   entry_.failed = record_.failed;
-  // Nothing that is said was withdrawn in time.
+  // A message that is spoken was not withdrawn in time.
   const bool is_said =
       record_.state != MessageRecord::kWaiting && record_.state != MessageRecord::kDropped;
   if (entry_.fate == Entry::kForgotten || is_said) {
     entry_.fate = Entry::kOpen;
   }
-  Touch(entry_);
+  NoteChange(entry_);
 }
 
-void History::Touch(const Entry& entry_) {
+void History::NoteChange(const Entry& entry_) {
   changed.erase(std::remove(changed.begin(), changed.end(), entry_.id), changed.end());
   changed.push_back(entry_.id);
   if (changed.size() > kMaxChanged) {
@@ -244,7 +244,7 @@ void History::Touch(const Entry& entry_) {
   }
 }
 
-// A history that cannot be written is told once: the desk works without it.
+// Logs once that the history cannot be written: the desk works without it.
 void History::Save() {
   std::string text;
   for (const Entry& entry : entries) {

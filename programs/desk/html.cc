@@ -9,7 +9,7 @@
 namespace {
 
 constexpr double kSecondsPerMinute = 60;
-constexpr int kShort = 90;  // Seconds that are not told in minutes.
+constexpr int kShort = 90;  // From so many seconds on, a duration is written in minutes.
 
 struct tm LocalTime(long long time_) {
   const auto time = static_cast<time_t>(time_);

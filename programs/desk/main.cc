@@ -1,7 +1,7 @@
 // vocastra-desk: a web page for the people who announce.
 //
-// It never reads the configuration, which may hold passwords, but only what the station publishes
-// in the run directory.
+// It reads only the files that the station publishes in the run directory, never the configuration,
+// which may hold passwords.
 
 #include <stdio.h>
 #include <stdlib.h>

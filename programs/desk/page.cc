@@ -13,7 +13,8 @@
 
 namespace {
 
-constexpr size_t kShownRows = 15;  // Of the history; the others are below "Older".
+// Rows of the history that are always shown; the others are below "Older".
+constexpr size_t kShownRows = 15;
 constexpr size_t kMaxTextBytes = 65536;
 
 bool MaySay(const PageContent& content_) { return content_.viewer.role >= Role::kSay; }
@@ -22,8 +23,7 @@ std::string Token(const PageContent& content_) {
   return content_.viewer.token.empty() ? "" : HiddenField("token", content_.viewer.token);
 }
 
-// --- Messages
-// -------------------------------------------------------------------------------------
+// --- Messages ---
 
 std::string TextOf(const Entry& entry_) {
   if (entry_.text.empty()) {
@@ -32,14 +32,14 @@ std::string TextOf(const Entry& entry_) {
   return Html(entry_.text) + (entry_.is_whole ? "" : " …");
 }
 
-// A part of a line about a message; a line is not broken within one.
+// A part of a line about a message, within which the browser does not break the line.
 std::string Part(const std::string& html_) { return " <span>" + html_ + "</span>"; }
 
 std::string By(const Entry& entry_) {
   return entry_.user.empty() ? "" : Part("by " + Html(entry_.user));
 }
 
-// A button that sends the number of an entry.
+// A form with one button that sends the number of an entry.
 std::string EntryButton(const PageContent& content_, const char* action_, const char* label_,
                         const Entry& entry_) {
   return Format("<form method=\"post\" action=\"/%s\">", action_) + Token(content_) +
@@ -49,7 +49,7 @@ std::string EntryButton(const PageContent& content_, const char* action_, const 
          label_ + "</button></form>";
 }
 
-// The class of a mark, and its text.
+// The CSS class and the text of a message's mark.
 std::pair<const char*, std::string> FateOf(const Entry& entry_) {
   if (entry_.fate == Entry::kForgotten) {
     return {"odd", "not known"};
@@ -123,8 +123,7 @@ std::string HistorySection(const PageContent& content_) {
   return section + "</section>";
 }
 
-// --- The state
-// ------------------------------------------------------------------------------------
+// --- The state ---
 
 std::string ProblemItem(const std::string& sentence_, const std::string& remedy_, long long since_,
                         long long now_) {
@@ -208,20 +207,19 @@ std::string WaitingPart(const PageContent& content_) {
   return part.empty() ? "<p class=\"quiet\">No message waits.</p>" : part;
 }
 
-// --- Forms
-// ----------------------------------------------------------------------------------------
+// --- Forms ---
 
 std::string Value(const PageContent& content_, const std::string& name_) {
   const auto found = content_.form.find(name_);
   return found == content_.form.end() ? "" : found->second;
 }
 
-// True if the refused request was this form's.
+// True if the refused request came from this form.
 bool IsRefused(const PageContent& content_, const char* name_, const std::string& value_) {
   return content_.is_refusal && Value(content_, name_) == value_;
 }
 
-// For the estimate in the page.
+// Attributes from which the page's script estimates how long a text takes.
 std::string PaceAttributes(const DirectoryView& directory_) {
   return Format(" data-pace=\"%.2f\" data-loops=\"%d\"",
                 PaceOf(TranslatorArguments(directory_.conv_opts)), directory_.loops);
@@ -232,7 +230,7 @@ std::string FormHead(const PageContent& content_, const std::string& attributes_
          Token(content_);
 }
 
-// The buttons of a form. "Listen first" appears if there is JavaScript.
+// The buttons of a form. "Listen first" is shown only with JavaScript.
 std::string FormFoot(const PageContent& content_) {
   std::string foot = "<p class=\"length\" hidden></p><div class=\"buttons\">";
   if (content_.has_previews) {
@@ -343,10 +341,9 @@ std::string TemplatesSection(const PageContent& content_) {
                    forms + "</section>";
 }
 
-// --- Whole pages
-// ----------------------------------------------------------------------------------
+// --- Whole pages ---
 
-// Browsers keep the files; after an upgrade they must not.
+// Changes with the files, so that a browser does not use old ones after an upgrade.
 std::string MakeVersion() {
   const std::string files = std::string(kStyle) + kScript;
   return Format("%04x", CRC(0, reinterpret_cast<const uint8_t*>(files.data()), files.size()));
@@ -434,7 +431,7 @@ namespace {
 
 using Row = std::vector<std::string>;
 
-// The first row is the head. The texts are HTML.
+// A table from texts in HTML, with the first row as its head.
 std::string Table(const std::vector<Row>& rows_) {
   std::string table = "<div class=\"wide\" tabindex=\"0\"><table>";
   for (const Row& row : rows_) {

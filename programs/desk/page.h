@@ -1,4 +1,4 @@
-// The page, and the parts of it that change while it is shown.
+// The HTML of the pages, and of the parts that change while they are shown.
 #pragma once
 
 #include <map>
@@ -9,7 +9,7 @@
 #include "templates.h"
 #include "view.h"
 
-// All that a page is made of.
+// All data from which a page is made.
 struct PageContent {
   const View& view;
   const History& history;
@@ -17,12 +17,12 @@ struct PageContent {
   const Viewer& viewer;
   long long now;
   bool has_previews;
-  std::string notice;                       // What became of the last request; may be empty.
-  bool is_refusal;                          // The notice tells why it was refused.
-  std::map<std::string, std::string> form;  // That request, to be corrected.
+  std::string notice;                       // The result of the last request; may be empty.
+  bool is_refusal;                          // The notice says why that request was refused.
+  std::map<std::string, std::string> form;  // The fields of that request, for its correction.
 };
 
-// The first of what the viewer may see: everything.
+// The page "/", with all parts that the viewer's role allows.
 std::string MainPage(const PageContent& content_);
 
 // For operators: the state of each part of the device.
@@ -30,8 +30,8 @@ std::string DevicePage(const PageContent& content_);
 
 std::string MakeLoginPage(const std::string& why_);
 
-// What the page shows live, one line of JSON. The parts are HTML, as in the page, but their forms
-// have no token:
+// The live parts of the page as one line of JSON. The parts are HTML, as in the page, but their
+// forms have no token:
 //   {"problems": "...", "now": "...", "waiting": "...", "ready": true,
 //    "rows": [{"id": 12, "html": "<li ..."}]}
 // "rows" are the entries of the history that have changed last, the newest last.

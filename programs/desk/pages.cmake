@@ -1,4 +1,4 @@
-# vocastra-desk without its server: what the pages are and do.
+# vocastra-desk without its server: the pages and their actions.
 
 set(page_dir ${CMAKE_CURRENT_LIST_DIR}/page)
 file(READ ${page_dir}/style.css VOCASTRA_STYLE)

@@ -1,4 +1,4 @@
-// What the server shows, without any HTTP.
+// The interface between the server and the pages, without any HTTP.
 #pragma once
 
 #include <optional>
@@ -10,20 +10,20 @@ class Pages {
  public:
   virtual ~Pages() = default;
 
-  // Only a viewer who may say something sends a POST, and its token has been compared.
+  // Answers a request. The caller has checked the token and the role of each POST.
   virtual Response Handle(const Request& request_, const Viewer& viewer_) = 0;
 
-  // A file that needs no login and may be kept by browsers. Nothing if there is none of that path.
+  // A file that needs no login and that browsers may keep. Nothing if the path is of no such file.
   virtual std::optional<Response> OpenFile(const std::string& path_) const = 0;
 
-  // The page of somebody who is not logged in: a form with the fields "user" and "password" for
-  // POST "/login". why_ may be empty.
+  // The login page: a form with the fields "user" and "password" for POST "/login". why_: the
+  // reason of a refusal; may be empty.
   virtual std::string LoginPage(const std::string& why_) const = 0;
 
-  // Everything that the page shows live, as JSON.
+  // The live parts of the page, as JSON.
   virtual std::string Events(const Viewer& viewer_) = 0;
 
-  // A file of the run directory was replaced. True if watchers are to be told.
+  // A file of the run directory was replaced. True if the event streams are to send an event.
   virtual bool OnRunChanged() = 0;
 
   // A child has ended.

@@ -8,10 +8,10 @@
 
 namespace {
 
-constexpr size_t kMaxLine = 1024;  // Bytes; what is longer is refused later.
+constexpr size_t kMaxLine = 1024;  // Bytes; a longer password is refused later.
 
-// A terminal without echo. A signal that would end the program only ends the read, so that the echo
-// comes back.
+// Turns the terminal's echo off while it lives. A signal that would end the program only ends the
+// read, so that the echo is restored.
 class Silence {
  public:
   Silence() {

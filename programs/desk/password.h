@@ -1,8 +1,8 @@
-// Passwords that a person types.
+// Reading a password that a person types.
 #pragma once
 
 #include <string>
 
-// From the terminal, twice and without echo; or, if standard input is no terminal, its first line.
-// Throws a string if there is none, or the two differ.
+// Asks for the password twice on the terminal, without echo. If standard input is no terminal,
+// reads its first line. Throws a string if there is no password, or the two differ.
 std::string ReadPassword();

@@ -22,13 +22,13 @@
 namespace {
 
 constexpr size_t kMaxRunning = 2;
-constexpr size_t kMaxKept = 8;  // Their files are in memory.
+constexpr size_t kMaxKept = 8;  // Their files may be in memory.
 constexpr double kLimit = 20;   // Seconds.
 constexpr rlim_t kMaxProcessor = 20;
 constexpr rlim_t kMaxSound = 8 << 20;  // Bytes; three minutes.
 constexpr int kDefaultRate = 22050;
 constexpr int kMaxRate = 192000;
-constexpr int kMaxSeconds = 60;  // Of the sound that is sent.
+constexpr int kMaxSeconds = 60;  // Length of the sound that is sent.
 constexpr int kBytesPerSample = 2;
 constexpr size_t kHeaderBytes = 44;
 
@@ -58,7 +58,7 @@ void Limit(__rlimit_resource_t resource_, rlim_t value_) {
   _exit(127);
 }
 
-int Spawned(std::vector<std::string> words_) {
+int SpawnTranslator(std::vector<std::string> words_) {
   std::vector<char*> arguments;
   arguments.reserve(words_.size() + 1);
   for (std::string& word : words_) {
@@ -73,7 +73,7 @@ int Spawned(std::vector<std::string> words_) {
   if (pid < 0) {
     throw Format("The preview cannot be started: %s.", strerror(errno));
   }
-  setpgid(pid, pid);  // Also here, so that it can be killed from now on.
+  setpgid(pid, pid);  // Parent and child both do this, so that the group can be killed at once.
   return pid;
 }
 
@@ -120,7 +120,7 @@ std::string WavOf(const std::string& sound_, int rate_, int max_seconds_) {
   wav.reserve(kHeaderBytes + size);
   Append(wav, static_cast<uint32_t>(kHeaderBytes - 8 + size), 4);
   wav += "WAVEfmt ";
-  Append(wav, 16, 4);  // Bytes of this part.
+  Append(wav, 16, 4);  // Bytes of this chunk.
   Append(wav, 1, 2);   // PCM.
   Append(wav, 1, 2);   // Channels.
   Append(wav, static_cast<uint32_t>(rate_), 4);
@@ -172,8 +172,8 @@ int Previews::Start(const std::string& user_, const std::string& snippet_,
     WritePrivate(PathOf(number, "sound"), "");
     std::vector<std::string> words = {translator, PathOf(number, "text"), PathOf(number, "sound")};
     words.insert(words.end(), arguments_.begin(), arguments_.end());
-    words.push_back("preview");  // In place of the message's name.
-    preview.pid = Spawned(std::move(words));
+    words.push_back("preview");  // Instead of the message's name.
+    preview.pid = SpawnTranslator(std::move(words));
   } catch (const std::string&) {
     Drop(number);
     throw;
@@ -203,7 +203,7 @@ void Previews::OnChild() {
   for (auto& [number, preview] : previews) {
     int status = 0;
     if (preview.pid != 0 && waitpid(preview.pid, &status, WNOHANG) == preview.pid) {
-      kill(-preview.pid, SIGKILL);  // What the translator has left.
+      kill(-preview.pid, SIGKILL);  // Processes that the translator has left.
       preview.pid = 0;
       preview.is_done = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
@@ -224,7 +224,7 @@ void Previews::OnTimeout() {
   for (auto& [number, preview] : previews) {
     if (preview.pid != 0 && Now() >= preview.deadline) {
       kill(-preview.pid, SIGKILL);
-      preview.deadline = Now() + kLimit;  // Its end is told by SIGCHLD.
+      preview.deadline = Now() + kLimit;  // SIGCHLD reports its end.
     }
   }
 }

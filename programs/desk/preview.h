@@ -1,7 +1,8 @@
-// Listening first: the translator speaks a text into a file of the desk, and nothing is announced.
+// Previews ("Listen first"): the translator speaks a text into a file of the desk, and nothing is
+// announced.
 //
-// The translator runs as a child, with the arguments with which the daemon runs it for the
-// directory. It gets the whole message at once, where the daemon cuts it into pieces.
+// The translator runs as a child, with the arguments that the daemon uses for the directory. It
+// gets the whole message at once; the daemon cuts it into pieces.
 #pragma once
 
 #include <map>
@@ -12,22 +13,23 @@ class Previews {
  public:
   // translator_: a program; empty: there are no previews.
   explicit Previews(const std::string& translator_);
-  // Kills what runs and removes its files.
+  // Kills running translators and removes the files.
   ~Previews();
   Previews(const Previews&) = delete;
   Previews& operator=(const Previews&) = delete;
 
   bool AreThere() const { return !translator.empty(); }
 
-  // Starts one for the user and returns its number; the user's last one is dropped.
-  // snippet_: the translator's text file. arguments_: those of the directory.
+  // Starts a preview for the user and returns its number. Drops the user's previous one. snippet_:
+  // the content of the translator's text file. arguments_: the directory's.
   // Throws a string, a sentence for people, if too many run or none can be started.
   int Start(const std::string& user_, const std::string& snippet_,
             const std::vector<std::string>& arguments_);
 
   enum State { kNone, kRunning, kFailed, kReady };
 
-  // Of the user's preview of that number. wav_: the sound, of its first minute, if it is ready.
+  // The state of the user's preview with that number. If it is ready, sets wav_ to its sound, at
+  // most the first minute of raw sound.
   State Get(const std::string& user_, int number_, std::string& wav_) const;
 
   // Calls waitpid for each child.
@@ -37,7 +39,7 @@ class Previews {
   int NextTimeout() const;
   void OnTimeout();
 
-  // A directory that only the desk can read, with nothing in it whose name begins with a letter.
+  // A directory that only the desk can read. It has no files whose names begin with a letter.
   const std::string& Scratch();
 
  private:
@@ -58,6 +60,6 @@ class Previews {
   std::map<int, Preview> previews;
 };
 
-// Raw sound as the translators make it, as a WAV file; sound that is WAV already stays as it is. Of
-// raw sound only the first max_seconds_ are taken.
+// A WAV file made of the first max_seconds_ of raw sound, as translators make it. Sound that is WAV
+// already stays as it is.
 std::string WavOf(const std::string& sound_, int rate_, int max_seconds_);

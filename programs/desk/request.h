@@ -1,26 +1,27 @@
-// What passes between the server and the pages: a request, who sends it, and the answer.
+// The data that server and pages exchange: a request, its sender, and the answer.
 #pragma once
 
 #include <map>
 #include <string>
 
-// One request, parsed and bounded by the server; nothing in it is trusted.
+// One request, parsed and limited in size by the server. It may come from an attacker.
 struct Request {
   std::string method;  // "GET" or "POST".
   std::string path;    // Decoded, begins with "/".
   // The fields of the body, decoded: valid UTF-8 without control characters other than line ends
-  // ("\n") and tabs. Of a name that comes twice, the last counts.
+  // ("\n") and tabs. Of two fields with the same name, the last counts.
   std::map<std::string, std::string> form;
-  bool wants_json = false;  // It has the header "Accept: application/json".
+  bool wants_json = false;  // The request has the header "Accept: application/json".
 };
 
-enum class Role { kLook, kSay, kOperate };  // Each may do what the one before may.
+enum class Role { kLook, kSay, kOperate };  // Each role has the rights of the one before it.
 
-// A user who is logged in. The server has compared the token of each POST before.
+// A user who is logged in. The token of each POST has been compared before.
 struct Viewer {
   std::string user;
   Role role = Role::kLook;
-  std::string token;  // Of the session; each form of a page sends it in the field "token".
+  // The session's secret against forged forms; each form sends it in the field "token".
+  std::string token;
 };
 
 struct Response {

@@ -32,12 +32,13 @@
 
 namespace {
 
-constexpr size_t kPool = 16 * 1024;  // Bytes of each connection, for headers both ways.
-// Room for connections that were cut and are not closed yet.
+// Bytes of each connection, for the headers of request and response.
+constexpr size_t kPool = 16 * 1024;
+// The last 64 are for connections that were cut and are not closed yet.
 constexpr unsigned int kMaxConnections = Connections::kMaxOthers + Connections::kMaxWatchers + 64;
 constexpr size_t kMaxPath = 1024;     // Bytes.
 constexpr int kWatchPause = 1000;     // Milliseconds between two tries to watch the run directory.
-constexpr int kPublicSeconds = 3600;  // That a browser may keep a file.
+constexpr int kPublicSeconds = 3600;  // Time for which a browser may keep a file.
 
 constexpr char kPolicy[] =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; media-src 'self'; "
@@ -66,7 +67,7 @@ std::string HeaderOf(MHD_Connection* handle_, const char* name_) {
   return value == nullptr ? "" : value;
 }
 
-// The last of the headers of that name: an earlier one may be the client's own.
+// The last header of that name: a client may have sent an earlier one.
 std::string LastHeaderOf(MHD_Connection* handle_, const char* name_) {
   std::pair<const char*, std::string> wanted = {name_, ""};
   MHD_get_connection_values(
@@ -82,7 +83,7 @@ std::string LastHeaderOf(MHD_Connection* handle_, const char* name_) {
   return wanted.second;
 }
 
-// The length that the sender announces; nothing if there is none.
+// The value of "Content-Length"; nothing if there is none.
 std::optional<unsigned long long> AnnouncedLength(MHD_Connection* handle_) {
   const std::string text = HeaderOf(handle_, "Content-Length");
   if (text.empty()) {
@@ -102,7 +103,7 @@ bool IsFromElsewhere(MHD_Connection* handle_) {
   return !site.empty() && site != "same-origin" && site != "none";
 }
 
-// A request on its way in.
+// A request that is being received.
 struct Exchange {
   Visit visit;
   std::string body;
@@ -113,7 +114,7 @@ void AddHeader(MHD_Response* response_, const char* name_, const std::string& va
   MHD_add_response_header(response_, name_, value_.c_str());
 }
 
-// A line of the library's log; it says why there is no server.
+// Keeps a line of the library's log, which says why the server does not start.
 __attribute__((format(printf, 2, 0))) void KeepLine(void* text_, const char* format_,
                                                     va_list arguments_) {
   char text[256];
@@ -175,9 +176,9 @@ struct Server::Impl {
   void Add(int fd_) const;
   void WatchRun();
   int Timeout() const;
-  void Turn();
-  void TakeSignals();
-  void TakeNotes();
+  void RunOnce();
+  void ReadSignals();
+  void ReadNotifications();
   std::string EventsOf(const std::string& session_) noexcept;
 
   // The library's callbacks, and what they call.
@@ -190,7 +191,8 @@ struct Server::Impl {
                           MHD_RequestTerminationCode code_) noexcept;
   MHD_Result Begin(MHD_Connection* handle_, const char* url_, const char* method_,
                    void** exchange_);
-  std::optional<Answer> Screen(MHD_Connection* handle_, const char* url_, Exchange& exchange_);
+  std::optional<Answer> CheckHeaders(MHD_Connection* handle_, const char* url_,
+                                     Exchange& exchange_);
   Answer Finish(Exchange& exchange_);
   MHD_Result Reply(MHD_Connection* handle_, Answer answer_);
   MHD_Result Stream(MHD_Connection* handle_, const Exchange& exchange_);
@@ -210,7 +212,7 @@ struct Server::Impl {
   int watch = -1;           // Of the run directory.
   bool is_changed = false;  // Watchers are to be told.
   bool is_stopping = false;
-  std::string start_failure;  // What the library says while it starts.
+  std::string start_failure;  // The library's log line while it starts.
 };
 
 void Server::Impl::StartDaemon() {
@@ -244,13 +246,13 @@ void Server::Impl::StartDaemon() {
 
 void Server::Impl::Add(int fd_) const {
   epoll_event event = {};
-  event.events = EPOLLIN;  // No data: it is no connection.
+  event.events = EPOLLIN;  // The data stays null, as this is no connection.
   if (epoll_ctl(epoll.fd, EPOLL_CTL_ADD, fd_, &event) != 0) {
     throw Format("the server does not start: %s", strerror(errno));
   }
 }
 
-// The status file is written in place, ten times a second; it is not among those that are renamed.
+// Watches for renamed files only: the status file is written in place, ten times a second.
 void Server::Impl::WatchRun() {
   if (watch < 0) {
     watch = inotify_add_watch(notify.fd, settings.run.c_str(),
@@ -259,7 +261,7 @@ void Server::Impl::WatchRun() {
   }
 }
 
-// Milliseconds.
+// The time until the loop must run again, in milliseconds; -1: no limit.
 int Server::Impl::Timeout() const {
   MHD_UNSIGNED_LONG_LONG library = 0;
   const int candidates[] = {
@@ -274,7 +276,7 @@ int Server::Impl::Timeout() const {
   return timeout;
 }
 
-void Server::Impl::Turn() {
+void Server::Impl::RunOnce() {
   epoll_event events[64];
   const int count = epoll_wait(epoll.fd, events, std::size(events), Timeout());
   for (int i = 0; i < count; ++i) {
@@ -283,8 +285,8 @@ void Server::Impl::Turn() {
       streams.OnClientEnd(*connection);
     }
   }
-  TakeSignals();
-  TakeNotes();
+  ReadSignals();
+  ReadNotifications();
   if (pages.NextTimeout() == 0) {
     pages.OnTimeout();
     is_changed = true;
@@ -294,10 +296,10 @@ void Server::Impl::Turn() {
   }
   connections.CutLate(Now());
   MHD_run(daemon);
-  connections.CutLeft();  // Whoever sent a whole request before has its answer now.
+  connections.CutAbandoned();  // MHD_run has answered all complete requests.
 }
 
-void Server::Impl::TakeSignals() {
+void Server::Impl::ReadSignals() {
   signalfd_siginfo info = {};
   while (read(signals.fd, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
     if (info.ssi_signo == SIGCHLD) {
@@ -309,7 +311,7 @@ void Server::Impl::TakeSignals() {
   }
 }
 
-void Server::Impl::TakeNotes() {
+void Server::Impl::ReadNotifications() {
   alignas(inotify_event) char buffer[4096];
   bool is_replaced = false;
   ssize_t length = 0;
@@ -368,7 +370,7 @@ MHD_Result Server::Impl::OnRequest(void* impl_, MHD_Connection* handle_, const c
     Exchange& exchange = *static_cast<Exchange*>(*exchange_);
     if (*size_ > 0) {
       if (exchange.body.size() + *size_ > exchange.limit) {
-        return MHD_NO;  // Disconnects: an answer would have to wait for the rest.
+        return MHD_NO;  // Disconnects, as an answer would have to wait for the rest of the body.
       }
       exchange.body.append(data_, std::exchange(*size_, 0));
       return MHD_YES;
@@ -405,7 +407,7 @@ std::string Server::Impl::ClientOfRequest(MHD_Connection* handle_) const {
   return forwarded.empty() ? ConnectionOf(handle_).client : forwarded;
 }
 
-// After the headers: answers at once if the body is not wanted.
+// Called after the headers. Answers at once if the body is not needed.
 MHD_Result Server::Impl::Begin(MHD_Connection* handle_, const char* url_, const char* method_,
                                void** exchange_) {
   auto* const exchange = new Exchange;
@@ -415,13 +417,13 @@ MHD_Result Server::Impl::Begin(MHD_Connection* handle_, const char* url_, const 
   visit.request.wants_json = HeaderOf(handle_, "Accept") == "application/json";
   visit.session = FindCookie(HeaderOf(handle_, "Cookie"), cookie);
   visit.client = ClientOfRequest(handle_);
-  std::optional<Answer> refusal = Screen(handle_, url_, *exchange);
+  std::optional<Answer> refusal = CheckHeaders(handle_, url_, *exchange);
   return refusal ? Reply(handle_, std::move(*refusal)) : MHD_YES;
 }
 
-// What is wrong with a request before its body is read.
-std::optional<Answer> Server::Impl::Screen(MHD_Connection* handle_, const char* url_,
-                                           Exchange& exchange_) {
+// Checks a request before its body is read. Returns an answer if the body is not needed.
+std::optional<Answer> Server::Impl::CheckHeaders(MHD_Connection* handle_, const char* url_,
+                                                 Exchange& exchange_) {
   Request& request = exchange_.visit.request;
   if (request.method != "GET" && request.method != "POST") {
     return Refuse(request, 405, "Only GET, HEAD and POST are allowed.");
@@ -500,7 +502,7 @@ MHD_Result Server::Impl::Reply(MHD_Connection* handle_, Answer answer_) {
                answer_.session->c_str(), answer_.session->empty() ? 0 : Sessions::kHours * 3600,
                IsSecure() ? "; Secure" : ""));
   }
-  // The last one: simple clients read no further.
+  // "Location" is the last header, as simple clients stop reading there.
   if (!answer_.response.location.empty()) {
     AddHeader(response.get(), "Location", answer_.response.location);
   }
@@ -524,7 +526,7 @@ MHD_Result Server::Impl::Stream(MHD_Connection* handle_, const Exchange& exchang
   AddHeader(response.get(), "Content-Type", "text/event-stream");
   AddHeader(response.get(), "Connection", "close");
   AddHeader(response.get(), "Cache-Control", "no-store");
-  AddHeader(response.get(), "X-Accel-Buffering", "no");  // Some proxies would keep events.
+  AddHeader(response.get(), "X-Accel-Buffering", "no");  // Some proxies would hold events back.
   return MHD_queue_response(handle_, MHD_HTTP_OK, response.get());
 }
 
@@ -535,6 +537,6 @@ Server::~Server() = default;
 
 void Server::Run() {
   while (!impl->is_stopping) {
-    impl->Turn();
+    impl->RunOnce();
   }
 }

@@ -1,5 +1,5 @@
-// The server: HTTP or HTTPS by libmicrohttpd, in one thread and one loop. Without a client, it is
-// woken only when a file of the run directory is replaced.
+// The server: HTTP or HTTPS by libmicrohttpd, in one thread with one loop. Without clients, it
+// wakes only when a file of the run directory is replaced.
 #pragma once
 
 #include <memory>
@@ -12,7 +12,7 @@ struct ServerSettings {
   int socket = -1;               // Listens; the server closes it.
   std::string certificate;       // File in PEM; empty: no TLS.
   std::string key;               // The same.
-  bool is_behind_proxy = false;  // Clients are named by the proxy, and use HTTPS there.
+  bool is_behind_proxy = false;  // The proxy names the clients, which reach it by HTTPS.
   std::string run;               // The station's run directory.
 };
 
@@ -25,7 +25,7 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Until SIGTERM or SIGINT.
+  // Serves until SIGTERM or SIGINT.
   void Run();
 
  private:

@@ -10,7 +10,7 @@
 
 std::string MakeSecret() {
   unsigned char bytes[32];
-  // So few bytes come whole.
+  // For so few bytes, getrandom never returns only a part.
   if (getrandom(bytes, sizeof(bytes), 0) != static_cast<ssize_t>(sizeof(bytes))) {
     throw Format("no random bytes: %s", strerror(errno));
   }

@@ -10,9 +10,10 @@ namespace {
 
 using Text = std::shared_ptr<const std::string>;
 
-constexpr size_t kBlock = 4096;  // Bytes that are taken at once.
+constexpr size_t kBlock = 4096;  // Bytes that the library takes at once.
 
-// An event as it is sent. A browser that loses the stream asks for another after a second.
+// An event in the format of event streams. A browser that loses the stream asks for a new one after
+// a second.
 Text Framed(const std::string& json_) {
   std::string text = "retry: 1000\ndata: " + json_;
   std::replace(text.begin() + 12, text.end(), '\n', ' ');
@@ -26,9 +27,9 @@ struct Streams::Stream {
   MHD_Connection* handle;
   Connection* connection;  // Valid while the stream is suspended or read.
   std::string session;
-  Text text;          // What is being sent, or was sent last.
+  Text text;          // The event that is being sent, or was sent last.
   size_t offset = 0;  // In the text.
-  Text next;          // What is to be sent afterwards; null: nothing.
+  Text next;          // The event to be sent after it; null: none.
   bool is_suspended = false;
   bool is_ended = false;
 
@@ -80,7 +81,7 @@ MHD_Response* Streams::Open(MHD_Connection* handle_, Connection& connection_,
 }
 
 void Streams::Tell() {
-  std::map<std::string, Text> texts;  // Equal ones are kept once, for all streams.
+  std::map<std::string, Text> texts;  // Streams with equal texts share one.
   for (const auto& stream : streams) {
     const std::string json = source(stream->session);
     if (json.empty()) {

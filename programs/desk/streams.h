@@ -1,5 +1,5 @@
-// The event streams: connections on which the server sends an event whenever something that the
-// page shows changes. Between two events a stream costs nothing.
+// The event streams: connections on which the server sends an event when a live part of the page
+// changes. A stream uses no processor time between events.
 #pragma once
 
 #include <microhttpd.h>
@@ -13,8 +13,7 @@
 
 class Streams {
  public:
-  // The JSON of an event for the session; empty: there is none, and the stream ends. Throws
-  // nothing.
+  // Returns the JSON of an event for the session; an empty text ends the stream. Must not throw.
   using Source = std::function<std::string(const std::string& session_)>;
 
   // REQUIRES: the streams outlive the server's daemon.
@@ -24,17 +23,17 @@ class Streams {
   Streams& operator=(const Streams&) = delete;
 
   // A response that sends events, the first at once. Null if there is no event. The caller destroys
-  // it as any response; the connection keeps it.
+  // it like any response; the connection keeps its own reference.
   // REQUIRES: the connection watches (see Connections).
   MHD_Response* Open(MHD_Connection* handle_, Connection& connection_, const std::string& session_);
 
-  // Sends each stream its event, unless that is the same as the last one.
+  // Sends an event on each stream, unless it equals the stream's last one.
   void Tell();
 
-  // Ends the stream of a connection, if there is one: its client has left.
+  // Ends the stream of a connection, if it has one, after its client has left.
   void OnClientEnd(const Connection& connection_);
 
-  // Ends all, for the end of the server.
+  // Ends all streams before the server ends.
   void End();
 
   bool IsEmpty() const { return streams.empty(); }

@@ -16,7 +16,7 @@ constexpr size_t kMaxLine = 4096;  // Bytes.
 constexpr size_t kMaxFile = 256 * 1024;
 constexpr size_t kMaxBlanks = 20;
 
-// Braces that hold no name are text.
+// Splits a text into parts. Braces without a name are text.
 std::vector<Template::Part> ParseParts(const std::string& text_) {
   std::vector<Template::Part> parts;
   std::string plain;
@@ -42,7 +42,7 @@ std::vector<Template::Part> ParseParts(const std::string& text_) {
   return parts;
 }
 
-// Throws a string.
+// Throws a string if the line is wrong.
 Template ParseLine(const std::string& line_) {
   const size_t first = line_.find('|');
   const size_t second = first == std::string::npos ? first : line_.find('|', first + 1);

@@ -11,10 +11,11 @@
 struct Template {
   struct Part {
     bool is_blank;
-    std::string text;  // The name of the blank, or text as it is.
+    std::string text;  // The name of the blank, or the text itself.
   };
 
-  // The names of the blanks, each once, in their order. Forms call the values blank-0, blank-1...
+  // The names of the blanks, each once, in their order. Their values are in the form fields
+  // blank-0, blank-1...
   std::vector<std::string> Blanks() const;
 
   std::string title;
@@ -29,14 +30,14 @@ struct Templates {
   std::vector<std::string> mistakes;  // One sentence for each line that is left out.
 };
 
-// Never throws a string.
+// Reports bad lines as mistakes; does not throw.
 Templates ParseTemplates(const std::string& text_);
 
 // No templates if there is no such file; a mistake if it cannot be read.
 Templates ReadTemplates(const std::string& path_);
 
-// The name of the field of a form for that blank.
+// The name of the form's field for the blank with that number.
 std::string BlankField(size_t number_);
 
-// The text with the values of form_ in its blanks. Throws a string if one is empty.
+// The text with the values of form_ in its blanks. Throws a string if a value is empty.
 std::string Filled(const Template& template_, const std::map<std::string, std::string>& form_);

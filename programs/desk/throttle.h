@@ -1,7 +1,7 @@
-// Slows down logins that fail: per address, per user, and all together.
+// Slows down failing logins: of each address, of each user, and of all together.
 //
-// Times are seconds from an arbitrary start, as Now() gives them. What is kept is bounded: each
-// failure adds at most two entries, there are at most kRate checks a second, and an entry is
+// Times are seconds from an arbitrary start, as Now() gives them. The memory is limited: each
+// failure adds at most two entries, strangers have at most kRate checks a second, and an entry is
 // forgotten kMemory seconds after its last failure.
 #pragma once
 
@@ -12,16 +12,17 @@
 
 class Throttle {
  public:
-  static constexpr int kFree = 3;           // Failures without a delay.
-  static constexpr double kLongest = 60;    // Seconds between two attempts.
-  static constexpr double kMemory = 300;    // Seconds.
-  static constexpr double kRate = 3;        // Checks of passwords a second, of all together.
-  static constexpr size_t kMaxKnown = 200;  // Pairs of an address and a user.
+  static constexpr int kFree = 3;         // Failures without a delay.
+  static constexpr double kLongest = 60;  // Seconds between two attempts.
+  static constexpr double kMemory = 300;  // Seconds.
+  static constexpr double kRate = 3;  // Checks of passwords a second, of all strangers together.
+  // Pairs of an address and a user who has logged in from it.
+  static constexpr size_t kMaxKnown = 200;
 
   // Seconds until a login may be tried; 0: now, and the attempt is counted.
   //
-  // An address from which the user has logged in before waits for its own failures only: nobody
-  // else can lock that user out.
+  // A known pair, an address from which the user has logged in before, waits only after failures of
+  // that address: nobody else can lock that user out. All other pairs are strangers.
   double Ask(const std::string& address_, const std::string& user_, double now_);
 
   void Fail(const std::string& address_, const std::string& user_, double now_);
@@ -40,6 +41,6 @@ class Throttle {
   Table addresses;
   Table users;
   std::set<std::pair<std::string, std::string>> known;
-  double allowance = kRate;  // Checks that are allowed now.
+  double allowance = kRate;  // Checks that strangers may make now.
   double counted = 0;        // When the allowance was computed.
 };

@@ -29,7 +29,7 @@ constexpr const char* kRoleNames[] = {"look", "say", "operate"};
 constexpr char kMethod[] = "$y$";
 constexpr unsigned long kCost = 3;  // 4 MB for each hash.
 
-// Of no password; for users that do not exist while there are none at all.
+// The hash of no password; it is checked for unknown users while the file has no users.
 constexpr char kNobody[] = "$y$j7T$......................$";
 
 struct Line {
@@ -43,7 +43,7 @@ bool IsUserName(const std::string& name_) {
          name_.front() != '#';
 }
 
-// Nothing if the line has no user. Throws a string if it is wrong.
+// Nothing if the line is empty or a comment. Throws a string if it is wrong.
 std::optional<Line> ParseLine(const std::string& line_) {
   if (line_.empty() || line_[0] == '#') {
     return std::nullopt;
@@ -75,9 +75,10 @@ std::vector<std::string> SplitLines(const std::string& text_) {
   return lines;
 }
 
-// Empty if it cannot be computed.
+// The hash of a password; empty if it cannot be computed.
 std::string Hashed(const std::string& password_, const std::string& setting_) {
-  const auto data = std::make_unique<crypt_data>();  // 32 KB, too much for some stacks.
+  // On the heap: its 32 KB are too much for some stacks.
+  const auto data = std::make_unique<crypt_data>();
   const char* hash = crypt_rn(password_.c_str(), setting_.c_str(), data.get(), sizeof(crypt_data));
   std::string text = hash == nullptr ? "" : hash;
   explicit_bzero(data.get(), sizeof(crypt_data));
@@ -105,7 +106,7 @@ void CheckPassword(const std::string& password_) {
   }
 }
 
-// A new file beside another. It is removed unless it was moved there.
+// A new file that is to replace another. The destructor removes it unless it has replaced it.
 class Replacement {
  public:
   explicit Replacement(const std::string& path_) : path(path_), temporary(path_ + ".XXXXXX") {
@@ -187,7 +188,7 @@ bool Users::IsPassword(const std::string& name_, const std::string& password_) {
   return is_same && user != nullptr && password_.size() <= kMaxPassword;
 }
 
-// Reads the file if it is another one, or has changed, since the last look.
+// Reads the file if it was replaced or changed since the last look.
 void Users::Refresh() {
   struct stat now {};
   if (stat(path.c_str(), &now) != 0) {

@@ -1,5 +1,5 @@
-// The users' file: a line NAME:ROLE:HASH for each user, with a hash of the password that crypt(3)
-// knows. Empty lines and lines that begin with "#" are ignored.
+// The users' file: a line NAME:ROLE:HASH for each user, with a password hash of crypt(3). Empty
+// lines and lines that begin with "#" are ignored.
 #pragma once
 
 #include <stddef.h>
@@ -14,7 +14,7 @@ constexpr size_t kMinPassword = 8;    // Bytes.
 constexpr size_t kMaxPassword = 256;  // Bytes.
 constexpr size_t kMaxUserName = 64;   // Bytes.
 
-// The roles' names: "look", "say", "operate". RoleOf throws a string if there is none of that name.
+// The roles' names: "look", "say", "operate". RoleOf throws a string for any other name.
 const char* NameOf(Role role_);
 Role RoleOf(const std::string& name_);
 
@@ -27,8 +27,9 @@ class Users {
  public:
   explicit Users(const std::string& path_);
 
-  // Null if there is no such user. Valid until the next call. The file is read again when it has
-  // changed. Bad lines, and a file that cannot be read, are logged once and yield no user.
+  // Null if there is no such user. The result is valid until the next call. The file is read again
+  // when it has changed. Bad lines, and a file that cannot be read, are logged once and give no
+  // user.
   const User* Find(const std::string& name_);
 
   // True if that is the user's password. Takes the same time, and memory, if there is no such user.
@@ -44,9 +45,9 @@ class Users {
   std::map<std::string, User> users;  // By their names.
 };
 
-// Adds a user to the file at path_, or changes the password and the role of one, by a rename. role_
-// may be null: then a user keeps the role, and a new one may say something. An existing file keeps
-// its mode and owner; a new one is readable by its owner, and by group_ if that exists.
+// Adds a user to the file at path_, or changes a user's password and role, and replaces the file by
+// a rename. If role_ is null, a user keeps the role, and a new one gets "say". An existing file
+// keeps its mode and owner; a new one is readable by its owner, and by group_ if that exists.
 // Throws a string if the name or the password is not acceptable, or the file cannot be written.
 void AddUser(const std::string& path_, const std::string& name_, const std::string& password_,
              const Role* role_, const char* group_);

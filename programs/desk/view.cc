@@ -18,10 +18,11 @@
 
 namespace {
 
-constexpr double kPatience = 0.1;     // Seconds for a whole status.
-constexpr long long kUnplayed = 600;  // Seconds until a message that was made counts as played.
+constexpr double kPatience = 0.1;  // Seconds to wait for a complete status.
+// Seconds; a message that was made so long ago counts as played.
+constexpr long long kUnplayed = 600;
 
-// The path of the file, or of the station's copy of it; empty: there is none.
+// The path of a message's file, or of the station's copy of it; empty if there is none.
 std::string FindFile(const std::string& directory_, const std::string& name_) {
   if (access((directory_ + name_).c_str(), R_OK) == 0) {
     return directory_ + name_;
@@ -109,7 +110,7 @@ DirectoryView View::ReadDirectory(const XMLElement& element_) const {
       view.labels = FieldLabels(*view.parser);
     }
     view.can_say = true;
-  } catch (const std::string&) {  // Then nothing is offered for it.
+  } catch (const std::string&) {  // The page offers no form for it.
   }
   return view;
 }
@@ -154,8 +155,8 @@ void View::ReadStatusFile() {
   }
 }
 
-// The player plays what the daemon has made some time ago: of the directory's messages that are not
-// heard yet, the oldest.
+// Finds the message that plays. The player plays what the daemon has made some time ago: the oldest
+// message of the directory that is not heard yet.
 void View::FindPlaying(long long now_) {
   std::set<std::string> candidates;
   std::string source;
@@ -206,9 +207,9 @@ void View::ReadTextOf(Entry& entry_) const {
       return;
     }
     entry_.text = TextOfDocument(destination, path);
-    // Another encoding cannot be kept as text.
+    // The history keeps UTF-8 only.
     entry_.document = destination.encoding == "utf8" ? ReadWhole(path) : "";
     entry_.is_whole = !entry_.document.empty() && Utf8IsValid(entry_.document);
-  } catch (const std::string&) {  // It may not be read, or is gone by now.
+  } catch (const std::string&) {  // The file is gone, or the desk may not read it.
   }
 }

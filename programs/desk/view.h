@@ -12,7 +12,7 @@
 #include "playerstate.h"
 #include "xml.h"
 
-// An input directory, the first of its id.
+// An input directory; of several with the same id, the first one.
 struct DirectoryView {
   std::string id;
   std::string type;
@@ -20,42 +20,42 @@ struct DirectoryView {
   int priority = 0;
   int loops = 1;
   bool can_say = false;             // A message can be handed over to it.
-  std::vector<std::string> labels;  // Of the fields of an XML message, see document.h.
+  std::vector<std::string> labels;  // The labels of the fields of an XML message, see document.h.
   const XMLElement* parser = nullptr;
   std::string conv_opts;
-  int waiting = 0;    // Files that wait in a remote directory, as the status tells.
-  std::string taken;  // The file that the daemon has taken, as the status tells; may be empty.
+  int waiting = 0;    // Files that wait in a remote directory, from the status.
+  std::string taken;  // The file that the daemon has taken, from the status; may be empty.
 
   bool IsRemote() const { return type != "local"; }
 };
 
 class View {
  public:
-  // history_: it gets what the health file tells of messages. REQUIRES: it outlives the view.
+  // history_: updated with the records of the health file. REQUIRES: it outlives the view.
   View(const std::string& run_, History& history_);
 
-  // Reads the files again. Those that are missing or broken count as absent.
+  // Reads the files again. Broken files count as missing.
   void Refresh(long long now_);
 
   const DirectoryView* Find(const std::string& id_) const;  // Null: there is none.
 
-  // Where messages for the directory go. Throws a string if it takes none.
+  // The destination of messages for the directory. Throws a string if it takes none.
   Destination DestinationOf(const std::string& id_) const;
 
-  // What plays now: a message; null if it is not known which, or if nothing plays.
+  // The message that plays now; null if nothing plays, or the message is not known.
   const Entry* Playing() const { return playing_id == 0 ? nullptr : history.Find(playing_id); }
 
-  // A message that was made into sound, or is being made, and has not begun to play.
+  // True if the message's sound is being made, or was made and counts as not yet played.
   bool IsComing(const Entry& entry_, long long now_) const;
 
-  bool is_running = false;  // The service.
+  bool is_running = false;  // The station runs.
   std::unique_ptr<XMLElement> configuration;
   std::string state;                       // Of the configuration: "run" if messages are spoken.
   std::vector<DirectoryView> directories;  // The most urgent first.
   Health health;
-  std::optional<PlayerState> player;  // Only one that runs.
-  std::string playing;                // The directory; empty: nothing plays.
-  long long since = 0;                // When that began; seconds since 1970.
+  std::optional<PlayerState> player;  // The state of a running player.
+  std::string playing;  // The id of the directory whose message plays; empty: nothing plays.
+  long long since = 0;  // When it began to play; seconds since 1970.
 
  private:
   void ReadDirectories();

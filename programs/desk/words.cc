@@ -12,8 +12,8 @@ namespace {
 constexpr char kPauseTag[] = "\\pau=300\\ ";  // At the start of a message.
 constexpr size_t kMaxWordChars = 100;
 
-// Of the translator on espeak-ng: its words per minute, and what its messages measure at that
-// speed, pauses between sentences included.
+// The default speed of the translator espeak-ng in words per minute, and its measured pace at that
+// speed, with pauses between sentences.
 constexpr int kDefaultSpeed = 175;
 constexpr double kDefaultPace = 2.5;  // Words per second.
 
@@ -55,7 +55,7 @@ std::string SnippetOf(const std::string& text_, const std::string& glossary_path
     for (std::string& word : words) {
       word = glossary.SubstituteSpeech(word);
     }
-  } catch (const std::string&) {  // The words as they are are better than no preview.
+  } catch (const std::string&) {  // A preview without the glossary is better than none.
   }
   std::string snippet = kPauseTag;
   for (const std::string& word : words) {

@@ -25,22 +25,22 @@
 
 namespace {
 
-constexpr size_t kMaxBytes = 1 << 20;  // As for files that the helpers fetch.
+constexpr size_t kMaxBytes = 1 << 20;  // The same limit as for files that the helpers fetch.
 constexpr size_t kMaxNameBytes = 100;
 constexpr char kRefused[] = "refused";
 
-// What tells one content of a name from the next.
+// Distinguishes versions of a file.
 using Version = std::tuple<ino_t, off_t, time_t, long>;
 
 Version VersionOf(const struct stat& status_) {
   return {status_.st_ino, status_.st_size, status_.st_mtim.tv_sec, status_.st_mtim.tv_nsec};
 }
 
-// What is known of a file.
+// A file that earlier looks have found.
 struct File {
   Version version;
   double since = 0;      // When this version was seen first.
-  bool is_done = false;  // Reported or handed over, but it could not be removed.
+  bool is_done = false;  // It was reported or handed over, but could not be removed.
 };
 
 // Thrown for a file that is not handed over.
@@ -48,10 +48,11 @@ struct Refusal {
   std::string why;
 };
 
-// With the low byte first; only in XML, a mark may say that it is the other way round.
+// True if the bytes are UTF-16 with the low byte first. In XML only, a byte order mark allows the
+// high byte first.
 bool IsUtf16(const std::string& bytes_, bool is_xml_) {
   const bool is_swapped = is_xml_ && bytes_.compare(0, 2, "\xFE\xFF") == 0;
-  bool is_open = false;  // The last unit was the first half of a pair.
+  bool is_open = false;  // The last unit began a surrogate pair.
   for (size_t i = 0; i + 1 < bytes_.size(); i += 2) {
     const auto high = static_cast<unsigned char>(bytes_[is_swapped ? i : i + 1]);
     const bool is_second = high >= 0xDC && high <= 0xDF;
@@ -173,7 +174,7 @@ std::vector<std::string> Inbox::Impl::Settled(DIR* listing_) {
   return names;
 }
 
-// Read each time: the configuration may change.
+// Reads the configuration each time, as it may change.
 std::unique_ptr<const LocalDirectory> Inbox::Impl::Target() const {
   const std::string& id = settings.directory_id;
   const std::unique_ptr<XMLElement> root = LoadXMLTree(settings.config_path, "tts-config");
@@ -207,8 +208,8 @@ void Inbox::Impl::Handle(int inbox_, const std::string& name_, const LocalDirect
   }
 }
 
-// Empty if the file has changed. Opens nothing that is not a regular file: the opening of a device
-// may have an effect.
+// The content of a file; empty if it has changed. Opens only regular files, as the opening of a
+// device may have an effect.
 std::string Inbox::Impl::ReadMessage(int inbox_, const std::string& name_,
                                      const LocalDirectory& target_) const {
   struct stat status = {};
@@ -239,7 +240,7 @@ void Inbox::Impl::HandOver(int inbox_, const std::string& name_, const std::stri
   HiddenFile message(target_.path);
   message.Write(bytes_);
   message.Publish(MessageName("inbox") + Format("-%u-", counter++) + SafeCharacters(name_));
-  files.at(name_).is_done = true;  // Even if it cannot be removed, it is not handed over again.
+  files.at(name_).is_done = true;  // If it cannot be removed, it must not be handed over again.
   if (unlinkat(inbox_, name_.c_str(), 0) != 0 && errno != ENOENT) {
     report(name_ + ": handed over, but cannot be removed: " + strerror(errno));
   }
@@ -252,7 +253,7 @@ void Inbox::Impl::Refuse(int inbox_, const std::string& name_, const std::string
     struct stat status = {};
     if (fstatat(inbox_, place.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
       place = std::string(kRefused) + "/" + MessageName("again") + Format("-%u-", counter++) +
-              SafeCharacters(name_);  // There is an earlier one.
+              SafeCharacters(name_);  // "refused" has an earlier file of that name.
     }
     if (renameat(inbox_, name_.c_str(), inbox_, place.c_str()) == 0) {
       report(name_ + ": refused: " + why_ + "; it is now " + place);

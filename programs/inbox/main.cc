@@ -1,5 +1,5 @@
 // vocastra-inbox: a service for producers that cannot rename, such as scp, shares and scanners. It
-// hands over what they put into a directory, when it is complete.
+// hands over their files when these are complete.
 
 #include <signal.h>
 #include <stdio.h>
@@ -63,7 +63,7 @@ InboxSettings ParseOptions(int argc_, char** argv_) {
   return settings;
 }
 
-// A report is one line, whatever a name holds.
+// Writes a report as one line, without control characters in names.
 void Report(std::string line_) {
   std::replace_if(
       line_.begin(), line_.end(), [](unsigned char c_) { return Utf8IsControl(c_) && c_ < 0x80; },

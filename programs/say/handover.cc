@@ -114,6 +114,6 @@ bool IsServiceRunning(const std::string& health_path_) {
   try {
     return IsStationRunning(ReadHealth(health_path_));
   } catch (const std::string&) {
-    return false;  // No station has written it.
+    return false;  // There is no station.
   }
 }

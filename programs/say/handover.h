@@ -1,9 +1,8 @@
-// Handing a message over: from a text and a directory to a file that the daemon takes as a whole.
+// Hands a message over: makes a file in an input directory that the daemon takes as a whole.
 //
-// The daemon looks into its input directories at any time and takes what it finds. So the message
-// is written under a hidden name and renamed. The name is new for every message, because a file
-// that comes back with the same text counts as unchanged, and it is safe in a shell, which the
-// daemon uses to copy files.
+// The daemon may scan its input directories at any time. So the message is written under a hidden
+// name and renamed. The name is new for each message, because the daemon ignores a file that comes
+// back with the same text. The name is safe in a shell, which the daemon uses to copy files.
 #pragma once
 
 #include <optional>
@@ -12,17 +11,17 @@
 #include "configuration.h"
 #include "xml.h"
 
-// The directory of that id; without one, the only local directory, or the one called
-// "announcements". source_ is the configuration's name in messages.
+// The directory with that id; without an id, the only local directory, or the one with the id
+// "announcements". source_: the configuration's name in error texts.
 // Throws a string if there is no such directory, or if it is not local.
 const XMLElement& FindLocalDirectory(const XMLElement& root_, const std::optional<std::string>& id_,
                                      const std::string& source_);
 
 extern const char kDefaultDirectory[];
 
-// Where messages go and how they are written.
+// The directory and the encoding of messages.
 struct Destination {
-  // directory_: an element below root_, as FindLocalDirectory returns it. encoding_: instead of the
+  // directory_: an element below root_, as FindLocalDirectory returns it. encoding_: replaces the
   // directory's. is_raw_: messages are bytes that are not converted.
   // REQUIRES: root_ outlives the destination.
   // Throws a string if the daemon could not read such a message.
@@ -35,13 +34,13 @@ struct Destination {
   const XMLElement* parser;  // Of XML documents; null for text.
 };
 
-// Hands a text over, in UTF-8, or the bytes of a raw message. source_ begins the file's name, which
-// is returned. Throws a string if nothing in it can be said, or if it cannot be written.
+// Hands over a text in UTF-8, or the bytes of a raw message. Returns the file's name, which begins
+// with source_. Throws a string if the text has nothing to say, or if the file cannot be written.
 std::string HandOver(const Destination& destination_, const std::string& text_,
                      const std::string& source_);
 
-// Throws a string if the parser of destination_ finds nothing to say in the document at path_;
-// returns what it finds, as valid UTF-8.
+// The text that the parser of destination_ finds in the document at path_, as valid UTF-8. Throws a
+// string if it finds none.
 std::string TextOfDocument(const Destination& destination_, const std::string& path_);
 
 // True if the station that wrote the health file runs.

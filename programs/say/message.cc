@@ -26,7 +26,7 @@ std::string ToUtf16(const std::string& text_) {
   return bytes;
 }
 
-// The daemon's own table of extended ASCII, read backwards.
+// The inverse of the daemon's own table of extended ASCII.
 std::map<std::string, char> ExtAsciiBytes() {
   std::map<std::string, char> bytes;
   for (int byte = 1; byte < 256; ++byte) {
@@ -71,7 +71,7 @@ std::string Encode(std::string text_, const std::string& encoding_) {
   if (!Utf8IsValid(text_)) {
     throw std::string("the text is not valid UTF-8");
   }
-  // The daemon would take it for a part of the first word.
+  // The daemon would treat the mark as a part of the first word.
   if (text_.compare(0, strlen(kByteOrderMark), kByteOrderMark) == 0) {
     text_.erase(0, strlen(kByteOrderMark));
   }

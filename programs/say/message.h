@@ -3,12 +3,12 @@
 
 #include <string>
 
-// True if there is more in text_ than spaces, control characters and punctuation. The daemon makes
-// a message of a lone mark after a space, but there is nothing in it to say.
+// True if text_ has other characters than spaces, control characters and punctuation. The daemon
+// accepts a single mark after a space as a message, but it has nothing to say.
 // REQUIRES: text_ is valid UTF-8.
 bool HasWords(const std::string& text_);
 
-// text_, which is UTF-8, as the bytes of a text file in an encoding for which IsEncoding holds.
+// Converts text_ from UTF-8 to the bytes of a text file. encoding_: one that IsEncoding accepts.
 // Throws a string if it is not valid, has no words, has characters that the encoding lacks, or is
-// longer than what the daemon reads.
+// longer than the daemon's limit.
 std::string Encode(std::string text_, const std::string& encoding_);

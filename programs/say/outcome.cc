@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int kPollPause = 50;        // Milliseconds.
-constexpr double kStatusLimit = 0.1;  // Seconds for a whole status.
+constexpr double kStatusLimit = 0.1;  // Seconds to wait for a complete status.
 
 std::optional<MessageRecord> FindRecord(const std::string& health_path_,
                                         const HandedOver& message_) {
@@ -23,7 +23,7 @@ std::optional<MessageRecord> FindRecord(const std::string& health_path_,
       }
     }
   } catch (const std::string&) {
-    return std::nullopt;  // A station that starts later tells it.
+    return std::nullopt;  // The next station writes the record again.
   }
   return std::nullopt;
 }
@@ -33,8 +33,8 @@ bool EndsWith(const std::string& text_, const std::string& end_) {
          text_.compare(text_.size() - end_.size(), end_.size(), end_) == 0;
 }
 
-// The station's copy of a message that waits for a more urgent one is a file like any other, but
-// the daemon has read its text.
+// True if the daemon's status names the message. While it waits for a more urgent one, the
+// station's copy is still there, but the daemon has already read the text.
 bool IsTaken(const HandedOver& message_, const std::string& status_path_) {
   try {
     const std::unique_ptr<XMLElement> status = ReadStatus(status_path_, kStatusLimit);
@@ -44,7 +44,7 @@ bool IsTaken(const HandedOver& message_, const std::string& status_path_) {
     }
     const auto active = directory->GetChildren("message");
     return !active.empty() && active.front()->GetAttributeString("filename", "") == message_.file;
-  } catch (const std::string&) {  // There is none, so no daemon runs.
+  } catch (const std::string&) {  // There is no status, so no daemon runs.
     return false;
   }
 }

@@ -26,18 +26,17 @@ constexpr double kFirstRetry = 5;     // Seconds.
 constexpr double kLongestRetry = 60;  // Seconds, for a short check.
 
 // A check may run the translator for each directory, which takes seconds on a small board. The
-// pause is so many times as long as the check, so that checks take at most a fiftieth of a
-// processor.
+// pause lasts 50 times as long as the check, so checks use at most a fiftieth of a processor.
 constexpr double kPausePerCheck = 50;
 
 constexpr mode_t kPublicMode = 0644;
-// At most, of a configuration's copy, as it may hold passwords. A service that may not look into
-// the directory of the edited one can look into the run directory.
+// The most permissive mode of a configuration's copy. The copy may hold passwords, and more
+// services can read the run directory than the directory of the edited file.
 constexpr mode_t kSecretMode = 0640;
 constexpr char kNoGlossary[] = "<glossary/>\n";
-constexpr int kMaxExitStatus = 1;  // Of a check without errors.
+constexpr int kMaxExitStatus = 1;  // The largest exit status of a check that found no error.
 
-// Replaces the file by a rename. Throws a string.
+// Replaces the file by a rename. Throws a string if that fails.
 void Replace(const std::string& path_, const std::string& text_, mode_t mode_) {
   const std::string temporary = path_ + ".new";
   unlink(temporary.c_str());
@@ -53,7 +52,7 @@ void Replace(const std::string& path_, const std::string& text_, mode_t mode_) {
   }
 }
 
-// Empty if it cannot be read.
+// The content of the file; empty if it cannot be read.
 std::string ReadOrNothing(const std::string& path_) {
   try {
     return ReadWhole(path_);
@@ -70,7 +69,7 @@ std::string Replaced(std::string text_, const std::string& from_, const std::str
   return text_;
 }
 
-// The first line that tells of an error, or else the first line.
+// The first line that reports an error; the first line if none does.
 std::string FirstError(const std::string& findings_) {
   const size_t error = findings_.find(": error: ");
   const size_t last_end =
@@ -90,7 +89,8 @@ bool HasErrorIn(const std::string& findings_, const std::string& path_) {
   return false;
 }
 
-// As a directory that is missing makes the check fail, and the station makes it anyway.
+// Creates the local directories before the check, which would fail without them. The station
+// creates them later in any case.
 void CreateDirectories(const std::string& configuration_) {
   try {
     const std::unique_ptr<XMLElement> root = LoadXMLTree(configuration_, "tts-config");
@@ -99,7 +99,7 @@ void CreateDirectories(const std::string& configuration_) {
         mkdir(ScannedPath(*directory).c_str(), 0777);
       }
     }
-  } catch (const std::string&) {  // The check will tell.
+  } catch (const std::string&) {  // The check reports it.
   }
 }
 
@@ -222,7 +222,7 @@ void Copies::Finish(File& file_) {
   const std::string candidate = file_.copy + ".checked";
   const bool is_glossary = &file_ != &files[0];
   const std::string findings = command.Text();
-  // Errors of the configuration do not count against the glossary.
+  // An error in the configuration is no reason to refuse the glossary.
   const bool is_usable = IsUsable(command.Status()) ||
                          (is_glossary && !findings.empty() && !HasErrorIn(findings, candidate));
   const std::string text = Replaced(findings, candidate, file_.edited);
@@ -253,7 +253,8 @@ void Copies::Accept(File& file_, const std::string& text_) {
     const auto crc = [](const std::string& bytes_) {
       return CRC(0, reinterpret_cast<const uint8_t*>(bytes_.data()), bytes_.size());
     };
-    if (crc(old) == crc(content)) {  // The daemon would not notice the change.
+    // The daemon compares checksums and would not notice the change.
+    if (crc(old) == crc(content)) {
       content += "\n";
     }
     if (is_configuration) {
@@ -267,7 +268,8 @@ void Copies::Accept(File& file_, const std::string& text_) {
   if (!file_.kept.empty() && ReadOrNothing(file_.kept) != content) {
     Replace(file_.kept, content, mode);
   }
-  for (const std::string& path : {file_.copy, file_.kept}) {  // Also of those that are not new.
+  // The mode may have changed although the content has not.
+  for (const std::string& path : {file_.copy, file_.kept}) {
     chmod(path.c_str(), mode);
   }
   file_.is_refused = false;
@@ -296,7 +298,8 @@ void Copies::Refuse(File& file_, const char* why_, const std::string& sentence_,
                                    : "; until then nothing is spoken"));
 }
 
-// Only at the first start after a boot the copy is missing.
+// Restores the missing copy from the kept one. The copy is missing only at the first start after a
+// boot.
 void Copies::UseKept(File& file_) {
   if (access(file_.copy.c_str(), F_OK) == 0) {
     return;
@@ -308,7 +311,7 @@ void Copies::UseKept(File& file_) {
     } else if (&file_ != &files[0]) {
       Replace(file_.copy, kNoGlossary, 0644);  // Without it, the daemon would speak nothing.
     }
-  } catch (const std::string&) {  // The problem is told as that of the edited file.
+  } catch (const std::string&) {  // The problem of the edited file is reported already.
   }
 }
 
@@ -325,7 +328,8 @@ void Copies::Load() {
       Replace(directories, text, kPublicMode);
     }
   } catch (const std::string&) {
-    unlink(directories.c_str());  // None rather than an old one. The disk is full, which is told.
+    // No file is better than an old one. The full disk is reported elsewhere.
+    unlink(directories.c_str());
   }
 }
 

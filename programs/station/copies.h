@@ -1,6 +1,6 @@
 // Checked copies of the configuration and the glossary. The daemon reads the copies, so that a
-// mistake in an edited file does not end the service. Beside them is the part of the configuration
-// in force that everybody may know, see contracts/directories.h.
+// mistake in an edited file does not end the service. The file of contracts/directories.h is
+// written beside them.
 #pragma once
 
 #include <sys/stat.h>
@@ -15,7 +15,7 @@
 #include "process.h"
 #include "xml.h"
 
-// How the copies tell of problems, as class Problems takes them.
+// The functions by which the copies report problems, as class Problems takes them.
 struct ProblemSink {
   std::function<void(const std::string& id_, const std::string& sentence_,
                      const std::string& remedy_)>
@@ -25,22 +25,23 @@ struct ProblemSink {
 
 constexpr double kCheckLimit = 30;  // Seconds; it may run the translator for each directory.
 
-// The words of the command that checks a configuration, which is to be added as the last one.
-// arguments_: of the daemon, without its name.
+// The words of the command that checks a configuration. The caller appends the path of the
+// configuration. arguments_: the daemon's, without its name.
 std::vector<std::string> CheckCommand(const std::vector<std::string>& arguments_);
 
-// True if that end of the command, as waitpid gives it, allows the daemon to use the file.
+// True if the daemon may use the file after a check that ended with status_, as waitpid gives it.
 bool IsUsable(int status_);
 
-// Seconds until a refused file is checked again, although it did not change: the cause may lie
-// elsewhere, such as a translator or a clip that was missing. refusals_: since the last change, at
-// least 1. took_: seconds that the last check ran.
+// Seconds until a refused file is checked again without a change: the cause may be elsewhere, such
+// as a missing translator or clip. refusals_: their number since the last change, at least 1.
+// took_: seconds that the last check ran.
 double RetryPause(int refusals_, double took_);
 
 class Copies {
  public:
-  // keep_: a directory that outlives a boot; empty: none. options_: the daemon's, with the edited
-  // files. check_: CheckCommand. prepare_ is called with a new configuration before it is in place.
+  // keep_: a directory that survives a reboot; empty: none. options_: the daemon's, with the edited
+  // files. check_: see CheckCommand. prepare_ is called with a new configuration before its copy is
+  // replaced.
   Copies(const std::string& run_, const std::string& keep_, const Options& options_,
          std::vector<std::string> check_, ProblemSink problems_,
          std::function<void(const XMLElement&)> prepare_);
@@ -51,16 +52,17 @@ class Copies {
   // Looks at the edited files; to be called once a second, and when a child has ended.
   void Tick();
 
-  void CheckNow();  // At the next Tick, even what has not changed.
+  void CheckNow();  // Lets the next Tick check the files even if they have not changed.
 
   void OnLog(const LogEvent& event_);
 
-  // The configuration to start the daemon with; null: there is none, or the first check goes on.
+  // The configuration to start the daemon with; null if there is none, or while the first check
+  // runs.
   const XMLElement* Configuration() const { return has_looked ? configuration.get() : nullptr; }
 
   // True if an edited file is being checked, or its copy has not been applied yet.
   bool IsBusy() const;
-  // Of the last checks: whether all files are in force, and a text for people.
+  // The result of the last checks: whether all files are in force, and a text for people.
   bool IsFine() const;
   std::string Report() const;
 
@@ -70,12 +72,12 @@ class Copies {
     std::string edited;  // Empty: the daemon uses none.
     std::string copy;
     std::string kept;         // Empty: not kept.
-    mode_t most_mode = 0777;  // Of the copies: bits that they take from the edited file.
-    struct stat seen = {};    // Of the edited file; zero: it is missing.
+    mode_t most_mode = 0777;  // The bits of the edited file's mode that the copies get.
+    struct stat seen = {};    // The edited file at the last look; zero: it is missing.
     bool is_due = true;       // To be checked.
     bool is_refused = false;
-    int refusals = 0;     // Since it changed, or a check was asked for.
-    double retry_at = 0;  // While it is refused.
+    int refusals = 0;     // Since the last change or request for a check.
+    double retry_at = 0;  // The time of the next check while it is refused.
     std::string told;     // Why it was refused.
     std::string result;
   };
@@ -90,14 +92,15 @@ class Copies {
   void Load();
 
   std::vector<File> files;  // The configuration first.
-  std::string directories;  // Path of the part that everybody may know.
+  std::string directories;  // Path of the file of contracts/directories.h.
   std::vector<std::string> check;
   ProblemSink problems;
   std::function<void(const XMLElement&)> prepare;
   Command command;
-  File* checked = nullptr;  // What the command looks at.
+  File* checked = nullptr;  // The file that the command checks.
   double check_start = 0;   // Of the last check.
   bool has_looked = false;
-  double applied_limit = 0;  // Until then the daemon is expected to apply it; 0: it has.
+  // Until then the daemon is expected to apply the copy; 0: it has done so.
+  double applied_limit = 0;
   std::unique_ptr<XMLElement> configuration;
 };

@@ -21,14 +21,14 @@ constexpr double kPause = 1;         // Seconds before a start.
 constexpr double kLongestPause = 5;  // Seconds, after several short lives.
 constexpr double kShortLife = 10;    // Seconds.
 
-// A pass with 50 files logs a hundred lines. Each takes a page of the pipe.
+// A pass with 50 files logs a hundred lines. Each line takes a page of the pipe.
 constexpr int kPipeBytes = 512 * 1024;
 
 }  // namespace
 
-// In a packet pipe one read returns one write. So a line end in the text of a message, which the
-// daemon logs as it is, does not look like the end of a line, and the rest not like a line of the
-// daemon.
+// In a packet pipe, one read returns one write. The daemon logs the text of a message as it is,
+// line ends included. With packets, the text after such a line end is not taken for a further log
+// line.
 Daemon::Daemon() {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC | O_DIRECT) != 0) {
@@ -37,7 +37,8 @@ Daemon::Daemon() {
   log_read = ends[0];
   log_write = ends[1];
   fcntl(log_read, F_SETFL, O_NONBLOCK);
-  fcntl(log_read, F_SETPIPE_SZ, kPipeBytes);  // Without it, the daemon waits more often.
+  // If that fails, the daemon waits for the station more often.
+  fcntl(log_read, F_SETPIPE_SZ, kPipeBytes);
 }
 
 Daemon::~Daemon() {
@@ -121,7 +122,7 @@ bool Daemon::HasEnded() {
   if (pid == 0 || !::HasEnded(pid, status)) {
     return false;
   }
-  kill(-pid, SIGKILL);  // Its helpers, if it could not stop them.
+  kill(-pid, SIGKILL);  // Helpers that the daemon could not stop.
   pid = 0;
   end = Described(status);
   const bool is_short = Now() - start < kShortLife;

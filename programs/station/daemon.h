@@ -19,23 +19,23 @@ class Daemon {
   int Pid() const { return pid; }  // 0: it does not run.
   int Starts() const { return starts; }
 
-  // The next line of the log, up to 4096 bytes of it, without its end; false if there is none now.
+  // The next line of the log without its line end, at most 4096 bytes; false if there is none now.
   // Lines of different writers do not mix.
   bool ReadLine(std::string& line_);
   int Log() const { return log_read; }  // Readable when there is a line.
 
   // A text that changes while the daemon works, even if it cannot write its status: the number of
-  // times that it has waited. Empty if it is not known.
+  // its context switches. Empty if it is not known.
   std::string Activity() const;
 
-  void Interrupt() const;  // It ends soon.
-  void Kill() const;       // With all that it has started.
-  // Ends what runs for the daemon's newest child, or else the child. Then the daemon notices that
-  // the command has failed.
+  void Interrupt() const;  // Asks it to end.
+  void Kill() const;       // Kills it and all that it has started.
+  // Kills the processes that the daemon's newest child has started, or the child if it has started
+  // none. The daemon then sees that its command has failed.
   void KillNewestCommand() const;
 
-  // True if it has just ended; then End() says how, and Pause() for how many seconds not to start
-  // it again: longer if it has ended soon several times.
+  // True if it has just ended. End() then says how. Pause() gives the seconds to wait before the
+  // next start, which grow with each short life.
   bool HasEnded();
   const std::string& End() const { return end; }
   double Pause() const { return pause; }

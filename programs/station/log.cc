@@ -8,16 +8,17 @@
 
 namespace {
 
-constexpr double kForget = 3600;     // Seconds of silence; then a line is new.
-constexpr size_t kMaxLines = 500;    // That are remembered.
-constexpr double kCrowdForget = 60;  // Seconds, while there are nearly too many.
+constexpr double kForget = 3600;     // Seconds; a line that was silent for so long counts as new.
+constexpr size_t kMaxLines = 500;    // Different lines that are remembered.
+constexpr double kCrowdForget = 60;  // The same while nearly too many lines are remembered.
 constexpr double kLook = 1;          // Seconds.
 constexpr char kOtherLines[] = "More different lines than are remembered";
 
-// Seconds until the first count of a line is told, the second, and each further one.
+// Seconds until the first count of a line is written, the second, and each later one.
 constexpr double kPeriods[] = {60, 3600, 86400};
 
-// The first entry with which a line begins and ends counts. The subject is between the two.
+// The beginning and the end of a kind of line; its subject is between them. The first entry that
+// matches a line counts.
 struct Text {
   const char* begin;
   const char* end;
@@ -50,7 +51,7 @@ constexpr Text kTexts[] = {
     {"Sending SIGTERM to PID ", "", LogEvent::kOther, kInformation},
     {"Now ", "", LogEvent::kOther, kInformation},
     {"No longer output-bound", "", LogEvent::kOther, kInformation},
-    {"Directory \"", "\"", LogEvent::kOther, kError},  // Uses a parser that does not exist.
+    {"Directory \"", "\"", LogEvent::kOther, kError},  // It uses a parser that does not exist.
     {"Directory \"", "", LogEvent::kOther, kInformation},
     {"Directory ", " is receiving updates", LogEvent::kOther, kInformation},
     {"Could not ", "", LogEvent::kOther, kError},
@@ -84,12 +85,12 @@ std::string Subject(const std::string& line_, const Text& text_) {
     return After(subject, ": ");
   }
   if (text_.kind == LogEvent::kIndexed && *text_.begin == 'A') {
-    return subject.substr(0, subject.rfind(' '));  // Then the checksum.
+    return subject.substr(0, subject.rfind(' '));  // The checksum follows.
   }
   return subject;
 }
 
-// A mirror's line begins with its kind, one word.
+// A helper's line begins with one word, its kind, and " helper: ".
 bool IsFromHelper(const std::string& line_) {
   constexpr char kMark[] = " helper: ";
   const size_t blank = line_.find(' ');
@@ -141,7 +142,7 @@ void Log::Say(Severity severity_, const std::string& text_, double now_) {
   Count(severity_, text_, now_);
 }
 
-// The first time, the line itself is passed on.
+// Passes on a new line, and counts one that repeats.
 void Log::Count(Severity severity_, std::string_view line_, double now_) {
   auto found = lines.find(line_);
   if (found == lines.end()) {

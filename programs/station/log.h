@@ -11,7 +11,8 @@
 
 enum class Severity { kRoutine, kError = 3, kWarning = 4, kInformation = 6 };
 
-// Of a line of the daemon or of its helpers. severity_: routine if the line is to be left out.
+// The event that a line of the daemon or of its helpers reports. Sets severity_; kRoutine: the line
+// is to be left out.
 LogEvent ParseLogLine(const std::string& line_, Severity& severity_);
 
 class Log {
@@ -23,7 +24,7 @@ class Log {
   // Takes a line of the daemon. now_: seconds, as of Now().
   LogEvent Take(const std::string& line_, double now_);
 
-  // Says something of the station's own; repetitions are counted as well.
+  // Writes a line of the station itself. Repetitions are counted as well.
   void Say(Severity severity_, const std::string& text_, double now_);
 
   // Passes on the counts that are due. To be called once a second or so.
@@ -32,9 +33,9 @@ class Log {
  private:
   struct Seen {
     double last = 0;
-    double since = 0;  // Of the count.
-    int count = 0;     // Not told yet.
-    int told = 0;      // Counts that were passed on.
+    double since = 0;  // When the count began.
+    int count = 0;     // Repetitions that were not written yet.
+    int told = 0;      // The number of counts that were written.
     Severity severity = Severity::kRoutine;
   };
 

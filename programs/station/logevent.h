@@ -1,4 +1,4 @@
-// What a line of the log tells the parts of the station.
+// An event that a line of the log reports to the parts of the station.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ struct LogEvent {
     kCommandFailed,  // Subject: the command line.
     kCopying,        // Subject: the name of the next file in the output directory.
     kNotRemoved,     // Subject: the path of a taken file that stays.
-    kFromHelper,     // A line of a mirror; subject: what it says after "helper: ".
+    kFromHelper,     // A line of a helper; subject: the text after "helper: ".
     kGlossary        // The glossary cannot be used; subject: why.
   };
 

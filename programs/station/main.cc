@@ -1,5 +1,4 @@
-// vocastra-station: runs the daemon, keeps it running, and tells what keeps messages from being
-// heard.
+// vocastra-station: runs the daemon, keeps it running, and reports why messages are not heard.
 
 #include <dirent.h>
 #include <errno.h>
@@ -45,18 +44,18 @@ namespace {
 
 constexpr double kIdlePeriod = 1;    // Seconds between two looks at everything.
 constexpr double kBusyPeriod = 0.1;  // The same while a message waits or is being said.
-constexpr double kLogPause = 0.05;  // Seconds; each look at the log takes all lines since the last.
-constexpr double kReadyLimit = 30;  // Seconds; then the start counts as done, whatever is wrong.
+constexpr double kLogPause = 0.05;   // Seconds between two reads of the log.
+constexpr double kReadyLimit = 30;   // Seconds; the start counts as done then even with problems.
 constexpr double kOldDaemonLimit =
-    10;  // Seconds that the daemon of a station that was killed may take to end.
-constexpr double kBeginLimit = 1;     // Seconds from the first piece of a message to the status.
+    10;                            // Seconds that the daemon of a killed station may take to end.
+constexpr double kBeginLimit = 1;  // Seconds from a message's first piece to its status.
 constexpr double kMessageLimit = 60;  // Seconds from a request to stop to the end of the message.
 constexpr double kStopLimit = 30;     // Seconds that the daemon may take to stop its helpers.
-constexpr double kBusyStopLimit = 2;  // The same while it says messages.
-constexpr double kGoesOn = 1;         // Seconds since a status of a daemon that says messages.
+constexpr double kBusyStopLimit = 2;  // The same while it speaks messages.
+constexpr double kGoesOn = 1;  // Seconds; a daemon whose status is younger still speaks messages.
 
 // A message is lost if the daemon takes its file before the station has copied it, and then dies.
-// So on a busy device the station goes first. It has little to do.
+// So the station gets the processor first on a busy device. It needs little time.
 constexpr int kNice = -10;
 
 constexpr int kWrongUse = 2;
@@ -70,7 +69,7 @@ struct Settings {
   bool has_no_player = false;
   bool is_raw = false;
   std::vector<std::string> daemon;  // The program and its options.
-  Options options;                  // The same, understood.
+  Options options;                  // The same, parsed.
 };
 
 struct CloseDirectory {
@@ -93,7 +92,7 @@ void WriteLine(const std::string& line_) {
   WriteWhole(STDERR_FILENO, text.data(), text.size());
 }
 
-// Of the run directory; held until the process ends. Throws a string.
+// Locks the run directory until the process ends. Throws a string if another station has the lock.
 int LockRun(const std::string& run_) {
   const int fd = open(run_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) {
@@ -105,7 +104,7 @@ int LockRun(const std::string& run_) {
   return fd;
 }
 
-// The daemon of a station that was killed; it is about to end. 0: there is none.
+// The process of a killed station's daemon, which is about to end; 0 if there is none.
 int FindOldDaemon(const std::string& run_) {
   try {
     return ReadHealth(run_ + "/health").daemon;
@@ -116,7 +115,8 @@ int FindOldDaemon(const std::string& run_) {
 
 bool IsAlive(int pid_) { return pid_ > 0 && (kill(pid_, 0) == 0 || errno == EPERM); }
 
-// True if the daemon is, or what it has started, such as a command that copies an output file.
+// True if the daemon is alive, or a process that it has started, such as a command that copies an
+// output file.
 bool IsGroupAlive(int pid_) { return pid_ > 0 && (kill(-pid_, 0) == 0 || errno == EPERM); }
 
 int BlockSignals() {
@@ -133,7 +133,7 @@ int BlockSignals() {
 class Station {
  public:
   explicit Station(const Settings& settings_);
-  void Run();  // Until a signal asks for the end.
+  void Run();  // Returns after a signal that asks for the end.
 
  private:
   void Wait();
@@ -169,7 +169,7 @@ class Station {
   Copies copies;
   Requests requests;
   std::unique_ptr<XMLElement> status;  // The last one; null: none since the start.
-  std::string told;                    // The manager.
+  std::string told;                    // The last text sent to the service manager.
   std::string last_line;               // Of the daemon.
   long long lost = 0;                  // Files that were not played before a restart.
   bool is_ready = false;
@@ -179,15 +179,15 @@ class Station {
   double next_check = 0;
   double next_log = 0;
   double start_at = 0;     // When the daemon is to be started.
-  double drain_limit = 0;  // Until then the player may empty the output directory.
+  double drain_limit = 0;  // The player may empty the output directory until then.
   int stops = 0;           // Requests to stop so far.
-  double begin_limit = 0;  // Until then a status may show what was being said at the first one.
-  double stop_limit = 0;   // Until then the message may go on.
-  int last_message = 0;    // What was being said at the first request.
+  double begin_limit = 0;  // A status may show until then what was spoken at the first request.
+  double stop_limit = 0;   // The message may go on until then.
+  int last_message = 0;    // The message that was being spoken at the first request.
   double interrupted = 0;  // When the daemon was asked to stop; 0: not yet.
 };
 
-std::vector<std::string> Tail(const std::vector<std::string>& words_) {
+std::vector<std::string> AllButFirst(const std::vector<std::string>& words_) {
   return {words_.begin() + 1, words_.end()};
 }
 
@@ -196,7 +196,7 @@ Station::Station(const Settings& settings_)
       run_lock(LockRun(settings.run)),
       old_daemon(FindOldDaemon(settings.run)),
       signals(BlockSignals()),
-      check(CheckCommand(Tail(settings.daemon))),
+      check(CheckCommand(AllButFirst(settings.daemon))),
       log(WriteLine, settings.is_raw, isatty(STDERR_FILENO) == 0),
       watchdog(settings.translator_limit),
       problems(settings.run, settings.options, !settings.has_no_player),
@@ -241,8 +241,8 @@ void Station::Run() {
   Tell();
 }
 
-// The daemon writes many lines one by one: they are not waited for until some time after the last
-// look, so that they do not wake the station one by one.
+// The daemon writes many lines one by one. The station does not wait for the next line until
+// kLogPause after the last read, so that not every line wakes it.
 void Station::Wait() {
   const double now = Now();
   const bool takes_log = now >= next_log;
@@ -320,7 +320,7 @@ void Station::Look() {
   Tell();
 }
 
-// The spool wants to know of files and of the log before it sees the status that follows from them.
+// The spool must get the files and the log before the status that results from them.
 void Station::LookAtStatus() {
   spool.Read();
   TakeLog();
@@ -374,7 +374,8 @@ void Station::OnDaemonEnd() {
   spool.OnDaemonEnd();
   status.reset();
   start_at = now + daemon.Pause();
-  // From the time at which it was seen to work, so that the next start is not too late.
+  // Counts from the last time at which the daemon was seen to work, so that the next start is not
+  // delayed too long.
   drain_limit = watchdog.Alive() + settings.drain;
 }
 
@@ -394,7 +395,8 @@ void Station::StartWhenDue() {
 }
 
 void Station::Start() {
-  spool.Prepare(*copies.Configuration());  // Else what is removed would count as heard.
+  // Before the removal: removed files would otherwise count as heard.
+  spool.Prepare(*copies.Configuration());
   RemoveOutput();
   unlink(settings.options.status_file_path.c_str());
   std::vector<std::string> command = settings.daemon;
@@ -407,7 +409,7 @@ void Station::Start() {
   is_hung = false;
 }
 
-// True while a player runs and has files to play that would be lost.
+// True while a player runs and has files left to play, which a start would remove.
 bool Station::IsPlayerBusy() const {
   bool has_output = false;
   ForEachOutput(settings.options.output_directory_path,
@@ -422,15 +424,16 @@ bool Station::IsPlayerBusy() const {
   }
 }
 
-// The numbers begin at 0 again: files of an earlier run would be played among the new ones.
+// The daemon's numbers begin at 0 again: the player would mix files of an earlier run with new
+// ones.
 void Station::RemoveOutput() {
   ForEachOutput(settings.options.output_directory_path,
                 [&](const std::string& path_) { lost += unlink(path_.c_str()) == 0 ? 1 : 0; });
 }
 
-// The first request lets the message end that is being said; the second stops the daemon at once,
-// and a further one kills it. While the player has room for more, the daemon would say all messages
-// that wait before it ends, so it is killed then; the copies of the messages stay.
+// After the first request, the message that is being spoken may end. The second request stops the
+// daemon at once, and a third kills it. While the output directory has room, the daemon speaks all
+// waiting messages before it ends, so it is killed; the copies of the messages stay.
 void Station::Stop() {
   const double now = Now();
   if (stop_limit == 0) {
@@ -473,7 +476,7 @@ View Station::MakeView() const {
   return view;
 }
 
-// Writes the health file and tells the service manager, if something has changed.
+// Writes the health file and notifies the service manager if something has changed.
 void Station::Tell() {
   Health now;
   now.station = getpid();
@@ -584,7 +587,7 @@ Settings ParseSettings(int argc_, char** argv_) {
 int main(int argc, char** argv) {
   try {
     const Settings settings = ParseSettings(argc, argv);
-    setpriority(PRIO_PROCESS, 0, kNice);  // If it may.
+    setpriority(PRIO_PROCESS, 0, kNice);  // Fails without the right to do so.
     Station(settings).Run();
     return EXIT_SUCCESS;
   } catch (const std::string& why) {

@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kPrefix[] = ".station-";
 constexpr size_t kPrefixLength = sizeof(kPrefix) - 1;
-constexpr size_t kDigits = 19;  // Of the arrival; as many for each, so that names sort by it.
+constexpr size_t kDigits = 19;  // Of the arrival, in each name, so that names sort by arrival.
 constexpr size_t kNameStart = kPrefixLength + 2 + kDigits + 1;
 constexpr off_t kMaxBytes = 1 << 20;
 

@@ -22,7 +22,7 @@ Notifier::Notifier() {
   }
   address.sun_family = AF_UNIX;
   std::copy(path.begin(), path.end(), address.sun_path);
-  if (path[0] == '@') {  // An abstract socket: its name begins with 0.
+  if (path[0] == '@') {  // An abstract socket: its name begins with a zero byte.
     address.sun_path[0] = '\0';
   }
   fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -14,8 +14,8 @@ class Notifier {
   // True if "WATCHDOG=1" is expected.
   bool HasWatchdog() const { return has_watchdog; }
 
-  // Sends assignments, one a line, such as "READY=1". Without a manager, and if it does not
-  // listen, does nothing.
+  // Sends assignments, one a line, such as "READY=1". Does nothing if there is no manager or it
+  // does not listen.
   void Send(const std::string& text_) const;
 
  private:

@@ -25,35 +25,36 @@
 
 namespace {
 
-// Seconds.
-constexpr double kHang = 4;         // A run of the translator that counts as hanging.
+// All in seconds.
+constexpr double kHang = 4;         // A translator that runs longer counts as hanging.
 constexpr double kProbePause = 2;   // Between two trials of the translator.
-constexpr double kProbeLimit = 20;  // That a trial may take, on a slow device.
-constexpr double kCopyFailure = 5;  // That a failed copy is shown if nothing explains it.
-constexpr double kStart = 3;        // For a player, or a helper's first sign of life.
-constexpr double kSettle = 1.5;     // For what a restart of the daemon ends.
-constexpr double kPlayerPause = 5;  // Between a player's state and the next, beside the sound.
+constexpr double kProbeLimit = 20;  // Limit of a trial, even on a slow device.
+constexpr double kCopyFailure = 5;  // Time for which an unexplained failure to copy is shown.
+constexpr double kStart = 3;        // For a player to start, or for a helper's first heartbeat.
+constexpr double kSettle = 1.5;     // For a restart of the daemon to end a problem.
+constexpr double kPlayerPause = 5;  // Without a change of the player's state, after its sound.
 constexpr double kUnknownSound = 60;
-constexpr double kLockedStill = 2;  // Without a status, after which locks are tried.
-constexpr double kStill = 4;        // Without a status, after which the daemon does not work.
-constexpr double kSilent = 3;       // Without a line: failing passes log something.
+constexpr double kLockedStill = 2;  // Without a new status; then locks are checked.
+constexpr double kStill = 4;        // Without a new status; then the daemon counts as failing.
+constexpr double kSilent = 3;       // Without a log line; passes that fail log something.
 
-constexpr int kRepeats = 10;       // Of a line, that show that it is about each pass.
-constexpr size_t kMaxTexts = 100;  // That are remembered.
-constexpr size_t kMaxLine = 300;   // Bytes of the translator's words.
+constexpr int kRepeats = 10;       // A line that repeats so often comes in each pass.
+constexpr size_t kMaxTexts = 100;  // Lines that are remembered.
+constexpr size_t kMaxLine = 300;   // Bytes of a line of the translator that are shown.
 constexpr int kLockTries = 3;      // In one check.
 constexpr int kLockPause = 2;      // Milliseconds between them.
-constexpr int kLockedChecks = 2;   // One after another: players hold the lock for moments.
+constexpr int kLockedChecks = 2;   // Checks in a row; players hold the lock only for moments.
 
-// The slowest sound, in bytes a second: 16 bits at 4000 Hz, and a compressed WAV file.
+// The lowest data rates of sound, in bytes a second: 16 bits at 4000 Hz, and a compressed WAV file.
 constexpr double kRawRate = 8000;
 constexpr double kWavRate = 1600;
 
-constexpr uint64_t kLeastRoom = 256 << 10;  // Bytes; or an eighth, on a small file system.
+// Free bytes that a file system needs; on a small one an eighth is enough.
+constexpr uint64_t kLeastRoom = 256 << 10;
 
 struct Kind {
   const char* id;
-  const char* remedy;  // Null: who sets the problem has one.
+  const char* remedy;  // Null: the part that sets the problem gives it.
 };
 
 constexpr Kind kKinds[] = {
@@ -91,8 +92,8 @@ constexpr Kind kKinds[] = {
     {"unreadable", nullptr},
 };
 
-// Why nothing can be written into a file system; empty if it can.
-std::string WhyFull(const std::string& path_) {
+// Why a file system takes no more files; empty if it does.
+std::string WhyNoRoom(const std::string& path_) {
   struct statvfs room {};
   if (statvfs(path_.c_str(), &room) != 0 || room.f_blocks == 0) {
     return "";
@@ -111,10 +112,10 @@ bool StartsWith(const std::string& text_, const std::string& start_) {
 
 struct Process {
   std::string name;
-  char state = '\0';  // As in proc(5); 0: there is none, or it may not be seen.
+  char state = '\0';  // As in proc(5); 0: the process is gone or cannot be seen.
 };
 
-Process LookAt(int pid_) {
+Process LookAtProcess(int pid_) {
   Process process;
   try {
     const std::string stat = ReadWhole(Format("/proc/%d/stat", pid_));
@@ -130,11 +131,12 @@ Process LookAt(int pid_) {
   return process;
 }
 
-// The daemon's children. A helper that has ended stays a zombie until its directory goes.
+// The daemon's children. A helper that has ended stays a zombie until its directory is removed from
+// the configuration.
 struct Family {
   explicit Family(int daemon_) {
     for (const int child : Children(daemon_)) {
-      const Process process = LookAt(child);
+      const Process process = LookAtProcess(child);
       if (process.state == 'Z') {
         ++dead;
       } else {
@@ -145,7 +147,7 @@ struct Family {
 
   size_t helpers = 0;
   size_t dead = 0;
-  size_t commands = 0;  // The translator, or a short one.
+  size_t commands = 0;  // The translator, or another command that runs for a short time.
 };
 
 // True if the process has taken the lock of the directory. Lines of the list are such as
@@ -165,7 +167,7 @@ bool HasTaken(int pid_, const std::string& path_) {
         return true;
       }
     }
-  } catch (const std::string&) {  // The kernel does not tell.
+  } catch (const std::string&) {  // The kernel offers no list.
   }
   return false;
 }
@@ -207,9 +209,9 @@ std::string Printable(std::string text_) {
 struct Problems::Impl {
   struct Entry {
     Problem problem;
-    double first = 0;       // When it was found.
-    bool is_shown = false;  // Long enough.
-    bool is_own = false;    // Ends when a check does not find it.
+    double first = 0;       // When it was found first.
+    bool is_shown = false;  // It has lasted long enough.
+    bool is_own = false;    // A check has found it, so it ends when a later check does not.
     bool is_found = false;  // By the last check.
   };
 
@@ -242,34 +244,33 @@ struct Problems::Impl {
   const Options options;
   const bool has_player;
   std::list<Entry> entries;                              // The oldest first.
-  std::map<std::string, const XMLElement*> directories;  // During a check.
+  std::map<std::string, const XMLElement*> directories;  // By their ids; valid during a check.
 
   std::string last_line;  // Of the daemon.
   double last_line_time = 0;
   std::map<std::string, int> repeats;  // Of lines since the status advanced.
-  std::string repeated_line;           // The last one that comes in each pass; empty: none.
-  std::map<std::string, int> held;     // By how many checks in turn a lock was found to be held.
+  std::string repeated_line;           // The last line that came in each pass; empty: none.
+  std::map<std::string, int> held;     // By path: checks in a row that found the lock held.
 
   int daemon = 0;  // At the last check.
   struct stat output {};
   double copy_failed = -kCopyFailure;
 
-  std::string player_state;  // What identifies the present file.
+  std::string player_state;  // Identifies the present version of the state file.
   double player_change = 0;
 
-  std::map<std::string, std::string> helper_lines;  // The last one about each source.
+  std::map<std::string, std::string> helper_lines;  // By source: the last line about it.
 
   std::vector<std::string> failed_commands;  // Since the last check.
-  std::set<std::string> failing;             // Directories for which the translator failed,
-  std::string why_failing;                   // and the translator's words.
-  std::string probed;                        // The directory whose arguments are tried.
+  std::set<std::string> failing;             // Ids of directories for which the translator failed,
+  std::string why_failing;                   // and what the translator wrote.
+  std::string probed;                        // The directory whose arguments the trial uses.
   std::string probed_arguments;
   double next_probe = 0;
   Command probe;
 };
 
-// --- The list
-// -------------------------------------------------------------------------------------
+// --- The list ---
 
 Problems::Impl::Entry& Problems::Impl::At(const std::string& id_) {
   for (Entry& entry : entries) {
@@ -305,8 +306,7 @@ bool Problems::Impl::Has(const std::string& start_) const {
   });
 }
 
-// --- The daemon
-// -----------------------------------------------------------------------------------
+// --- The daemon ---
 
 void Problems::Impl::CheckDaemon(const View& view_) {
   if (view_.still < 1) {
@@ -333,7 +333,7 @@ void Problems::Impl::CheckDaemon(const View& view_) {
   }
 }
 
-// A daemon that hangs with the lock in its hands does not wait for it.
+// A daemon that holds the lock itself does not wait for it.
 void Problems::Impl::CheckLocks(int daemon_) {
   std::set<std::string> paths = {options.output_directory_path};
   for (const auto& [id, element] : directories) {
@@ -350,8 +350,7 @@ void Problems::Impl::CheckLocks(int daemon_) {
   }
 }
 
-// --- Output and player
-// ----------------------------------------------------------------------------
+// --- Output and player ---
 
 void Problems::Impl::CheckOutput(int daemon_) {
   const std::string& path = options.output_directory_path;
@@ -373,12 +372,12 @@ void Problems::Impl::CheckOutput(int daemon_) {
     Find("output-replaced", "", name + " was replaced after the daemon's start");
   } else if (access(path.c_str(), R_OK | W_OK | X_OK) != 0) {
     Find("output-read-only", "", name + " cannot be used: " + strerror(errno));
-  } else if (!(full = WhyFull(path)).empty()) {
+  } else if (!(full = WhyNoRoom(path)).empty()) {
     Find("output-full", "", "The disk of the output directory " + path + " is full: " + full);
   } else if (Now() - copy_failed < kCopyFailure) {
     Find("output-failing", "", "A piece could not be copied into " + path);
   }
-  if (!(full = WhyFull("/tmp")).empty()) {
+  if (!(full = WhyNoRoom("/tmp")).empty()) {
     Find("tmp-full", "", "The disk of /tmp is full: " + full);
   }
 }
@@ -391,7 +390,7 @@ void Problems::Impl::CheckPlayer(const XMLElement* status_) {
     Find("no-player", "", "No player has run yet: " + why, kStart);
     return;
   }
-  const char process = LookAt(state.pid).state;
+  const char process = LookAtProcess(state.pid).state;
   if (!IsPlayerRunning(state) || process == 'Z') {
     Find("no-player", "", Format("The player, process %d, has ended", state.pid), kStart);
     return;
@@ -406,8 +405,8 @@ void Problems::Impl::CheckPlayer(const XMLElement* status_) {
   }
 }
 
-// True if the player's state has changed as lately as can be expected: while files wait, a change
-// comes with the end of what plays.
+// True if the player's state has changed recently enough. While files wait, it changes at the end
+// of the file that plays.
 bool Problems::Impl::IsPlayerBusy(const PlayerState& state_, const XMLElement* status_) {
   struct stat file {};
   stat((run + "/player").c_str(), &file);
@@ -435,8 +434,7 @@ bool Problems::Impl::IsPlayerBusy(const PlayerState& state_, const XMLElement* s
   return Now() - player_change < kPlayerPause + sound;
 }
 
-// --- Input directories
-// ----------------------------------------------------------------------------
+// --- Input directories ---
 
 void Problems::Impl::CheckInputs() {
   for (const auto& [id, element] : directories) {
@@ -488,7 +486,8 @@ void Problems::Impl::CheckRemotes(const View& view_) {
   const bool all_dead = family.dead > 0 && family.helpers == 0;
   for (const auto& [id, source] : remotes) {
     const std::string& line = helper_lines[source];
-    // Which one is dead is only known if there are no more without updates than dead ones.
+    // It is known which helpers are dead only if no more directories are without updates than
+    // helpers are dead.
     if (all_dead || (silent.count(id) != 0 && silent.size() <= family.dead)) {
       Find("helper-dead", id,
            Format("The helper of %s has ended%s%s", source.c_str(),
@@ -503,15 +502,14 @@ void Problems::Impl::CheckRemotes(const View& view_) {
   }
 }
 
-// --- The translator
-// -------------------------------------------------------------------------------
+// --- The translator ---
 
 void Problems::Impl::CheckTranslator(double engine_) {
   const std::string& translator = options.translator_file_path;
   if (engine_ > kHang) {
     Find("translator-hanging", "", Format("The translator has run for %.0f s", engine_));
   }
-  // A command that the shell looks up or reads is left to the trial.
+  // A trial finds out about a command that the shell searches in PATH or expands.
   const std::string path = translator.substr(0, translator.find(' '));
   const bool is_plain = path.find('/') != std::string::npos &&
                         path.find_first_of("\\\"'$`*?[~;&|<>()") == std::string::npos;
@@ -531,10 +529,10 @@ void Problems::Impl::CheckTranslator(double engine_) {
   }
 }
 
-// Finds the directories whose arguments the failed commands have.
+// Finds the directories with the arguments of the failed commands.
 void Problems::Impl::FindFailing() {
   for (const std::string& command : failed_commands) {
-    // After the translator come two paths of temporary files, which have no blanks.
+    // Two paths of temporary files, which have no blanks, follow the translator.
     size_t begin = options.translator_file_path.size() + 1;
     begin = command.find(' ', begin) + 1;
     begin = command.find(' ', begin) + 1;
@@ -555,7 +553,8 @@ void Problems::Impl::FindFailing() {
   failed_commands.clear();
 }
 
-// Tries the arguments that the directories have now, in turn, as long as one of them fails.
+// Runs a trial with the present arguments of one failing directory after the other, until none
+// fails.
 void Problems::Impl::RunProbe() {
   if (probe.IsRunning()) {
     if (!probe.HasEnded()) {
@@ -571,7 +570,7 @@ void Problems::Impl::RunProbe() {
     id = directories.count(*id) == 0 ? failing.erase(id) : std::next(id);
   }
   if (failing.count(probed) != 0 && ArgumentsOf(probed) != probed_arguments) {
-    next_probe = 0;  // Perhaps they have been repaired.
+    next_probe = 0;  // The arguments have changed and may work now.
   }
   if (failing.empty()) {
     why_failing.clear();
@@ -587,7 +586,7 @@ void Problems::Impl::StartProbe() {
   const std::string text = run + "/probe.text";
   const std::string audio = run + "/probe.audio";
   probed_arguments = ArgumentsOf(probed);
-  // Every voice can read a digit.
+  // Every voice can speak a digit.
   const std::string command =
       Format("echo '1 ' > %s; %s %s %s %s \"probe\"; status=$?; rm -f %s %s; exit $status",
              text.c_str(), options.translator_file_path.c_str(), text.c_str(), audio.c_str(),
@@ -600,7 +599,7 @@ void Problems::Impl::StartProbe() {
   }
 }
 
-// In the translator's own words if it has some; empty if it did not fail.
+// The translator's own error line if it wrote one; empty if the trial did not fail.
 std::string Problems::Impl::WhyProbeFailed() const {
   if (probe.Status() == 0) {
     return "";
@@ -609,8 +608,7 @@ std::string Problems::Impl::WhyProbeFailed() const {
   return line.empty() ? Described(probe.Status()) : line;
 }
 
-// --- The interface
-// --------------------------------------------------------------------------------
+// --- The interface ---
 
 Problems::Problems(const std::string& run_, const Options& options_, bool has_player_)
     : impl(std::make_unique<Impl>(run_, options_, has_player_)) {}

@@ -1,6 +1,5 @@
-// Finds out why messages may not be heard: by looking at directories, player, helpers and status,
-// by the log, and by trial runs of a translator that has failed. vocastra-status(1) lists the
-// problems.
+// Finds out why messages may not be heard. It looks at directories, player, helpers, status and
+// log, and runs a translator that has failed for a trial. vocastra-status(1) lists the problems.
 #pragma once
 
 #include <memory>
@@ -27,23 +26,23 @@ class Problems {
   Problems(const std::string& run_, const Options& options_, bool has_player_);
   ~Problems();
 
-  // To be called for every line, also for those that are not passed on: a daemon whose passes fail
-  // still writes lines, and one that hangs does not.
+  // To be called for every line, even if it is not passed on: a daemon whose passes fail still
+  // writes lines, and one that hangs does not.
   void OnLog(const LogEvent& event_);
 
-  // Looks at everything; to be called once a second or so, the first time soon after each start of
-  // the daemon. Does not block. Starts child processes and waits for each by its number.
+  // Looks for all problems. To be called about once a second, the first time soon after each start
+  // of the daemon. Does not block. Starts child processes and waits for each by its number.
   void Check(const View& view_);
 
-  // Sets or ends a problem that another part has found. The time of its start stays. The id is in
-  // the table in problems.cc.
+  // Sets a problem that another part has found. A problem that is set again keeps the time of its
+  // start. The id must be in the table in problems.cc.
   void Set(const std::string& id_, const std::string& sentence_, const std::string& remedy_);
   void Clear(const std::string& id_);
 
   // True if another process holds a lock that the daemon waits for: a restart would not help.
   bool IsLocked() const;
 
-  // True if the daemon has to be started again: its lock is on a directory that is no longer the
+  // True if the daemon must be restarted: it holds the lock of a directory that is no longer the
   // output directory.
   bool NeedsRestart() const;
 

@@ -30,14 +30,14 @@ constexpr size_t kMaxCommandText = 64 * 1024;  // Bytes.
 
 [[noreturn]] void Exec(char* const* arguments_, int log_, int parent_) {
   setpgid(0, 0);
-  // Not a softer signal: without the station, whatever the daemon takes has no copy, and while
-  // there is something to say it does not end.
+  // SIGKILL, as a daemon that has messages to speak does not end on a softer signal. Without the
+  // station, the messages that it takes have no copy.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent_) {
     _exit(EXIT_FAILURE);
   }
   if (getpriority(PRIO_PROCESS, 0) < 0) {
-    setpriority(PRIO_PROCESS, 0, 0);  // Only the station goes first.
+    setpriority(PRIO_PROCESS, 0, 0);  // Only the station has a higher priority.
   }
   sigset_t none;
   sigemptyset(&none);
@@ -59,13 +59,13 @@ struct CloseDirectory {
 struct Process {
   int pid;
   int parent;
-  long long start;  // In ticks.
+  long long start;  // In clock ticks since the start of the system.
 };
 
 Process ReadProcess(int pid_) {
-  constexpr int kFieldsToStart = 18;  // From the parent on.
+  constexpr int kFieldsToStart = 18;  // Counted from the field of the parent.
   const std::string stat = ReadWhole(Format("/proc/%d/stat", pid_));
-  const size_t name_end = stat.rfind(')');  // Then the state, one letter, and the parent.
+  const size_t name_end = stat.rfind(')');  // The state, one letter, and the parent follow.
   if (name_end == std::string::npos || name_end + 4 > stat.size()) {
     throw std::string("no such process");
   }
@@ -77,7 +77,7 @@ Process ReadProcess(int pid_) {
   return {pid_, parent, field == nullptr ? 0 : strtoll(field, nullptr, 10)};
 }
 
-// The newest last.
+// All processes that can be seen, the newest last.
 std::vector<Process> AllProcesses() {
   std::vector<Process> all;
   const std::unique_ptr<DIR, CloseDirectory> proc(opendir("/proc"));
@@ -113,7 +113,7 @@ int Spawn(const std::vector<std::string>& command_, int log_) {
   if (pid == 0) {
     Exec(arguments.data(), log_, parent);
   }
-  setpgid(pid, pid);  // Here as well: whoever comes first.
+  setpgid(pid, pid);  // Parent and child both do this, as either may run first.
   return pid;
 }
 
@@ -137,7 +137,7 @@ std::vector<int> Children(int pid_) {
 std::vector<int> Descendants(int pid_) {
   std::set<int> family = {pid_};
   std::vector<int> found;
-  for (const Process& process : AllProcesses()) {  // Nobody is older than the parent.
+  for (const Process& process : AllProcesses()) {  // No process is older than its parent.
     if (family.count(process.parent) != 0) {
       family.insert(process.pid);
       found.push_back(process.pid);

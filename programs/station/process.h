@@ -4,24 +4,24 @@
 #include <string>
 #include <vector>
 
-// Starts a program, which is searched in PATH, as the head of a new process group. It reads and
-// writes /dev/null and logs to the descriptor. If the caller ends, it gets SIGINT. A program that
-// cannot be executed says so in its log and ends with status 127.
+// Starts a program, which is searched in PATH, as the leader of a new process group. Its standard
+// input and output are /dev/null, and its standard error is log_. The kernel kills it if the caller
+// ends. A program that cannot be executed says so in its log and ends with status 127.
 // Throws a string if no process can be made.
 int Spawn(const std::vector<std::string>& command_, int log_);
 
-// True if that child has ended; then it is gone, and status_ is as waitpid gives it.
+// True if that child has ended; it is reaped then, and status_ is as waitpid gives it.
 bool HasEnded(int pid_, int& status_);
 
 // "status 1" or "signal 9".
 std::string Described(int status_);
 
-// The processes below that one, the newest last.
+// The process's children, their children and so on, the newest last.
 std::vector<int> Descendants(int pid_);
-// Its children, the newest last.
+// The process's children, the newest last.
 std::vector<int> Children(int pid_);
 
-// Sends SIGKILL to the process, its group and all processes below it.
+// Sends SIGKILL to the process, its group and all its descendants.
 void KillTree(int pid_);
 
 // A command that runs in the background; its standard error is kept.
@@ -52,5 +52,6 @@ class Command {
   std::string text;
 };
 
-// The program of that name beside this process's own, or else the bare name.
+// The path of the program of that name in the directory of this program; the bare name if there is
+// none.
 std::string BesideThis(const std::string& name_);

@@ -17,8 +17,8 @@ constexpr int kMaxWaiting = 8;
 
 using SocketCall = int (*)(int, const sockaddr*, socklen_t);
 
-// Binds or connects a new socket; throws a string. The path goes through a descriptor of the
-// directory, as an address is short.
+// Binds or connects a new socket; throws a string if that fails. The address names the directory by
+// a descriptor, as the room for a path is short.
 int OpenSocket(const std::string& run_, int flags_, SocketCall call_) {
   const int directory = open(run_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags_, 0);

@@ -1,9 +1,9 @@
-// The socket "apply" in the run directory: who connects wants the edited files checked and applied
-// at once.
+// The socket "apply" in the run directory. A client connects to have the edited files checked and
+// applied at once.
 //
 // The station first sends the path of the edited configuration and the words of the command that
-// checks a configuration, each followed by a zero, and a further zero. After the check it sends
-// "0", or "1" if a file was refused, and a text, and closes the connection.
+// checks a configuration, each followed by a zero byte, and a further zero byte. After the check,
+// it sends "0", or "1" if a file was refused, and a text, and closes the connection.
 #pragma once
 
 #include <string>
@@ -11,7 +11,8 @@
 
 class Requests {
  public:
-  // greeting_: path and words. Throws a string if the socket cannot be made.
+  // greeting_: the path and the words that are sent first. Throws a string if the socket cannot be
+  // made.
   Requests(const std::string& run_, const std::vector<std::string>& greeting_);
   ~Requests();
   Requests(const Requests&) = delete;
@@ -20,7 +21,7 @@ class Requests {
   int Descriptor() const { return listener; }  // Readable when somebody has connected.
   bool Accept();                               // True if there is a new request.
   bool IsWaiting() const { return !clients.empty(); }
-  void Reply(bool is_fine_, const std::string& text_);  // To all who wait.
+  void Reply(bool is_fine_, const std::string& text_);  // Answers all waiting clients.
 
  private:
   std::string greeting;

@@ -43,7 +43,7 @@ class Spool {
   // again after the next start.
   void OnDaemonEnd();
 
-  // True if no message waits or is being said: nobody needs a status soon.
+  // True if no message waits or is being spoken, so that no status is needed soon.
   bool IsIdle() const;
 
   // Adds messages, what is being said, problems with single files, and counters.

@@ -2,10 +2,11 @@
 
 namespace {
 
-// Seconds. A pass takes less than 1; while it stops helpers, 2 for each, it is active.
+// Seconds. A pass takes less than one. To stop helpers takes 2 seconds for each, but the daemon is
+// active meanwhile.
 constexpr double kHangLimit = 15;
 
-// Seconds that the daemon has to go on after its translator was killed.
+// Seconds within which the daemon must go on after its translator was killed.
 constexpr double kAfterKill = 10;
 
 }  // namespace
@@ -28,8 +29,8 @@ void Watchdog::OnTranslator(bool runs_, double now_) {
   alive = now_;
 }
 
-// The status does not advance while each pass fails, for instance because a directory is missing.
-// A restart would not help then, so activity of any kind counts.
+// The status does not advance while each pass fails, for example because a directory is missing. A
+// restart would not help then, so any activity counts as work.
 Watchdog::Verdict Watchdog::Look(const std::string& activity_, bool is_locked_, double now_) {
   if (activity_ != activity || is_locked_) {
     activity = activity_;

@@ -24,7 +24,8 @@ namespace {
 
 constexpr int kPollPause = 50;  // Milliseconds.
 constexpr int kDefaultLimit = 5;
-constexpr double kShortPatience = 0.5;  // Seconds for a whole status; the daemon may be hung.
+// Seconds to wait for a complete status; the daemon may be hung.
+constexpr double kShortPatience = 0.5;
 
 enum ExitStatus { kFine = 0, kTrouble = 1, kNoDaemon = 2, kWrongUse = 3 };
 
@@ -34,7 +35,7 @@ struct Options {
   bool is_metrics = false;
   int limit = kDefaultLimit;  // Seconds without a new status that make it stale.
   std::string run = VOCASTRA_RUN_DIR;
-  std::string path;  // Of a status file; empty: look at the run directory.
+  std::string path;  // Of a status file; empty: the run directory is used.
 
   std::string StatusPath() const { return path.empty() ? run + "/status.xml" : path; }
 };
@@ -52,7 +53,7 @@ std::string ToText(const Options& options_, const Report& report_) {
                              : ToTable(report_);
 }
 
-// What the station tells, at once. Nothing if there is none.
+// The station's report, without waiting. Nothing if there is no station.
 std::optional<Report> AskStation(const Options& options_) {
   const std::string path = options_.run + "/health";
   if (!options_.path.empty() || access(path.c_str(), F_OK) != 0) {
@@ -64,13 +65,13 @@ std::optional<Report> AskStation(const Options& options_) {
     try {
       status = ReadStatus(options_.StatusPath(), kShortPatience);
     } catch (const std::string&) {
-      // The health tells why.
+      // The health file has the reason.
     }
     std::optional<PlayerState> player;
     try {
       player = ReadPlayerState(options_.run + "/player");
     } catch (const std::string&) {
-      // There is none.
+      // There is no health file.
     }
     return MakeReport(std::move(health), std::move(status), std::move(player));
   } catch (const std::string& why) {
@@ -78,7 +79,7 @@ std::optional<Report> AskStation(const Options& options_) {
   }
 }
 
-// Without a station: waits until the counter has moved, or for the limit.
+// Without a station: waits until the status's counter changes, or for the limit.
 Report LookOnce(const Options& options_) {
   if (std::optional<Report> report = AskStation(options_)) {
     return std::move(*report);
@@ -100,7 +101,7 @@ Report LookOnce(const Options& options_) {
   }
 }
 
-// Ends the program if standard output is gone, so that a follower ends with its reader.
+// Ends the program if standard output is closed, so that "--follow" ends with its reader.
 void Print(const std::string& text_) {
   if (fputs(text_.c_str(), stdout) == EOF || fflush(stdout) == EOF) {
     perror("vocastra-status: standard output");
@@ -108,7 +109,7 @@ void Print(const std::string& text_) {
   }
 }
 
-// Looks at the status; notes when it last changed.
+// Reads the status and notes when it last changed.
 class Watcher {
  public:
   explicit Watcher(const Options& options_) : options(options_) {}
@@ -136,7 +137,7 @@ class Watcher {
   double last_change = Now();
 };
 
-// Prints a report and the time whenever more than the counter has changed.
+// Prints a report with the time when more than the counter has changed.
 [[noreturn]] void Follow(const Options& options_) {
   Watcher watcher(options_);
   std::string last_key;

@@ -19,7 +19,7 @@ std::string LabelValue(const std::string& value_) {
   return text;
 }
 
-// Metrics in families, each at one place.
+// Collects metrics by family, as the text must have the lines of a family together.
 class Metrics {
  public:
   void Begin(const std::string& name_, const char* type_, const char* help_) {

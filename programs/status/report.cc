@@ -17,7 +17,7 @@ using Json = nlohmann::ordered_json;
 constexpr char kStartIt[] = "See the log, and start the service: systemctl restart vocastra";
 constexpr char kSeeHelper[] = "See what its helper says in the log";
 
-constexpr size_t kShownMessages = 10;  // The last ones; JSON has all.
+constexpr size_t kShownMessages = 10;  // The last ones in the table; JSON has all.
 
 // The first message; null if there is none.
 const XMLElement* MessageOf(const XMLElement& directory_) {
@@ -51,7 +51,7 @@ Json JsonDirectory(const XMLElement& directory_) {
           {"message", message}};
 }
 
-// Valid UTF-8 without control characters, which could steer a terminal.
+// The value as valid UTF-8 without control characters, which a terminal could obey.
 std::string Printable(const std::string& value_) {
   std::string text;
   const std::string valid = Utf8ReplaceInvalid(value_);
@@ -68,7 +68,7 @@ std::string Printable(const std::string& value_) {
   return text;
 }
 
-// In code points, which is near enough to columns.
+// The width in code points, which is about the number of columns.
 size_t WidthOf(const std::string& text_) {
   return static_cast<size_t>(
       std::count_if(text_.begin(), text_.end(), [](char c_) { return (c_ & 0xC0) != 0x80; }));

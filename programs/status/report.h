@@ -1,4 +1,4 @@
-// What is known about the service at one moment, and how it is shown.
+// A report on the service at one moment, and its formats.
 #pragma once
 
 #include <memory>
@@ -12,7 +12,7 @@
 
 struct Report {
   bool is_running = false;             // The daemon runs and is not hung.
-  std::unique_ptr<XMLElement> status;  // As ReadStatus returns it. Null: there is none.
+  std::unique_ptr<XMLElement> status;  // The tree of ReadStatus; null: there is no status.
   std::optional<Health> health;        // Of a station.
   std::optional<PlayerState> player;
   std::vector<Problem> problems;
@@ -21,7 +21,7 @@ struct Report {
 // A report that there is no daemon.
 Report NoDaemon(const std::string& why_);
 
-// The report on a daemon without a station, with the problems that its status tells. is_stale_: it
+// The report on a daemon without a station, with the problems in its status. is_stale_: the status
 // is older than limit_ seconds.
 Report MakeReport(std::unique_ptr<XMLElement> status_, bool is_stale_, int limit_);
 
@@ -29,14 +29,14 @@ Report MakeReport(std::unique_ptr<XMLElement> status_, bool is_stale_, int limit
 Report MakeReport(Health health_, std::unique_ptr<XMLElement> status_,
                   std::optional<PlayerState> player_);
 
-// One line of JSON. The time and the status's counter may be left out, so that reports that differ
-// in nothing else are equal.
+// One line of JSON. has_time_: with the time and the status's counter. Without these, reports with
+// the same facts are equal.
 std::string ToJson(const Report& report_, bool has_time_);
 
 // A table for people. Control characters are replaced.
 std::string ToTable(const Report& report_);
 
-// A time as people read it; local time.
+// A time for people, in local time.
 std::string TimeText(long long time_);
 
 // The same facts as OpenMetrics text.

@@ -1,4 +1,4 @@
-"""The running daemon does what vocastra-messages(7) and the status file's schema say."""
+"""The running daemon behaves as vocastra-messages(7) and the status file's schema say."""
 
 import re
 
@@ -57,7 +57,7 @@ def words_of(make_daemon, text, **attributes):
 
 
 def test_the_listed_marks_end_a_word(make_daemon):
-    """And no other of ASCII."""
+    """No other ASCII character does."""
     line = re.search(r"^\.Ql (\\&! .*)$", MESSAGES, re.MULTILINE)[1]
     listed = set(re.sub(r"\\&| ", "", line))
     marks = [chr(cp) for cp in range(0x21, 0x7F) if not chr(cp).isalnum()]
@@ -94,7 +94,7 @@ def test_the_same_text_under_a_name_that_was_just_taken_is_not_spoken(make_daemo
     daemon.start()
     daemon.hold()
     daemon.drop("a", "one", "Same.")
-    # The file is taken. There is no scan before the translator ends.
+    # The file is taken. The next scan comes after the translator's end.
     daemon.wait(lambda: list(daemon.records.glob("1.complete")), "the translator")
     daemon.drop("a", "one", "Same.")
     daemon.release()

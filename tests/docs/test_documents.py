@@ -30,7 +30,7 @@ def test_links_have_targets(path):
 
 
 @pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: str(path.relative_to(ROOT)))
-def test_paths_named_exist(path):
+def test_named_paths_exist(path):
     """A path in backticks whose first part is one of the project's directories."""
     tops = [entry.name for entry in ROOT.iterdir() if entry.is_dir() and entry.name != "build"]
     pattern = rf"`((?:{'|'.join(map(re.escape, tops))})/[\w./-]*)`"
@@ -78,7 +78,7 @@ def test_every_configuration_and_glossary_fits_its_schema():
     for pattern in ("**/*.xml", "**/*.conf"):
         for path in ROOT.glob(pattern):
             if {"build", ".git", "tests", "fuzz"} & set(path.relative_to(ROOT).parts):
-                continue  # Generated, or wrong on purpose.
+                continue  # The file is generated, or wrong on purpose.
             root = re.search(r"<([a-z][\w-]*)", path.read_text(errors="replace"))
             if root and root[1] in roots:
                 roots[root[1]] += 1
@@ -92,12 +92,12 @@ def test_functions_in_the_design_exist():
     names = set(re.findall(r"\b(?:[A-Z]\w+::)+\w+", text))
     assert len(names) >= 8
     for name in names:
-        # Written in the design without the "Impl" in between.
+        # The design omits the "Impl" in the name.
         owner, _, function = name.replace("::Impl", "").rpartition("::")
         assert re.search(rf"\b{owner}::(Impl::)?{function}\(", sources), name
 
 
-def test_the_diagram_shows_who_uses_whom():
+def test_the_diagram_shows_every_include():
     """Every arrow of doc/design.md is an #include, and every #include an arrow, except of the
     support library, which every module may use."""
     support = {"charencoding", "crc", "debug", "directory", "format", "safe_strncpycat", "xml"}

@@ -1,4 +1,4 @@
-"""Each example runs as its README says, and speaks the messages as its README says."""
+"""Each example runs, and speaks its messages, as its README says."""
 
 import os
 import re
@@ -16,26 +16,26 @@ EXAMPLES = sorted(path.parent.name for path in (ROOT / "examples").glob("*/confi
 
 PAUSE = "\\pau=300\\ "
 
-# Leaves its process id, so that the test can end it, and becomes the daemon.
+# Writes its process id, so that the test can end it, and becomes the daemon.
 DAEMON = """#!/bin/sh
 echo $$ >"$SCRATCH/daemon.pid"
 exec {program} "$@" 2>"$SCRATCH/log"
 """
 
-# Notes what is to be spoken and makes tones.
+# Records the text and makes tones.
 TRANSLATOR = """#!/bin/sh
 for message; do :; done
 {companions}/translators/tone "$@" || exit
 printf '%s\\t%s\\n' "$message" "$(cat "$1")|" >>"$SCRATCH/spoken"
 """
 
-# Needs no sound device, and notes what it takes.
+# A player without a sound device, which prints the files that it takes.
 PLAYER = """#!/bin/sh
 echo $$ >"$SCRATCH/player.pid"
 exec {companions}/player --verbose --wav "$SCRATCH/sound.wav" "$@" >"$SCRATCH/played"
 """
 
-# Brings what is in $SCRATCH/site.
+# A helper that delivers the files in $SCRATCH/site.
 HELPER = """#!/bin/sh
 printf '%s\\n' "$@" >"$SCRATCH/helper-arguments"
 mkdir -p "$5/$2"
@@ -55,7 +55,7 @@ done
 
 
 class Example:
-    """A copy of an example in scratch/NAME, beside which everything else lies."""
+    """A copy of an example in scratch/NAME; all other files are in scratch."""
 
     def __init__(self, name, scratch):
         self.name = name
@@ -104,11 +104,11 @@ class Example:
         assert done.returncode == 0, self.describe()
 
     def promised(self):
-        """Message to its words, by the table of the README."""
+        """The words of each message, from the table of the README."""
         return dict(re.findall(r"^\| `(\S+)` \| (.*) \|$", self.readme, re.MULTILINE))
 
     def spoken(self):
-        """Message to all that was said of it."""
+        """The spoken text of each message."""
         words = {}
         for line in self.text("spoken").splitlines():
             message, text = line.split("\t")
@@ -131,13 +131,13 @@ class Example:
         wait_until(condition, self.describe)
 
     def end(self, kind, number):
-        """Ends the daemon or the player, which are no children of ours, and waits for it."""
+        """Ends the daemon or the player, which are no children of this process, and waits."""
         pid = self.text(f"{kind}.pid").strip()
         if not pid:
             return
 
         def alive():
-            try:  # The directory shows that the number still belongs to our process.
+            try:  # The directory shows that the number still belongs to the same process.
                 return os.readlink(f"/proc/{pid}/cwd") == str(self.path)
             except FileNotFoundError:
                 return False
@@ -174,7 +174,7 @@ def status(example):
 
 
 @pytest.mark.parametrize("name", EXAMPLES)
-def test_runs(name, run_example):
+def test_example_runs_as_its_readme_says(name, run_example):
     example = run_example(name)
     if name == "plant":
         example.wait(lambda: 'id="alarms"' in status(example))

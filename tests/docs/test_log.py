@@ -5,7 +5,7 @@ import re
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TEXT = r'"((?:[^"\\]|\\.)*)"'
-# A text that is logged or thrown, and the two of a conditional.
+# Calls with a text that is logged or thrown, or with one of two texts.
 CALLS = [
     r"Debug\(\s*(?:kDebug\w+|mask_),\s*" + TEXT,
     r"ToValidUtf8\([^;\"]*" + TEXT,
@@ -33,7 +33,7 @@ def texts_in_document():
     return {match.group(1) for row in rows if (match := re.match(r"\| `([^`]+)` \|", row))}
 
 
-def test_the_sources_are_understood():
+def test_every_text_in_the_sources_is_found():
     assert {
         "Now output-bound",
         "No longer output-bound",

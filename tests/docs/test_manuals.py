@@ -1,4 +1,4 @@
-"""The manuals are well-formed, and complete against the programs' usage texts and the schemas."""
+"""The manuals are well-formed, and agree with the programs' usage texts and the schemas."""
 
 import re
 import xml.etree.ElementTree
@@ -84,7 +84,7 @@ def attributes_of(schema, element):
             elif child.tag == f"{RNG}ref" and child.get("name") not in seen:
                 seen.add(child.get("name"))
                 collect(rules[child.get("name")])
-            elif child.tag != f"{RNG}element":  # Inner elements have their own.
+            elif child.tag != f"{RNG}element":  # Inner elements have their own attributes.
                 collect(child)
 
     elements = [node for node in root.iter(f"{RNG}element") if node.get("name") == element]
@@ -105,8 +105,8 @@ CONFIGURATION = ["tts-config", "directory", "parser", "field"]
 
 
 def table(element):
-    """The rows of vocastra-check's table: for each attribute "string" or "number", and the default,
-    None if it is required."""
+    """The rows of vocastra-check's table. For each attribute: "string" or "number", and the
+    default, which is None if the attribute is required."""
     code = (ROOT / "programs/check/attributes.cc").read_text()
     row = rf'\{{"{element}", "([\w-]+)", (kInteger)?.*, (nullptr|"\w*"), [^,]+, \w+\}}'
     return {
@@ -132,7 +132,7 @@ def test_table_of_directories_has_what_the_daemon_reads():
     read = re.findall(r'GetAttribute(String|Integer)\("([\w-]+)", "?(\w*)"?\)', code)
     kinds = {"String": "string", "Integer": "number"}
     rows = table("directory")
-    rows["id"] = ("string", "")  # The player requires it before.
+    rows["id"] = ("string", "")  # The daemon requires it before it reads the others.
     rows["display-id"] = ("string", "id")
     assert {name: (kinds[kind], default) for kind, name, default in read} == rows
 
@@ -154,7 +154,7 @@ def test_attributes_of_the_status_file(element):
 def test_problems_in_the_manual_are_those_of_the_code():
     table = (ROOT / "programs/station/problems.cc").read_text().partition("kKinds[] = {")[2]
     ids = re.findall(r'^ +\{"([a-z-]+)",', table.partition("};")[0], re.MULTILINE)
-    ids += ["no-daemon", "stale"]  # Of a daemon without a station.
+    ids += ["no-daemon", "stale"]  # These belong to a daemon without a station.
     documented = re.findall(r"^\.It Cm ([a-z-]+)(?: Ns .*)?$", page("vocastra-status.1"), re.M)
     assert sorted(documented) == sorted(ids) and len(ids) > 20
     for path in (ROOT / "programs/station").glob("*.cc"):
@@ -169,14 +169,14 @@ def test_problems_in_the_manual_are_those_of_the_code():
 # --- The example with everything ------------------------------------------------------------------
 
 FULL = (ROOT / "examples/full/config.xml").read_text()
-# They have a default, with which nothing is spoken.
+# Attributes whose defaults make a directory useless.
 NEEDED = {"type", "path"}
-# The daemon uses these without a parser.
+# The daemon uses these without a "parser" attribute.
 NAMED_DEFAULTS = {"parser": "text", "encoding": "utf8"}
 
 
 def explained():
-    """For each element of the example the attributes that its comments explain in one line."""
+    """For each element of the example, the attributes that its comments explain in one line."""
     found, element = {}, ""
     for comment in re.findall(r"<!--(.*?)-->", FULL, re.DOTALL):
         for line in comment.splitlines():
@@ -212,7 +212,7 @@ def test_the_full_example_has_every_attribute_at_its_default(element):
 
 # --- Commands of the shell ------------------------------------------------------------------------
 
-# The text or variable in every call of the shell in the sources, and its command in SECURITY.md.
+# For every call of the shell in the sources: its text or variable, and its command in SECURITY.md.
 COMMANDS = {
     "date": "date",
     "rm %s/* > /dev/null 2>&1": "rm PATH/* > /dev/null 2>&1",

@@ -1,4 +1,4 @@
-"""The schemas accept what is right, and refuse each line of wrong.txt for its one reason."""
+"""The schemas accept valid documents, and refuse each line of wrong.txt."""
 
 import re
 import shutil
@@ -12,7 +12,7 @@ SCHEMAS = ["tts-config", "glossary", "tts-status"]
 
 
 def read_cases():
-    """The right document of each schema, and the faults: schema, name, right text, wrong text."""
+    """The valid document of each schema, and the faults: schema, name, right text, wrong text."""
     text = Path(__file__).with_name("wrong.txt").read_text()
     right, wrong = {}, []
     for schema, rest in re.findall(r"^# (\S+)\n(.*?)(?=^# |\Z)", text, re.MULTILINE | re.DOTALL):
@@ -42,7 +42,7 @@ def test_accepts_its_root_alone(schema, tmp_path):
 
 @pytest.mark.parametrize("schema, right, wrong", WRONG)
 def test_refuses(schema, right, wrong, tmp_path):
-    """The right document of the schema with this alone changed."""
+    """Refuses the schema's valid document with only this change."""
     assert RIGHT[schema].count(right) == 1
     assert not accepts(schema, RIGHT[schema].replace(right, wrong), tmp_path)
 

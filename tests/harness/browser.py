@@ -1,4 +1,4 @@
-"""A browser that looks at the desk."""
+"""A browser for the desk's pages."""
 
 import base64
 import os
@@ -13,7 +13,7 @@ from harness.wait import wait_until
 
 
 class Browser:
-    """Chromium without a window. Elements are named by CSS selectors."""
+    """Chromium without a window. CSS selectors name the elements."""
 
     def __init__(self, root):
         options = webdriver.ChromeOptions()
@@ -28,7 +28,7 @@ class Browser:
             "--no-first-run",
             "--disable-background-networking",
             "--disable-component-update",
-            # Whatever it does besides, nothing leaves this machine.
+            # No request of the browser leaves this machine.
             "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1",
             f"--user-data-dir={root}",
         ):
@@ -49,7 +49,7 @@ class Browser:
         )
 
     def shoot(self, name, height=None, scale=1):
-        """A screenshot of the page, or its top, kept where VOCASTRA_SCREENSHOTS says."""
+        """Writes a screenshot of the page, or of its top, to VOCASTRA_SCREENSHOTS."""
         self.shots.mkdir(exist_ok=True)
         clip = self.driver.execute_cdp_cmd("Page.getLayoutMetrics", {})["cssContentSize"]
         clip.update(scale=scale, height=height or clip["height"])
@@ -59,7 +59,7 @@ class Browser:
         (self.shots / f"{name}.png").write_bytes(base64.b64decode(shot["data"]))
 
     def prefer(self, scheme):
-        """Light or dark colours."""
+        """Sets the preference for light or dark colours."""
         feature = {"name": "prefers-color-scheme", "value": scheme}
         self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [feature]})
 
@@ -93,13 +93,13 @@ class Browser:
         )
 
     def tab_to(self, wanted):
-        """Presses the tabulator until that element has the focus."""
+        """Presses the Tab key until that element has the focus."""
         for _ in range(80):
             if self.focused() == wanted:
                 return
             self.press(Keys.TAB)
         raise AssertionError(f"the tabulator does not reach {wanted}")
 
-    def complaints(self):
-        """What the browser has logged as an error since the last call."""
+    def logged_errors(self):
+        """The errors that the browser has logged since the last call."""
         return [entry["message"] for entry in self.driver.get_log("browser")]

@@ -26,13 +26,13 @@ class Sandbox:
         self.started = []
 
     def provide(self, name, script):
-        """Puts a shell script in front of the real program of that name."""
+        """Makes a shell script that replaces the program of that name."""
         program = self.bin / name
         program.write_text("#!/bin/sh\n" + script)
         program.chmod(0o755)
 
     def leave_only(self, *names):
-        """From now on only these programs, and those provided, can be found."""
+        """From now on, only these programs, and the provided ones, can be found."""
         for name in names:
             (self.bin / name).symlink_to(shutil.which(name, path="/usr/bin:/bin"))
         self.environment["PATH"] = str(self.bin)

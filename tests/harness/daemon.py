@@ -1,4 +1,4 @@
-"""Runs the daemon in a scratch tree of its own and looks at it from outside.
+"""Runs the daemon in its own scratch tree and watches it from outside.
 
 A test makes a Daemon below its temporary directory, writes a configuration, starts it, drops
 messages and compares what comes out: output files, status file, log, translator calls. Nothing
@@ -79,7 +79,7 @@ class HelperRun:
 
 
 class Daemon:
-    """A daemon in its scratch tree. Not started by construction; close() ends it in any case.
+    """A daemon in its scratch tree. The constructor does not start it; close() ends it in any case.
 
     words, files and debug become -w, -f and -d. status is True for status.xml, "stream" for a
     FIFO whose every document is kept (see statuses()), "apart" for a file in a directory of its
@@ -163,7 +163,7 @@ class Daemon:
     def configure(self, *elements, state="run"):
         """Writes the configuration; the daemon reads it in its next pass."""
         text = element("tts-config", elements or ("\n",), state=state)
-        # The daemon compares only a 16-bit checksum: two equal ones must not fail a test.
+        # The daemon compares only 16-bit checksums, and equal ones must not fail a test.
         if self.config.exists() and self.config.read_text() != text:
             while crc16(self.config.read_bytes()) == crc16(text.encode()):
                 text += "\n"
@@ -237,7 +237,7 @@ class Daemon:
         assert [str(path) for path in self.temporaries() if path.exists()] == []
 
     def close(self):
-        """Ends whatever still runs and removes what a failed test has left."""
+        """Ends all running processes and removes the files of a failed test."""
         self.release()
         if self.process and self.process.poll() is None:
             self.process.send_signal(signal.SIGINT)
@@ -249,7 +249,7 @@ class Daemon:
         if self.stream:
             self.stream.finish()
         for run in self.helper_runs():
-            # The command line shows that the number still belongs to our helper.
+            # The command line shows that the number still belongs to the helper.
             with contextlib.suppress(OSError):
                 if os.fsencode(self.root) in Path(f"/proc/{run.pid}/cmdline").read_bytes():
                     os.kill(run.pid, signal.SIGKILL)
@@ -282,7 +282,7 @@ class Daemon:
             text = self.status_path.read_text()
         except FileNotFoundError:
             return None
-        # Rewritten in place: half a document is not yet a status.
+        # The file is rewritten in place, so an incomplete document is no status yet.
         complete = re.fullmatch(r"<tts-status [^\n]*(/>\n|>\n.*</tts-status>\n)", text, re.S)
         return text if complete else None
 
@@ -344,14 +344,14 @@ class Daemon:
         return self.helper_runs()
 
     def waits_for_lock(self):
-        """Whether it is blocked at a directory's lock."""
+        """Whether the daemon waits for a directory's lock."""
         return self.process.pid in lock_waiters()
 
     def wait_lock(self):
         self.wait(self.waits_for_lock, "the daemon to wait for a lock")
 
     def zombies(self):
-        """Process ids of its children that have ended and were not collected."""
+        """Process ids of children that have ended and were not collected."""
         pid = self.process.pid
         zombies = set()
         for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split():
@@ -362,7 +362,7 @@ class Daemon:
         return zombies
 
     def temporaries(self):
-        """This daemon's paths below /tmp, as far as the translator and the helpers were told."""
+        """The daemon's paths below /tmp that the translator and the helpers have received."""
         paths = set()
         for path in self.records.glob("*.complete"):
             paths.update(TranslatorRun(self.records, path.stem).arguments[:2])
@@ -378,14 +378,15 @@ class Daemon:
     def wait_outputs(self, count):
         """Waits for at least count whole files in the output directory; returns the names."""
         self.wait(lambda: len(self.outputs()) >= count, f"{count} output files")
-        # A file is copied under the lock: once we have had it, all that are listed are whole.
+        # A file is copied under the lock. After the lock was free once, all listed files are
+        # complete.
         with locked(self.output):
             return self.outputs()
 
     def take(self, count=None):
         """Takes output files as a player does: under the lock, lowest number first.
 
-        Returns (name, bytes) of each; all that are there without a count.
+        Returns (name, bytes) of each; without a count, takes all files.
         """
         with locked(self.output):
             taken = [(name, (self.output / name).read_bytes()) for name in self.outputs()[:count]]
@@ -400,7 +401,7 @@ class Daemon:
         publish(self.records / "behaviour", " ".join(words) + "\n")
 
     def hold(self):
-        """From now on, a call of the translator lasts until release()."""
+        """From now on, each call of the translator lasts until release()."""
         (self.records / "hold").touch()
 
     def release(self):

@@ -1,4 +1,4 @@
-"""Runs the web server for the people who announce, and talks to it."""
+"""Runs the desk, a web server, and sends it requests."""
 
 import contextlib
 import http.client
@@ -18,7 +18,7 @@ FORM = "application/x-www-form-urlencoded"
 
 
 class Desk:
-    """A desk in a directory of its own, on a free port of loopback, with a user for each role."""
+    """A desk in its own directory, on a free port of loopback, with a user for each role."""
 
     def __init__(self, root, options=(), users=("look", "say", "operate")):
         self.root = Path(root)
@@ -79,11 +79,11 @@ class Desk:
         return len(list(Path(f"/proc/{self.process.pid}/fd").iterdir()))
 
     def connect(self):
-        """A bare connection."""
+        """A TCP connection to the desk."""
         return socket.create_connection(("127.0.0.1", self.port), LIMIT)
 
     def exchange(self, data):
-        """Sends bytes, and returns all that comes until the server closes the connection."""
+        """Sends bytes, and returns all bytes that come until the server closes the connection."""
         with self.connect() as connection:
             with contextlib.suppress(OSError):  # It may have been closed.
                 connection.sendall(data)
@@ -91,7 +91,7 @@ class Desk:
             return receive_all(connection)
 
     def tell(self, problem):
-        """Replaces the health file as a station does that runs; this process is the station."""
+        """Replaces the health file as a running station does; this process is the station."""
         start = Path("/proc/self/stat").read_text().rpartition(")")[2].split()[19]
         pid = os.getpid()
         numbers = f'daemon="{pid}" station="{pid}" station-start="{start}"'
@@ -111,7 +111,7 @@ def receive_all(connection):
 
 
 class Browser:
-    """Requests to a desk, with the cookie that it gave."""
+    """Sends requests to a desk, with the session's cookie."""
 
     def __init__(self, desk, context=None, **headers):
         self.desk = desk

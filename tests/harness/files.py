@@ -1,4 +1,4 @@
-"""Files that programs hand to each other: how they are published and locked, and XML texts."""
+"""Publishes and locks files as the programs do, and makes XML texts."""
 
 import contextlib
 import fcntl
@@ -8,7 +8,7 @@ from xml.sax.saxutils import quoteattr
 
 
 def publish(path, data):
-    """Writes data under a hidden name beside path and renames it."""
+    """Writes data under a hidden name beside path and renames the file."""
     path = Path(path)
     data = data.encode() if isinstance(data, str) else data
     hidden = path.with_name("." + path.name)
@@ -50,7 +50,7 @@ def is_locked(directory):
 
 
 def lock_waiters(directory=None):
-    """The processes that are blocked in flock, of that directory or of any."""
+    """The processes that wait for the lock of that directory, or of any."""
     inode = f":{os.stat(directory).st_ino}" if directory else ""
     lines = [line.split() for line in Path("/proc/locks").read_text().splitlines()]
     waiters = [fields for fields in lines if fields[1] == "->" and fields[2] == "FLOCK"]
@@ -67,7 +67,7 @@ def element(name, children=(), **attributes):
 
 
 def parser(identity, *fields, attr_mode=None):
-    """A parser element of type xml; fields are (tag, attr, attr_value, parent), ends left out."""
+    """A parser element of type xml. Fields are (tag, attr, attr_value, parent) or its beginning."""
     names = ("tag", "attr", "attr_value", "parent")
     children = []
     for field in fields:

@@ -12,9 +12,9 @@ COMMANDS = {"active": ("PORT", "EPRT"), "passive": ("PASV", "EPSV")}
 
 
 def clear_data_handler(certificate):
-    """TLS for commands alone. Commands are logged."""
+    """TLS for commands only. Commands are logged."""
     # pylint: disable=import-outside-toplevel
-    from pyftpdlib.handlers import TLS_FTPHandler  # Only there with python3-openssl.
+    from pyftpdlib.handlers import TLS_FTPHandler  # This class exists only with python3-openssl.
 
     class Handler(TLS_FTPHandler):
         """Refuses PROT P."""

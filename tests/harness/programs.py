@@ -1,8 +1,8 @@
 """Runs the programs of a build.
 
-The daemon is named by the environment variable VOCASTRA, a command line that is split as a shell
-does, so that an emulator can be in front; without it, build/release/vocastra. The other programs
-are beside it.
+The environment variable VOCASTRA has the daemon's command, split as a shell does, so that it can
+begin with an emulator. Without it, the daemon is build/release/vocastra. The other programs are
+beside it.
 """
 
 import contextlib
@@ -43,7 +43,7 @@ def environment(**changes):
 
 
 def start_command(*command, **options):
-    """Starts any command: without input, in the C locale, with pipes for both outputs.
+    """Starts any command without input, in the C locale, with pipes for both outputs.
 
     Options are those of subprocess.Popen.
     """
@@ -54,7 +54,7 @@ def start_command(*command, **options):
 
 
 def start(name, *arguments, prefix=(), **options):
-    """Starts a program, with a prefix command in front of it."""
+    """Starts a program, with a prefix command before it."""
     command = program() if name == "vocastra" else [tool(name)]
     return start_command(*prefix, *command, *arguments, **options)
 
@@ -77,7 +77,7 @@ def run(name, *arguments, **options):
 
 
 def run_command(*command, **options):
-    """Runs any command to its end. Its output, both kinds in one text, is in stdout."""
+    """Runs any command to its end. Standard output and error are one text in stdout."""
     return subprocess.run(
         [str(word) for word in command],
         stdin=subprocess.DEVNULL,
@@ -120,6 +120,6 @@ def descendants(pid):
 
 
 def descriptors(path):
-    """Descriptor number to what it leads to, from a recorded `ls -l` of /proc/PID/fd."""
+    """The target of each descriptor number, from a recorded `ls -l` of /proc/PID/fd."""
     found = re.findall(r" (\d+) -> (.*)$", Path(path).read_text(), re.MULTILINE)
     return {int(number): target for number, target in found}

@@ -15,9 +15,8 @@ def listen():
 class Proxy:
     """Forwards connections to server, which knows it as its `front`.
 
-    A connection ends after as many bytes from the server as next_limit() says when it is opened;
-    None is for no limit. The connections for an FTP server's data count with the one that they
-    belong to.
+    A connection ends after next_limit() bytes from the server; None means no limit. The connections
+    for an FTP server's data count together with their control connection.
     """
 
     def __init__(self, _, server):
@@ -89,7 +88,7 @@ class Session:
         self.end(source, target)
 
     def translate(self, data):
-        """Puts a port of the proxy in the place of one that an FTP server offers."""
+        """Replaces a port that an FTP server offers by a port of the proxy."""
         found = PASSIVE_REPLY.search(data)
         if not found:
             return data

@@ -1,4 +1,4 @@
-"""Helpers that watch the inbox of a server, by themselves and started by a daemon."""
+"""Helpers that watch the inbox of a server, alone or started by a daemon."""
 
 import contextlib
 import os
@@ -14,7 +14,7 @@ from harness.wait import wait_until
 
 HELPERS = COMPANIONS / "helpers"
 
-# In one snippet: as many words as a message of these tests has.
+# The words of a snippet: more than a message of these tests has.
 WORDS = 1000
 
 
@@ -31,7 +31,7 @@ def wait_beats(directory, count, wait):
 
 
 class Helper:
-    """A helper that runs by itself. close() ends it in any case."""
+    """A helper without a daemon. close() ends it in any case."""
 
     def __init__(self, root, server, **changes):
         self.root = root
@@ -44,7 +44,7 @@ class Helper:
         self.scratch.mkdir(parents=True)
 
     def environment(self):
-        """Its temporary files go to scratch. A proxy that answers nothing must not be asked."""
+        """Temporary files go to scratch. The helper must not use the (dead) proxies."""
         return dict(os.environ, TMPDIR=str(self.scratch), ALL_PROXY="http://127.0.0.1:9")
 
     def start(self):
@@ -55,12 +55,12 @@ class Helper:
         return self
 
     def read(self, name):
-        """The text of that file in root, "" as long as there is none."""
+        """The text of that file in root; "" if there is none."""
         path = self.root / name
         return path.read_text(errors="replace") if path.exists() else ""
 
     def messages(self):
-        """Its complete lines on standard error, without what they all begin with."""
+        """Its complete lines on standard error, without their common prefix."""
         lines = self.read("log").split("\n")[:-1]
         return [line.split(": ", 2)[2] for line in lines]
 
@@ -70,7 +70,7 @@ class Helper:
         return {path.name: path.read_bytes() for path in paths if path.is_file()}
 
     def beat(self):
-        """The newest proof of life, or None before the first."""
+        """The text of the newest heartbeat, or None before the first."""
         return read_beat(self.local)
 
     def wait(self, condition, what):
@@ -103,7 +103,7 @@ class Helper:
         self.wait(self.messages, "a message of the helper")
 
     def wait_beats(self, count):
-        """Waits for so many new proofs of life: so many more looks at the server."""
+        """Waits for count new heartbeats, which mean so many looks at the server."""
         wait_beats(self.local, count, self.wait)
 
     def wait_quiet(self):
@@ -121,7 +121,7 @@ class Helper:
         return list(self.local.glob(".helper.part*"))
 
     def stop(self):
-        """SIGTERM, then asserts that it ends and leaves only the files."""
+        """Sends SIGTERM, then asserts that it ends and leaves only the files."""
         assert self.process.poll() is None, self.describe()
         self.process.send_signal(signal.SIGTERM)
         self.wait_end()
@@ -190,7 +190,7 @@ class RemoteDaemon(Daemon):
     def wait_looks(self, count=2):
         """Waits for so many more looks at the server, and that the daemon has seen the last.
 
-        The first of two may have begun earlier, the second has not.
+        The first look may have begun earlier, the second has not.
         """
         wait_beats(self.local, count, self.wait)
         self.wait_passes(2)
@@ -200,18 +200,18 @@ class RemoteDaemon(Daemon):
         return sorted(path.name for path in self.local.glob("[!.]*"))
 
     def messages(self):
-        """What the helper said, without what every line begins with."""
+        """The helper's lines, without their common prefix."""
         lines = [line for line in self.log() if line.startswith(f"{self.server.kind} helper: ")]
         return [line.split(": ", 2)[2] for line in lines]
 
     def helper_pids(self):
-        """The helpers, by their numbers, that the daemon has sent SIGTERM."""
+        """The process ids of the helpers to which the daemon has sent SIGTERM."""
         return [
             int(n) for n in re.findall(r"^Sending SIGTERM to PID (\d+)$", self.log_text(), re.M)
         ]
 
     def stop(self):
-        """Daemon.stop(), then asserts that the helper is gone with all that it had."""
+        """Calls Daemon.stop(), then asserts that the helper and its files are gone."""
         super().stop()
         pids = self.helper_pids()
         assert len(pids) >= 1 and all(ended(pid) for pid in pids)

@@ -1,4 +1,4 @@
-"""The desk with all that it needs."""
+"""A desk with a complete station."""
 
 from pathlib import Path
 
@@ -18,7 +18,7 @@ This line is broken
 
 
 class Scene:
-    """A station with daemon, translator and player, which writes a WAV file, and a desk."""
+    """A station with a daemon, a translator, a player that writes a WAV file, and a desk."""
 
     def __init__(self, root):
         self.root = Path(root)
@@ -46,7 +46,7 @@ class Scene:
         return f"http://127.0.0.1:{self.desk.port}"
 
     def start(self):
-        """Starts all; returns when a message would be played."""
+        """Starts all programs; returns when a message can be played."""
         self.station.start()
         self.start_player(
             [COMPANIONS / "player", "--config", self.station.config, "--run", self.run]

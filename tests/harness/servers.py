@@ -1,7 +1,7 @@
-"""FTP, SFTP and SMB servers on loopback, each in a tree of its own.
+"""FTP, SFTP and SMB servers on loopback, each in its own tree.
 
-A Server shows the directory `inbox` to whoever logs in with its user name and password. It
-starts on a free port and keeps it when it is stopped and started again.
+A Server shows the directory `inbox` to a client that logs in with its user name and password. It
+starts on a free port, and uses the same port after a restart.
 """
 
 import contextlib
@@ -20,10 +20,10 @@ from pathlib import Path
 from harness.programs import HERE, descendants
 from harness.wait import wait_until
 
-# Whatever a client's command language, a URL or a list could trip over.
+# It has all characters that need care in a client's commands, a URL or a list.
 PASSWORD = "  a \"b'c\\d$e;f&g|h#i!j%k,l@m:n/ö"
 
-# Where servers listen: below the range that the system takes ports from by itself.
+# Ports for servers, below the range from which the system chooses ports itself.
 PORTS = range(10000, 32000)
 
 
@@ -32,7 +32,7 @@ def user_name():
 
 
 def accepts(port):
-    """Whether somebody takes connections to that port."""
+    """Whether a server accepts connections to that port."""
     with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port), 5):
         return True
     return False
@@ -60,7 +60,7 @@ def make_certificates(root, host):
 
 
 class Server:
-    """What the servers have in common.
+    """The common part of the servers.
 
     writable: whether files may be deleted. modes: the FTP modes that the server knows. rate: its
     limit in bytes per second, 0 for none (not with SMB).
@@ -78,14 +78,14 @@ class Server:
         self.modes = modes
         self.rate = rate
         self.port = None
-        self.front = self  # or a proxy: where clients connect to
+        self.front = self  # where clients connect: the server or a proxy
         self.process = None
 
     @property
     def name(self):
         return type(self).__name__.lower()
 
-    # What a class of servers says about itself.
+    # Each class of servers defines these.
 
     def command(self):
         """The command that runs the server on self.port, in the foreground."""
@@ -96,14 +96,14 @@ class Server:
         """The inbox as the helper's PATH."""
         return f"127.0.0.1:{self.front.port}/inbox"
 
-    # Its life.
+    # Start and end.
 
     def start(self):
         """Starts the server and waits until it answers; returns it."""
         if self.port:
             assert self.try_start(), self.describe()
             return self
-        for _ in range(10):  # another process may be quicker to take the port
+        for _ in range(10):  # another process may take the port first
             self.port = random.choice(PORTS)
             if not accepts(self.port) and self.try_start():
                 return self
@@ -139,7 +139,7 @@ class Server:
         """Ends the server and every session of it."""
         if not self.process:
             return
-        self.signal(signal.SIGSTOP)  # no new session while they are counted
+        self.signal(signal.SIGSTOP)  # so that no session begins while they are counted
         self.signal(signal.SIGKILL)
         self.process.wait()
         self.process = None
@@ -148,7 +148,7 @@ class Server:
         self.stop()
 
     def freeze(self):
-        """From now on the system accepts connections for the server, which says nothing."""
+        """From now on, the server does not answer. The system still accepts connections for it."""
         self.signal(signal.SIGSTOP)
 
     def thaw(self):
@@ -163,7 +163,7 @@ class Server:
     # Its files.
 
     def put(self, name, text, subdir=""):
-        """Puts a whole file into the inbox at once; gives it to others under the same name."""
+        """Puts a complete file into the inbox by a rename, replacing a file of that name."""
         data = text.encode() if isinstance(text, str) else text
         upload = self.root / "upload"
         upload.write_bytes(data)
@@ -175,7 +175,7 @@ class Server:
     def names(self):
         return sorted(path.name for path in self.inbox.iterdir())
 
-    # How it is watched.
+    # The configuration of its clients.
 
     def arguments(self, watch, **changes):
         """The helper's arguments, in its order."""
@@ -192,7 +192,7 @@ class Server:
 
 
 class PyFtpdLib(Server):
-    """Knows MLSD. With clear_data, it offers TLS for commands, and refuses it for data."""
+    """Has MLSD. With clear_data, it offers TLS for commands and refuses it for data."""
 
     user = "u,v \"w'x\\y$z"
 
@@ -220,10 +220,10 @@ class PyFtpdLib(Server):
 
 
 class VsFtpd(Server):
-    """Knows LIST and MDTM, not MLSD.
+    """Has LIST and MDTM, but not MLSD.
 
-    It serves "anonymous" users under the rights of whoever runs the test, with a list of the
-    passwords that it accepts: that needs no user, no PAM service and no privilege.
+    It serves "anonymous" users with the rights of the user who runs the test, and has a list of
+    accepted passwords. That needs no user account, no PAM service and no privilege.
 
     tls: "", "explicit" or "implicit". host: the host of its certificate.
     """
@@ -293,7 +293,7 @@ class VsFtpd(Server):
 
 
 class Sshd(Server):
-    """OpenSSH's SFTP. Its user is whoever runs the test, and logs in with a key.
+    """OpenSSH's SFTP. Its user is the one who runs the test, and logs in with a key.
 
     login: "key", "locked key" (one that has a password) or "password", one of the server's own,
     which needs root.
@@ -313,7 +313,7 @@ class Sshd(Server):
         return f"sftp://{super().path}"
 
     def write_known_hosts(self):
-        """Says that the client expects the key `known`."""
+        """Writes the file with the host key that the client expects."""
         words = (self.root / f"{self.known}.pub").read_text().split()[:2]
         ports = {self.port, self.front.port}
         lines = [f"[127.0.0.1]:{port} {' '.join(words)}\n" for port in ports]
@@ -355,7 +355,7 @@ class Sshd(Server):
         return command if os.getuid() else [*self.privately(), *command]
 
     def privately(self):
-        """Root's server wants a directory in /run; a password is put in place of the real one."""
+        """A prefix for root's server: makes a directory in /run, and replaces the password."""
         script = "mount -t tmpfs none /run && mkdir /run/sshd"
         if self.login == "password":
             hashed = run_quietly("openssl", "passwd", "-6", "-stdin", data=PASSWORD + "\n").strip()
@@ -370,7 +370,7 @@ class Smbd(Server):
 
     def __init__(self, root, **options):
         super().__init__(root, **options)
-        # Sockets are in these directories, and a socket's path has at most 107 bytes.
+        # The state has sockets, and a socket's path has at most 107 bytes.
         self.state = Path(tempfile.mkdtemp(prefix="smbd-"))
 
     @property
@@ -421,7 +421,7 @@ class Smbd(Server):
         return ["/usr/sbin/smbd", "--foreground", "--debug-stdout", f"--configfile={config}"]
 
     def options(self):
-        return {}  # it makes itself the first of a process group, and cannot as one of a session
+        return {}  # it becomes the leader of a process group, which a session leader cannot
 
     def arguments(self, watch, **changes):
         values = {"path": self.path, "user": self.user, "password": PASSWORD, "subdir": ""}

@@ -12,7 +12,7 @@ from harness.programs import run, tool
 class Station(Daemon):
     """A station with its daemon; "process" is the station.
 
-    options are those of the station. run/ is its directory; status and output are the daemon's.
+    options are the station's. run/ is its run directory; status and output are the daemon's.
     """
 
     def __init__(self, root, options=("--no-player",), **settings):
@@ -27,14 +27,14 @@ class Station(Daemon):
         return words + super().command()
 
     def start(self, wait=True, env=None, preexec_fn=None, **options):
-        # A service manager that listens; see told().
+        # The socket of a service manager, which told() reads.
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         self.manager.bind(f"\0{self.root}")
         env = {"NOTIFY_SOCKET": f"@{self.root}", **(env or {})}
         super().start(wait, env, preexec_fn, **options)
 
     def stop(self):
-        """SIGTERM, then asserts the exit status."""
+        """Sends SIGTERM, then asserts the exit status."""
         self.process.send_signal(signal.SIGTERM)
         self.wait_exit(0)
 
@@ -44,7 +44,7 @@ class Station(Daemon):
             self.manager.close()
 
     def told(self):
-        """What the service manager was told since the last call."""
+        """The messages to the service manager since the last call."""
         texts = []
         try:
             while True:
@@ -57,7 +57,7 @@ class Station(Daemon):
         return int(self.health().get("daemon", "0"))
 
     def wait_daemon(self, but=0):
-        """Waits for another daemon than that one, and its first status."""
+        """Waits for a daemon with another process id, and for its first status."""
         self.wait(lambda: self.daemon() not in (0, but), "another daemon")
         self.wait(self.status, "a status")
 

@@ -1,4 +1,4 @@
-"""Statuses: their text, a writer of them, and a reader that misses none."""
+"""Statuses: their texts, a writer, and a reader that misses none."""
 
 import os
 import re
@@ -35,8 +35,8 @@ def directory_status(identity="a", status=1, path="/in", total=0, updated=0, mes
 
 
 def health_text(station=None, daemon=1, hung=0, saying="", children=()):
-    """A health file as a station writes it, by default this process; children are pairs of an
-    element's name and its attributes."""
+    """A health file as a station writes it. The station is this process by default. children are
+    pairs of an element's name and its attributes."""
     station = station or os.getpid()
     stat = Path(f"/proc/{station}/stat")
     ticks = stat.read_text().rpartition(")")[2].split()[19] if stat.exists() else 0
@@ -84,12 +84,13 @@ class StatusWriter(threading.Thread):
 
 
 class StatusStream(threading.Thread):
-    """Collects every status that is written to a FIFO, in order and none left out."""
+    """Collects all statuses that are written to a FIFO, in their order."""
 
     def __init__(self, path):
         super().__init__(daemon=True)
         os.mkfifo(path)
-        # Open for both ways: never at its end, and never without a reader for the daemon.
+        # Opened for reading and writing: the reader sees no end, and the daemon always has a
+        # reader.
         self.descriptor = os.open(path, os.O_RDWR)
         self.data = b""
         self.start()
@@ -105,7 +106,7 @@ class StatusStream(threading.Thread):
             os.close(self.descriptor)
 
     def documents(self):
-        """The statuses so far, each as text."""
+        """The texts of the statuses so far."""
         text = self.data.decode()
         form = r"^<tts-status [^\n]*/>\n|^<tts-status .*?^</tts-status>\n"
         return re.findall(form, text, re.DOTALL | re.MULTILINE)

@@ -1,8 +1,8 @@
-"""The one wait loop."""
+"""The wait loop that all suites use."""
 
 import time
 
-# Seconds until a wait fails. Far above what any step takes, even emulated.
+# Seconds until a wait fails; far more than any step takes, even under an emulator.
 LIMIT = 60
 
 # Seconds between two looks at a condition.
@@ -12,7 +12,7 @@ INTERVAL = 0.02
 def wait_until(condition, what):
     """Polls until condition() is true and returns its value.
 
-    what says what is waited for: a text, or a callable that returns one.
+    what describes the condition: a text, or a callable that returns one.
     """
     deadline = time.monotonic() + LIMIT
     while True:

@@ -1,19 +1,19 @@
-# The web page as an operator turns it on; sourced by tools/test-install, with the functions of
-# failures.sh and figures.sh.
+# Turns the web page on as an operator does, and uses it. tools/test-install sources this file,
+# which needs the functions of failures.sh and figures.sh.
 #
-# Some variables are those of tools/test-install:
+# tools/test-install sets some variables:
 # shellcheck shell=bash disable=SC2016,SC2154
 
 page=http://127.0.0.1:8080
 password='correct horse'
 announcement='The coach to the harbour leaves at noon.'
 
-# Alone, from the installation to the purge.
+# Only the web page, from the installation to the purge.
 test_desk() {
   boot_installed "$(package_for amd64)" || return 0
   check "the service runs after boot" within 60 is_active
   check "a player" start_player
-  check "vocastra-status finds nothing amiss" within 60 status_is_fine
+  check "vocastra-status reports no problem" within 60 status_is_fine
   try_desk
   check "apt purge vocastra while it runs" inside apt-get purge -y -qq vocastra
   check "no process left" no_process
@@ -21,7 +21,7 @@ test_desk() {
   check "no file, account or group left" nothing_left inside
 }
 
-# The page is left turned on, for the purge.
+# Leaves the page turned on, so that the purge has to remove it.
 try_desk() {
   check "the page is neither enabled nor running" desk_is_off
   check "an operator adds a user" \
@@ -32,15 +32,15 @@ try_desk() {
     exposure_at_most vocastra-desk 15
   check "a wrong password is refused" answers 403 -d user=anna -d "password=wrong horse" "$page/login"
   check "the user logs in" log_in
-  check "without a token nothing is said" answers 403 "${say[@]}" "$page/say"
+  check "a form without a token is refused" answers 403 "${say[@]}" "$page/say"
   check "the user says a message" answers 303 "${say[@]}" -d "token=$(token)" "$page/say"
   check "that message is heard in full" within 60 desk_message_is_heard
-  check "the page tells so" within 60 page_has 'heard in full'
+  check "the page shows that" within 60 page_has 'heard in full'
   check "the log has user, directory and text" log_has_announcement
   check "the page's user cannot read the configuration" configuration_is_hidden
   check "an upgrade restarts the page" upgrade_restarts_desk
   check "the user logs in again" log_in
-  check "the history has outlasted the upgrade" page_has "$announcement"
+  check "the history survives the upgrade" page_has "$announcement"
 }
 
 say=(-d directory=announcements --data-urlencode "text=$announcement")
@@ -49,7 +49,7 @@ desk_is_off() {
   [[ $(inside systemctl is-enabled vocastra-desk) == disabled ]] && not is_active vocastra-desk
 }
 
-# From outside of the container: it has no browser.
+# Runs outside of the container, which has no browser.
 desk_curl() {
   nsenter --target "$leader" --net \
     curl --silent --show-error --max-time 60 -b "$work/cookies" -c "$work/cookies" "$@"
@@ -79,14 +79,15 @@ log_has_announcement() {
     grep -E "user anna says in announcements, as desk-[0-9-]+: $announcement\$"
 }
 
-# as_desk COMMAND...: in the confinement of the service.
+# as_desk COMMAND...: runs a command in the confinement of the service.
 as_desk() {
   inside nsenter --mount --target "$(desk_process)" runuser -u vocastra-desk -- "$@"
 }
 
 desk_process() { inside systemctl show --property=MainPID --value vocastra-desk | grep -v '^0$'; }
 
-# All may read the package's configuration, and the directories that the station publishes.
+# The desk reads the published directories, but no configuration. Other users may read the package's
+# configuration, so the confinement must hide it.
 configuration_is_hidden() {
   local file
   inside runuser -u stranger -- test -r /etc/vocastra/vocastra.conf &&

@@ -1,11 +1,12 @@
-# Failures of the installed service, and what its users are told; sourced by tools/test-install.
+# Breaks the installed service, and checks the problems that its users see. tools/test-install
+# sources this file.
 #
-# Each row breaks something in the booted system and waits until vocastra-status fails and names the
-# problem with a sentence and a remedy; then it repairs that, and nothing more, and waits until
-# vocastra-status is fine. The seconds are printed: the first ones from the beginning of the
-# breaking command, the second ones from the end of the repairing command.
+# Each row breaks one thing in the booted system, and waits until vocastra-status fails and names
+# the problem with a sentence and a remedy. Then it repairs only that thing, and waits until
+# vocastra-status succeeds. It prints the seconds of both waits: from the start of the breaking
+# command, and from the end of the repairing command.
 #
-# The rows are expanded when they run, and some variables are those of tools/test-install:
+# A row is expanded when it runs, and tools/test-install sets some variables:
 # shellcheck shell=bash disable=SC2016,SC2034,SC2119,SC2120,SC2154
 
 spool=/var/spool/vocastra
@@ -14,13 +15,13 @@ etc=/etc/vocastra
 translator=/usr/libexec/vocastra/translators/espeak-ng
 voices=/usr/lib/x86_64-linux-gnu/espeak-ng-data
 
-# One table: name, id of the problem, how to break, how to repair.
+# A row has a name, the problem's id, a breaking and a repairing command.
 all_failures() {
   failure 'translator missing' translator-missing \
     'root mv $translator $translator.away' 'root mv $translator.away $translator'
   failure 'translator failing' translator-failing \
     'root mv $voices $voices.away; message' 'root mv $voices.away $voices'
-  # An edited configuration that names a voice that is not there is not taken.
+  # The station refuses an edited configuration with a missing voice.
   failure 'unknown voice' configuration-refused \
     'configure "s/id=.announcements./& conv-opts=\"voice=missing\"/"' configure
   failure 'translator hanging' translator-hanging \
@@ -75,7 +76,7 @@ all_failures() {
   failure 'glossary missing' glossary-missing \
     'root mv $etc/glossary.xml $etc/away' 'root mv $etc/away $etc/glossary.xml'
 
-  # The station starts a daemon again that hangs or has ended.
+  # The station restarts a daemon that hangs or has ended.
   failure 'daemon hung' daemon-hung 'send STOP "$(daemon)"' :
   failure 'daemon dead' 'no-daemon|daemon-dead' daemon_dies :
   failure 'lock held by another process' "locked:$out" \
@@ -88,7 +89,7 @@ all_failures() {
 failure() {
   local name=$1 told fine
   if ! within 60 is_fine; then
-    verdict FAILED "$name: something is amiss before it"
+    verdict FAILED "$name: vocastra-status fails before it"
     sed 's/^/    | /' "$work/last"
     return
   fi
@@ -112,11 +113,11 @@ break_and_wait() { timed breaks "$@"; }
 
 breaks() {
   eval "$2"
-  within 60 is_told "$1"
+  within 60 problem_is_shown "$1"
 }
 
-# is_told ID: vocastra-status fails, and has a sentence and a remedy.
-is_told() {
+# problem_is_shown ID: vocastra-status fails, and shows the problem with a sentence and a remedy.
+problem_is_shown() {
   local text
   ! text=$(inside runuser -u stranger -- vocastra-status --json) || return 1
   grep -oE "\"id\":\"($1)\",\"sentence\":\"([^\"\\]|\\\\.)+\",\"remedy\":\"([^\"\\]|\\\\.)+\"" \
@@ -129,13 +130,14 @@ root() { inside "$@"; }
 
 in_service() { inside nsenter --mount --target "$(property MainPID)" "$@"; }
 
-# message [NAME [MODE]]: the name is a new one, and the text always the same.
+# message [NAME [MODE]]: hands a message over. The name is a new one by default, and the text is
+# always the same.
 message() {
   inside sh -c 'cd /var/spool/vocastra/announcements && echo "A message." >.new && chmod "$2" .new &&
     mv .new "$1"' sh "${1:-message-$EPOCHREALTIME}" "${2:-644}"
 }
 
-# A message, and the same one while the daemon speaks the first and still knows its name.
+# Hands a message over, and again while the daemon speaks it and still knows its name.
 message_twice() {
   inside sh -c 'mv "$1" "$1.away" &&
     printf "%s\n" "#!/bin/sh" "sleep 2" "exec $1.away \"\$@\"" >"$1" && chmod 755 "$1" &&
@@ -143,7 +145,7 @@ message_twice() {
     mv .new twice && while [ -e twice ]; do sleep 0.1; done && mv .again twice' sh $translator
 }
 
-# configure [SED-SCRIPT]: the configuration, with an error made by the script.
+# configure [SED-SCRIPT]: installs the test's configuration, changed by the script.
 configure() {
   sed "${1:-}" "$work/config" >"/proc/$leader/root$etc/new"
   inside mv $etc/new $etc/vocastra.conf
@@ -159,7 +161,8 @@ restore_translator() {
   kill_all '^sleep 1000'
 }
 
-# kill_all PATTERN: the processes whose command line has it. One may end with another.
+# kill_all PATTERN: kills the processes whose command line has it. A process may end with another
+# one.
 kill_all() {
   local pid
   for pid in $(processes "$1"); do send KILL "$pid" || true; done
@@ -171,7 +174,7 @@ processes() {
   done' sh "$1"
 }
 
-# Fails rather than print 0, which would name every process.
+# Fails instead of printing 0, which would mean every process.
 player() { inside systemctl show --property=MainPID --value vocastra-player | grep -v '^0$'; }
 
 play_to() {
@@ -179,7 +182,7 @@ play_to() {
     systemctl restart vocastra-player' sh "$1"
 }
 
-# fill root|in_service DIRECTORY: its file system is made small enough.
+# fill root|in_service DIRECTORY: makes its file system smaller and fills it.
 fill() {
   local used
   used=$(inside df --output=used "$2" | tail -n 1)
@@ -187,12 +190,14 @@ fill() {
   "$1" sh -c 'head -c 32M /dev/zero >"$1/fill"' sh "$2"
 }
 
-# Several times, as the pause before the next start then takes seconds, in which it can be seen.
+# Kills the daemon several times. The pause before the next start then takes seconds, in which the
+# problem shows.
 daemon_dies() {
   local count last=none
   for ((count = 0; count < 3; ++count)); do
     within 60 new_daemon "$last" && within 60 status_shows announcements || return 1
-    sleep 2  # The station reads the status once a second. Without one, the problem is another.
+    # The station reads the status once a second. Without a status, it reports another problem.
+    sleep 2
     last=$(daemon)
     send KILL "$last"
   done
@@ -202,7 +207,7 @@ loopback() { nsenter --target "$leader" --net ip link set lo "$1"; }
 
 # --- The whole table ------------------------------------------------------------------------------
 
-# A player that plays nothing, but takes as long.
+# Lets the player discard the sound at the speed of playing.
 start_player() {
   inside sh -c 'directory=/etc/systemd/system/vocastra-player.service.d
     mkdir -p "$directory" && printf "%s\n" "[Unit]" "ConditionPathExistsGlob=" >"$directory/test.conf"

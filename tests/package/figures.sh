@@ -1,13 +1,14 @@
-# Figures of the installed service; sourced by tools/test-install, with the functions of failures.sh.
+# Measures the installed service. tools/test-install sources this file, which needs the functions of
+# failures.sh.
 #
-# The time of a line is that at which the journal got it.
+# The time of a line is the time at which the journal received it.
 #
 # shellcheck shell=bash disable=SC2016,SC2154
 
 alarms=50  # Alarms that interrupt an announcement.
 lying=50  # Files that stay in an input directory.
-idle=900  # Seconds of an idle day that are watched.
-lines_a_day=100  # At most.
+idle=900  # Seconds of an idle day that are measured.
+lines_a_day=100  # The limit.
 
 print_figures() {
   local unit
@@ -22,7 +23,7 @@ print_figures() {
 
 # --- Alarms ---------------------------------------------------------------------------------------
 
-# From the rename of an alarm to the player's line "playing NAME".
+# Prints the times from the rename of an alarm to the player's line "playing NAME".
 print_alarm_latency() {
   local i
   : >"$work/latencies"
@@ -36,7 +37,7 @@ print_alarm_latency() {
       "median %d ms, worst %d ms\n", NR, all[int((NR + 1) / 2)], all[NR] }'
 }
 
-# Says something for minutes.
+# Announces a text that takes minutes.
 announce() {
   inside sh -c 'cd /var/spool/vocastra/announcements &&
     for n in $(seq 60); do echo "The train to the coast, number $n, leaves from platform two."; done \
@@ -63,9 +64,9 @@ line_since() {
 
 # --- An idle day ----------------------------------------------------------------------------------
 
-# Nothing is spoken, files lie in a local directory, and a site refuses each session. The first
-# part of a day is watched, and the rest follows from it:
-# - A text that repeats is told once and counted after a minute, which is seen, after an hour, which
+# On an idle day, nothing is spoken, files stay in a local directory, and a site refuses each
+# session. The first part of the day is measured, and the rest is computed: - A text that repeats is
+# told once and counted after a minute, which is seen, after an hour, which
 #   is added, and after a further day.
 # - Texts that were new after the first minute are expected to go on as often.
 print_idle_day() {
@@ -75,7 +76,7 @@ print_idle_day() {
   configure 's#</tts-config>#<directory id="lying" priority="5" type="local" parser="text"\
     encoding="utf8" path="/var/spool/vocastra/lying" last-played-path="/var/spool/vocastra/last"/>&#'
   within 60 receiving lying || return 1
-  sleep 3  # Else some files come before the first scan, and get other names.
+  sleep 3  # Files that arrive before the first scan would get other names.
   inside sh -c 'cd "$1" && for i in $(seq "$2"); do echo "$i." >.new && mv .new "m$i"; done' \
     sh "$spool/lying" "$lying"
   within 600 all_is_said $((before + lying)) || return 1
@@ -94,7 +95,7 @@ print_idle_day() {
   sleep "$idle"
   inside journalctl --no-pager --quiet --output=short-unix --unit='vocastra*' \
     --since="@$((since / 1000000))" >"$work/lines"
-  check "$(inside ls "$spool/lying" | wc -l) files lie" within 1 all_is_said $((before + lying))
+  check "$(inside ls "$spool/lying" | wc -l) files wait in the directory" within 1 all_is_said $((before + lying))
   sed 's/^/    | /' "$work/lines"
   awk -v since="$since" -v idle="$idle" '
     { sub(/[.]/, "", $1); time = ($1 - since) / 1000000; $1 = "" }
@@ -121,7 +122,8 @@ print_idle_day() {
 
 messages_taken() { status_value 'print(status["counters"].get("messages", 0))'; }
 
-# all_is_said COUNT: so many messages since the start, and the player is done with all of them.
+# all_is_said COUNT: COUNT messages were taken since the start, and the player has played all of
+# them.
 all_is_said() {
   local states
   (($(messages_taken) >= $1)) &&
@@ -129,7 +131,7 @@ all_is_said() {
     [[ ! $states =~ waiting|speaking|said ]]
 }
 
-# status_value PROGRAM: in Python, with the status as JSON.
+# status_value PROGRAM: runs a Python program with the JSON status in "status".
 status_value() {
   { inside vocastra-status --json || true; } |
     /usr/bin/python3 -c "import json, sys; status = json.load(sys.stdin); $1"

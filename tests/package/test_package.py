@@ -13,7 +13,7 @@ from harness.sound import RATE, samples
 from harness.wait import LIMIT, wait_until
 
 BUILD = Path(program()[-1]).parent
-# As CMake has configured them.
+# The units as CMake has configured them.
 UNITS = sorted((BUILD / "units").iterdir())
 
 
@@ -37,7 +37,7 @@ def staged(tmp_path_factory):
 
 @pytest.fixture(params=UNITS, ids=lambda path: path.name)
 def unit(request, staged, tmp_path):
-    """A unit, or an instance of a template, whose programs are those that were staged."""
+    """A unit, or an instance of a template, that runs the staged programs."""
     path = tmp_path / request.param.name.replace("@.", "@hall.")
     path.write_text(re.sub("/usr/(s?bin|libexec)/", rf"{staged}\g<0>", request.param.read_text()))
     return path
@@ -48,11 +48,11 @@ def test_there_are_units():
     assert sorted(path.name for path in UNITS) == sorted(f"{name}.service" for name in names)
 
 
-def test_units_are_without_fault(unit):
+def test_units_have_no_errors(unit):
     assert run("systemd-analyze", "verify", "--man=no", unit) == (0, "")
 
 
-def test_exposure_is_at_most_1_5(unit):
+def test_exposure_of_units_is_at_most_1_5(unit):
     status, output = run("systemd-analyze", "security", "--offline=yes", "--threshold=15", unit)
     assert status == 0, output
 
@@ -68,13 +68,14 @@ def test_units_name_files_that_are_installed(path, staged):
     assert [path for path in sorted(paths) if not (staged / path[1:]).is_file()] == []
 
 
-def test_what_the_readme_installs_is_where_the_manuals_look(staged):
-    """Without a package: the presets of the README install below the prefix of the package."""
+def test_readme_installs_files_where_the_manuals_look(staged):
+    """Without a package, the commands of the README install below the package's prefix."""
     presets = json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]
     assert [preset["installDir"] for preset in presets if "installDir" in preset] == ["/usr"]
     texts = [path.read_text() for path in [ROOT / "README.md", *(ROOT / "man").iterdir()]]
     named = re.findall(r"/(?:usr|etc)/[\w./-]*vocastra[\w./-]*", "\n".join(texts))
-    made = {"/etc/default/vocastra-inbox-scans", "/etc/vocastra-desk/users"}  # By people.
+    # People make these files.
+    made = {"/etc/default/vocastra-inbox-scans", "/etc/vocastra-desk/users"}
     paths = sorted({path.rstrip(".") for path in named} - made)
     assert "/usr/sbin/vocastra" in paths and "/usr/libexec/vocastra/player" in paths
     assert [path for path in paths if not (staged / path[1:]).exists()] == []
@@ -107,7 +108,7 @@ def test_clips_have_the_format_of_speech(name, seconds, staged):
     assert form == (1, 2, RATE) and len(sound) == seconds * RATE
     loudest = max(map(abs, sound))
     assert loudest > 10000 if name == "gong" else loudest == 0
-    assert max(abs(sound[0]), abs(sound[-1])) < 100  # No click.
+    assert max(abs(sound[0]), abs(sound[-1])) < 100  # Without a click.
 
 
 def test_program_notes_and_package_have_one_version():
@@ -130,8 +131,8 @@ def test_nobody_else_can_lock_what_the_daemon_locks():
 
 
 @pytest.mark.parametrize("helper", ["ftp", "cifs"])
-def test_installed_helpers_find_what_they_share(helper, staged, tmp_path):
-    """A source that makes no sense is refused by a helper that has come as far as reading it."""
+def test_installed_helpers_find_their_libraries(helper, staged, tmp_path):
+    """A helper that starts reports a wrong source."""
     script = staged / "usr/libexec/vocastra/helpers" / helper
     arguments = {
         "ftp": ["a b", "", "", "", tmp_path / "watch", "0", "5", "passive"],

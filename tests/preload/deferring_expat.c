@@ -8,7 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-// For the parser in use; the daemon has one at a time.
+// Of the parser in use. The daemon has one at a time.
 static char* held;
 static size_t held_length;
 static int is_off;

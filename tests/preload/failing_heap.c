@@ -42,7 +42,7 @@ enum { kPassPause = 100000, kReport = 250, kWaits = 5000, kFrames = 40 };
 static long requests;
 static long fault_at;
 static long pauses;
-static int is_ours;  // Nonzero: what is requested is not the daemon's.
+static int is_ours;  // Nonzero: a request is not the daemon's.
 static int has_places;
 static pid_t daemon_pid;
 static char script[16384];
@@ -159,7 +159,7 @@ char* mkdtemp(char* path_template) {
   return path;
 }
 
-// The daemon's wait for a helper's end, no longer than the helper takes.
+// Replaces the daemon's wait for a helper's end: returns as soon as the helper has ended.
 unsigned int sleep(unsigned int seconds) {
   siginfo_t info;
   (void)seconds;
@@ -190,7 +190,7 @@ static void Wait(const char* path) {
   }
 }
 
-// Does the script's next line. False if its pause has not come.
+// Runs the script's next line. False if its pause has not come yet.
 static int FollowLine(void) {
   long pause = 0;
   int length = 0;

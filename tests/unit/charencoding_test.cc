@@ -22,7 +22,7 @@ void ExpectTrueExactlyFor(const std::set<uint32_t>& points_, bool (*classifier_)
   for (uint32_t cp = 0; cp <= 0x200; ++cp) {
     EXPECT_EQ(points_.count(cp) == 1, classifier_(cp)) << std::hex << cp;
   }
-  // Also some whose low byte or low half would belong to a class.
+  // Code points whose low byte or low half belongs to a class must be false too.
   for (const uint32_t cp :
        {0x2003U, 0x2020U, 0x202FU, 0x3000U, 0x4141U, 0xFFFFU, 0x10020U, 0x10041U, 0x1F3A0U,
         0x10FFFFU, 0x110000U, 0x80000020U, 0xFFFFFF20U, 0xFFFFFF41U, 0xFFFFFFFFU}) {

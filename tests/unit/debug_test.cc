@@ -14,7 +14,7 @@
 
 namespace {
 
-// Standard error goes to the descriptor for the lifetime of the object.
+// Redirects standard error to the descriptor while it lives.
 class StandardErrorTo {
  public:
   explicit StandardErrorTo(int fd_) : saved(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
@@ -48,7 +48,7 @@ std::vector<std::string> WritesOf(const std::function<void()>& action_) {
   return writes;
 }
 
-// Before any test could set a mask.
+// Read before a test can set a mask.
 const bool kInitiallyNormal = IsDebugEnabled(0x1);
 const bool kInitiallyOthers = IsDebugEnabled(~0x1U);
 

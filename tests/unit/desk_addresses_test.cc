@@ -9,7 +9,7 @@ struct Row {
   std::string client;
 };
 
-TEST(ListenAddressTest, TellsLoopbackAndClients) {
+TEST(ListenAddressTest, FindsLoopbackAndClientNetwork) {
   for (const auto& [text, is_loopback, client] :
        {Row{"127.0.0.1:8080", true, "127.0.0.1"}, Row{"127.9.9.9:1", true, "127.9.9.9"},
         Row{"0.0.0.0:0", false, "0.0.0.0"}, Row{"192.0.2.1:65535", false, "192.0.2.1"},
@@ -22,7 +22,7 @@ TEST(ListenAddressTest, TellsLoopbackAndClients) {
   }
 }
 
-TEST(ListenAddressTest, RejectsOtherText) {
+TEST(ListenAddressTest, RejectsOtherTexts) {
   for (const std::string text : {"", ":", "8080", ":8080", "127.0.0.1", "127.0.0.1:", "127.0.0.1:x",
                                  "127.0.0.1:65536", "127.0.0.1:-1", "127.0.0.1:0x50",
                                  "localhost:80", "::1:80", "[::1]", "[]:80", "[1.1.1.1]:80"}) {
@@ -30,7 +30,7 @@ TEST(ListenAddressTest, RejectsOtherText) {
   }
 }
 
-TEST(ListenTest, SocketHasARealPort) {
+TEST(ListenTest, SocketNameHasTheRealPort) {
   const int fd = Listen(ParseListenAddress("127.0.0.1:0"));
   const std::string name = NameOfSocket(fd);
   EXPECT_THAT(name, testing::MatchesRegex("127\\.0\\.0\\.1:[1-9][0-9]*"));
@@ -38,7 +38,7 @@ TEST(ListenTest, SocketHasARealPort) {
   close(fd);
 }
 
-TEST(ClientForwardedTest, IsTheLastAddress) {
+TEST(ClientForwardedTest, ReturnsTheLastAddress) {
   for (const auto& [header, client] :
        std::map<std::string, std::string>{{"192.0.2.1", "192.0.2.1"},
                                           {"6.6.6.6, 192.0.2.1 ", "192.0.2.1"},

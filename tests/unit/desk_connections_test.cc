@@ -7,7 +7,7 @@
 
 namespace {
 
-// One end of a connection; tells whether the other was cut.
+// The client's end of a connection; sees whether the server's end was cut.
 class Client {
  public:
   Client() { EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends.data())); }
@@ -38,9 +38,9 @@ class ConnectionsTest : public testing::Test {
   Client client;
 };
 
-TEST_F(ConnectionsTest, NothingIsDueWithoutAConnection) { EXPECT_EQ(-1, connections.Timeout(5)); }
+TEST_F(ConnectionsTest, HasNoTimeoutWithoutAConnection) { EXPECT_EQ(-1, connections.Timeout(5)); }
 
-TEST_F(ConnectionsTest, CutsAClientThatSendsNoWholeRequest) {
+TEST_F(ConnectionsTest, CutsAClientThatSendsNoCompleteRequest) {
   Add(client, "a", 100);
   EXPECT_EQ(10001, connections.Timeout(100));
   connections.CutLate(109.9);
@@ -62,19 +62,19 @@ TEST_F(ConnectionsTest, EachStepHasItsLimit) {
   EXPECT_EQ(-1, connections.Timeout(100));
 }
 
-TEST_F(ConnectionsTest, CutsAClientThatHasLeftWhenItsAnswerIsDone) {
+TEST_F(ConnectionsTest, CutsAClientThatHasLeftAfterItsAnswer) {
   Connection& connection = Add(client, "a", 100);
-  connections.CutLeft();
+  connections.CutAbandoned();
   connection.has_left = true;
   Connections::ExpectReading(connection, 100);
-  connections.CutLeft();
+  connections.CutAbandoned();
   EXPECT_FALSE(client.IsCut());
   Connections::ExpectRequest(connection, 100);
-  connections.CutLeft();
+  connections.CutAbandoned();
   EXPECT_TRUE(client.IsCut());
 }
 
-TEST_F(ConnectionsTest, TooManyCutTheOldestOfTheClientThatHasMost) {
+TEST_F(ConnectionsTest, ExtraConnectionCutsTheOldestOfTheClientWithTheMost) {
   Add(client, "quiet", 1);
   const std::vector<Client> many(Connections::kMaxOthers - 1);
   for (size_t i = 0; i < many.size(); ++i) {
@@ -87,7 +87,7 @@ TEST_F(ConnectionsTest, TooManyCutTheOldestOfTheClientThatHasMost) {
   EXPECT_FALSE(many[1].IsCut() || client.IsCut() || another.IsCut());
 }
 
-TEST_F(ConnectionsTest, WatchersAreCountedByThemselves) {
+TEST_F(ConnectionsTest, EventStreamsAreCountedSeparately) {
   const std::vector<Client> many(Connections::kMaxWatchers);
   for (const Client& watcher : many) {
     EXPECT_TRUE(connections.Watch(Add(watcher, "a", 1)));
@@ -100,7 +100,7 @@ TEST_F(ConnectionsTest, WatchersAreCountedByThemselves) {
   EXPECT_FALSE(many[0].IsCut() || client.IsCut());
 }
 
-TEST_F(ConnectionsTest, RoomComesBackWhenAWatcherLeaves) {
+TEST_F(ConnectionsTest, EventStreamThatEndsMakesRoom) {
   std::vector<Connection*> watchers;
   for (size_t i = 0; i < Connections::kMaxWatchers; ++i) {
     watchers.push_back(&connections.Add(-1, "a", 1));

@@ -9,7 +9,7 @@ using testing::Pair;
 
 std::string WithNul(const std::string& text_) { return text_ + '\0'; }
 
-TEST(IsCleanTextTest, AllowsNoControlCharacters) {
+TEST(IsCleanTextTest, RejectsControlCharacters) {
   for (const std::string text : {"", "a b", "\xC3\xA9", "\xC2\xA0", "\xF0\x9F\x94\x94"}) {
     EXPECT_TRUE(IsCleanText(text, false)) << text;
   }
@@ -31,7 +31,7 @@ TEST(DecodePathTest, DecodesOnce) {
   }
 }
 
-TEST(DecodePathTest, RejectsPathsThatAreNoText) {
+TEST(DecodePathTest, RejectsPathsOfInvalidText) {
   for (const std::string path :
        {"", "a", "*", "/%", "/%2", "/%2g", "/%00", "/%0a", "/%ff", "/\x01"}) {
     EXPECT_NE("", ThrownText([&] { DecodePath(path); })) << path;
@@ -45,18 +45,18 @@ TEST(ParseFormTest, DecodesNamesAndValues) {
   EXPECT_THAT(ParseForm(""), IsEmpty());
 }
 
-TEST(ParseFormTest, MakesLineEndsPlain) {
+TEST(ParseFormTest, ConvertsLineEnds) {
   EXPECT_THAT(ParseForm("a=1%0D%0A2%0D3%0A%0D%0A"), ElementsAre(Pair("a", "1\n2\n3\n\n")));
 }
 
-TEST(ParseFormTest, RejectsWhatIsNoText) {
+TEST(ParseFormTest, RejectsInvalidText) {
   for (const std::string body :
        {"=1", "a=%", "a=%ff", "a=%00", "a=\x1b", "a%0a=1", "a=%C3&b=%A9"}) {
     EXPECT_NE("", ThrownText([&] { ParseForm(body); })) << body;
   }
 }
 
-TEST(ParseFormTest, BoundsNamesAndTheirNumber) {
+TEST(ParseFormTest, LimitsLengthAndNumberOfNames) {
   EXPECT_EQ(1u, ParseForm(std::string(kMaxFieldName, 'a') + "=1").size());
   EXPECT_EQ("a field without a usable name",
             ThrownText([] { ParseForm(std::string(kMaxFieldName + 1, 'a') + "=1"); }));
@@ -64,7 +64,7 @@ TEST(ParseFormTest, BoundsNamesAndTheirNumber) {
   EXPECT_EQ("too many fields", ThrownText([] { ParseForm(Repeat("a=1&", kMaxFields + 1)); }));
 }
 
-TEST(FindCookieTest, FindsTheFirstOfThatName) {
+TEST(FindCookieTest, FindsTheFirstCookieOfThatName) {
   for (const auto& [header, value] :
        std::map<std::string, std::string>{{"", ""},
                                           {"desk=1", "1"},

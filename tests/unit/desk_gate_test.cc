@@ -5,7 +5,7 @@ namespace {
 
 constexpr char kPassword[] = "correct horse";
 
-// Pages that tell what they were asked.
+// Pages whose answers say what was requested.
 class FakePages : public Pages {
  public:
   Response Handle(const Request& request_, const Viewer& viewer_) override {
@@ -64,7 +64,7 @@ class GateTest : public testing::Test {
   double now = 1000;
 };
 
-TEST_F(GateTest, StrangersGetToTheLoginOnly) {
+TEST_F(GateTest, StrangersReachOnlyTheLogin) {
   EXPECT_EQ("200 login: ", Summary(Send("GET", "/login")));
   EXPECT_EQ("200 js", Summary(Send("GET", "/desk.js")));
   session = "wrong";
@@ -118,7 +118,7 @@ TEST_F(GateTest, EveryPostNeedsTheToken) {
   EXPECT_EQ("200 POST /say by anna", Summary(Send("POST", "/say", {{"token", token}})));
 }
 
-TEST_F(GateTest, WhoMayOnlyLookMayLogOut) {
+TEST_F(GateTest, UserWhoMayOnlyLookCanLogOut) {
   LogIn("ben");
   EXPECT_EQ(403, Send("POST", "/say", {{"token", Token()}}).response.status);
   EXPECT_EQ("200 GET / by ben", Summary(Send("GET", "/")));
@@ -151,7 +151,7 @@ TEST_F(GateTest, RoleChangesAtOnce) {
   EXPECT_EQ(Role::kLook, gate.Find(session, now)->role);
 }
 
-TEST_F(GateTest, LoginEndsTheSessionBefore) {
+TEST_F(GateTest, LoginEndsThePreviousSession) {
   LogIn("anna");
   const std::string first = session;
   LogIn("ben");
@@ -168,7 +168,7 @@ TEST_F(GateTest, BodiesOfStrangersAreNotRead) {
   EXPECT_EQ(65536u, limit("/say"));
 }
 
-TEST(SessionsTest, OldestOfTooManyEnds) {
+TEST(SessionsTest, FurtherSessionEndsTheOldest) {
   Sessions sessions;
   std::vector<std::string> ids;
   for (size_t i = 0; i <= Sessions::kPerUser; ++i) {

@@ -7,7 +7,7 @@ constexpr double kStep = 1e-6;  // Seconds; more than the rounding of times.
 
 class ThrottleTest : public testing::Test {
  protected:
-  // A login that fails, when it may be tried. Returns the seconds until then.
+  // Lets a login fail if it may be tried now. Returns the seconds until it may be tried.
   double Fail(const std::string& address_, const std::string& user_) {
     double waited = 0;
     for (double wait = 0; (wait = throttle.Ask(address_, user_, now)) > 0; now += wait + kStep) {
@@ -27,7 +27,7 @@ TEST_F(ThrottleTest, DelaysGrowAfterAFewFailures) {
   }
 }
 
-TEST_F(ThrottleTest, AddressAndUserCountByThemselves) {
+TEST_F(ThrottleTest, AddressesAndUsersAreCountedSeparately) {
   for (int i = 0; i < 8; ++i) {
     Fail("1.1.1.1", Number(i));
     Fail("2.2.2." + Number(i), "anna");
@@ -38,7 +38,7 @@ TEST_F(ThrottleTest, AddressAndUserCountByThemselves) {
   EXPECT_EQ(0, throttle.Ask("3.3.3.3", "ben", now));
 }
 
-TEST_F(ThrottleTest, AnswerToNobodyIsTheSame) {
+TEST_F(ThrottleTest, UnknownUserWaitsToo) {
   for (int i = 0; i < 5; ++i) {
     Fail("1.1.1.1", "nobody");
   }
@@ -53,7 +53,7 @@ TEST_F(ThrottleTest, OthersCannotLockOutAUserFromAKnownAddress) {
   EXPECT_EQ(0, throttle.Ask("1.1.1.1", "anna", now));
 }
 
-TEST_F(ThrottleTest, BoundsTheChecksOfAllTogether) {
+TEST_F(ThrottleTest, LimitsTheChecksOfAllStrangers) {
   int allowed = 0;
   for (int i = 0; i < 100; ++i) {
     allowed += throttle.Ask("1.1.1." + Number(i), Number(i), now) > 0 ? 0 : 1;
@@ -75,7 +75,7 @@ TEST_F(ThrottleTest, SuccessAndTimeForgetFailures) {
     Fail("2.2.2.2", "eve");
   }
   now += Throttle::kMemory + 1;
-  Fail("3.3.3.3", "other");  // Entries are looked at when one is added.
+  Fail("3.3.3.3", "other");  // Old entries are removed when one is added.
   EXPECT_EQ(0, Fail("2.2.2.2", "eve"));
   EXPECT_EQ(0, Fail("2.2.2.2", "eve"));
 }

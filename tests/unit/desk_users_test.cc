@@ -5,7 +5,7 @@
 
 namespace {
 
-// The method and the cost of each hash that was computed.
+// The method and the cost of each computed hash.
 std::vector<std::string> computed;
 
 }  // namespace
@@ -49,7 +49,7 @@ TEST_F(UsersTest, KnowsThePasswordOfAUserThatWasAdded) {
   }
 }
 
-TEST_F(UsersTest, UnknownUserCostsTheSameHash) {
+TEST_F(UsersTest, UnknownUserTakesTheSameHash) {
   users.IsPassword("nobody", "correct horse");
   Add("anna", "correct horse");
   users.IsPassword("anna", "correct horse");
@@ -79,7 +79,7 @@ TEST_F(UsersTest, KeepsTheOtherLinesAndTheMode) {
   EXPECT_EQ(0, system(("test $(ls " + directory.path + " | wc -l) = 1").c_str()));
 }
 
-TEST_F(UsersTest, NewFileIsClosedToOthers) {
+TEST_F(UsersTest, NewFileIsReadableByItsOwnerOnly) {
   Add("anna", "correct horse");
   EXPECT_EQ(0600u, ModeOf(path) & 0777);
 }
@@ -100,7 +100,7 @@ TEST_F(UsersTest, RejectsNamesAndPasswords) {
   EXPECT_FALSE(Exists(path));
 }
 
-TEST_F(UsersTest, LongestPasswordCounts) {
+TEST_F(UsersTest, LongestPasswordIsCheckedInFull) {
   const std::string longest(kMaxPassword, 'a');
   Add("anna", longest);
   EXPECT_TRUE(users.IsPassword("anna", longest));

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(PublicPartTest, HasNoSecretAndNothingThatItDoesNotKnow) {
+TEST(PublicPartTest, LeavesOutSecretsAndUnknownAttributes) {
   const std::string secrets =
       " password=\"secret\" username=\"secret\" mount-opts=\"secret\" new=\"secret\"";
   const auto root = ParseXML(
@@ -24,7 +24,7 @@ TEST(PublicPartTest, HasNoSecretAndNothingThatItDoesNotKnow) {
       DumpOf(*PublicPart(*root)));
 }
 
-TEST(PublicPartTest, HasWholeParsersAndIsWellFormed) {
+TEST(PublicPartTest, KeepsParsersAndIsWellFormed) {
   const auto root = ParseXML(
       "<tts-config state=\"run\"><parser id=\"a&amp;&quot;\" type=\"xml\" attr-mode=\"\">"
       "<field tag=\"t\" attr=\"lang\" attr_value=\"&lt;en&gt;\" parent=\"p\"/>"

@@ -9,7 +9,7 @@
 #include "directory.h"
 #include "test_util.h"
 
-// Another process's view of the lock: an open description of its own.
+// Locks as another process does: has its own open file description.
 class OtherProcess {
  public:
   explicit OtherProcess(const std::string& path_)

@@ -7,8 +7,8 @@
 #include "directory_fixtures.h"
 #include "stand_ins/listing.h"
 
-// Instead of malloc() in the daemon's objects, by an option of the linker: larger requests fail. A
-// limit of the process would do for most programs, but emulators ignore it.
+// Replaces malloc() in the daemon's objects by an option of the linker. Larger requests fail.
+// Emulators ignore a limit of the process.
 static size_t failing_request = SIZE_MAX;
 extern "C" void* __real_malloc(size_t size_);
 extern "C" void* __wrap_malloc(size_t size_);
@@ -56,7 +56,8 @@ TEST_F(ListingTest, ListsThroughDescriptorsThatChildrenDoNotGet) {
   shared.GetFileNames();
   EXPECT_TRUE(checked);
   listing.before_readdir = nullptr;
-  EXPECT_EQ(2U, DescriptorsOf(shared_path).size());  // Its own and the other process's.
+  // The directory's own and the other process's.
+  EXPECT_EQ(2U, DescriptorsOf(shared_path).size());
 }
 
 TEST_F(ListingTest, IgnoresEntriesOfUnknownType) {

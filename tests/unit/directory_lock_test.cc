@@ -78,7 +78,8 @@ TEST_F(LockTest, ReleasesTheLockAfterEveryOperation) {
     operation();
     EXPECT_TRUE(other_process.CouldLock());
     temporary.Write("source", "");
-    shared.Lock();  // Also one that was taken for longer: locks are not counted.
+    // The operation also releases a lock that was taken before, as locks are not counted.
+    shared.Lock();
     operation();
     EXPECT_TRUE(other_process.CouldLock());
   }
@@ -122,7 +123,7 @@ TEST_F(LockTest, WaitsForTheLock) {
     count = shared.GetFileCountLocked();
     counted = true;
   });
-  for (int i = 0; i < 50 && !counted; ++i) {  // Time to go on in spite of the lock.
+  for (int i = 0; i < 50 && !counted; ++i) {  // Gives it time to go on in spite of the lock.
     usleep(1000);
   }
   EXPECT_FALSE(counted);

@@ -39,8 +39,8 @@ TEST(HealthTest, IsReadAsItWasWritten) {
   EXPECT_FALSE(Exists(directory / "health.new"));
 }
 
-// As on a full file system; a directory is in the way of the new file.
-TEST(HealthTest, IsWrittenOverTheOldFileIfThereIsNoNewOne) {
+// A directory with the name of the new file replaces a full file system.
+TEST(HealthTest, OverwritesTheOldFileIfANewOneCannotBeMade) {
   const TemporaryDirectory directory;
   WriteHealth(directory / "health", Example());
   struct stat first {};
@@ -83,7 +83,7 @@ TEST(HealthTest, RecordsKeepTheirNamesStatesAndNumbers) {
   }
 }
 
-TEST(HealthTest, ReplacesWhatXmlCannotExpressInNames) {
+TEST(HealthTest, ReplacesCharactersInNamesThatXmlDoesNotAllow) {
   const TemporaryDirectory directory;
   Health health;
   health.messages.resize(1);
@@ -92,7 +92,7 @@ TEST(HealthTest, ReplacesWhatXmlCannotExpressInNames) {
   EXPECT_EQ("a?b\xef\xbf\xbd", ReadHealth(directory / "health").messages[0].file);
 }
 
-TEST(HealthTest, StationRunsWhileItsProcessDoes) {
+TEST(HealthTest, StationRunsAsLongAsItsProcess) {
   const TemporaryDirectory directory;
   const auto is_running = [&](int station_) {
     Health health;
@@ -101,7 +101,7 @@ TEST(HealthTest, StationRunsWhileItsProcessDoes) {
     return IsStationRunning(ReadHealth(directory / "health"));
   };
   EXPECT_TRUE(is_running(getpid()));
-  EXPECT_TRUE(is_running(1));  // Also if it belongs to somebody else.
+  EXPECT_TRUE(is_running(1));  // Even if it belongs to another user.
   EXPECT_FALSE(is_running(0));
   const pid_t child = fork();
   if (child == 0) {
@@ -112,7 +112,7 @@ TEST(HealthTest, StationRunsWhileItsProcessDoes) {
   EXPECT_FALSE(is_running(child));
 }
 
-TEST(HealthTest, ProcessThatBeganAtAnotherTimeIsNoStation) {
+TEST(HealthTest, ProcessWithAnotherStartTimeIsNotTheStation) {
   const TemporaryDirectory directory;
   WriteHealth(directory / "health", Example());
   Health read = ReadHealth(directory / "health");

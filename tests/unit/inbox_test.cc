@@ -19,7 +19,7 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
 
-TEST(WhyNoMessageTest, AcceptsWhatIsValidInTheEncoding) {
+TEST(WhyNoMessageTest, AcceptsBytesThatAreValidInTheEncoding) {
   const std::string wrong = "it is not valid in the encoding ";
   const struct {
     std::string bytes, encoding;
@@ -48,7 +48,7 @@ TEST(WhyNoMessageTest, AcceptsWhatIsValidInTheEncoding) {
   }
 }
 
-TEST(SafeCharactersTest, KeepsWhatIsSafeInAShell) {
+TEST(SafeCharactersTest, KeepsCharactersThatAreSafeInAShell) {
   EXPECT_EQ("aZ09._+=@-", SafeCharacters("a Z/09;$(._+=@-)\n\xC3\xA4"));
   EXPECT_EQ(std::string(100, 'x'), SafeCharacters(std::string(101, 'x')));
 }
@@ -80,7 +80,7 @@ class InboxTest : public testing::Test {
     inbox.Look();
   }
 
-  // Looks until all that is there is settled.
+  // Looks until all files are settled.
   void Settle() {
     LookAfter(0);
     LookAfter(3);
@@ -96,7 +96,7 @@ class InboxTest : public testing::Test {
               [this](const std::string& line_) { reports.push_back(line_); }};
 };
 
-TEST_F(InboxTest, HandsOverWhatHasSettled) {
+TEST_F(InboxTest, HandsOverSettledFiles) {
   directory.Write("box/b c", "Zug");
   LookAfter(0);
   LookAfter(2);
@@ -131,7 +131,7 @@ TEST_F(InboxTest, LeavesHiddenFilesAlone) {
   EXPECT_THAT(NamesIn(box), ElementsAre(".part"));
 }
 
-TEST_F(InboxTest, MovesWhatIsNoMessage) {
+TEST_F(InboxTest, MovesFilesThatAreNoMessages) {
   directory.Write("box/a", "");
   directory.Write("box/b", "\xE4");
   directory.Write("secret", "Zug");
@@ -150,7 +150,7 @@ TEST_F(InboxTest, MovesWhatIsNoMessage) {
                   "d: refused: it is not a regular file; it is now refused/d"));
 }
 
-TEST_F(InboxTest, KeepsWhatWasRefusedBefore) {
+TEST_F(InboxTest, KeepsFilesThatWereRefusedBefore) {
   for (int i = 0; i < 2; ++i) {
     directory.Write("box/a", "");
     Settle();
@@ -158,7 +158,7 @@ TEST_F(InboxTest, KeepsWhatWasRefusedBefore) {
   EXPECT_THAT(NamesIn(box + "/refused"), ElementsAre("a", MatchesRegex("again-[0-9-]+-0-a")));
 }
 
-TEST_F(InboxTest, ReportsOnceWhatCannotBeMoved) {
+TEST_F(InboxTest, ReportsOnceThatAFileCannotBeMoved) {
   directory.Write("box/a", "");
   directory.Write("box/refused", "in the way");
   Settle();
@@ -180,7 +180,7 @@ TEST_F(InboxTest, WaitsWhileTheDirectoryCannotBeUsed) {
   EXPECT_EQ("it works again", reports.back());
 }
 
-TEST_F(InboxTest, NamesWhatIsWrongWithTheDirectory) {
+TEST_F(InboxTest, ReportsTheErrorOfTheDirectory) {
   directory.Write("box/a", "Zug");
   const std::string config = directory / "config";
   const std::pair<std::string, std::string> rows[] = {

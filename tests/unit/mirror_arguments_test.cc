@@ -6,7 +6,7 @@ namespace {
 using testing::AllOf;
 using testing::Field;
 
-// PATH, SUBDIR and MODE of a good command line.
+// A valid command line with these PATH, SUBDIR and MODE.
 std::vector<std::string> Ftp(const std::string& path_, const std::string& subdir_ = "",
                              const std::string& mode_ = "passive") {
   return {path_, subdir_, "user", "password", "/watch", "0", "5", mode_};
@@ -100,7 +100,7 @@ TEST(FtpArgumentsTest, MessagesHaveNoLogin) {
   }
 }
 
-TEST(FtpArgumentsTest, RefusesWhatCannotWork) {
+TEST(FtpArgumentsTest, RefusesWrongArguments) {
   const std::string path = "PATH is not host[:port][/directory]";
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {Ftp(""), path},
@@ -163,7 +163,7 @@ TEST(SmbArgumentsTest, ReadsDomainOfUser) {
   EXPECT_EQ("WORKS jo%", place.domain + " " + place.user);
 }
 
-TEST(SmbArgumentsTest, RefusesWhatCannotWork) {
+TEST(SmbArgumentsTest, RefusesWrongArguments) {
   const std::string path = "PATH is not //host/share[/directory]";
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {Smb(""), path},

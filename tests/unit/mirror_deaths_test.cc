@@ -8,7 +8,7 @@
 
 namespace {
 
-// What the server has in each step. A step lasts until all of it is delivered.
+// The server's files in each step. A step lasts until all of them are delivered.
 const std::vector<std::map<std::string, std::string>> kSteps = {
     {{"old", "An old one."}},
     {{"old", "An old one."}, {"new", "A new one."}, {"slow", std::string(500, 's')}},
@@ -16,7 +16,7 @@ const std::vector<std::map<std::string, std::string>> kSteps = {
     {{"new", "It has changed."}, {"old", "Here again."}},
 };
 
-// What all of it is spoken as: each once, and whole.
+// The spoken messages of all steps, each once and complete.
 const std::vector<std::string> kSpoken = {"new: A new one.", "new: It has changed.",
                                           "old: An old one.", "old: Here again.",
                                           "slow: " + std::string(500, 's')};
@@ -34,7 +34,7 @@ class MirrorDeathsTest : public MirrorTest {
   }
   ~MirrorDeathsTest() override { munmap(step, sizeof(size_t)); }
 
-  // Goes through the steps from *step on, in another process. Returns its exit status.
+  // Runs the steps from *step on in another process. Returns its exit status.
   int Go(long calls_to_live_, bool is_in_write_) {
     const pid_t child = fork();
     if (child == 0) {
@@ -59,7 +59,7 @@ class MirrorDeathsTest : public MirrorTest {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
-  // The daemon takes all files; it lives on when the mirror is killed.
+  // Takes all files as the daemon does, which survives when the mirror is killed.
   void Speak() {
     stand_ins::deaths.are_counted = false;
     for (const auto& [name, content] : Local()) {
@@ -109,7 +109,7 @@ TEST_F(MirrorDeathsTest, NothingIsLostOrRepeated) {
 TEST_F(MirrorDeathsTest, ManyDeathsLoseOrRepeatNothing) {
   long calls = 0;
   while (Go(calls, calls % 2 == 1) == stand_ins::kDeath) {
-    ++calls;  // Each process comes a bit further.
+    ++calls;  // Each process survives one call more.
   }
   EXPECT_EQ(kSpoken, Spoken());
 }

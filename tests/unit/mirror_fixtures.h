@@ -13,13 +13,13 @@
 #include "mirror.h"
 #include "test_util.h"
 
-// A server that obeys, and the time, which passes only where the server lets it.
+// A server that does what a test sets, and a clock that only the server moves.
 struct FakeServer {
   struct File {
     std::string content;
     std::string time;
-    std::string stamp;  // Empty: that of the listing is the time.
-    uint64_t size = 0;  // 0: that of the content.
+    std::string stamp;  // The exact time; empty: the listing's stamp.
+    uint64_t size = 0;  // 0: the size of the content.
     bool is_rounded = false;
   };
 
@@ -34,7 +34,7 @@ struct FakeServer {
   std::map<std::string, double> seconds;  // after so many seconds each; then
   std::function<void(const std::string&, uint64_t)> on_piece = [](const std::string&, uint64_t) {};
 
-  // Instead of the files above.
+  // Replaces the listing of the files above.
   std::function<void(const std::function<void(const RemoteFile&)>&)> listing;
 
   void Put(const std::string& name_, const std::string& content_, const std::string& time_ = "1") {
@@ -119,7 +119,7 @@ class FakeRemote : public Remote {
   const std::function<bool()> go_on;
 };
 
-// A mirror of such a server. Whatever is in the log has to be asked for.
+// A mirror of such a server. A test must read all lines of the log.
 class MirrorTest : public testing::Test {
  protected:
   MirrorTest() {
@@ -129,7 +129,7 @@ class MirrorTest : public testing::Test {
     settings.poll_seconds = 5;
   }
 
-  // A new process, so to speak.
+  // Makes a new mirror, as a new process does.
   void Start() {
     mirror.reset();
     mirror = std::make_unique<Mirror>(
@@ -140,7 +140,7 @@ class MirrorTest : public testing::Test {
         [this] { return server.clock; });
   }
 
-  // One look and the pause after it. Returns the lines of the log, without what they begin with.
+  // Does one look and the pause after it. Returns the lines of the log without their prefix.
   std::string Look() {
     if (!mirror) {
       Start();
@@ -153,7 +153,7 @@ class MirrorTest : public testing::Test {
     return log;
   }
 
-  // As many looks as these seconds take.
+  // Does the looks of so many seconds.
   std::string Run(double seconds_) {
     std::string log;
     for (const double end = server.clock + seconds_; server.clock < end;) {
@@ -187,7 +187,7 @@ class MirrorTest : public testing::Test {
 
   std::string BeatText() const { return ReadFile(directory / ".helper.timestamp"); }
 
-  // As the daemon does with a message.
+  // Takes a message as the daemon does.
   std::string TakeLocal(const std::string& name_) {
     const std::string content = ReadFile(directory / name_);
     EXPECT_EQ(0, unlink((directory / name_).c_str())) << name_;

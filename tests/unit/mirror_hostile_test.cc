@@ -1,4 +1,4 @@
-// Servers that do not behave.
+// Hostile and faulty servers.
 
 #include <malloc.h>
 
@@ -58,7 +58,7 @@ TEST_F(MirrorHostileTest, FileWithoutSizeAndTimeIsRefusedAlone) {
   EXPECT_EQ((Files{{"a.txt", "A."}}), Local());
 }
 
-TEST_F(MirrorHostileTest, NameThatIsListedTwiceCountsOnce) {
+TEST_F(MirrorHostileTest, NameThatIsListedTwiceIsTakenOnce) {
   server.Put("a.txt", "A.");
   server.listing = [](const std::function<void(const RemoteFile&)>& take_) {
     for (const uint64_t size : {2U, 5U, 2U}) {
@@ -72,7 +72,7 @@ TEST_F(MirrorHostileTest, NameThatIsListedTwiceCountsOnce) {
 
 TEST_F(MirrorHostileTest, SlowFileLetsOthersPassAndGoesOnLater) {
   Run(20);
-  server.Put("a_slow", Repeat("0123456789", 50), "1");  // Older, so that it comes first.
+  server.Put("a_slow", Repeat("0123456789", 50), "1");  // It is older, so it comes first.
   server.piece = 20;
   server.seconds["a_slow"] = 1;
   server.Put("b", "B.", "2");
@@ -96,7 +96,7 @@ TEST_F(MirrorHostileTest, SlowFileLetsOthersPassAndGoesOnLater) {
   }
   EXPECT_LT(delivered["b"], 5 + 3 + 10);
   EXPECT_EQ(Repeat("0123456789", 50), Local()["a_slow"]);
-  // Each byte came once, although it took some turns.
+  // Each byte was fetched once, although the file took several turns.
   EXPECT_EQ(5, server.Count("fetch a_slow"));
   EXPECT_EQ("fetch a_slow 400",
             *std::find_if(server.calls.rbegin(), server.calls.rend(), [](const std::string& call_) {
@@ -139,7 +139,7 @@ TEST_F(MirrorHostileTest, EndlessFileDoesNotHoldUpTheFirstBeatForever) {
   EXPECT_LT(server.clock - start, 100);
 }
 
-TEST_F(MirrorHostileTest, SlowOldFileIsThereBeforeTheFirstBeat) {
+TEST_F(MirrorHostileTest, SlowOldFileIsDeliveredBeforeTheFirstBeat) {
   server.Put("old", std::string(1000, 'x'));
   server.seconds["old"] = 3;
   while (BeatText().empty()) {
@@ -148,7 +148,7 @@ TEST_F(MirrorHostileTest, SlowOldFileIsThereBeforeTheFirstBeat) {
   EXPECT_EQ(1000, Local()["old"].size());
 }
 
-TEST_F(MirrorHostileTest, SlowFileThatChangesBeginsFromItsStart) {
+TEST_F(MirrorHostileTest, SlowFileThatChangesIsFetchedAgainFromItsStart) {
   Run(20);
   server.Put("a", std::string(1000, 'x'), "1");
   server.seconds["a"] = 3;
@@ -160,7 +160,7 @@ TEST_F(MirrorHostileTest, SlowFileThatChangesBeginsFromItsStart) {
   EXPECT_EQ(std::string(1000, 'y'), Local()["a"]);
 }
 
-TEST_F(MirrorHostileTest, TimeThatDoesNotComeDelaysNoOther) {
+TEST_F(MirrorHostileTest, FileWithoutAnExactTimeDelaysNoOther) {
   Run(20);
   server.Put("a", "A.", "1");
   server.Put("b", "B.", "2");
@@ -171,7 +171,7 @@ TEST_F(MirrorHostileTest, TimeThatDoesNotComeDelaysNoOther) {
   EXPECT_EQ((Files{{"b", "B."}}), Local());
 }
 
-TEST_F(MirrorHostileTest, TenThousandFilesThatAreTooLarge) {
+TEST_F(MirrorHostileTest, TenThousandLargeFilesDoNotFillTheLog) {
   for (int i = 0; i < 10'000; ++i) {
     server.files["large" + std::to_string(i)] = {"", "1", "", (1 << 20) + 1};
   }
@@ -188,7 +188,7 @@ TEST_F(MirrorHostileTest, TenThousandFilesThatAreTooLarge) {
   EXPECT_EQ("fetched large0 now\n", Run(20));
 }
 
-TEST_F(MirrorHostileTest, LargestFileComes) {
+TEST_F(MirrorHostileTest, LargestFileIsDelivered) {
   server.piece = 10'000;
   server.Put("a", std::string(1 << 20, 'x'));
   EXPECT_EQ("", Run(20));
@@ -254,7 +254,7 @@ TEST_F(MirrorHostileTest, EndlessListingIsEnded) {
   EXPECT_EQ((Files{{"a", "A."}}), Local());
 }
 
-TEST_F(MirrorHostileTest, HundredThousandFilesAreLookedAt) {
+TEST_F(MirrorHostileTest, HundredThousandFilesAreListed) {
   server.listing = [&](const std::function<void(const RemoteFile&)>& take_) {
     for (int i = 0; i < 100'000 - 1; ++i) {
       take_({"file" + std::to_string(i), (1 << 20) + 1, "1"});
@@ -266,7 +266,7 @@ TEST_F(MirrorHostileTest, HundredThousandFilesAreLookedAt) {
   EXPECT_EQ((Files{{"a", "A."}}), Local());
 }
 
-// What happens to a file of ten bytes while it is fetched.
+// A change of a file of ten bytes while it is fetched.
 struct Change {
   const char* name;
   const char* content;  // Of the file that comes,
@@ -289,7 +289,7 @@ TEST_F(MirrorHostileTest, FileThatChangesWhileItIsFetchedIsNotDelivered) {
     server.piece = 7;
     server.files["a"] = {change.content, "1", "same", change.listed};
     server.on_call = [&](const std::string& call_) {
-      // The listing is the same as before: the change is not seen there.
+      // The listing does not show the change.
       server.files["a"].time = call_.rfind("fetch", 0) == 0 ? change.time : server.files["a"].time;
       server.files["a"].time = call_ == "list" ? "1" : server.files["a"].time;
     };
@@ -302,7 +302,7 @@ TEST_F(MirrorHostileTest, FileThatChangesWhileItIsFetchedIsNotDelivered) {
   }
 }
 
-TEST_F(MirrorHostileTest, ConnectionThatIsCutAtAnyByte) {
+TEST_F(MirrorHostileTest, ConnectionMayBeCutAtAnyByte) {
   const std::string content = "0123456789";
   server.piece = 1;
   for (uint64_t cut = 0; cut < content.size(); ++cut) {
@@ -321,7 +321,7 @@ TEST_F(MirrorHostileTest, ConnectionThatIsCutAtAnyByte) {
   }
 }
 
-TEST_F(MirrorHostileTest, ServerThatCannotGoOnInTheMiddle) {
+TEST_F(MirrorHostileTest, FileIsFetchedFromItsStartIfTheServerCannotResume) {
   server.piece = 1;
   server.Put("a", "0123456789");
   int cuts = 0;
@@ -339,7 +339,7 @@ TEST_F(MirrorHostileTest, ServerThatCannotGoOnInTheMiddle) {
   EXPECT_EQ("0123456789", TakeLocal("a"));
 }
 
-TEST_F(MirrorHostileTest, ServerThatIsGoneWhileItSendsIsInTroubleNotTheFile) {
+TEST_F(MirrorHostileTest, LostServerIsReportedRatherThanTheFile) {
   server.Put("a", "A.");
   bool is_gone = false;
   server.on_piece = [&](const std::string&, uint64_t) { is_gone = true; };
@@ -371,7 +371,7 @@ TEST_F(MirrorHostileTest, FilesThatCannotBeFetchedDelayNoOther) {
   EXPECT_NE("", BeatText());
 }
 
-TEST_F(MirrorHostileTest, FileThatVanishesBeforeItIsFetchedIsNoTrouble) {
+TEST_F(MirrorHostileTest, FileThatVanishesBeforeItIsFetchedIsNotReported) {
   server.Put("a", "A.");
   server.on_call = [this](const std::string& call_) {
     if (call_[0] == 'f') {

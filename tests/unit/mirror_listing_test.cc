@@ -59,7 +59,7 @@ TEST(ListingReaderTest, ReadsColumns) {
   }
 }
 
-TEST(ListingReaderTest, LeavesOutWhatIsNoRegularFile) {
+TEST(ListingReaderTest, LeavesOutAllButRegularFiles) {
   EXPECT_THAT(Files(ListingForm::kColumns,
                     "total 5\r\n"
                     "drwxr-xr-x 1 a b 5 Nov 21 00:07 directory\r\n"
@@ -81,7 +81,7 @@ TEST(ListingReaderTest, MarksFilesWithoutSizeOrTime) {
   }
 }
 
-TEST(ListingReaderTest, RefusesWhatIsNoListing) {
+TEST(ListingReaderTest, RefusesOtherTexts) {
   const std::string no_times = "the server does not tell sizes and times of files";
   const std::string cut = "the listing is not complete";
   const std::string unknown = "the form of the server's listing is unknown";

@@ -1,4 +1,4 @@
-// A local directory that does not take what it has to.
+// Failures of the local directory.
 
 #include <signal.h>
 #include <sys/resource.h>
@@ -24,7 +24,7 @@ class MirrorLocalTest : public MirrorTest {
   }
 };
 
-TEST_F(MirrorLocalTest, MemoryThatIsFullLeadsToNoRepetition) {
+TEST_F(MirrorLocalTest, FullMemoryFileCausesNoRepetition) {
   Run(20);
   Fill(".helper.delivered");
   server.Put("a", "A.");
@@ -38,7 +38,7 @@ TEST_F(MirrorLocalTest, MemoryThatIsFullLeadsToNoRepetition) {
   EXPECT_EQ(Files(), Local());
 }
 
-TEST_F(MirrorLocalTest, LineThatIsCutInTheMemoryCountsForNothing) {
+TEST_F(MirrorLocalTest, IncompleteLineOfTheMemoryFileIsIgnored) {
   Run(20);
   server.Put("a", "A.");
   Run(20);
@@ -56,8 +56,8 @@ TEST_F(MirrorLocalTest, LineThatIsCutInTheMemoryCountsForNothing) {
   }
 }
 
-TEST_F(MirrorLocalTest, MemoryThatIsFullInTheMiddleOfALine) {
-  const std::string longest(255, 'a');  // The limit is for the captured log, too.
+TEST_F(MirrorLocalTest, LineOfTheMemoryFileMayBeWrittenInPart) {
+  const std::string longest(255, 'a');  // The limit applies to the captured log, too.
   server.Put(longest, "A.");
   Run(20);
   TakeLocal(longest);
@@ -78,7 +78,7 @@ TEST_F(MirrorLocalTest, MemoryThatIsFullInTheMiddleOfALine) {
   EXPECT_EQ(Files(), Local());
 }
 
-TEST_F(MirrorLocalTest, MemoryStaysSmall) {
+TEST_F(MirrorLocalTest, MemoryFileStaysSmall) {
   settings.poll_seconds = 1;
   settings.settle_seconds = 0;
   struct stat status {};
@@ -110,7 +110,7 @@ TEST_F(MirrorLocalTest, HiddenFileIsRemovedWithItsRemoteFile) {
   EXPECT_FALSE(Exists(directory / ".helper.part.1"));
 }
 
-TEST_F(MirrorLocalTest, DirectoryThatIsGoneIsReportedOnce) {
+TEST_F(MirrorLocalTest, MissingDirectoryIsReportedOnce) {
   Run(20);
   ASSERT_EQ(0, system(("rm -r " + directory.path).c_str()));
   EXPECT_EQ(Trouble("No such file or directory"), Run(20));
@@ -118,7 +118,7 @@ TEST_F(MirrorLocalTest, DirectoryThatIsGoneIsReportedOnce) {
   EXPECT_EQ("can write files again\n", Run(20));
 }
 
-TEST_F(MirrorLocalTest, DirectoryThatIsReplacedGetsTheMemoryAgain) {
+TEST_F(MirrorLocalTest, ReplacedDirectoryGetsTheMemoryFileAgain) {
   server.Put("a", "A.");
   Run(20);
   TakeLocal("a");
@@ -129,7 +129,7 @@ TEST_F(MirrorLocalTest, DirectoryThatIsReplacedGetsTheMemoryAgain) {
   EXPECT_EQ(Files(), Local());
 }
 
-TEST_F(MirrorLocalTest, CopyThatIsGoneWithItsDirectoryWasNotTaken) {
+TEST_F(MirrorLocalTest, CopyThatVanishedWithItsDirectoryCountsAsNotTaken) {
   settings.auto_delete = true;
   server.Put("a", "A.");
   Run(20);
@@ -166,7 +166,7 @@ TEST_F(MirrorLocalTest, BeatsGoOnWhenTheirFilesAreRemoved) {
   }
 }
 
-TEST_F(MirrorLocalTest, BeatThatCannotBeWrittenIsATrouble) {
+TEST_F(MirrorLocalTest, BeatThatCannotBeWrittenIsReported) {
   Run(20);
   unlink((directory / ".helper.timestamp.new").c_str());
   directory.MakeDirectory(".helper.timestamp.new");

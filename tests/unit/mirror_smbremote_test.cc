@@ -1,4 +1,4 @@
-// Listings of SMB servers that do not end.
+// Endless listings of SMB servers.
 
 #include <errno.h>
 #include <sys/mman.h>
@@ -13,10 +13,10 @@
 
 namespace {
 
-// A remote directory, and the time, which passes only while the server is waited for.
+// A remote directory, and a clock that moves only while the server is waited for.
 class SmbRemoteTest : public testing::Test {
  protected:
-  // How a listing ends: "" if all of it was read.
+  // The error of a listing; empty if all of it was read.
   std::string List() {
     try {
       remote.List([](const RemoteFile&) {});
@@ -38,7 +38,7 @@ class SmbRemoteTest : public testing::Test {
   SmbRemote remote{SmbPlace{}, [this] { return GoOn(); }, [this] { return clock; }};
 };
 
-TEST_F(SmbRemoteTest, EndlessListingIsStuckAlsoIfItsCallHasEnded) {
+TEST_F(SmbRemoteTest, EndlessListingIsStuckEvenIfItsCallHasEnded) {
   std::atomic<bool> may_end{false};
   stand_ins::open_directory = [&may_end] {
     while (!may_end) {

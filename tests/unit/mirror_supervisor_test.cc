@@ -22,7 +22,7 @@ class MirrorSupervisorTest : public testing::Test {
     }
   }
 
-  // Each worker notes its number and goes on with work_, or waits for its end.
+  // Each worker notes its process id and runs work_, or waits to be ended.
   void Start(const std::function<void(Pulse&)>& work_ = {}) {
     supervisor = fork();
     if (supervisor == 0) {
@@ -62,7 +62,7 @@ class MirrorSupervisorTest : public testing::Test {
     }
   }
 
-  // The numbers of the workers as soon as there are so many.
+  // Waits until there were so many workers. Returns their process ids.
   std::vector<pid_t> WaitForWorkers(size_t count_) const {
     WaitUntil([&] { return Workers().size() >= count_; });
     return Workers();
@@ -70,7 +70,7 @@ class MirrorSupervisorTest : public testing::Test {
 
   std::string Log() const { return ReadFile(directory / "log"); }
 
-  // The exit status of the supervisor.
+  // Waits for the supervisor. Returns its exit status.
   int Reap() {
     int status = 0;
     EXPECT_EQ(supervisor, waitpid(supervisor, &status, 0));
@@ -87,7 +87,7 @@ class MirrorSupervisorTest : public testing::Test {
     std::istringstream(stat.substr(stat.rfind(')') + 1)) >> state >> parent;
     return {state, parent};
   }
-  // A process that has ended, but was not waited for, counts as gone.
+  // A zombie counts as gone.
   static bool Lives(pid_t pid_) {
     const char state = StateOf(pid_).first;
     return state != 'X' && state != 'Z';

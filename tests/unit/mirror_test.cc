@@ -23,7 +23,7 @@ TEST_F(MirrorTest, FirstBeatFollowsTheFirstMirror) {
   EXPECT_EQ("alive 01\n", BeatText());
 }
 
-TEST_F(MirrorTest, FirstBeatOfAnEmptyDirectoryIsAtOnce) {
+TEST_F(MirrorTest, EmptyDirectoryHasItsFirstBeatAtOnce) {
   Look();
   EXPECT_EQ("alive 00\n", BeatText());
 }
@@ -74,7 +74,7 @@ TEST_F(MirrorTest, DeliveryTakesOnePollAndTheTimeToSettle) {
     settings.poll_seconds = poll;
     mirror.reset();
     Look();
-    // Right after a look, in the pause.
+    // The file is written right after a look, in the pause.
     const double written = server.clock - poll;
     const std::string name = "poll" + std::to_string(poll);
     server.Put(name, "A.");
@@ -82,11 +82,11 @@ TEST_F(MirrorTest, DeliveryTakesOnePollAndTheTimeToSettle) {
       Look();
     }
     const double latest = written + poll + 3;
-    EXPECT_GE(latest + poll + 0.2, server.clock) << poll;  // The last look has paused, too.
+    EXPECT_GE(latest + poll + 0.2, server.clock) << poll;  // The last look has paused as well.
   }
 }
 
-TEST_F(MirrorTest, ServerThatTakesLongForAListingHasARest) {
+TEST_F(MirrorTest, SlowListingIsFollowedByARestOfItsLength) {
   Run(20);
   server.on_call = [this](const std::string&) { server.clock += 4; };
   const double start = server.clock;
@@ -197,7 +197,7 @@ TEST_F(MirrorTest, OldestOfVeryManyFilesComeFirst) {
   EXPECT_NE("", BeatText());
 }
 
-TEST_F(MirrorTest, StampThatReadsDifferentlyIsNoChange) {
+TEST_F(MirrorTest, OtherFormOfTheSameTimeIsNoChange) {
   server.files["a.txt"] = {"A.", "1", "Nov 21 00:07", 0};
   Run(20);
   TakeLocal("a.txt");
@@ -239,7 +239,7 @@ TEST_F(MirrorTest, RoundedTimeOfAnOldFileIsCheckedOnce) {
   EXPECT_EQ(1, server.Count("time"));
 }
 
-TEST_F(MirrorTest, KnownFilesCostOneListing) {
+TEST_F(MirrorTest, KnownFilesNeedOneListingOnly) {
   for (int i = 0; i < 10; ++i) {
     server.Put("file" + std::to_string(i), "text");
   }
@@ -262,14 +262,15 @@ TEST_F(MirrorTest, AutoDeleteRemovesWhatTheDaemonTook) {
   EXPECT_EQ((Files{{"b.txt", "B."}}), Local());
 }
 
-TEST_F(MirrorTest, AutoDeleteSparesAFileThatHasChanged) {
+TEST_F(MirrorTest, AutoDeleteKeepsAFileThatHasChanged) {
   settings.auto_delete = true;
   server.files["a.txt"] = {"A.", "1", "minute", 0, false};
   server.files["b.txt"] = {"B.", "1", "minute", 0, false};
   Run(20);
   TakeLocal("a.txt");
   TakeLocal("b.txt");
-  server.files["a.txt"] = {"C.", "2", "minute", 0, false};  // The listing does not tell them apart.
+  // The listing does not distinguish them.
+  server.files["a.txt"] = {"C.", "2", "minute", 0, false};
   server.Put("b.txt", "Another B.", "2");
   Run(20);
   EXPECT_EQ(0, server.Count("delete"));
@@ -292,7 +293,7 @@ TEST_F(MirrorTest, DeleteThatIsRefusedIsReportedOnce) {
   EXPECT_EQ("could delete a.txt now\n", Run(200));
 }
 
-TEST_F(MirrorTest, TroubleOfTheServerIsReportedOnceAndItsEnd) {
+TEST_F(MirrorTest, FailureOfTheServerAndItsEndAreReportedOnce) {
   std::string reason = "no route";
   server.on_call = [&](const std::string&) { throw reason; };
   const double start = server.clock;
@@ -322,7 +323,7 @@ TEST_F(MirrorTest, MessageIsPrintableAscii) {
   EXPECT_EQ("t??r??[1m?%s\n", Look());
 }
 
-TEST_F(MirrorTest, SecondProcessRemembers) {
+TEST_F(MirrorTest, SecondProcessKnowsTheDeliveredFiles) {
   server.Put("a.txt", "A.");
   server.Put("b.txt", "B.");
   Run(20);
@@ -331,7 +332,7 @@ TEST_F(MirrorTest, SecondProcessRemembers) {
   server.Put("c.txt", "C.");
   Start();
   Look();
-  EXPECT_NE(beat, BeatText());  // It goes on at once, and with another text.
+  EXPECT_NE(beat, BeatText());  // The second process beats at once, with another text.
   Run(20);
   EXPECT_EQ((Files{{"b.txt", "B."}, {"c.txt", "C."}}), Local());
   EXPECT_EQ(3, server.Count("fetch"));

@@ -1,4 +1,4 @@
-// The options that a command line becomes. The system tests look at the usage text.
+// The options parsed from a command line. The system tests check the usage text.
 #include "options.h"
 
 #include <gtest/gtest.h>

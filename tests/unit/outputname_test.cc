@@ -12,7 +12,7 @@ struct Row {
   bool is_first;
 };
 
-TEST(ParseOutputNameTest, TakesNamesApart) {
+TEST(ParseOutputNameTest, SplitsNames) {
   for (const Row& row : {Row{"0_lobby.text_live_first.raw", 0, "lobby", false, true},
                          Row{"7_lobby.text_pre_cont.raw", 7, "lobby", false, false},
                          Row{"12_lobby.warn_live_first.wav", 12, "lobby", true, true},

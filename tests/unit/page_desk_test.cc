@@ -52,7 +52,7 @@ class DeskTest : public testing::Test {
     }
   }
 
-  // Status, and the text or where it leads.
+  // The status, and the text or the redirection's target.
   Response Get(const std::string& path_, Role role_ = Role::kOperate) {
     return desk->Handle({"GET", path_, {}, false}, {"anna", role_, "token-1"});
   }
@@ -101,7 +101,7 @@ class DeskTest : public testing::Test {
   std::unique_ptr<Desk> desk;
 };
 
-TEST_F(DeskTest, PageOffersWhatCanBeSaid) {
+TEST_F(DeskTest, PageOffersWhatTheUserMayAnnounce) {
   const std::string page = Get("/").body;
   EXPECT_THAT(page, AllOf(HasSubstr("<option data-pace=\"5.00\" data-loops=\"2\" value=\"near\">"),
                           HasSubstr("value=\"&lt;i&gt;\""), HasSubstr("name=\"field-0\""),
@@ -115,7 +115,7 @@ TEST_F(DeskTest, PageOffersWhatCanBeSaid) {
   EXPECT_EQ(std::nullopt, Desk::OpenFile("/"));
 }
 
-TEST_F(DeskTest, RequestsThatAreRefused) {
+TEST_F(DeskTest, WrongRequestsAreRefused) {
   struct Row {
     const char* path;
     std::map<std::string, std::string> form;
@@ -184,7 +184,7 @@ TEST_F(DeskTest, MessageIsHandedOverAndFollowed) {
   EXPECT_EQ(2u, Files().size());
 }
 
-TEST_F(DeskTest, FormWithoutJavaScriptLeadsBack) {
+TEST_F(DeskTest, FormWithoutJavaScriptRedirectsToThePage) {
   Response response;
   LogOf([&] { response = Post("/say", {{"directory", "near"}, {"text", "Go"}}, false); });
   EXPECT_EQ(303, response.status);
@@ -200,7 +200,7 @@ TEST_F(DeskTest, DocumentIsInTheEncodingOfItsDirectory) {
   EXPECT_THAT(document, HasSubstr(std::string("\xE9\0", 2)));
 }
 
-TEST_F(DeskTest, WaitingMessageIsWithdrawnUntilItIsTaken) {
+TEST_F(DeskTest, MessageCanBeWithdrawnUntilItIsTaken) {
   for (const char* text : {"One", "Two"}) {
     EXPECT_EQ("200 Handed over.", Answer("/say", {{"directory", "near"}, {"text", text}}));
   }
@@ -234,7 +234,7 @@ TEST_F(DeskTest, MessageOfOthersIsReadAndEscaped) {
               AllOf(HasSubstr("Line 3 is not"), Not(HasSubstr("<script>alert"))));
 }
 
-TEST_F(DeskTest, ServiceThatEndsIsNoticedWhileSomebodyWatches) {
+TEST_F(DeskTest, EndOfTheServiceIsNoticedWhileSomebodyWatches) {
   EXPECT_EQ(-1, desk->NextTimeout());
   health.station = 0;
   desk->Events({"anna", Role::kLook, ""});
@@ -260,7 +260,7 @@ TEST_F(DeskTest, PreviewIsMadeAndAnnouncesNothing) {
   EXPECT_EQ(404, desk->Handle({"GET", path, {}, false}, {"otto", Role::kSay, ""}).status);
 }
 
-TEST(DeskWithNothingTest, StillAnswers) {
+TEST(DeskWithoutFilesTest, StillAnswers) {
   const TemporaryDirectory directory;
   Desk desk({directory / "run", directory / "state", "", ""});
   const Response page = desk.Handle({"GET", "/", {}, false}, {"anna", Role::kSay, ""});

@@ -16,7 +16,7 @@ std::string ParserOf(const std::string& fields_, const char* mode_ = "0") {
          "</parser>";
 }
 
-// What the daemon's parser finds in the document.
+// The text that the daemon's parser finds in the document.
 std::string Found(const XMLElement& parser_, const Form& form_) {
   const TemporaryDirectory directory;
   SetDebugMask(0);
@@ -26,7 +26,7 @@ std::string Found(const XMLElement& parser_, const Form& form_) {
   return text;
 }
 
-TEST(MakeDocumentTest, ParserFindsWhatWasFilledIn) {
+TEST(MakeDocumentTest, ParserFindsTheValuesOfTheForm) {
   const auto parser = ParseXML(
       ParserOf("<field tag=\"headline\" attr=\"\" attr_value=\"\"/>"
                "<field tag=\"text\" attr=\"lang\" attr_value=\"&quot;en&quot;\" parent=\"info\"/>"
@@ -42,7 +42,7 @@ TEST(MakeDocumentTest, ParserFindsWhatWasFilledIn) {
   EXPECT_EQ("", Found(*parser, {{"field-0", " "}}));
 }
 
-TEST(MakeDocumentTest, AttributesAreFoundToo) {
+TEST(MakeDocumentTest, ParserFindsValuesInAttributes) {
   const auto parser =
       ParseXML(ParserOf("<field tag=\"m\" attr=\"a\" attr_value=\"\"/>"
                         "<field tag=\"m\" attr=\"b\" attr_value=\"\"/>"
@@ -54,7 +54,7 @@ TEST(MakeDocumentTest, AttributesAreFoundToo) {
             Found(*parser, {{"field-0", "1 \"<&>"}, {"field-1", "2"}, {"field-3", "4"}}));
 }
 
-TEST(MakeDocumentTest, RefusesNamesThatNoDocumentCanHave) {
+TEST(MakeDocumentTest, RefusesNamesThatXmlDoesNotAllow) {
   for (const std::string tag : {"a b", "1", "a>", "-"}) {
     const auto parser =
         ParseXML(ParserOf("<field tag=\"" + tag + "\" attr=\"\" attr_value=\"\"/>"));
@@ -72,7 +72,7 @@ TEST(HtmlTest, EscapesEverything) {
   EXPECT_EQ("<input type=\"hidden\" name=\"&lt;\" value=\"&quot;\">", HiddenField("<", "\""));
 }
 
-TEST(SpokenWordsTest, AreThoseOfTheModel) {
+TEST(SpokenWordsTest, EqualThoseOfTheModel) {
   for (const std::string text : {"", "One two.", "Stop... now", " ,. a , b", "3.5 12:30", "a\tb\nc",
                                  "!?", "x\xC2\xA0y", "caf\xC3\xA9\xC2\x85z", "\xE2\x82\xAC"}) {
     const model::Words words = model::Splitting(model::Decode(text)).words;
@@ -81,7 +81,7 @@ TEST(SpokenWordsTest, AreThoseOfTheModel) {
   EXPECT_THAT(SpokenWords(Repeat("x", 101)), ElementsAre(Repeat("x", 100)));
 }
 
-TEST(SnippetOfTest, IsWhatTheTranslatorGets) {
+TEST(SnippetOfTest, HasPauseAndGlossary) {
   const TemporaryDirectory directory;
   const std::string path =
       directory.Write("g", "<glossary><word text=\"Dr\" speech=\"Doctor\"/></glossary>");

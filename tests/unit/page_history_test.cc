@@ -80,7 +80,7 @@ TEST_F(HistoryTest, MessageThatTheStationDoesNotKnowIsForgottenAfterAWhile) {
   EXPECT_EQ(Entry::kOpen, Last().fate);
 }
 
-TEST_F(HistoryTest, WithdrawnMessageStaysSoUnlessItIsSaid) {
+TEST_F(HistoryTest, WithdrawnMessageStaysWithdrawnUnlessItIsSpoken) {
   for (const bool is_said : {false, true}) {
     const long long id = Add(is_said ? "a" : "b");
     history->NoteWithdrawn(id, "otto");
@@ -105,7 +105,7 @@ TEST_F(HistoryTest, KeepsTheLast200AndCutsLongTexts) {
   EXPECT_EQ(212, Add("next"));
 }
 
-TEST_F(HistoryTest, LinesThatCannotBeReadAreLeftOut) {
+TEST_F(HistoryTest, SkipsUnreadableLines) {
   Add("m");
   const std::string line = ReadFile(directory / "history");
   directory.Write("history", "\n{\n{\"id\":1}\n[]\nnull\n\xFF\n" + line + line +
@@ -115,7 +115,7 @@ TEST_F(HistoryTest, LinesThatCannotBeReadAreLeftOut) {
   EXPECT_EQ("m", Last().file);
 }
 
-TEST_F(HistoryTest, FileThatCannotBeWrittenIsToldOnce) {
+TEST_F(HistoryTest, LogsOnceThatTheFileCannotBeWritten) {
   directory.MakeDirectory("history.new");
   EXPECT_EQ("cannot write " + (directory / "history") + ": Is a directory\n", LogOf([&] {
               Add("a");

@@ -66,14 +66,14 @@ TEST_F(PreviewsTest, TranslatorRunsAsTheDaemonRunsIt) {
   EXPECT_EQ(0100600u, ModeOf(scratch + "/1.text"));
 }
 
-TEST_F(PreviewsTest, FailureAndSilenceAreNoPreviews) {
+TEST_F(PreviewsTest, FailureOrSilenceGivesNoPreview) {
   std::string wav;
   for (const std::string text : {"fail", "silent"}) {
     EXPECT_EQ(Previews::kFailed, End("anna", previews.Start("anna", text, {}), wav)) << text;
   }
 }
 
-TEST_F(PreviewsTest, OneForEachUserAndTwoAtATime) {
+TEST_F(PreviewsTest, RunsOneForEachUserAndTwoAtOnce) {
   std::string wav;
   const int first = previews.Start("anna", "hang", {});
   const int second = previews.Start("anna", "hang", {});
@@ -85,7 +85,7 @@ TEST_F(PreviewsTest, OneForEachUserAndTwoAtATime) {
   EXPECT_THAT(wav, HasSubstr("text"));
 }
 
-TEST_F(PreviewsTest, NothingIsLeft) {
+TEST_F(PreviewsTest, FilesAreRemovedAtTheEnd) {
   std::string scratch;
   {
     Previews others(directory / "translator");

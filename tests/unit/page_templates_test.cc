@@ -48,7 +48,7 @@ TEST(ParseTemplatesTest, FirstOfATitleCounts) {
   EXPECT_THAT(templates.mistakes, ElementsAre("Line 4 has the title of an earlier one, \"a\"."));
 }
 
-TEST(ParseTemplatesTest, IsBounded) {
+TEST(ParseTemplatesTest, LimitsTemplatesMistakesAndBlanks) {
   std::string many;
   for (int i = 0; i < 500; ++i) {
     many += Number(i) + "|d|x\n";
@@ -59,14 +59,14 @@ TEST(ParseTemplatesTest, IsBounded) {
             Described("t|d|{1}{2}{3}{4}{5}{6}{7}{8}{9}{a}{b}{c}{d}{e}{f}{g}{h}{i}{j}{k}{l}"));
 }
 
-TEST(ReadTemplatesTest, MissingFileIsNoMistakeAndADirectoryIs) {
+TEST(ReadTemplatesTest, DirectoryIsAMistakeButNotAMissingFile) {
   const TemporaryDirectory directory;
   EXPECT_THAT(ReadTemplates(directory / "none").mistakes, IsEmpty());
   EXPECT_THAT(ReadTemplates(directory.path).mistakes, ElementsAre(HasSubstr(directory.path)));
   EXPECT_THAT(ReadTemplates(directory.Write("t", "a|b|c")).all, SizeIs(1));
 }
 
-TEST(FilledTest, TakesValuesInOneLineAndRequiresAll) {
+TEST(FilledTest, PutsValuesInOneLineAndRequiresAll) {
   const Templates templates = ParseTemplates("t|d|To {place} from {number}: {place}!");
   const Template& found = templates.all[0];
   EXPECT_THAT(found.Blanks(), ElementsAre("place", "number"));

@@ -39,7 +39,7 @@ std::string WriteWav(const std::string& path_, int format_, int rate_, sf_count_
   return path_;
 }
 
-TEST(ClipTest, RawFilesAreLittleEndianSamplesWithoutHalfOnes) {
+TEST(ClipTest, RawFilesAreLittleEndianSamplesWithoutAnOddByte) {
   const TemporaryDirectory directory;
   for (const auto& [content, samples] : {std::pair<std::string, std::vector<int16_t>>{"", {}},
                                          {"x", {}},
@@ -75,7 +75,7 @@ TEST(ClipTest, ChannelsAreMixed) {
   }
 }
 
-TEST(ClipTest, ValueThatIsNoNumberDoesNotSpoilTheRest) {
+TEST(ClipTest, NotANumberDoesNotChangeOtherSamples) {
   const TemporaryDirectory directory;
   const std::string path = WriteWav(directory / "clip", SF_FORMAT_FLOAT, 8000, 8000, {0.5F});
   std::string content = ReadFile(path);
@@ -102,7 +102,8 @@ TEST(ClipTest, SamplesOfTheSameFormatPassUnchanged) {
   EXPECT_EQ(samples, Samples(directory / "clip"));
 }
 
-// Of a second of sound, the samples, their peak, and where the tone of 440 Hz crosses zero.
+// Compares the number of samples of a second, their peak, and the zero crossings of a tone of 440
+// Hz.
 TEST(ClipTest, ClipsOfOtherRatesKeepLengthLevelAndPitch) {
   const TemporaryDirectory directory;
   for (const int rate : {8000, 11025, 16000, 22050, 32000, 44100, 48000, 96000}) {
@@ -132,7 +133,7 @@ TEST(ClipTest, EncodingsOfWavAreRead) {
   EXPECT_THAT(Samples(WriteWav(directory / "clip", SF_FORMAT_PCM_16, 8000, 0, {})), IsEmpty());
 }
 
-TEST(ClipTest, WavFileThatWasCutShortIsReadAsFarAsItGoes) {
+TEST(ClipTest, TruncatedWavFileIsReadToItsEnd) {
   const TemporaryDirectory directory;
   WriteWav(directory / "whole", SF_FORMAT_PCM_16, kRate, 1000, {0.5F});
   const std::string path =

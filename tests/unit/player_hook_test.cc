@@ -22,7 +22,7 @@ TEST(HookTest, CommandThatDoesNotEndIsKilledWithAllThatItStarted) {
   EXPECT_EQ("it did not end", RunHook("sleep 600 & echo $! >" + path + "; wait"));
   const pid_t pid = std::stoi(ReadFile(path));
   ASSERT_GT(pid, 1);
-  // Whoever inherits it may be slow to collect it.
+  // The process that inherits it may be slow to collect it.
   const std::string state = "/proc/" + std::to_string(pid) + "/stat";
   for (const double deadline = Now() + 60; Now() < deadline; Nap(10)) {
     const std::string stat = access(state.c_str(), F_OK) == 0 ? ReadFile(state) : ") Z";

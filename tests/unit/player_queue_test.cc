@@ -13,10 +13,10 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-// An output directory, and the queue of a player that serves the ids that do not begin with "x".
+// An output directory, and the queue of a player for the ids that do not begin with "x".
 class QueueTest : public testing::Test {
  protected:
-  // seconds_: when it was written.
+  // seconds_: the time at which it was written.
   void Deliver(const std::string& name_, int seconds_ = 1000) {
     const std::string path = directory.Write(name_, name_);
     const timespec times[] = {{seconds_, 0}, {seconds_, 0}};
@@ -47,7 +47,7 @@ class QueueTest : public testing::Test {
     return taken;
   }
 
-  // As after a kill.
+  // Makes a new queue, as after a kill.
   void Restart() {
     queue = std::make_unique<Queue>(directory.path,
                                     [](const std::string& id_) { return id_[0] != 'x'; });
@@ -69,7 +69,7 @@ class QueueTest : public testing::Test {
       std::make_unique<Queue>(directory.path, [](const std::string& id_) { return id_[0] != 'x'; });
 };
 
-TEST_F(QueueTest, NumbersGiveTheOrder) {
+TEST_F(QueueTest, FilesAreInTheOrderOfTheirNumbers) {
   for (const char* const name : {"10_a", "9_a", "100_b", "4294967295_a", "0_b"}) {
     Deliver(name);
   }
@@ -86,7 +86,7 @@ TEST_F(QueueTest, NumbersThatBeginAgainAreNewer) {
   EXPECT_THAT(Waiting(), ElementsAre("7_a", "0_a", "1_a", "8_a"));
 }
 
-TEST_F(QueueTest, TimesTellThatNumbersHaveBegunAgainInOneLook) {
+TEST_F(QueueTest, TimesDecideIfOneLookFindsOldAndNewNumbers) {
   for (const auto& [name, time] :
        {std::pair("3_a", 1000), {"4_a", 1000}, {"0_a", 1002}, {"3_b", 1003}, {"5_a", 1004}}) {
     Deliver(name, time);
@@ -148,7 +148,7 @@ TEST_F(QueueTest, HiddenFilesOfAnEarlierPlayerWaitInTheirPlaces) {
   EXPECT_THAT(Waiting(), ElementsAre("1_a", "2_a", "3_a"));
 }
 
-TEST_F(QueueTest, NamesThatComeAgainReplaceNoHiddenFile) {
+TEST_F(QueueTest, NameThatIsUsedAgainReplacesNoHiddenFile) {
   for (int round = 0; round < 3; ++round) {
     Deliver("1_a", 1000 + round);
     Waiting();
@@ -181,7 +181,7 @@ TEST_F(QueueTest, LongestNamesCanBeHidden) {
   }
 }
 
-TEST_F(QueueTest, OnlyWhatWasMovedAsideIsRemovedWithTheRest) {
+TEST_F(QueueTest, OnlyFilesThatWereMovedAsideAreRemovedWithTheRest) {
   for (const char* const name : {"1_a", "2_a", "3_a"}) {
     Deliver(name);
   }
@@ -193,7 +193,7 @@ TEST_F(QueueTest, OnlyWhatWasMovedAsideIsRemovedWithTheRest) {
   EXPECT_THAT(Files(), UnorderedElementsAre(".playing.1_a", "3_a"));
 }
 
-TEST_F(QueueTest, WaitsForNobodysLock) {
+TEST_F(QueueTest, DoesNotWaitForALock) {
   Deliver("1_a");
   Waiting();
   Deliver("2_a");

@@ -6,14 +6,14 @@
 
 using ::testing::ElementsAre;
 
-// --- An ALSA device of the test
-// -------------------------------------------------------------------
+// --- An ALSA device of the test ---
 
 namespace {
 
 struct Device {
   int open_error = 0;
-  std::vector<snd_pcm_sframes_t> results;  // Of the next writes; then all is taken.
+  // Results of the next writes. After these, all samples are taken.
+  std::vector<snd_pcm_sframes_t> results;
   std::vector<int16_t> sound;
   int opened = 0;
   int closed = 0;
@@ -77,7 +77,7 @@ class AlsaSinkTest : public testing::Test {
   std::unique_ptr<Sink> sink;
 };
 
-TEST_F(AlsaSinkTest, WritesWhatTheDeviceTakes) {
+TEST_F(AlsaSinkTest, WritesAsManySamplesAsTheDeviceTakes) {
   sink->Open();
   device.results = {3, -EAGAIN, 1};
   EXPECT_EQ(3U, Write());
@@ -132,10 +132,9 @@ TEST_F(AlsaSinkTest, DeviceThatTakesNothingIsLost) {
   EXPECT_EQ("no sound device speaker: it takes no sound", reason);
 }
 
-// --- Others
-// ---------------------------------------------------------------------------------------
+// --- Others ---
 
-TEST(PaceTest, LetsPassAsMuchAsWouldBeHeard) {
+TEST(PaceTest, LetsSamplesPassAtTheSpeedOfPlaying) {
   Pace pace(1000);
   const double start = Now();
   size_t passed = 0;
@@ -151,7 +150,7 @@ void WriteAll(Sink& sink_, const std::vector<int16_t>& samples_) {
   EXPECT_EQ(samples_.size(), sink_.Write(samples_.data(), samples_.size()));
 }
 
-// The sizes in the header, and all bytes after it.
+// Checks the sizes in the header, and all bytes after it.
 void ExpectWav(const std::string& content_, const std::string& sound_) {
   const auto size = [&](size_t at_) {
     uint32_t value = 0;
@@ -181,7 +180,7 @@ TEST(WavSinkTest, FileOfAnEarlierRunIsContinued) {
   const std::string path = directory / "wav";
   WriteAll(*OpenWavSink(path, 22050, false), {0x6161});
   const std::string before = ReadFile(path);
-  for (const char* const rest : {"", "x", "xyz"}) {  // Of a killed run.
+  for (const char* const rest : {"", "x", "xyz"}) {  // Left by a killed run.
     directory.Write("wav", before + rest);
     WriteAll(*OpenWavSink(path, 22050, false), {0x6262, 0x6363});
     ExpectWav(ReadFile(path), "aabbcc");
@@ -208,7 +207,7 @@ TEST(WavSinkTest, EndsBeforeTheSizesOfTheHeaderOverflow) {
   const std::string path = directory / "wav";
   OpenWavSink(path, 22050, false);
   std::string header = ReadFile(path);
-  const uint32_t sound = UINT32_MAX - 36 - 3;  // One sample less than there is room for.
+  const uint32_t sound = UINT32_MAX - 36 - 3;  // There is room for one sample more.
   const uint32_t riff = sound + 36;
   memcpy(&header[4], &riff, sizeof(riff));
   memcpy(&header[40], &sound, sizeof(sound));
@@ -224,7 +223,7 @@ TEST(WavSinkTest, EndsBeforeTheSizesOfTheHeaderOverflow) {
   }
 }
 
-TEST(WavSinkTest, FullDiskEndsIt) {
+TEST(WavSinkTest, FullDiskIsAnError) {
   EXPECT_NE("", ThrownText([&] {
               const auto sink = OpenWavSink("/dev/full", 22050, false);
               WriteAll(*sink, {1});

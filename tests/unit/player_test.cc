@@ -58,7 +58,8 @@ class PlayerTest : public testing::Test {
 
   void Configure(const std::string& text_) { directory.Write("config", text_); }
 
-  // A file whose samples are all of this value; complete for the player by the lock or the rename.
+  // Delivers a file whose samples all have this value. The lock or the rename makes it complete for
+  // the player.
   void Deliver(const std::string& name_, int16_t value_, size_t count_ = 100) {
     const std::vector<int16_t> samples(count_, value_);
     directory.Write("new", {reinterpret_cast<const char*>(samples.data()), 2 * count_});
@@ -73,7 +74,7 @@ class PlayerTest : public testing::Test {
     player = std::make_unique<Player>(options, *queue, *urgency, sink);
   }
 
-  // Returns what is printed.
+  // Runs the player until is_reached_. Returns its printed lines.
   std::string Run(const std::function<bool()>& is_reached_) {
     return OutputOf([&] {
       log += LogOf([&] {
@@ -86,8 +87,8 @@ class PlayerTest : public testing::Test {
       });
     });
   }
-  // Until so many samples have been written; no more are allowed then. The next 20 are on their
-  // way.
+  // Runs until so many samples were written, and allows no more. The next 20 samples wait in the
+  // player.
   std::string Hear(size_t count_) {
     sink.room = count_ - sink.sound.size();
     return Run([&] { return sink.room == 0; });
@@ -96,7 +97,7 @@ class PlayerTest : public testing::Test {
     sink.room = SIZE_MAX;
     return Run([&] { return player->IsDone(); });
   }
-  // All that waits, in one run.
+  // Plays all waiting files in one run.
   std::string PlayAll() {
     options.until_empty = true;
     Start();
@@ -121,7 +122,7 @@ class PlayerTest : public testing::Test {
   std::string log;
 };
 
-// What fades out of samples of that value.
+// The fading end of samples of that value.
 std::vector<int16_t> Fading(int16_t value_) {
   std::vector<int16_t> samples;
   for (int i = 19; i >= 0; --i) {
@@ -170,7 +171,7 @@ TEST_F(PlayerTest, EquallyUrgentFileDoesNotInterrupt) {
   EXPECT_EQ(Of(1000, 100) + Of(2000, 100), sink.sound);
 }
 
-TEST_F(PlayerTest, EndOfAFileIsNotWorthAnInterruption) {
+TEST_F(PlayerTest, LastSamplesOfAFileAreNotInterrupted) {
   options.until_empty = true;
   Deliver("1_lobby.raw", 1000, 90);
   Start();
@@ -206,7 +207,7 @@ TEST_F(PlayerTest, AfterPieceLetsAFileEnd) {
   EXPECT_EQ(Of(1000, 100) + Of(3000, 100) + Of(2000, 100), sink.sound);
 }
 
-TEST_F(PlayerTest, RoomIsMadeForAMoreUrgentMessage) {
+TEST_F(PlayerTest, PlayerMakesRoomForAMoreUrgentMessage) {
   for (const char* const name : {"1_lobby.raw", "2_lobby.raw", "3_lobby.raw"}) {
     Deliver(name, 1000);
   }
@@ -215,7 +216,7 @@ TEST_F(PlayerTest, RoomIsMadeForAMoreUrgentMessage) {
   EXPECT_EQ(".playing.1_lobby.raw 2_lobby.raw 3_lobby.raw ", Files());
   directory.Write("status", StatusText(10, "alarm", true));
   Run([&] { return Files() == ".playing.1_lobby.raw .waiting.3_lobby.raw 2_lobby.raw "; });
-  // The daemon may not have looked yet.
+  // The daemon may not have scanned the directory yet.
   directory.Write("status", StatusText(11, "alarm", true));
   Run([&] { return urgency->Timestamp() == 11; });
   EXPECT_EQ(".playing.1_lobby.raw .waiting.3_lobby.raw 2_lobby.raw ", Files());
@@ -223,7 +224,7 @@ TEST_F(PlayerTest, RoomIsMadeForAMoreUrgentMessage) {
   Run([&] { return Files() == ".playing.1_lobby.raw .waiting.2_lobby.raw .waiting.3_lobby.raw "; });
 }
 
-TEST_F(PlayerTest, NoRoomIsMadeWithoutNeed) {
+TEST_F(PlayerTest, PlayerMakesNoRoomWithoutNeed) {
   Deliver("1_lobby.raw", 1000);
   Deliver("2_lobby.raw", 1000);
   Start();
@@ -249,11 +250,11 @@ TEST_F(PlayerTest, NoRoomIsMadeWithoutNeed) {
   unlink((directory / "out/3_other.raw").c_str());
   const std::string before = Files();
   Run([&] { return queue->OtherIds().empty(); });
-  keeps("alarm", true);  // Room may have been made as soon as the other file was seen to be gone.
+  keeps("alarm", true);  // The player made room when it saw that the other file was gone.
   EXPECT_NE(before, Files());
 }
 
-TEST_F(PlayerTest, WhatWasMovedAsideIsPlayedInItsPlaceAfterAKill) {
+TEST_F(PlayerTest, FileThatWasMovedAsideIsPlayedInItsPlaceAfterAKill) {
   Deliver("1_lobby.raw", 1);
   Deliver("2_lobby.raw", 2);
   Deliver("3_lobby.raw", 3);
@@ -269,7 +270,7 @@ TEST_F(PlayerTest, WhatWasMovedAsideIsPlayedInItsPlaceAfterAKill) {
   EXPECT_EQ("", Files());
 }
 
-TEST_F(PlayerTest, WhatWasMovedAsideGoesWhenTheDaemonStops) {
+TEST_F(PlayerTest, FileThatWasMovedAsideIsRemovedWhenTheDaemonStops) {
   Deliver("1_lobby.raw", 1);
   Deliver("2_lobby.raw", 2);
   Start();
@@ -311,7 +312,7 @@ TEST_F(PlayerTest, NothingIsTakenWithoutADevice) {
   EXPECT_EQ("no sound device", ReadPlayerState(directory / "state").problem);
 }
 
-TEST_F(PlayerTest, VanishedDeviceCostsNothing) {
+TEST_F(PlayerTest, VanishedDeviceLosesNoFile) {
   options.until_empty = true;
   Deliver("1_lobby.raw", 1000);
   Deliver("2_lobby.raw", 2000);
@@ -335,7 +336,7 @@ TEST_F(PlayerTest, DeviceThatVanishesInSilenceIsReported) {
   EXPECT_EQ("player: no sound device\n", log);
 }
 
-TEST_F(PlayerTest, UnreadableFileIsDroppedAndNamed) {
+TEST_F(PlayerTest, UnreadableFileIsRemovedAndReported) {
   directory.Write("out/1_lobby.wav", "RIFF, but nothing more");
   Deliver("2_lobby.raw", 2);
   PlayAll();
@@ -377,7 +378,7 @@ TEST_F(PlayerTest, CommandsRunAroundSound) {
   EXPECT_EQ("begin\nend\nbegin\nend\n", ReadFile(path));
 }
 
-TEST_F(PlayerTest, StateTellsWhatPlaysAndWhatWaits) {
+TEST_F(PlayerTest, StateHasPlayingAndWaitingFiles) {
   options.device = "speaker";
   Deliver("1_lobby.raw", 1);
   Deliver("2_lobby.raw", 2);
@@ -391,7 +392,7 @@ TEST_F(PlayerTest, StateTellsWhatPlaysAndWhatWaits) {
   EXPECT_EQ(getpid(), state.pid);
   EXPECT_EQ("", state.problem);
   EXPECT_LE(time(nullptr) - 60, state.since);
-  // It is written on change only.
+  // The file is written on a change only.
   directory.Write("state", "");
   Hear(60);
   EXPECT_EQ("", ReadFile(directory / "state"));
@@ -428,7 +429,7 @@ TEST_F(PlayerTest, SoundGoesOnWhileAnotherProcessHoldsTheLock) {
   sink.is_missing = true;
   Run([&] { return !ReadPlayerState(directory / "state").device_ok; });
   close(other);
-  Run([&] { return player->Step() > 100; });  // Nothing else is urgent.
+  Run([&] { return player->Step() > 100; });  // Waits until no work is left to do soon.
   sink.is_missing = false;
   Run([&] { return sink.sound.size() == 200; });
 }

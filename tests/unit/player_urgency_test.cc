@@ -25,7 +25,7 @@ TEST(UrgencyTest, ConfigurationIsReadAgainWhenItChanges) {
   const std::string path = directory / "config";
   Urgency urgency(path, "");
   EXPECT_NE("", ThrownText([&] { urgency.ReadConfiguration(); }));
-  urgency.ReadConfiguration();  // Silent: it is still missing.
+  urgency.ReadConfiguration();  // This does not throw, as the file is still missing.
   directory.Write("config", "<tts-config><directory id=\"a\" priority=\"4\"/></tts-config>");
   urgency.ReadConfiguration();
   EXPECT_EQ(4, urgency.Of("a"));
@@ -38,7 +38,7 @@ TEST(UrgencyTest, ConfigurationIsReadAgainWhenItChanges) {
   EXPECT_EQ(-6, urgency.Of("a"));
 }
 
-TEST(UrgencyTest, StatusTellsWhatTheDaemonIsAtWorkOn) {
+TEST(UrgencyTest, StatusHasTheActiveDirectories) {
   const TemporaryDirectory directory;
   Urgency urgency(directory.Write("config", kConfiguration), directory / "status");
   LogOf([&] { urgency.ReadConfiguration(); });

@@ -24,7 +24,7 @@ inline int ReapChild() {
   auto& children = stand_ins::processes.children;
   EXPECT_FALSE(children.empty());
   const pid_t pid = children.back();
-  children.pop_back();  // Its number may come again; nothing must be sent there.
+  children.pop_back();  // A new process may get its number, and must not receive a signal.
   int status = 0;
   EXPECT_EQ(pid, waitpid(pid, &status, 0));
   return status;

@@ -42,12 +42,12 @@ class CopiesTest : public testing::Test {
         std::vector<std::string>{"sh", directory.Write("check", kCheck), "--glossary="}, sink,
         [this](const XMLElement& root_) {
           prepared.push_back(root_.GetAttributeString("state"));
-          // Before the file is in place.
+          // The copy is not replaced yet.
           EXPECT_EQ(before, Exists(run + "/vocastra.conf") ? Copy() : "");
         });
   }
 
-  // Looks until everything is checked, and applied if the daemon takes it.
+  // Looks until everything is checked, and, if the daemon takes it, applied.
   void Look(bool is_taken_ = true) {
     before = Exists(run + "/vocastra.conf") ? Copy() : "";
     copies->Tick();
@@ -146,7 +146,7 @@ TEST(RetryPauseTest, GrowsToAMinuteAndWithTheTimeOfACheck) {
   }
 }
 
-TEST_F(CopiesTest, RefusedFileIsCheckedAgainOnceAndNotToldAgain) {
+TEST_F(CopiesTest, RefusedFileIsCheckedAgainButReportedOnce) {
   directory.Write("conf", Configuration("bad"));
   Make();
   Look();
@@ -162,7 +162,7 @@ TEST_F(CopiesTest, RefusedFileIsCheckedAgainOnceAndNotToldAgain) {
   EXPECT_FALSE(copies->IsFine());
 }
 
-TEST_F(CopiesTest, OneBrokenFileDoesNotKeepTheOtherBack) {
+TEST_F(CopiesTest, BrokenFileDoesNotHoldUpTheOther) {
   has_glossary = true;
   directory.Write("conf", Configuration("1"));
   directory.Write("gloss", "<glossary/>");
@@ -193,7 +193,7 @@ TEST_F(CopiesTest, EverybodyMayReadWhichDirectoriesAreInForce) {
   Look();
   EXPECT_THAT(known(), HasSubstr("id=\"a\""));
   unlink(path.c_str());
-  Make();  // As a station does that starts again.
+  Make();  // As a restarted station does.
   Look();
   EXPECT_THAT(known(), HasSubstr("id=\"a\""));
   directory.Write("conf", Configuration("<directory id=\"b\"/>"));
@@ -202,7 +202,7 @@ TEST_F(CopiesTest, EverybodyMayReadWhichDirectoriesAreInForce) {
   umask(mask);
 }
 
-TEST_F(CopiesTest, KeptCopyServesWithoutAUsableFile) {
+TEST_F(CopiesTest, KeptCopyIsUsedWithoutAUsableFile) {
   has_glossary = true;
   directory.Write("keep/vocastra.conf", Configuration("kept"));
   directory.Write("conf", "bad");
@@ -241,7 +241,7 @@ TEST_F(CopiesTest, MissingFileKeepsTheCopy) {
   EXPECT_EQ(1u, problems.count("configuration-missing"));
 }
 
-TEST_F(CopiesTest, ConfigurationThatTheDaemonDoesNotTakeIsTold) {
+TEST_F(CopiesTest, ConfigurationThatTheDaemonDoesNotApplyIsReported) {
   directory.Write("conf", Configuration("1"));
   Make();
   Look();

@@ -63,7 +63,7 @@ TEST_F(StationDaemonTest, PauseGrowsWithShortLives) {
   }
 }
 
-TEST_F(StationDaemonTest, LinesAreTakenOneByOne) {
+TEST_F(StationDaemonTest, LinesAreReadOneByOne) {
   Start("echo one >&2; printf 'a\\nb\\n' >&2; echo out; printf 'no end' >&2; echo three >&2");
   for (const char* line : {"one", "a b", "no end", "three"}) {
     EXPECT_EQ(line, Line());
@@ -78,7 +78,7 @@ TEST_F(StationDaemonTest, LongLineIsCut) {
   EXPECT_EQ("next", Line());
 }
 
-TEST_F(StationDaemonTest, KillReachesAllThatItHasStarted) {
+TEST_F(StationDaemonTest, KillReachesAllDescendants) {
   Start("sleep 600 & setsid sh -c 'sleep 601 & echo $! >&2; wait' & wait");
   const int grandchild = std::stoi(Line());
   const std::vector<int> all = Descendants(daemon.Pid());

@@ -5,7 +5,7 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(StationLogTest, LinesTellTheirKindSubjectAndSeverity) {
+TEST(StationLogTest, LineHasKindSubjectAndSeverity) {
   struct {
     const char* line;
     LogEvent::Kind kind;
@@ -53,7 +53,7 @@ class FoldingTest : public testing::Test {
   std::vector<std::string> written;
   Log log{[this](const std::string& line_) { written.push_back(line_); }, false, true};
 
-  // Takes the line once a second, as often as told.
+  // Takes the line once a second, times_ times.
   void Repeat(const std::string& line_, int times_) {
     for (int i = 0; i < times_; ++i) {
       log.Take(line_, now);
@@ -71,7 +71,7 @@ class FoldingTest : public testing::Test {
   double now = 1000;
 };
 
-TEST_F(FoldingTest, ErrorOfEachPassIsToldAtOnceThenAfterAMinuteAnHourAndADay) {
+TEST_F(FoldingTest, ErrorOfEachPassIsWrittenAtOnceThenAfterAMinuteAnHourAndADay) {
   Repeat("Could not open directory /in", 2 * 86400);
   EXPECT_THAT(written,
               ElementsAre("<3>Could not open directory /in",
@@ -95,7 +95,7 @@ TEST_F(FoldingTest, LineIsNewAfterAnHourOfSilence) {
                           "<3>Lock failed: x (5)"));
 }
 
-TEST_F(FoldingTest, CountThatIsNotDueIsToldAfterAnHourOfSilence) {
+TEST_F(FoldingTest, PendingCountIsWrittenAfterAnHourOfSilence) {
   Repeat("Lock failed: x (5)", 4000);
   Pause(3602);
   EXPECT_THAT(written,

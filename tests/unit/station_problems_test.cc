@@ -24,7 +24,7 @@ uint64_t free_files = 9;   // and can take so many files.
 
 }  // namespace
 
-// Replaces the C library's.
+// Replaces the function of the C library.
 extern "C" int statvfs(const char* path_, struct statvfs* room_) noexcept {
   const bool is_full = full_path == path_;
   *room_ = {};
@@ -74,7 +74,7 @@ class ProblemsTest : public testing::Test {
     TellPlayer();
   }
 
-  // Its mode is set by another name, so that nobody executes it while it is written.
+  // It is written under another name, so that nobody executes it before it is complete.
   std::string Script(const std::string& name_, const std::string& text_) const {
     const std::string path = run.Write(name_ + ".new", "#!/bin/sh\n" + text_ + "\n");
     EXPECT_EQ(0, chmod(path.c_str(), 0755));
@@ -116,7 +116,7 @@ class ProblemsTest : public testing::Test {
     return ids;
   }
 
-  // Waits until these are the problems.
+  // Waits until exactly these problems exist.
   void Await(const std::vector<std::string>& ids_) {
     const double deadline = Now() + kPatience;
     while (Ids() != ids_ && Now() < deadline) {
@@ -157,14 +157,14 @@ class ProblemsTest : public testing::Test {
   std::unique_ptr<Problems> problems;
 };
 
-TEST_F(ProblemsTest, AServiceThatWorksHasNone) {
+TEST_F(ProblemsTest, WorkingServiceHasNone) {
   SetStatus("output-bound='0'", "<directory id='a' status='1'/>");
   EXPECT_THAT(Ids(), IsEmpty());
   EXPECT_FALSE(problems->IsLocked());
   EXPECT_FALSE(problems->NeedsRestart());
 }
 
-TEST_F(ProblemsTest, OthersSetAndClearTheirs) {
+TEST_F(ProblemsTest, OtherPartsSetAndClearTheirs) {
   Start();
   problems->Set("glossary-refused", "One", "Two");
   problems->Set("glossary-refused", "Three", "Four");
@@ -178,8 +178,7 @@ TEST_F(ProblemsTest, OthersSetAndClearTheirs) {
   EXPECT_THAT(Ids(), IsEmpty());
 }
 
-// --- Directories and disks
-// ------------------------------------------------------------------------
+// --- Directories and disks ---
 
 TEST_F(ProblemsTest, OutputDirectory) {
   const std::string path = options.output_directory_path;
@@ -193,7 +192,7 @@ TEST_F(ProblemsTest, OutputDirectory) {
   run.MakeDirectory("out");
   EXPECT_THAT(Ids(), ElementsAre("output-replaced"));
   EXPECT_TRUE(problems->NeedsRestart());
-  // A daemon that starts now uses the new one.
+  // A daemon that starts now uses the new directory.
   view.daemon = getpid();
   EXPECT_THAT(Ids(), IsEmpty());
   EXPECT_FALSE(problems->NeedsRestart());
@@ -250,7 +249,7 @@ TEST_F(ProblemsTest, InputDirectories) {
   EXPECT_THAT(Ids(), IsEmpty());
 }
 
-// Only a user with limited rights sees a difference.
+// Permissions have no effect for root.
 TEST_F(ProblemsTest, PermissionsOfDirectories) {
   const pid_t child = fork();
   if (child == 0) {
@@ -280,10 +279,9 @@ TEST_F(ProblemsTest, PermissionsOfDirectories) {
   EXPECT_EQ(0, result);
 }
 
-// --- Player
-// ---------------------------------------------------------------------------------------
+// --- Player ---
 
-TEST_F(ProblemsTest, PlayerThatIsNotThere) {
+TEST_F(ProblemsTest, MissingPlayer) {
   unlink((run / "player").c_str());
   Await({"no-player"});
   EXPECT_THAT(Sentence(), HasSubstr("No player has run yet"));
@@ -300,7 +298,7 @@ TEST_F(ProblemsTest, PlayerThatIsNotThere) {
   EXPECT_EQ(Format("The player, process %d, has ended", other.pid), Sentence());
 }
 
-TEST_F(ProblemsTest, PlayerIsNotExpected) {
+TEST_F(ProblemsTest, MissingPlayerThatIsNotExpected) {
   unlink((run / "player").c_str());
   problems = std::make_unique<Problems>(run.path, options, false);
   const double end = Now() + 4;
@@ -321,7 +319,7 @@ TEST_F(ProblemsTest, PlayerWithoutADevice) {
   EXPECT_THAT(Ids(), IsEmpty());
 }
 
-TEST_F(ProblemsTest, PlayerThatDoesNotGoOn) {
+TEST_F(ProblemsTest, PlayerThatStops) {
   player.playing = "0_a.text_live_first.raw";
   TellPlayer();
   run.Write("out/.playing.0_a.text_live_first.raw", Repeat("x", 8000));  // A second at most.
@@ -343,8 +341,7 @@ TEST_F(ProblemsTest, PlayerThatDoesNotGoOn) {
   EXPECT_THAT(Ids(), IsEmpty());
 }
 
-// --- Translator
-// -----------------------------------------------------------------------------------
+// --- Translator ---
 
 TEST_F(ProblemsTest, MissingTranslator) {
   unlink(translator.c_str());
@@ -362,7 +359,7 @@ TEST_F(ProblemsTest, FailingTranslatorIsTriedUntilItWorks) {
   Configure("<directory id='a' type='local' path='" + run / "in" + "'/><directory id='b' " +
             "type='local' path='" + run / "in" + "' conv-opts='voice=xx'/>");
   Start();
-  // A name cannot pass for arguments, and nothing of it reaches a shell.
+  // A name is not taken for arguments, and no part of it reaches a shell.
   FailTranslator("voice=xx", "x\" > /dev/null; touch " + run / "evil" + "; \"");
   EXPECT_THAT(Ids(), ElementsAre("translator-failing"));
   EXPECT_EQ("The translator fails for directory b", Sentence());
@@ -372,7 +369,7 @@ TEST_F(ProblemsTest, FailingTranslatorIsTriedUntilItWorks) {
   }
   EXPECT_EQ("The translator fails for directory b: engine: no voice=xx for 1 ", Sentence());
   EXPECT_FALSE(Exists(run / "evil"));
-  // It is repaired in the configuration.
+  // The arguments are corrected in the configuration.
   Script("translator", "test $3 = voice=en || exit 7; echo x > $2");
   Configure("<directory id='b' type='local' path='" + run / "in" + "' conv-opts='voice=en'/>");
   Await({});
@@ -389,7 +386,7 @@ TEST_F(ProblemsTest, TranslatorThatFailsSilently) {
     Nap(20);
   }
   EXPECT_EQ("The translator fails for directory a: status 7", Sentence());
-  // The directory is no longer there.
+  // The directory was removed from the configuration.
   Configure("");
   Await({});
 }
@@ -422,8 +419,7 @@ TEST_F(ProblemsTest, TrialThatHangsIsEnded) {
   EXPECT_LT(Now(), deadline);
 }
 
-// --- Remote directories
-// ---------------------------------------------------------------------------
+// --- Remote directories ---
 
 TEST_F(ProblemsTest, RemoteDirectories) {
   Configure(
@@ -454,21 +450,20 @@ TEST_F(ProblemsTest, DeadHelpers) {
   Sleeper other;
   SetStatus("", "<directory id='f' status='0'/><directory id='g' status='1'/>");
   Await({"remote:f"});
-  kill(other.pid, SIGKILL);  // The other child, the daemon of other tests, lives.
+  kill(other.pid, SIGKILL);  // The other child, which is the daemon in other tests, lives.
   Say(LogEvent::kFromHelper, "host: unknown option");
   Await({"helper-dead:f"});
   EXPECT_EQ("The helper of host has ended; its last line: unknown option", Sentence());
-  // One is dead, and nobody knows which.
+  // One helper is dead, and it is not known which.
   SetStatus("", "<directory id='f' status='0'/><directory id='g' status='0'/>");
   Await({"remote:f", "remote:g"});
-  // All are dead, and the status does not know it yet.
+  // All are dead, and the status does not show it yet.
   kill(daemon.pid, SIGKILL);
   SetStatus("", "<directory id='f' status='1'/><directory id='g' status='1'/>");
   Await({"helper-dead:f", "helper-dead:g"});
 }
 
-// --- Daemon
-// ---------------------------------------------------------------------------------------
+// --- Daemon ---
 
 TEST_F(ProblemsTest, DaemonThatDoesNotRun) {
   view.daemon = 0;
@@ -515,11 +510,11 @@ TEST_F(ProblemsTest, DaemonWhosePassesFail) {
   EXPECT_THAT(Ids(), IsEmpty());
 }
 
-TEST_F(ProblemsTest, LocksOfOthers) {
+TEST_F(ProblemsTest, LocksOfOtherProcesses) {
   for (const std::string name : {"out", "in"}) {
     const int lock = open((run / name).c_str(), O_RDONLY | O_CLOEXEC);
     const pid_t other = fork();
-    if (other == 0) {  // It takes the lock for whoever has the descriptor.
+    if (other == 0) {  // The lock belongs to all processes that have the descriptor.
       _exit(flock(lock, LOCK_EX));
     }
     int end = -1;
@@ -537,7 +532,7 @@ TEST_F(ProblemsTest, LocksOfOthers) {
   }
 }
 
-TEST_F(ProblemsTest, LockOfTheDaemonItselfIsNoWait) {
+TEST_F(ProblemsTest, DaemonDoesNotWaitForItsOwnLock) {
   const int lock = open((run / "out").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(0, flock(lock, LOCK_EX));
   view.daemon = getpid();

@@ -3,24 +3,24 @@
 
 namespace {
 
-// One step of a story: what happens at a time, and what the watchdog says then.
+// One step of a course of events: an event, its time, and the watchdog's verdict then.
 struct Step {
   enum What { kNothing, kStatus, kActive, kLocked, kTranslator, kTranslatorDone } what;
   double time;
   Watchdog::Verdict verdict;
 };
 
-TEST(WatchdogTest, TellsAHangFromWork) {
+TEST(WatchdogTest, DistinguishesAHangFromWork) {
   constexpr Watchdog::Verdict kWell = Watchdog::kWell;
   constexpr Watchdog::Verdict kHung = Watchdog::kHung;
   const std::vector<Step> stories[] = {
-      // Nothing happens after the start.
+      // No event follows the start.
       {{Step::kNothing, 1, kWell}, {Step::kNothing, 15.9, kWell}, {Step::kNothing, 16, kHung}},
-      // The status advances, and then it does not.
+      // The status advances, and then stops.
       {{Step::kStatus, 10, kWell}, {Step::kStatus, 20, kWell}, {Step::kNothing, 35, kHung}},
       // Each pass fails.
       {{Step::kActive, 10, kWell}, {Step::kActive, 20, kWell}, {Step::kNothing, 35, kHung}},
-      // Another process has the lock, and gives it back.
+      // Another process holds the lock, and releases it.
       {{Step::kLocked, 100, kWell}, {Step::kNothing, 114, kWell}, {Step::kNothing, 115, kHung}},
       // The translator runs long, and then the daemon has time for a pass.
       {{Step::kTranslator, 2, kWell},
@@ -54,7 +54,7 @@ TEST(WatchdogTest, TellsAHangFromWork) {
   }
 }
 
-TEST(WatchdogTest, TellsForHowLong) {
+TEST(WatchdogTest, ReportsTheLengthOfEachState) {
   Watchdog watchdog(30);
   watchdog.OnStart(10);
   EXPECT_EQ(5, watchdog.Still(15));

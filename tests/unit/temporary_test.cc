@@ -5,7 +5,7 @@ namespace {
 
 class CreateTemporaryTest : public testing::Test {
  protected:
-  // Both functions put "/tmp/" in front: with this prefix they write below scratch.
+  // Both functions put "/tmp/" before the prefix. With this prefix, they write below scratch.
   std::string Prefix(const std::string& name_) const {
     return (scratch / name_).substr(std::string("/tmp/").size());
   }

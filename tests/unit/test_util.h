@@ -21,7 +21,7 @@
 
 constexpr char kNoLog[] = "";
 
-// A directory of the test's own, removed with all that is in it.
+// A temporary directory, which is removed with its contents.
 class TemporaryDirectory {
  public:
   TemporaryDirectory() : path(Make()) {}

@@ -199,9 +199,9 @@ TEST_F(TextFileParserTest, YieldsNothingForUnpairedSurrogates) {
       Bytes("\0\xD8", 2),           // High at the end.
       Bytes("\0\xD8\0\xD8", 4),     // High twice.
       Bytes("\0\xDC", 2),           // Low alone.
-      Bytes("\0\xDC\0\xD8", 4),     // The wrong way round.
-      Bytes("A\0B\0\xFF\xDF", 6),   // After good ones.
-      Bytes("A\0\xFF\xDB\xDC", 5),  // Half a low one.
+      Bytes("\0\xDC\0\xD8", 4),     // Low before high.
+      Bytes("A\0B\0\xFF\xDF", 6),   // Low after valid characters.
+      Bytes("A\0\xFF\xDB\xDC", 5),  // High, then half of a low one.
   };
   for (const std::string& content : rows) {
     const Outcome outcome = Parse("utf16", content);

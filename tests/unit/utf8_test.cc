@@ -19,8 +19,8 @@ TEST(Utf8ModelTest, AgreesOnEveryCodePoint) {
   }
 }
 
-// Every lead byte with second bytes of every class and, where they can matter, third and fourth
-// ones; cut at every length; at the start and after ASCII text of every length up to 40.
+// Sequences of every lead byte with second, third and fourth bytes of every class, cut at every
+// length. They are at the start, and after ASCII text of every length up to 40.
 TEST(Utf8ModelTest, AgreesOnEverySequence) {
   constexpr int kClasses[] = {0x00, 0x41, 0x7F, 0x80, 0x8F, 0x90,
                               0x9F, 0xA0, 0xBF, 0xC0, 0xC2, 0xFF};

@@ -1,4 +1,4 @@
-// Shared by the tests of the player.
+// Shared by the tests of the class Vocastra, called the player.
 #pragma once
 
 #include "directory.h"
@@ -128,7 +128,7 @@ class VocastraTest : public testing::Test {
     return ParseXML(Status())->GetAttributeString(name_);
   }
 
-  // The lines of parsers and directories about a file with valid text.
+  // The log lines of parsers and directories about a file with valid text.
   std::string Parsed(const std::string& id_, const std::string& text_,
                      const std::string& name_ = "m") const {
     return "Original is valid UTF-8\nFrom " + Input(id_) + "/" + name_ + ": " + text_ + "\n";

@@ -5,8 +5,8 @@
 
 namespace {
 
-// There can be only one. Its voice "en" is a file, so that no directory of voices is read: an
-// emulated 32-bit engine cannot read one on every file system.
+// The only engine of the process. Its voice "en" is a file, so the engine reads no directory of
+// voices, which an emulated 32-bit engine cannot do on every file system.
 Engine& TheEngine() {
   static Engine engine({});
   return engine;

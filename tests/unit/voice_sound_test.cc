@@ -58,7 +58,7 @@ TEST(TrimEndTest, SilenceAtTheStartAndInBetweenStays) {
 }
 
 TEST(TrimEndTest, FaintClickIsNoSound) {
-  // A single sample makes all 441 windows around it loud, or none.
+  // A single sample makes all 441 windows around it loud, or none of them.
   EXPECT_EQ(0U, LengthTrimmed(Level(kRate, 0) + Level(1, 2078) + Level(kRate, 0)));
   EXPECT_EQ(size_t{kRate} + 1, LengthTrimmed(Level(kRate, 0) + Level(1, 2079) + Level(kRate, 0)));
 }
@@ -70,7 +70,7 @@ TEST(TrimEndTest, SoundOfLessThanTenMillisecondsIsSilence) {
   EXPECT_EQ(160U, LengthTrimmed(Level(160, 9000), 16000));
 }
 
-TEST(ResampledTest, LengthIsThatOfTheRates) {
+TEST(ResampledTest, LengthFollowsTheRates) {
   const struct {
     size_t count;
     int rate;

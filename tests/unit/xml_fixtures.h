@@ -12,7 +12,7 @@ inline std::string TextsOf(const XMLElement& element_) {
   return texts;
 }
 
-// All that can be seen of a tree.
+// All properties of a tree as a text.
 inline std::string Describe(const XMLElement& element_) {
   return DumpOf(element_) + TextsOf(element_);
 }
@@ -48,7 +48,7 @@ class XMLDocumentTest : public testing::Test {
     EXPECT_EQ("", error);
     EXPECT_EQ("", log);
   }
-  // For many documents: runs the body, in which Read replaces Load, with one look at the log.
+  // For many documents: runs the body, in which Read replaces Load, and checks the log once.
   static void ExpectNoLog(const std::function<void()>& body_) { EXPECT_EQ("", LogOf(body_)); }
 
   const TemporaryDirectory directory;

@@ -46,7 +46,8 @@ TEST_F(ExternalEntityTest, GeneralEntityInAttributeIsAnError) {
   EXPECT_EQ("reference to external entity in attribute at line 2", error);
 }
 
-// That the cases above would show a file that is brought in: an entity of the document itself is.
+// Shows that the tests above would notice an included file: an entity of the document itself is
+// expanded.
 TEST_F(ExternalEntityTest, EntityOfTheDocumentIsExpanded) {
   const auto root =
       Load("[<!ENTITY e 'text'><!ATTLIST t x CDATA 'value'>]", "before &e; after<t/>");

@@ -1,4 +1,5 @@
-// Makes the page live. Without this, all but "Listen first" works as plain forms.
+// Updates the page while it is shown. Without this script, plain forms do everything except "Listen
+// first".
 "use strict";
 
 const byId = (id) => document.getElementById(id);
@@ -31,11 +32,11 @@ const reason = (error) =>
 function tell(place, text, isRefusal) {
   place.classList.toggle("refusal", isRefusal);
   place.textContent = "";
-  // A reader notices a new text in the place only if it was empty before.
+  // A screen reader notices a new text only if the place was empty before.
   setTimeout(() => (place.textContent = text), 20);
 }
 
-// Runs an action once at a time for a button.
+// Runs a button's action; ignores the button until the action has ended.
 async function whileBusy(button, action, place) {
   if (button.getAttribute("aria-disabled") === "true") {
     return;
@@ -121,7 +122,7 @@ async function listen(form) {
   );
   audio.hidden = false;
   audio.src = path;
-  await audio.play().catch(() => {});  // The browser may want a second press, on the player.
+  await audio.play().catch(() => {});  // The browser may demand a press on the player itself.
   return "You hear a preview. Nothing is announced.";
 }
 
@@ -175,7 +176,7 @@ document.addEventListener("submit", (event) => {
 
 // --- Live parts -------------------------------------------------------------------------------------
 
-// Replaces a part, and gives the focus back to the button that had it, or else to the part's head.
+// Replaces a part, and returns the focus to the button that had it, or to the part's head.
 function replace(place, html) {
   if (place.dataset.html === html) {
     return;
@@ -210,7 +211,7 @@ function take(event) {
   state.rows.forEach(takeRow);
 }
 
-// The server's answer to a lost stream is found out by asking for the state: a session may have ended.
+// Asks for the state after the stream was lost, as the session may have ended.
 async function lookAfterLoss() {
   const answer = await fetch("/state.json").catch(() => null);
   if (answer && (answer.status === 401 || answer.redirected)) {

@@ -23,11 +23,11 @@ def started_browser(tmp_path_factory):
 
 @pytest.fixture
 def browser(started_browser, scene):
-    """Nobody is logged in. At the end, the browser has not complained."""
+    """A browser in which nobody is logged in. Asserts at the end that it has logged no error."""
     started_browser.driver.get(scene.address + "/login")
     started_browser.driver.delete_all_cookies()
     started_browser.resize(1280, 900)
-    started_browser.complaints()
+    started_browser.logged_errors()
     yield started_browser
 
 

@@ -1,4 +1,4 @@
-"""The desk in a real browser: what people see, hear and press."""
+"""The desk in a real browser."""
 
 import re
 
@@ -17,7 +17,7 @@ LONG = (
 
 @pytest.fixture(autouse=True)
 def silence(scene):
-    """Each test begins and ends with nothing to say."""
+    """Waits before and after each test until nothing is spoken."""
     scene.wait_until_quiet()
     yield
     scene.wait_until_quiet()
@@ -44,7 +44,7 @@ def test_a_waiting_message_can_be_withdrawn(browser, log_in, scene):
     browser.prefer("dark")
     browser.shoot("dark")
     browser.prefer("light")
-    # The first one is taken at once: each directory has one message at a time.
+    # The daemon takes the first message at once. Each directory has one active message.
     for text in texts:
         browser.find(f'#waiting [aria-label="Withdraw: {text}"]').click()
         wait_until(lambda t=text: t not in browser.text("#waiting"), "it to be withdrawn")
@@ -59,7 +59,7 @@ def test_a_waiting_message_can_be_withdrawn(browser, log_in, scene):
     ]
 
 
-def test_wrong_password(browser, log_in):
+def test_wrong_password_is_refused(browser, log_in):
     log_in("anna", "wrong horse")
     browser.wait_text("[role=alert]", "The name or the password is wrong.")
     browser.shoot("login")
@@ -72,7 +72,7 @@ def test_wrong_password(browser, log_in):
     wait_until(lambda: browser.all("#password"), "the form to log in")
 
 
-def test_a_message_is_said_and_seen_to_play_and_end(browser, log_in, scene):
+def test_page_shows_a_message_from_start_to_end(browser, log_in, scene):
     log_in("anna")
     browser.wait_text("#link", "Live")
     say(browser, 'The café <b>opens</b> at "ten" & closes at nine.')
@@ -94,7 +94,7 @@ def test_a_message_is_said_and_seen_to_play_and_end(browser, log_in, scene):
     for row in (1, 2):
         browser.wait_text(f"#rows li:nth-child({row})", "The café <b>opens</b>")
         browser.wait_text(f"#rows li:nth-child({row})", "heard in full")
-    assert browser.complaints() == []
+    assert browser.logged_errors() == []
 
 
 def test_listen_first_announces_nothing(browser, log_in, scene):
@@ -110,7 +110,7 @@ def test_listen_first_announces_nothing(browser, log_in, scene):
     assert 1 < audio.get_property("duration") < 6
     browser.shoot("listen")
     assert scene.messages() == before
-    assert browser.complaints() == []
+    assert browser.logged_errors() == []
 
 
 def test_a_template_is_filled_in(browser, log_in):
@@ -145,7 +145,7 @@ def test_a_form_makes_an_xml_message(browser, log_in):
     browser.wait_text("#rows li", "Gate <7> & 8 are closed. Please use gate nine.")
 
 
-def test_lost_connection(browser, log_in, scene):
+def test_page_reports_a_lost_connection(browser, log_in, scene):
     log_in("anna")
     browser.wait_text("#link", "Live")
     assert scene.desk.stop() == 0
@@ -156,14 +156,14 @@ def test_lost_connection(browser, log_in, scene):
     browser.shoot("lost")
     scene.desk.options += ["--listen", f"127.0.0.1:{scene.desk.port}"]
     scene.desk.start()
-    # Sessions end with the desk.
+    # The end of the desk has ended the session.
     wait_until(lambda: browser.all("#password"), "the form to log in")
     log_in("anna")
     browser.wait_text("#link", "Live")
 
 
 @pytest.mark.parametrize("user", ["anna", "operate", "look"])
-def test_narrow_screen(browser, log_in, user):
+def test_page_fits_a_narrow_screen(browser, log_in, user):
     browser.resize(360, 740)
     log_in(user)
     browser.wait_text("#link", "Live")
@@ -175,14 +175,14 @@ def test_narrow_screen(browser, log_in, user):
         browser.shoot("desk-phone", height=900, scale=0.6)
 
 
-def test_keyboard_alone(browser, scene):
+def test_desk_works_with_the_keyboard_only(browser, scene):
     browser.driver.get(scene.address + "/login")
     browser.press("anna", Keys.TAB, PASSWORD, Keys.ENTER)
     browser.wait_text("#link", "Live")
     browser.press(Keys.TAB)
     assert browser.focused() == "Go to the message"
     browser.tab_to("directory")
-    browser.press("p")  # Chooses "platform".
+    browser.press("p")  # This key chooses "platform".
     browser.tab_to("text")
     browser.press("Typed with no mouse.")
     browser.tab_to("Listen first")
@@ -195,10 +195,10 @@ def test_keyboard_alone(browser, scene):
     assert browser.focused() == "text"
     browser.wait_text("#rows li", "heard in full")
     browser.tab_to("Say again: Typed with no mouse.")
-    assert browser.complaints() == []
+    assert browser.logged_errors() == []
 
 
-def test_without_javascript(browser, log_in):
+def test_desk_works_without_javascript(browser, log_in):
     browser.driver.execute_cdp_cmd("Emulation.setScriptExecutionDisabled", {"value": True})
     try:
         log_in("anna")
@@ -227,8 +227,8 @@ def test_operators_see_the_device(browser, log_in):
     browser.shoot("device")
 
 
-def test_everything_has_a_name(browser, log_in):
-    """What a screen reader calls it: each control has a label, each part a heading."""
+def test_every_control_has_a_label(browser, log_in):
+    """For screen readers, each control has a label and each part a heading."""
     log_in("operate")
     unnamed = browser.driver.execute_script(
         "return [...document.querySelectorAll('input:not([type=hidden]),textarea,select,button')]"
@@ -243,7 +243,7 @@ def test_everything_has_a_name(browser, log_in):
 
 
 def test_a_service_that_ends_is_shown(browser, log_in, scene):
-    """The last test: the service does not come back."""
+    """Must be the last test, as the service does not come back."""
     log_in("anna")
     browser.wait_text("#link", "Live")
     scene.station.process.kill()

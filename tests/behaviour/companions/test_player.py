@@ -48,7 +48,7 @@ def wav(sandbox):
 
 
 def frames(path):
-    """The samples of a WAV file; fails unless it is a whole and valid one in our format."""
+    """The samples of a WAV file; fails unless it is valid, complete and in the project's format."""
     with wave.open(str(path)) as file:
         assert (file.getnchannels(), file.getsampwidth(), file.getframerate()) == (1, 2, RATE)
         content = file.readframes(file.getnframes())
@@ -57,12 +57,12 @@ def frames(path):
 
 
 def has_sound(path, count):
-    """Whether the WAV file of a player that still runs has that many samples at least."""
+    """Whether the WAV file of a running player has at least that many samples."""
     return path.exists() and path.stat().st_size >= 44 + 2 * count
 
 
 def as_wav(content):
-    """A WAV file in our own format."""
+    """A WAV file in the project's format."""
     file = io.BytesIO()
     with contextlib.closing(wave.Wave_write(file)) as writer:
         writer.setparams((1, 2, RATE, 0, "NONE", None))
@@ -71,14 +71,14 @@ def as_wav(content):
 
 
 def collect(output, wav, *options):
-    """Plays what lies in the directory into the WAV file and returns its samples."""
+    """Plays the files in the directory into the WAV file and returns its samples."""
     result = output.sandbox.run(PLAYER, "--wav", wav, "--until-empty", *options, output.path)
     assert (result.returncode, result.stderr) == (0, "")
     return frames(wav)
 
 
 def start(output, *options):
-    # Whoever runs the tests in the background of a shell has SIGINT ignored.
+    # If the tests run in the background of a shell, SIGINT is ignored; this restores it.
     return output.sandbox.start(
         PLAYER,
         *options,
@@ -88,7 +88,7 @@ def start(output, *options):
 
 
 def start_idle(output, *options):
-    """Starts a player and waits until it looks at the directory."""
+    """Starts a player and waits until it watches the directory."""
     state = output.sandbox.path / "state"
     process = start(output, "--state", state, *options)
     wait_until(state.exists, "the first look")
@@ -132,7 +132,7 @@ def test_files_that_come_later_are_played_too(output, wav):
     assert frames(wav) == samples(pcm(0, 10) + pcm(1, 10) + pcm(2, 10))
 
 
-def test_takes_nothing_while_another_process_holds_the_lock(output, wav):
+def test_player_takes_nothing_while_another_process_holds_the_lock(output, wav):
     output.deliver("1_lobby.raw", pcm(0, 3600 * RATE // 10))
     process = start(output, "--null", "--wav", wav)
     wait_until(lambda: has_sound(wav, 1), "it plays")
@@ -148,7 +148,7 @@ def test_takes_nothing_while_another_process_holds_the_lock(output, wav):
     assert output.names() == [".playing.1_lobby.raw", "0_lobby.raw"]
 
 
-def test_file_in_play_is_hidden_and_the_lock_is_free(output):
+def test_playing_file_is_hidden_and_the_lock_is_free(output):
     output.deliver("1_lobby.raw", pcm(0, 3600 * RATE // 10))
     output.deliver("2_lobby.raw", pcm(0, 10))
     process = start(output, "--null")
@@ -158,7 +158,7 @@ def test_file_in_play_is_hidden_and_the_lock_is_free(output):
 
 
 @pytest.mark.parametrize("how", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGKILL])
-def test_ended_player_leaves_a_valid_wav_file_and_what_played_for_the_next_one(output, wav, how):
+def test_player_leaves_a_valid_wav_file_and_its_last_file_to_the_next_player(output, wav, how):
     output.deliver("1_lobby.raw", pcm(1, 10))
     output.deliver("2_lobby.raw", pcm(2, 36 * RATE))
     output.deliver("3_lobby.raw", pcm(3, 10))
@@ -196,7 +196,7 @@ def test_directory_that_goes_away_ends_the_player(output):
 
 REPEATS = 1000
 
-# Speaks so that the sound of every piece can be told from all others.
+# A translator that makes different sound for each piece.
 SPEECH = f"""#!/bin/sh
 text=$(cat "$1" && echo .)
 for _ in $(seq {REPEATS}); do printf %s "${{text%.}}"; done >"$2"
@@ -204,7 +204,7 @@ for _ in $(seq {REPEATS}); do printf %s "${{text%.}}"; done >"$2"
 
 
 def fade(content):
-    """What fades out of these samples."""
+    """The fading samples that an interruption plays from these."""
     values = samples(content)
     count = len(values)
     for i, value in enumerate(values):
@@ -212,7 +212,7 @@ def fade(content):
     return values.tobytes()
 
 
-def test_alarm_interrupts_an_announcement_of_which_nothing_is_lost(make_daemon, tmp_path):
+def test_alarm_interrupts_an_announcement_without_loss(make_daemon, tmp_path):
     daemon = make_daemon(words=5, files=2)
     daemon.translator.unlink()
     daemon.translator.write_text(SPEECH)
@@ -227,7 +227,7 @@ def test_alarm_interrupts_an_announcement_of_which_nothing_is_lost(make_daemon, 
     text = (tmp_path / "played").read_text
     try:
         words = {"lobby": 60, "alarm": 20}
-        pieces = {  # Without punctuation, a piece has twice the limit of words.
+        pieces = {  # Without punctuation, a piece has twice as many words as the limit.
             name: [
                 (PAUSE if first == 0 else "")
                 + "".join(f"{name[0]}{word:02} " for word in range(first, first + 10))
@@ -279,7 +279,7 @@ def test_alarm_interrupts_an_announcement_of_which_nothing_is_lost(make_daemon, 
 # --- Sound ----------------------------------------------------------------------------------------
 
 
-def test_first_bytes_tell_wav_from_raw_whatever_the_name(output, wav):
+def test_format_depends_on_the_first_bytes_not_the_name(output, wav):
     output.deliver("1_lobby.wav", pcm(1, 10))
     output.deliver("2_lobby.raw", as_wav(pcm(2, 10)))
     output.deliver("3_lobby.raw", b"RIF" + b"x" * 17)
@@ -289,7 +289,7 @@ def test_first_bytes_tell_wav_from_raw_whatever_the_name(output, wav):
     assert output.names() == []
 
 
-def test_rate_and_volume_hold_for_the_stream(output, wav):
+def test_rate_and_volume_apply_to_the_stream(output, wav):
     output.deliver("1_lobby.raw", pcm(1000, 10))
     output.deliver("2_lobby.wav", as_wav(pcm(1000, RATE)))
     options = ["--rate", "8000", "--volume", "50", "--wav", wav, "--until-empty"]
@@ -334,8 +334,8 @@ def test_commands_run_around_sound(output, sandbox, wav):
     assert not re.search(r"inotify|signalfd|/out$|\.wav$", descriptors, re.MULTILINE)
 
 
-def test_missing_device_is_waited_for(output, sandbox):
-    """The device of the ALSA library is a file, which its configuration does not name at first."""
+def test_player_waits_for_a_missing_device(output, sandbox):
+    """The ALSA device is a file, which the library's configuration does not have at first."""
     config = sandbox.path / "asoundrc"
     config.write_text("pcm.other { type null }\n")
     sandbox.environment["ALSA_CONFIG_PATH"] = str(config)
@@ -344,7 +344,7 @@ def test_missing_device_is_waited_for(output, sandbox):
     process = start_idle(output, "--device", "speaker", "--until-empty")
     assert 'device-ok="0"' in (sandbox.path / "state").read_text()
     assert output.names() == ["1_lobby.raw", "2_lobby.wav"]
-    # A new file: the library looks at the whole seconds of its time.
+    # Makes a new file, as the library compares only the whole seconds of its time.
     publish(
         config, 'pcm.speaker { type file slave.pcm { type null } file "sound.raw" format raw }\n'
     )
@@ -358,7 +358,7 @@ def test_missing_device_is_waited_for(output, sandbox):
     assert sound[: len(expected)] == expected and not any(sound[len(expected) :])
 
 
-def test_run_names_directory_state_and_status(output, sandbox):
+def test_option_run_sets_directory_state_and_status(output, sandbox):
     output.deliver("1_lobby.raw", pcm(0, 3600 * RATE // 10))
     output.deliver("2_lobby.raw", pcm(0, 10))
     process = sandbox.start(PLAYER, "--null", "--run", sandbox.path)

@@ -1,4 +1,4 @@
-"""The skeletons of a translator, a player and a helper in vocastra-companions(7) keep its rules."""
+"""The skeletons of translator, player and helper in vocastra-companions(7) follow its rules."""
 
 import os
 import re
@@ -11,7 +11,7 @@ from harness.programs import ROOT, ended, run_command
 from harness.sound import samples
 from harness.wait import wait_until
 
-# Plays by adding its input to a file, once a file "go" is there.
+# Replaces aplay: waits for a file "go" and appends its input to a file.
 APLAY = """
 for file; do :; done
 until [ -e {0}/go ]; do sleep 0.02; done
@@ -65,7 +65,7 @@ def test_player(sandbox, skeleton):
         wait_until(lambda: "flock" in commands_of(player.pid), "the player to wait for the lock")
         assert sorted(os.listdir(out)) == sorted([*names, ".hidden"])
     wait_until(lambda: (out / ".playing").exists(), "the first file to be taken")
-    with locked(out):  # Not held while it plays.
+    with locked(out):  # Fails if the player holds the lock while it plays.
         assert sorted(os.listdir(out)) == sorted([".hidden", ".playing", *names[1:]])
     (sandbox.path / "go").touch()
     wait_until(lambda: os.listdir(out) == [".hidden"], "all files to be played")
@@ -86,7 +86,7 @@ def test_helper(sandbox, skeleton):
         (remote / name).write_text(f"text of {name}")
     skeleton("helper")
     sandbox.provide("ls", f'echo >> {sandbox.path}/listings; exec /bin/ls "$@"')
-    # The parent stands for the daemon: the helper ends with it.
+    # The parent replaces the daemon: the helper ends with it.
     command = f"./helper {remote.parent} sub user password {watch} 0 1 passive & echo $!; wait"
     daemon = sandbox.start("/bin/bash", "-c", command)
     helper = int(daemon.stdout.readline())

@@ -1,4 +1,4 @@
-"""The translators keep the daemon's contract, with an engine and without one."""
+"""The translators, with an engine and without one, follow the daemon's contract."""
 
 import stat
 import subprocess
@@ -30,13 +30,13 @@ class Translator:
         )
 
     def speak(self, text, *arguments, message="note.txt"):
-        """Runs it, expects success without a word and returns the samples."""
+        """Runs it, expects success without any output and returns the samples."""
         result = self.run(text, *arguments, message=message)
         assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
         return samples(self.audio_file.read_bytes())
 
     def fail(self, text, *arguments):
-        """Runs it, expects a clean failure and returns what it says on standard error."""
+        """Runs it, expects a clean failure and returns its standard error."""
         result = self.run(text, *arguments)
         assert result.returncode == 1
         assert result.stdout == ""
@@ -97,7 +97,7 @@ def test_audio_file_stays_the_same_file(translator):
 def test_leading_pause_is_silence_of_its_length(translator):
     plain = translator.speak("hello ")
     paused = translator.speak("\\pau=300\\ hello ")
-    # The engine rounds to blocks of its own.
+    # The engine rounds the pause to whole blocks.
     assert len(paused) - len(plain) == pytest.approx(0.3 * RATE, abs=0.01 * RATE)
     assert silent_at_start(paused) >= 0.3 * RATE
 
@@ -123,7 +123,7 @@ def test_control_characters_separate_words(translator):
     assert translator.speak("one\x012\0three\n") == translator.speak("one 2 three ")
 
 
-def test_bytes_that_are_no_utf8_do_no_harm(translator):
+def test_invalid_utf8_is_accepted(translator):
     assert max(translator.speak(b"one \xff\xfe\xc0 two ")) > 1000
 
 
@@ -141,7 +141,7 @@ def test_no_temporary_file_stays(translator):
 
 
 @pytest.mark.parametrize("name", ["voice=nosuch", "rate=1", "--help", "a b", ""])
-def test_last_argument_is_the_message_whatever_it_looks_like(translator, name):
+def test_last_argument_is_always_the_message(translator, name):
     assert translator.speak("hello ", message=name) == translator.speak("hello ")
 
 
@@ -217,7 +217,7 @@ YARDSTICKS = [
 
 @pytest.mark.parametrize("arguments", [(), ("voice=de", "speed=300", "pitch=80", "volume=40")])
 @pytest.mark.parametrize("text, markup, pause", YARDSTICKS)
-def test_sound_is_that_of_the_engine_with_its_silence_trimmed(
+def test_sound_equals_the_engines_without_silence_at_the_end(
     espeak, text, markup, pause, arguments
 ):
     letters = {"voice": "-v", "speed": "-s", "pitch": "-p", "volume": "-a"}
@@ -315,7 +315,7 @@ def test_variant_changes_the_voice(espeak):
         (["a\nb"], 'unknown argument "a b"'),
     ],
 )
-def test_check_tells_what_a_run_would(espeak, arguments, why):
+def test_check_gives_the_same_reason_as_a_run(espeak, arguments, why):
     program = COMPANIONS / "translators/espeak-ng"
     result = espeak.sandbox.run(program, "--check", *arguments)
     assert result.stdout == ""
@@ -328,7 +328,7 @@ def test_check_tells_what_a_run_would(espeak, arguments, why):
 
 
 @pytest.mark.parametrize("home", [None, "/nonexistent", "/proc/1"])
-def test_real_cause_is_told_without_a_home_directory(espeak, home):
+def test_cause_is_reported_without_a_home_directory(espeak, home):
     data = espeak.sandbox.scratch / "data"
     data.mkdir()
     espeak.sandbox.environment.pop("HOME", None)
@@ -347,7 +347,7 @@ def test_home_directory_stays_empty(espeak):
     assert list(espeak.sandbox.scratch.iterdir()) == []
 
 
-def test_no_program_is_needed(espeak):
+def test_espeak_needs_no_other_program(espeak):
     expected = espeak.speak("hello ")
     espeak.sandbox.leave_only()
     assert espeak.speak("hello ") == expected
@@ -382,7 +382,7 @@ def test_silence_at_the_end_follows_the_punctuation(espeak, end, low, high):
     assert low * RATE <= silent_at_end(sound) <= high * RATE
 
 
-def test_pieces_are_not_dragged_apart_by_silence(espeak):
+def test_silence_between_pieces_is_short(espeak):
     words = ("the quick brown fox jumps over a lazy dog " * 4).split()
     whole = len(espeak.speak(" ".join(words)))
     pieces = [words[i : i + 4] for i in range(0, len(words), 4)]
@@ -393,25 +393,25 @@ def test_pieces_are_not_dragged_apart_by_silence(espeak):
 # --- tone -----------------------------------------------------------------------------------------
 
 
-def test_tones_are_a_square_wave_with_silence_behind_each(tone):
+def test_tones_are_a_square_wave_with_silence_after_each(tone):
     word = tone.speak("abc ")
     assert len(word) == RATE * 95 // 1000 + RATE * 30 // 1000
     assert set(word[: RATE * 95 // 1000]) == {0x1010, -0x0F10}
     assert set(word[RATE * 95 // 1000 :]) == {0}
 
 
-def test_word_sounds_the_same_wherever_it_stands(tone):
+def test_word_sounds_the_same_at_every_place(tone):
     one, two = tone.speak("one "), tone.speak("two ")
     assert one != two
     assert tone.speak("two one two ") == two + one + two
 
 
-def test_letters_and_their_order_give_the_pitch(tone):
+def test_pitch_depends_on_the_letters_and_their_order(tone):
     sounds = {tone.speak(word).tobytes() for word in ["ab", "ba", "bb", "\u00e4"]}
     assert len(sounds) == 4
 
 
-def test_bytes_of_a_word_give_the_length_up_to_a_limit(tone):
+def test_length_depends_on_the_bytes_of_a_word_up_to_a_limit(tone):
     lengths = [len(tone.speak("x" * count)) for count in (1, 2, 20, 21, 400)]
     assert lengths == sorted(lengths)
     assert lengths[0] < lengths[1] < lengths[2] == lengths[3] == lengths[4]
@@ -423,7 +423,7 @@ def test_silence_is_exact(tone):
     assert list(tone.speak("\\pau=0\\one\\pau=9999\\")) == list(word) + [0] * (RATE * 9999 // 1000)
 
 
-def test_nothing_is_silent(tone):
+def test_empty_text_is_silent(tone):
     assert len(tone.speak(" ")) == 0
 
 

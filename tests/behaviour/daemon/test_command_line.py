@@ -41,7 +41,7 @@ def test_help_prints_the_usage_whatever_came_before(arguments):
 
 # The option that the error names, and command lines.
 BAD_OPTIONS = {
-    # Unknown letters, and the two that the option string knows without a meaning.
+    # Unknown letters, and the two letters of the option string that have no meaning.
     "-z": ["-z", "-z -h", "word -z", "-w 3 -z"],
     "-b": ["-b 3", "-b"],
     "-m": ["-m 3", "-m3"],
@@ -51,14 +51,14 @@ BAD_OPTIONS = {
         f"--{name}": [f"--{name}"]
         for name in "debug config status output translator glossary cifs-helper ftp-helper".split()
     },
-    # An abbreviation without its value; after a long option that was right, its name is printed.
+    # An abbreviation without its value. After a valid long option, that option's name is printed.
     "--words": ["--words", "--wor", "--w", "--config none --words", "-c none --words"]
     + ["--words 3 -z", "--words=3 -b 3", "--debug 0 --words 3 -c none -z", "--words 3 ---=x"],
     "--files": ["--files", "--files 3 --nonsense"],
     "--config": ["--config", "--conf none -w"],
-    # A value that is not taken.
+    # A value for an option that takes none.
     "--help": ["--help=now", "--h=x"],
-    # No match, several matches, and the entry named "-", which is refused: no letter to name.
+    # No match, several matches, and the entry named "-", which is refused. No letter is named.
     "-\0": ["--nonsense", "--c none", "---", "--words 3 ---", "---=x", "--=x"],
 }
 
@@ -95,7 +95,7 @@ def test_long_options_mean_what_short_ones_do(make_daemon):
 
 
 def test_words_limit_that_is_no_int(make_daemon):
-    """strtol stops at the end of long, and what is left of that as an int counts."""
+    """strtol stops at the limit of long, and its result is cut to an int."""
     is_32_bit = Path(program()[-1]).read_bytes()[4] == 1  # Of the ELF header.
     daemon = make_daemon(words=2**32 + 1)
     daemon.configure(daemon.directory("a"))
@@ -118,7 +118,7 @@ def test_without_options_it_runs_and_complains_once_per_pass(make_daemon):
     lines = daemon.log()
     assert set(lines) == {'Could not open "" for reading'}
     assert len(lines) % 2 == 0
-    # A failed pass also ends with the pause of 100 ms: a missing file does not flood the log.
+    # A failed pass also ends with the pause of 100 ms, so a missing file does not flood the log.
     assert len(lines) / 2 <= elapsed / 0.1 + 1
     assert daemon.stdout() == b""
 
@@ -129,7 +129,7 @@ def test_missing_output_directory_ends_it_with_status_0(tmp_path):
 
 
 def unreadable_temporaries():
-    """Temporary files of daemons whose umask makes them unreadable."""
+    """Temporary files that a daemon's umask made unreadable."""
     found = set()
     for prefix in ("text", "speech"):
         for path in Path("/tmp").glob(prefix + "??????"):
@@ -153,7 +153,7 @@ def test_temporary_files_do_not_outlive_the_program(make_daemon, tmp_path):
         daemon.stop()
         assert unreadable_temporaries() - before == set()
 
-        # The files are made before the output directory is looked for.
+        # The files are made before the output directory is opened.
         assert run("vocastra", "-o", tmp_path / "none", umask=0o600)[0] == 0
         assert unreadable_temporaries() - before == set()
 

@@ -1,8 +1,7 @@
-"""The expat library beside the daemon: older or newer than the one that it was built with.
+"""The daemon with older and newer versions of the expat library than it was built with.
 
-Newer ones hold back a token that is incomplete at the end of a feed, and export a function that
-switches this off. The same program reads whole documents with a library that has the function and
-with one that has not.
+Newer versions defer a token that is incomplete at the end of a feed, and have a function that
+switches this off. The same program reads whole documents with and without that function.
 """
 
 import re
@@ -16,11 +15,11 @@ from harness.programs import program
 
 FUNCTION = "XML_SetReparseDeferralEnabled"
 
-# A name of the same length with the same hash, by which old_expat.c finds the function in a copy of
-# the library: "S" plus one and "e" less 33, as the hash multiplies by 33 with every character.
+# The function's name in a copy of the library, where old_expat.c finds it. It has the same length
+# and hash: "S" plus one and "e" less 33, as the hash multiplies by 33 with every character.
 RENAMED = "XML_TDtReparseDeferralEnabled"
 
-# Bytes of a comment: within one feed, over some, and over many.
+# Bytes of a comment: it fits in one feed, or needs some or many.
 SIZES = (100, 1000, 1023, 1500, 2000, 2500, 3000, 5000, 20000, 100000)
 
 
@@ -37,7 +36,7 @@ def library_of(make_daemon):
 
 
 def copy_renamed(library, directory):
-    """Writes a copy of the library in which the function, if there is one, is RENAMED."""
+    """Writes a copy of the library in which the function, if there is one, has the name RENAMED."""
     directory.mkdir()
     data = library.read_bytes().replace(FUNCTION.encode() + b"\0", RENAMED.encode() + b"\0")
     (directory / "libexpat.so.1").write_bytes(data)
@@ -77,7 +76,7 @@ def directories(daemon):
 
 
 @pytest.mark.core
-def test_the_program_needs_no_function_that_older_libraries_lack():
+def test_the_program_starts_with_older_libraries():
     symbols = subprocess.run(
         ["readelf", "-W", "--dyn-syms", program()[-1]],
         check=True,
@@ -89,7 +88,7 @@ def test_the_program_needs_no_function_that_older_libraries_lack():
 
 
 @pytest.mark.core
-def test_a_configuration_is_whole_after_a_long_comment(station):
+def test_a_configuration_is_complete_after_a_long_comment(station):
     for number, size in enumerate(SIZES):
         ids = [f"a{number}", f"b{number}"]
         station.reconfigure(
@@ -102,7 +101,7 @@ def test_a_configuration_is_whole_after_a_long_comment(station):
     station.stop()
 
 
-def test_a_message_and_a_glossary_are_whole_after_long_tokens(station):
+def test_a_message_and_a_glossary_are_complete_after_long_tokens(station):
     station.configure(
         station.directory("a", parser="alert", encoding="utf8"),
         '<parser id="alert" type="xml">'

@@ -1,4 +1,4 @@
-"""Failures around the daemon: it survives them, logs them, and recovers without a restart.
+"""The daemon survives failures around it, logs them, and recovers without a restart.
 
 Each test ends with a message that is spoken as usual, the same descriptors as at the start, no
 zombie and a clean stop.
@@ -33,7 +33,7 @@ def open_descriptors(daemon):
 
 
 def settled_descriptors(daemon):
-    """The descriptors that are open between two passes: the same in several samples."""
+    """The descriptors that are open between two passes: those of several equal samples."""
     looks = []
 
     def is_settled():
@@ -63,7 +63,7 @@ class Station:
         self.descriptors = len(settled_descriptors(daemon))
 
     def say(self):
-        """Drops a message and waits until it is spoken, whole and once."""
+        """Drops a message and waits until it is spoken, completely and once."""
         self.count += 1
         name, before = f"well{self.count}", len(self.daemon.translator_runs())
         self.daemon.drop("a", name, f"all is well {self.count}")
@@ -77,7 +77,7 @@ class Station:
     def end(self):
         self.say()
         self.daemon.take()
-        # Counts them: a directory that was replaced has another target.
+        # Compares the numbers only, as a replaced directory has another target.
         assert len(settled_descriptors(self.daemon)) == self.descriptors
         self.daemon.wait(lambda: not self.daemon.zombies(), "no zombie")
         said = self.daemon.spoken()
@@ -102,7 +102,7 @@ def fill(path):
             file.write(bytes(4096))
 
 
-# Without it, a limit on the size of files replaces the tests on a full file system.
+# Without this right, a test with a limit on file sizes replaces those on a full file system.
 can_mount = (
     os.geteuid() == 0
     and subprocess.run(["unshare", "-m", "true"], check=False, stderr=subprocess.DEVNULL).returncode
@@ -141,7 +141,7 @@ class UnprivilegedDaemon(Daemon):
 def make_unprivileged(monkeypatch):
     """Makes unprivileged daemons in a public directory, with copies of the programs they start.
 
-    Both pytest's own directory and the project may be closed to other users.
+    Other users may be unable to enter pytest's directory and the project.
     """
     root = Path(tempfile.mkdtemp(prefix="vocastra-test-"))
     root.chmod(0o755)
@@ -214,7 +214,7 @@ def test_message_that_cannot_be_removed_is_not_spoken(make_unprivileged):
     before = len(daemon.translator_runs())
     path = daemon.input("a") / "m"
     publish(daemon.root / "m", "must never be said")
-    # In one step with the loss of permission: the file is there, and nothing can be removed.
+    # The file appears and the permission goes in one step.
     os.rename(daemon.root / "m", daemon.input("a") / ".m")
     with locked(daemon.input("a")):
         os.rename(daemon.input("a") / ".m", path)
@@ -236,7 +236,7 @@ if can_mount:
         daemon = station.daemon
         ballast = small_file_system / ".ballast"
         fill(ballast)
-        # Larger than the place that the last one frees.
+        # Larger than the room that the removed copy frees.
         words = [f"{i:090d}" for i in range(60)]
         daemon.drop("a", "m", " ".join(words))
         daemon.wait(lambda: daemon.spoken()[-1][1].endswith(words[-1] + " "), "all of the message")
@@ -258,7 +258,7 @@ if can_mount:
         fill(ballast)
         daemon.configure(daemon.directory("a"))
         daemon.start(wait=False)
-        # Rewritten in every pass, but still empty.
+        # The status is rewritten in every pass, but stays empty.
         times = set()
 
         def is_rewritten():
@@ -284,8 +284,8 @@ OBSTACLES = {
 }
 
 
-def put_in_the_way(path, obstacle):
-    """Replaces the file by something that is no regular file, in one step if possible."""
+def replace_by_obstacle(path, obstacle):
+    """Replaces the file by an obstacle that is no regular file, in one step if possible."""
     hidden = path.with_name(".obstacle")
     OBSTACLES[obstacle](hidden)
     if obstacle == "directory":
@@ -303,16 +303,16 @@ def test_daemon_reads_only_regular_files(make_daemon, obstacle):
     (helper,) = daemon.wait_helper_runs(1)
     daemon.tell_helpers("quit")
     daemon.wait(lambda: not is_alive(helper.pid), "the helper's end")
-    put_in_the_way(daemon.input("a") / "m", obstacle)
+    replace_by_obstacle(daemon.input("a") / "m", obstacle)
     daemon.wait_passes(2)
-    put_in_the_way(helper.watch / ".helper.timestamp", obstacle)
+    replace_by_obstacle(helper.watch / ".helper.timestamp", obstacle)
     daemon.wait_passes(2)
     # The last glossary that could be read is kept.
-    put_in_the_way(daemon.glossary, obstacle)
+    replace_by_obstacle(daemon.glossary, obstacle)
     daemon.wait_passes(2)
     daemon.drop("a", "n", "all is well")
     daemon.wait_spoken(("n", PAUSE + "all is fine "))
-    put_in_the_way(daemon.config, obstacle)
+    replace_by_obstacle(daemon.config, obstacle)
     daemon.wait_log(f'Could not open "{daemon.config}" for reading', 4)
     daemon.stop()
 
@@ -374,7 +374,7 @@ def test_translator_that_writes_50_mb(make_daemon):
 def test_closed_standard_error(make_daemon):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a"))
-    # No other file may get its number: that file would receive log lines.
+    # No other file may get the number of standard error, as it would receive log lines.
     daemon.start(preexec_fn=lambda: os.close(2))
     daemon.drop("a", "m", "without a log")
     daemon.wait_outputs(1)
@@ -411,7 +411,7 @@ def away(path):
 
 @contextlib.contextmanager
 def replaced(path, text=""):
-    """The file has another text, or the directory is a file with that text."""
+    """Writes another text to the file, or replaces the directory by a file with that text."""
     with away(path):
         path.write_text(text)
         yield
@@ -420,7 +420,7 @@ def replaced(path, text=""):
 
 @contextlib.contextmanager
 def emptied(path, mode, inside=None):
-    """The directory is an empty one of that mode, or one with a directory of that name in it."""
+    """Replaces the directory by one of that mode, empty or with one subdirectory."""
     with away(path):
         path.mkdir()
         if inside:
@@ -455,9 +455,9 @@ NO_OUTPUT = 'Could not open "{0.output}/" for counting: '
 NO_COPY = 'Could not execute "cp '
 NO_STATUS = 'Could not open "{0.status_path}" for writing'
 
-# What brings the trouble; how the lines begin that the daemon logs in every pass for it, and how
-# many these are (without such lines the statuses count the passes); and the log of a message that
-# is spoken in spite of it, empty for any, None if it cannot be.
+# For each kind of trouble: the function that causes it, the start of the log lines of each pass,
+# and their number in a pass (without such lines, the statuses count the passes). Then the log of a
+# message that is spoken nevertheless: empty for any log, None if no message can be spoken.
 TROUBLES = {
     "none": (lambda d: contextlib.nullcontext(), None, 1, ""),
     "no config": (lambda d: away(d.config), 'Could not open "{0.config}" for reading', 2, None),
@@ -488,7 +488,9 @@ TROUBLES = {
 
 
 @pytest.mark.parametrize("trouble, line, lines, spoken", TROUBLES.values(), ids=TROUBLES)
-def test_lasting_trouble_burns_no_time(make_unprivileged, trouble, line, lines, spoken):
+def test_lasting_trouble_takes_little_processor_time(
+    make_unprivileged, trouble, line, lines, spoken
+):
     daemon = make_unprivileged(files=100000, glossary=True, status="apart")
     daemon.write_glossary(("other", "word"))
     station = Station(daemon)
@@ -508,7 +510,7 @@ def test_lasting_trouble_burns_no_time(make_unprivileged, trouble, line, lines, 
         if spoken is not None:
             station.say()
             daemon.wait(lambda: any(text.startswith(spoken) for text in daemon.log()), spoken)
-    # A pass rests for 100 ms, however it ends, and takes a small part of that.
+    # A pass pauses for 100 ms, however it ends, and works for a small part of that.
     assert count <= seconds / 0.1 + 1
     assert burnt <= seconds / 4
     station.end()
@@ -551,7 +553,7 @@ def test_interrupt_at_any_moment(make_unprivileged, batch):
             daemon.directory("r", type="ftp", path="host"),
         )
         daemon.start(wait=False)
-        # From before the first pass to the middle of a message, in steps of 3 ms.
+        # The moments reach from before the first pass to the middle of a message, in steps of 3 ms.
         deadline = time.monotonic() + moment * 0.003
         if moment >= 90:
             daemon.wait(lambda: daemon.timestamp() is not None, "the first status")
@@ -559,13 +561,13 @@ def test_interrupt_at_any_moment(make_unprivileged, batch):
         while time.monotonic() < deadline:
             time.sleep(0.001)
         if moment < 20:
-            # Waits for the signal handler: without it the signal just ends the program.
+            # Waits for the signal handler, without which the signal ends the program.
             daemon.wait(lambda: "Processing configuration" in daemon.log_text(), "the first pass")
         else:
             daemon.wait(lambda: daemon.log_text() != "", "the first line")
         assert daemon.process.poll() is None, daemon.describe()
         daemon.process.send_signal(signal.SIGINT)
-    # Each takes two seconds to end its helper; all together do, too.
+    # Each takes two seconds to end its helper; they do so at the same time.
     for daemon in daemons:
         daemon.wait_exit(1)
         assert daemon.log().count('Now in "run" state') <= 1
@@ -590,4 +592,4 @@ def test_kill_leaves_temporary_files_that_a_new_daemon_ignores(make_daemon):
     station.drop("a", "m", "as usual")
     station.wait_spoken(("m", PAUSE + "as usual "))
     station.stop()
-    assert Path(run.text_path).exists() and watch.exists()  # Whoever kills it clears up.
+    assert Path(run.text_path).exists() and watch.exists()  # After a kill, these files stay.

@@ -24,20 +24,20 @@ def wait_available(daemon, identity, status="1"):
     return daemon.wait_status(condition).find(f"directory[@id='{identity}']")
 
 
-# Python leaves some signals ignored, and so may whoever starts the tests.
+# Python ignores some signals, and the program that starts the tests may ignore others.
 IGNORABLE = signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}
 
 
 def test_helper_ignores_what_was_ignored_and_blocks_no_signal(make_daemon, tmp_path):
-    # Not a shell: some shells reset signals themselves. tail waits forever and complains about
-    # arguments that are no files.
+    # The helper is no shell, as some shells reset signals. tail waits forever and reports arguments
+    # that are no files.
     program = tmp_path / "helper"
     program.symlink_to("/usr/bin/tail")
     daemon = make_daemon(helpers=False, arguments=["-i", program])
     daemon.configure(remote(daemon, "r", "cifs", path="-f", username="/dev/null"))
 
     def disturb():
-        # Signals as another process may leave them to the daemon. It catches SIGPIPE itself.
+        # Another process may start the daemon with such signals. The daemon catches SIGPIPE itself.
         for number in IGNORABLE:
             signal.signal(number, signal.SIG_DFL)
         for ignored in (signal.SIGHUP, signal.SIGUSR2, signal.SIGPIPE):
@@ -62,7 +62,7 @@ def test_helper_ignores_what_was_ignored_and_blocks_no_signal(make_daemon, tmp_p
 
 
 @pytest.mark.core
-def test_helper_gets_the_standard_descriptors_alone(make_daemon):
+def test_helper_gets_only_the_standard_descriptors(make_daemon):
     daemon = make_daemon(glossary=True)
     daemon.write_glossary()
     daemon.configure(daemon.directory("a"), remote(daemon, "r", "ftp"), remote(daemon, "s", "cifs"))
@@ -93,7 +93,7 @@ def test_remote_message_is_spoken_and_everything_ends(make_daemon, kind):
     assert re.fullmatch(r"/tmp/watch\w{6}", str(run.watch))
     assert stat.S_IMODE(run.watch.stat().st_mode) == 0o700
 
-    # Before the helper's first report, files are known but not queued.
+    # Before the helper's first beat, files are known but not queued.
     publish(run.watch / "sub" / "old.txt", "old")
     daemon.wait_log(f"From {scanned}old.txt: old", 2)
     found = wait_available(daemon, "r", "0")
@@ -106,7 +106,7 @@ def test_remote_message_is_spoken_and_everything_ends(make_daemon, kind):
     publish(run.watch / "sub" / "m.txt", "one two")
     daemon.wait_spoken(("m.txt", PAUSE + "one two "))
     assert daemon.wait_outputs(1) == ["0_far.text_live_first.raw"]
-    # Taken, as from a local directory.
+    # The message is removed, as in a local directory.
     assert not (run.watch / "sub" / "m.txt").exists()
     assert (run.watch / "sub" / "old.txt").exists()
     assert is_alive(run.pid)
@@ -119,7 +119,7 @@ def test_remote_message_is_spoken_and_everything_ends(make_daemon, kind):
 # Their end.
 
 
-def test_reload_replaces_the_changed_helper_alone(make_daemon):
+def test_reload_replaces_only_the_changed_helper(make_daemon):
     daemon = make_daemon()
     daemon.configure(remote(daemon, "r", "cifs"), remote(daemon, "s", "ftp"))
     daemon.start()

@@ -1,4 +1,4 @@
-"""The log on standard error and what the daemon says on standard output."""
+"""The daemon's log on standard error, and its standard output."""
 
 import itertools
 import re
@@ -50,7 +50,7 @@ def expected_log(daemon):
 
 
 def once(lines, repeated):
-    """lines with every run of the repeated line written once."""
+    """The lines, with each run of the repeated line reduced to one."""
     for line, group in itertools.groupby(lines):
         yield from [line] if line == repeated else group
 
@@ -100,8 +100,8 @@ def test_date_after_every_101_passes(make_daemon):
         'echo "the date"\n'
     )
     date.chmod(0o755)
-    # Passes that fail are not counted, and neither do they write a status: whatever happens
-    # before the first good one, the status written last before "date" carries 100.
+    # A failed pass is not counted and writes no status. So the last status before "date" always has
+    # the number 100.
     daemon.start(wait=False)
     daemon.wait_log(f'Could not open "{daemon.config}" for reading', 4)
     daemon.configure(daemon.directory("a"))
@@ -117,7 +117,7 @@ def test_date_after_every_101_passes(make_daemon):
     publish(daemon.config, contents)
     daemon.wait(lambda: daemon.stdout().count(b"the date\n") == 2, "two dates")
     daemon.stop()
-    # Every good pass wrote one status, the one with the single snippet too.
+    # Each good pass wrote one status, and so did the pass with the single snippet.
     assert re.findall(r' timestamp="(\d+)"', dated.read_text()) == ["100", "201"]
     assert daemon.stdout() == 2 * dump + 2 * b"the date\n"
     assert descriptors(daemon.root / "date.descriptors").keys() - {10, 255} == {0, 1, 2}

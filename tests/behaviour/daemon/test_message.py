@@ -1,4 +1,4 @@
-"""The way of a message: from the file that is dropped to the files that a player takes."""
+"""The way of a message from the dropped file to the files that a player takes."""
 
 import re
 
@@ -31,7 +31,7 @@ def test_message_becomes_numbered_files(make_daemon):
         PAUSE + "Fire in hall two. ",
         "Leave now, please ",
     ]
-    # The same two files for every snippet; the configured arguments as the shell splits them.
+    # Every snippet uses the same two files. The shell splits the configured arguments.
     text, audio = runs[0].arguments[:2]
     assert re.fullmatch(r"/tmp/text\w{6}", text)
     assert re.fullmatch(r"/tmp/speech\w{6}", audio)
@@ -40,7 +40,7 @@ def test_message_becomes_numbered_files(make_daemon):
     assert daemon.take() == [(name, run.audio) for name, run in zip(names, runs)]
     assert list(daemon.input("a").iterdir()) == []
 
-    # Numbers go on; they belong to the process and not to the message.
+    # The next message continues the numbers, which belong to the process.
     daemon.drop("a", "again.txt", "Again.")
     assert daemon.wait_outputs(1) == ["2_lobby.text_live_first.raw"]
     daemon.stop()
@@ -50,7 +50,7 @@ def test_same_message_is_spoken_again_when_dropped_again(daemon):
     for count in (1, 2):
         daemon.drop("a", "m.txt", "same")
         daemon.wait_outputs(count)
-        # A scan has to see that the file was gone.
+        # A scan must notice that the file is gone.
         daemon.wait_passes(2)
     assert daemon.spoken() == [("m.txt", PAUSE + "same ")] * 2
     daemon.stop()
@@ -136,7 +136,7 @@ def test_whole_log_of_an_xml_message(make_daemon):
     ]
 
 
-def test_xml_and_text_are_read_side_by_side(make_daemon):
+def test_xml_and_text_directories_work_together(make_daemon):
     daemon = make_daemon()
     daemon.configure(
         daemon.directory("a", parser="news", encoding="utf8", priority=1),
@@ -176,7 +176,7 @@ def test_urgent_message_interrupts_and_the_other_goes_on(make_daemon):
         ("news.txt", PAUSE + "one two "),
         ("fire.txt", PAUSE + "fire in "),
         ("fire.txt", "hall "),
-        # Where it was interrupted, and without a new pause.
+        # The message goes on where it was interrupted, without a new pause.
         ("news.txt", "three four "),
         ("news.txt", "five "),
     )
@@ -194,7 +194,7 @@ def test_urgent_message_interrupts_and_the_other_goes_on(make_daemon):
 
 
 @pytest.mark.core
-def test_changed_glossary_serves_the_next_snippet(make_daemon):
+def test_changed_glossary_is_used_for_the_next_snippet(make_daemon):
     daemon = make_daemon(glossary=True)
     daemon.configure(daemon.directory("a"))
     daemon.write_glossary(("one", "first"))
@@ -202,7 +202,7 @@ def test_changed_glossary_serves_the_next_snippet(make_daemon):
     daemon.drop("a", "m.txt", "one")
     daemon.wait_outputs(1)
     daemon.write_glossary(("one", "second"))
-    # Two statuses later a whole pass has begun after the change.
+    # After two statuses, a whole pass has begun after the change.
     daemon.wait_passes(2)
     daemon.drop("a", "n.txt", "one")
     daemon.wait_spoken(("m.txt", PAUSE + "first "), ("n.txt", PAUSE + "second "))
@@ -227,7 +227,7 @@ def test_every_status_of_a_message_in_order(make_daemon):
     statuses = daemon.statuses()
     first = next(i for i, text in enumerate(statuses) if ' now-playing="1"' in text)
     idle = [(0, None)]
-    # The end of the message shows in the pass after its last snippet.
+    # The pass after the last snippet shows the end of the message.
     expected = idle * first + spoken + idle * (len(statuses) - first - len(spoken))
     assert statuses == [
         status_text(

@@ -1,4 +1,4 @@
-"""The output directory: how much it may hold, its lock, its absence."""
+"""The output directory: its limit, its lock, and its absence."""
 
 import pytest
 from harness.daemon import PAUSE
@@ -19,7 +19,7 @@ def test_production_follows_the_room_in_the_output(make_daemon):
         "1_a.text_live_cont.raw",
         "2_a.text_live_cont.raw",
     ]
-    # Said once, however long it lasts.
+    # The state is logged once, however long it lasts.
     before = daemon.log()
     daemon.wait_passes(4)
     assert daemon.log() == before
@@ -71,7 +71,7 @@ def test_lock_on_an_input_is_respected(make_daemon):
     daemon.start()
     with locked(daemon.input("a")):
         daemon.wait_lock()
-        # Whoever holds the lock may write in place.
+        # The holder of the lock may write in place.
         (daemon.input("a") / "m.txt").write_text("one ")
         with open(daemon.input("a") / "m.txt", "a") as file:
             file.write("two")

@@ -1,4 +1,4 @@
-"""The configuration: what a change does, and when."""
+"""Changes of the configuration: their effects and times."""
 
 import pytest
 from harness.daemon import PAUSE
@@ -20,7 +20,7 @@ def using(identity, parser="text-utf8"):
     return f'Directory "{identity}" using parser PARSER {parser}'
 
 
-def test_change_replaces_what_changed_alone(make_daemon):
+def test_change_replaces_only_changed_directories(make_daemon):
     daemon = make_daemon()
     a, b, c = (daemon.directory(identity) for identity in "abc")
     daemon.configure(c, b, a)
@@ -55,6 +55,7 @@ def test_configuration_waits_until_the_message_is_made(make_daemon):
     daemon.release()
     daemon.wait_log('Now in "stop" state')
     daemon.stop()
-    # It is read at the start of a pass, and a pass goes on while there is a snippet to make.
+    # The configuration is read at the start of a pass, and a pass goes on while there is a snippet
+    # to make.
     assert daemon.spoken() == [("m.txt", PAUSE + "one two "), ("m.txt", "three four ")]
     assert daemon.outputs() == []

@@ -16,7 +16,7 @@ def command(daemon, run, options=""):
 
 
 @pytest.mark.core
-def test_failing_translator_loses_its_words_alone(make_daemon):
+def test_failing_translator_loses_only_its_words(make_daemon):
     daemon = make_daemon(words=1)
     clip = daemon.root / "clip.wav"
     clip.write_text("clip")
@@ -31,7 +31,7 @@ def test_failing_translator_loses_its_words_alone(make_daemon):
     failed = f'Could not execute "{command(daemon, daemon.translator_runs()[0])}"'
     daemon.wait_log(failed)
     daemon.behave()
-    # The snippet that would have brought the clips and the pause is gone with them.
+    # The lost snippet was the one with the clips and the pause.
     assert daemon.wait_outputs(1)[0].endswith("_a.text_live_cont.raw")
     daemon.stop()
     spoken = daemon.spoken()
@@ -49,13 +49,13 @@ def test_end_by_a_signal_counts_as_done(make_daemon):
     daemon.behave("fake:signal=KILL")
     daemon.drop("a", "m.txt", "one two three")
     daemon.wait_outputs(2)
-    # Nothing was written, so nothing is what it delivers.
+    # The translator wrote no audio, so the daemon delivers empty files.
     assert daemon.take() == [("0_a.text_live_first.raw", b""), ("1_a.text_live_cont.raw", b"")]
     daemon.stop()
     assert f'Could not execute "{daemon.translator}' not in daemon.log_text()
 
 
-def test_translator_that_writes_nothing_delivers_what_was_there(make_daemon):
+def test_translator_that_writes_nothing_delivers_the_old_audio(make_daemon):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a"))
     daemon.start()
@@ -94,7 +94,7 @@ def test_translator_gets_none_of_the_daemons_descriptors(make_daemon):
         (descriptors(daemon.records / "1.descriptors"), HERE / "fake_translator"),
         (descriptors(daemon.root / "rm.descriptors"), remover),
     ):
-        # A shell keeps its script open under a high number.
+        # A shell has its script open under a high number.
         own = {number for number, target in found.items() if target == str(script)}
         assert {number: found[number] for number in found.keys() - own} == {
             0: "/dev/null",
@@ -116,7 +116,7 @@ def test_interrupt_while_the_translator_runs(make_daemon):
     daemon.process.send_signal(signal.SIGINT)
     assert daemon.process.poll() is None
     daemon.release()
-    # It takes effect when the pass is over: the whole message is made.
+    # The interrupt takes effect at the end of the pass, so the whole message is made.
     daemon.wait_exit(1)
     assert daemon.log()[count:] == [
         "done calling engine",
@@ -136,7 +136,7 @@ def test_interrupt_while_the_translator_runs(make_daemon):
 def test_interrupt_while_other_commands_run(make_daemon):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a"))
-    # The first command of all: it empties the input directory.
+    # The daemon's first command, which empties the input directory.
     remover = daemon.bin / "rm"
     remover.write_text(
         f"#!/bin/sh\n: >'{daemon.root}/removing'\n"
@@ -148,6 +148,6 @@ def test_interrupt_while_other_commands_run(make_daemon):
     daemon.process.send_signal(signal.SIGINT)
     (daemon.root / "go").touch()
     daemon.wait_exit(1)
-    # The pass was finished.
+    # The daemon has finished the pass.
     assert daemon.timestamp() == 0
     assert daemon.log()[-1] == 'Now in "run" state'

@@ -18,7 +18,7 @@ def desk(make_desk):
 
 @pytest.fixture
 def browser(desk):
-    """Logged in as somebody who may announce."""
+    """Requests of a user who is logged in and may announce."""
     browser = Browser(desk)
     assert browser.log_in("say").status == 303
     return browser

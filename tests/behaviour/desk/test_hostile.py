@@ -1,4 +1,4 @@
-"""Clients that mean harm, or are broken: the desk stays, serves others, and stays small."""
+"""Hostile and broken clients: the desk keeps running, serves others, and stays small."""
 
 import contextlib
 import itertools
@@ -31,7 +31,7 @@ def post(path, body, cookie="", headers=""):
 
 
 def seeds(browser):
-    """Requests that are right."""
+    """Valid requests."""
     get = "GET {} HTTP/1.1\r\n" + HEAD.format(cookie=browser.cookie)
     token = f"token={browser.token}&".encode()
     accept = "Accept: application/json\r\n"
@@ -52,7 +52,7 @@ def seeds(browser):
 
 
 def mutated(request, chance):
-    """The request with one or more things wrong."""
+    """The request with one or more random errors."""
     data = bytearray(request)
     for _ in range(chance.randint(1, 4)):
         at = chance.randrange(len(data) + 1)
@@ -91,8 +91,8 @@ def test_malformed_requests_leave_it_serving(desk, browser):
 @pytest.mark.parametrize(
     "first", [b"", b"GET / HTTP/1.1\r\nHost: a\r\nX: ", post("/login", b"")[:-4]]
 )
-def test_slow_clients_keep_nobody_waiting(desk, browser, first):
-    """Silent ones, those that send a byte now and then, and those whose body does not come."""
+def test_slow_clients_do_not_delay_others(desk, browser, first):
+    """Clients that are silent, that send a byte now and then, or that never send the body."""
     descriptors = desk.descriptors()
     with contextlib.ExitStack() as stack:
         slow = [stack.enter_context(desk.connect()) for _ in range(SLOW)]
@@ -122,7 +122,7 @@ def receive_what_is_there(connection):
 
 
 def test_client_that_does_not_read_is_disconnected(desk, browser):
-    """One that asks again and again on one connection, and does not take the answers."""
+    """The client sends request after request on one connection and reads no answer."""
     descriptors = desk.descriptors()
     with desk.connect() as connection:
         connection.settimeout(1)
@@ -160,7 +160,8 @@ CHUNKED = "Transfer-Encoding: chunked\r\n"
 def test_oversized_requests_are_refused(desk, browser, make, answer):
     request = make(browser.cookie)
     got = desk.exchange(request)
-    # Of an answer that comes before all was sent, the end of the connection may remove the rest.
+    # If the answer comes before the whole request was sent, the end of the connection may destroy
+    # it.
     is_lost = got == b"" and len(request) > 4096
     assert is_lost or got[9:12].startswith(answer) and (answer or not got), got
     check_health(desk)
@@ -193,7 +194,7 @@ def test_form_of_another_site_is_refused(desk, browser):
         *("http://127.0.0.1/users", "/preview/1.wav%0d%0aSet-Cookie:a=b", "/%", "/%ff", "*"),
     ],
 )
-def test_paths_lead_nowhere(desk, browser, path):
+def test_other_paths_are_not_found(desk, browser, path):
     for cookie in ("", browser.cookie):
         request = f"GET {path} HTTP/1.1\r\n{HEAD.format(cookie=cookie)}\r\n"
         answer = desk.exchange(request.encode())
@@ -201,7 +202,7 @@ def test_paths_lead_nowhere(desk, browser, path):
         assert b"$y$" not in answer and b"root:" not in answer
 
 
-def test_watchers_have_a_limit_and_make_room_when_they_leave(desk, browser):
+def test_watchers_are_limited_and_make_room_when_they_leave(desk, browser):
     with contextlib.ExitStack() as stack:
         watchers = [stack.enter_context(browser.watch()) for _ in range(200)]
         for watcher in watchers:
@@ -239,13 +240,13 @@ def test_watcher_that_does_not_read_is_disconnected(desk, browser):
 
 
 def test_logins_are_slowed_down(make_desk):
-    """Behind a proxy, per address that the proxy names, whatever the client claims."""
+    """With a proxy, the address that the proxy names counts, whatever the client claims."""
     desk = make_desk(["--behind-proxy"]).start()
 
     def attempt(*addresses):
         return Browser(desk, X_Forwarded_For=", ".join(addresses)).log_in("a", "wrong").status
 
-    # There are a few checks a second at most, so an attempt may have to be repeated.
+    # The desk checks only a few passwords a second, so an attempt may have to be repeated.
     for _ in range(3):
         wait_until(lambda: attempt("6.6.6.6", "192.0.2.1") == 403, "a refusal")
     assert attempt("7.7.7.7", "192.0.2.1") == 429

@@ -1,4 +1,4 @@
-"""How the desk serves: where it listens, TLS, headers, events, users, its end."""
+"""The desk as a server: addresses, TLS, headers, events, users, its end."""
 
 import json
 import re
@@ -92,7 +92,7 @@ def test_headers_confine_the_page(desk, browser):
     assert (refused.status, refused.headers["Allow"]) == (405, "GET, HEAD, POST")
 
 
-def test_cookie_is_for_the_server_only(desk):
+def test_cookie_is_sent_to_the_server_only(desk):
     cookie = Browser(desk).log_in("say").headers["Set-Cookie"]
     assert re.fullmatch(
         r"desk=[0-9a-f]{64}; Path=/; HttpOnly; SameSite=Strict; Max-Age=43200", cookie
@@ -118,19 +118,19 @@ def test_tls(make_desk, tmp_path):
         with pytest.raises((ssl.SSLError, ConnectionError)):
             Browser(desk, old).get("/login")
         with desk.connect() as silent:
-            assert receive_all(silent) == b""  # Disconnected.
+            assert receive_all(silent) == b""  # The desk has closed the connection.
         assert browser.get("/").status == 200
 
 
 def events(watcher):
-    """What a watcher has received so far is appended to its text by each call."""
+    """Each call appends the received events to the watcher's text, and returns it."""
     text = ""
     while True:
         text += watcher.recv(65536).decode()
         yield [json.loads(line) for line in re.findall(r"^data: (.*)\n\r?\n", text, re.M)]
 
 
-def test_watcher_gets_an_event_when_the_station_tells_something(desk, browser):
+def test_watcher_gets_an_event_when_the_health_file_changes(desk, browser):
     with browser.watch() as watcher:
         received = events(watcher)
         wait_until(lambda: next(received), "the first event")
@@ -140,7 +140,7 @@ def test_watcher_gets_an_event_when_the_station_tells_something(desk, browser):
         receive_all(watcher)
 
 
-def test_run_directory_may_come_later(make_desk):
+def test_run_directory_may_be_made_later(make_desk):
     desk = make_desk()
     desk.run_path.rmdir()
     desk.start()
@@ -162,7 +162,7 @@ def test_stream_ends_with_the_session(browser):
         assert receive_all(watcher) == b"0\r\n\r\n"
 
 
-def test_nothing_happens_without_clients(desk, browser):
+def test_desk_sleeps_without_clients(desk, browser):
     assert browser.get("/").status == 200
     descriptors = 12
     wait_until(lambda: desk.descriptors() < descriptors, "the end of the connections")

@@ -1,4 +1,4 @@
-"""vocastra-check: every finding with its line, and no other finding."""
+"""vocastra-check: each finding with its line, and no other finding."""
 
 import os
 import re
@@ -22,7 +22,7 @@ WAV = (
 
 
 class World:
-    """Directories, clips and programs that a clean configuration names, and that configuration."""
+    """A clean configuration, and the directories, clips and programs that it names."""
 
     def __init__(self, root):
         self.root = root
@@ -102,7 +102,7 @@ def test_clean(world):
     assert world.check(FULL, *COMMAND_LINE, *HELPERS, "-w", "0x10", "-f", "2", "-d7") == (0, [])
 
 
-def test_nothing_is_touched(world):
+def test_check_changes_no_file(world):
     """Unlike the daemon, which empties its directories."""
     for path in ("in/message", "last/copy", "out/0_a.text_live_first.raw"):
         (world.root / path).write_text("x")
@@ -123,7 +123,7 @@ def around(element):
 
 
 def directory(attributes):
-    """A configuration with a directory "b" in line 2 that has these attributes besides."""
+    """A configuration with a directory "b" in line 2 that also has these attributes."""
     path = "" if " path=" in " " + attributes else ' path="@/in2"'
     kind = "" if " type=" in " " + attributes else ' type="local"'
     return around(f'<directory id="b"{kind}{path} {attributes}/>')
@@ -135,7 +135,7 @@ DAEMON_USER = "Create the directory for the daemon's user."
 
 
 def read_cases():
-    """Name to input and findings; findings.txt says in which form."""
+    """The input and the findings by the case's name; findings.txt describes the format."""
     text = Path(__file__).with_name("findings.txt").read_text()
     cases = {}
     for case in re.split(r"^# ", text, flags=re.M)[1:]:
@@ -196,9 +196,9 @@ def test_file_that_is_not_utf8(world):
 
 
 def test_home_directory(world):
-    """Uses a home of this machine, as a test cannot have a user database of its own.
+    """Uses a home directory of this machine, as a test cannot have its own user database.
 
-    Every Debian has some, such as /var/backups. Directories of the system have another finding.
+    Every Debian system has some, such as /var/backups. System directories have another finding.
     """
     system = ("/bin/", "/boot/", "/dev/", "/etc/", "/lib", "/proc/", "/sbin/", "/sys/")
     system += ("/usr/bin/", "/usr/include/", "/usr/lib", "/usr/sbin/", "/usr/share/")
@@ -236,7 +236,7 @@ def test_subdirectories_of_one_path(world):
 
 @pytest.mark.parametrize("path, findings", [("@/in", 200), ("@/in/out", 200 + 199)])
 def test_each_directory_is_compared_with_the_first_of_a_path(world, path, findings):
-    """Were each pair a finding, time and memory would grow with the square of the number."""
+    """If each pair were a finding, time and memory would grow with the square of the number."""
     (world.root / "in/out").mkdir()
     many = "".join(f'<directory id="{i}" type="local" path="{path}"/>' for i in range(200))
     assert len(world.check(around(many))[1]) == findings
@@ -244,7 +244,7 @@ def test_each_directory_is_compared_with_the_first_of_a_path(world, path, findin
 
 @pytest.mark.parametrize("count, line", [(3000, 2), (10001, 1)])
 def test_document_that_takes_too_much_memory(world, count, line):
-    """Defaults of attributes are part of each element: 100 KB would take 600 MB."""
+    """Default attributes are copied into each element, so 100 KB would take 600 MB."""
     declared = "".join(f'<!ATTLIST a x{i} CDATA "0">' for i in range(count))
     world.config.write_text(f"<!DOCTYPE t [{declared}]>{CLEAN.replace('  <', '<a/>' * 3000 + '<')}")
     process = start("vocastra-check", world.config)
@@ -273,7 +273,7 @@ def test_findings_come_in_the_order_of_lines(world):
 
 
 def as_daemon_user():
-    """A command prefix that lets permission bits count for root."""
+    """A command prefix that makes permission bits apply to root."""
     if os.geteuid() != 0:
         return []
     return ["setpriv", "--bounding-set=-dac_override,-dac_read_search,-fowner"]
@@ -436,7 +436,7 @@ def test_translator_is_asked_for_every_directory(world):
 
 
 @pytest.mark.parametrize("attributes", ['conv-opts="$HOME"', 'conv-opts="bad" dir-mode="cache"'])
-def test_translator_is_not_asked_what_the_daemon_would_not(world, attributes):
+def test_translator_is_not_asked_if_the_daemon_would_not_use_it(world, attributes):
     translator(world, ASKED)
     found = world.check(directory(f'type="local" path="@/in2" {attributes}'), *COMMAND_LINE)[1]
     assert not any("refuses" in line for line in found)
@@ -447,7 +447,7 @@ def test_translator_is_not_asked_what_the_daemon_would_not(world, attributes):
     "end", ["exit 1", "exit 0", "echo --check; exit 1", "echo --check >&2", "yes & exit 0"]
 )
 def test_translator_that_knows_no_check_makes_no_file(world, end):
-    """It takes its first argument for a text, and its second for an audio file."""
+    """It treats its first argument as a text file, and its second as an audio file."""
     translator(world, f'#!/bin/sh\necho "$*" >> @/calls\necho sound > "${{2:-audio}}"\n{end}\n')
     before = sorted(world.root.rglob("*"))
     text = directory('type="local" path="@/in2" conv-opts="voice=nosuch"')
@@ -457,7 +457,7 @@ def test_translator_that_knows_no_check_makes_no_file(world, end):
 
 
 @pytest.mark.parametrize("knows", ["", "[ $1 != --help ] || exec echo --check\n"])
-def test_translator_that_hangs_has_no_opinion_and_ends(world, knows):
+def test_translator_that_hangs_gives_no_finding_and_is_ended(world, knows):
     translator(world, f"#!/bin/sh\n{knows}echo $$ > @/pid\nyes | sleep 1000\n")
     text = directory('type="local" path="@/in2" conv-opts="b"')
     assert world.check(text, *COMMAND_LINE) == (0, [])
@@ -508,7 +508,7 @@ def test_words_that_never_match_are_not_replaced_by_the_daemon(world, make_daemo
     assert [not match for match in matched] == warned
 
 
-def test_unknown_type_stops_everything(world, make_daemon):
+def test_parser_of_unknown_type_stops_the_daemon(world, make_daemon):
     daemon = make_daemon()
     daemon.configure(daemon.directory("a"), daemon.directory("b", type="smb"))
     status, found = world.check(daemon.config.read_text())
@@ -533,8 +533,8 @@ def test_daemon_uses_an_incomplete_file(world, make_daemon):
     daemon.stop()
 
 
-def test_daemon_removes_what_a_part_of_a_path_names(make_daemon):
-    """Why a blank in a path is an error."""
+def test_blank_in_a_path_makes_the_daemon_empty_another_directory(make_daemon):
+    """This is the reason why a blank in a path is an error."""
     daemon = make_daemon()
     other = daemon.root / "other"
     (daemon.root / "x").mkdir()

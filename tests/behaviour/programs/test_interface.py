@@ -94,7 +94,7 @@ def test_completion_offers_every_option(name):
     if name == "vocastra-check":
         expected |= long_options(run("vocastra", "-h")[1])
     assert set(complete(name, "--")) == expected
-    # The program has each of them.
+    # The program accepts each of them.
     if name == "vocastra":
         assert complete(name, "--glo") == ["--glossary"]
 

@@ -1,4 +1,4 @@
-"""vocastra-say: what reaches the daemon, and what does not."""
+"""vocastra-say: the messages that reach the daemon, and the refused ones."""
 
 import ctypes
 import grp
@@ -52,7 +52,7 @@ def local(path, identity="a", **attributes):
 
 
 def handed_over(directory):
-    """The bytes of the one message in there; nothing else may be there."""
+    """The bytes of the only message in the directory; asserts that it has no other file."""
     (path,) = directory.iterdir()
     assert NAME.fullmatch(path.name)
     return path.read_bytes()
@@ -107,7 +107,7 @@ def say_into(path, *arguments, **options):
 
 # Attributes of the directory, arguments, and the bytes that are handed over.
 BYTES = {
-    # Without a parser the daemon reads UTF-8, whatever "encoding" says.
+    # Without a parser, the daemon reads UTF-8 and ignores "encoding".
     "no parser": ({"encoding": "utf16"}, ["é𝄞"], "é𝄞".encode()),
     "utf8": ({"parser": "text", "encoding": "utf8"}, ["é𝄞"], "é𝄞".encode()),
     "utf16": ({"parser": "text", "encoding": "utf16"}, ["é𝄞"], "é𝄞".encode("utf-16-le")),
@@ -120,7 +120,7 @@ BYTES = {
 
 
 @pytest.mark.parametrize("attributes, arguments, data", BYTES.values(), ids=BYTES)
-def test_bytes(tmp_path, attributes, arguments, data):
+def test_file_has_the_bytes_of_the_text(tmp_path, attributes, arguments, data):
     directory = tmp_path / "a" / attributes.get("subdir", "")
     directory.mkdir(parents=True)
     assert say_into(tmp_path, *arguments, elements=[local(tmp_path, **attributes)]) == (0, "", "")
@@ -199,7 +199,7 @@ def test_announcements_are_the_default_among_several(tmp_path):
 
 
 def unmade(identity="a", kind="local", **attributes):
-    """A directory element at {path}/identity, which nobody makes."""
+    """A directory element at {path}/identity, which does not exist."""
     attributes = {"path": "{path}/" + str(identity), **attributes}
     return element("directory", id=identity, type=kind, **attributes)
 
@@ -232,7 +232,7 @@ REFUSALS = {
 
 
 @pytest.mark.parametrize("elements, options, why", REFUSALS.values(), ids=REFUSALS)
-def test_refused(tmp_path, elements, options, why):
+def test_wrong_directory_is_refused(tmp_path, elements, options, why):
     elements, why = elements.format(path=tmp_path), why.format(path=tmp_path)
     found = say_into(tmp_path, *shlex.split(options), "Go", elements=[elements])
     assert found == (1, "", f"vocastra-say: {why}\n")
@@ -344,7 +344,7 @@ def test_missing_permission_names_the_group(tmp_path):
 
 
 def answer(path, state, problems=(), **record):
-    """Tells the state of the only message in path/a; returns its name."""
+    """Writes the state of the only message in path/a to the health file; returns its name."""
     (name,) = wait_until(
         lambda: [p.name for p in (path / "a").iterdir() if not p.name.startswith(".")], "a message"
     )
@@ -361,7 +361,7 @@ def answer(path, state, problems=(), **record):
 DROPPED = "vocastra-say: the message was dropped"
 PROBLEMS = [("kind:a/other", "No.", "No."), ("kind:a/{}", "It is odd.", "Change it.")]
 
-# Options, the last state and record, and the end.
+# The option, the last state and record, and the expected end.
 ENDS = {
     "said": ("-w", "said", {"pieces": 2}, (0, "", "")),
     "heard": ("-w", "heard", {"pieces": 2}, (0, "", "")),
@@ -393,7 +393,7 @@ def test_end_of_a_message(tmp_path, option, state, record, expected):
     assert finish(process) == expected
 
 
-def test_wait_outlives_the_station(tmp_path):
+def test_wait_goes_on_after_a_restart_of_the_station(tmp_path):
     process = start_saying_into(tmp_path, "-w", "Go")
     answer(tmp_path, "speaking")
     (tmp_path / "run/health").unlink()
@@ -402,7 +402,7 @@ def test_wait_outlives_the_station(tmp_path):
     assert finish(process) == (0, "", "")
 
 
-# The option, the copy that the station has made, whether the file is there, and the end.
+# The option, the copy that the station has made, whether the file exists, and the expected end.
 TIMEOUTS = {
     "waits": ("-w", "w", True, "said within 1 seconds; it is withdrawn"),
     "hidden": ("-w", "w", False, "said within 1 seconds; it is withdrawn"),
@@ -425,7 +425,7 @@ def test_message_that_timed_out_is_withdrawn(tmp_path, option, kind, is_there, e
     assert sorted((tmp_path / "a").iterdir()) == sorted([other] + ([copy] if kind == "s" else []))
 
 
-def test_message_that_waits_for_a_more_urgent_one_was_taken_already(tmp_path):
+def test_message_that_the_daemon_has_taken_cannot_be_withdrawn(tmp_path):
     process = start_saying_into(tmp_path, "-w", "-t", 1, "Go")
     name = answer(tmp_path, "waiting")
     status = status_text(directories=[directory_status("a", message=(1, name, 0))])

@@ -91,8 +91,8 @@ def test_daemon_that_dies_or_hangs_is_started_again(station, signum):
     station.wait(lambda: ("n", "\\pau=300\\ two ") in station.spoken(), "the next message")
 
 
-def test_only_the_station_goes_first(station):
-    """If it may, which depends on the user."""
+def test_only_the_station_has_a_higher_priority(station):
+    """The station needs a right to do so, which depends on the user."""
     own = os.getpriority(os.PRIO_PROCESS, 0)
     nice = os.getpriority(os.PRIO_PROCESS, station.process.pid)
     assert nice in (-10, own)
@@ -112,8 +112,8 @@ def test_daemon_ends_with_its_station(make_station):
     station.process.wait()
 
 
-def test_start_waits_for_what_an_old_daemon_has_started(make_station):
-    """Else a late copy of its piece would come among the pieces of the new one."""
+def test_start_waits_for_processes_of_an_old_daemon(make_station):
+    """Otherwise, a late copy of the old daemon's piece would mix with the pieces of the new one."""
     station = make_station()
     (station.bin / "cp").write_text(
         '#!/bin/sh\n: >"$0.runs"\nwhile [ -e "$0.hold" ]; do sleep 0.05; done\nexec /bin/cp "$@"\n'
@@ -129,7 +129,7 @@ def test_start_waits_for_what_an_old_daemon_has_started(make_station):
     station.process.wait()
     station.start(wait=False)
     station.wait(lambda: station.health().get("station") == str(station.process.pid), "a station")
-    for _ in range(100):  # Longer than a start takes.
+    for _ in range(100):  # This is longer than a start takes.
         assert station.daemon() == 0
         time.sleep(0.02)
     hold.unlink()
@@ -161,7 +161,7 @@ def test_player_may_empty_the_output_before_a_start(make_station):
     first = station.daemon()
     os.kill(first, signal.SIGKILL)
     station.wait_log("<3>The daemon has ended with signal 9; it is started again")
-    # It has been due for some looks when the player is done.
+    # The start has been due for some time when the player is done.
     station.wait(lambda: not station.daemon(), "no daemon")
     assert len(station.take()) == 1
     station.wait_daemon(but=first)
@@ -185,7 +185,7 @@ def test_translator_that_hangs_is_killed(make_station):
     station.stop()
 
 
-def test_mistake_in_the_configuration_is_refused_and_its_fix_applied(station):
+def test_wrong_configuration_is_refused_and_its_correction_applied(station):
     good = station.config.read_text()
     publish(station.config, good.replace("</tts-config>", ""))
     sentence = f"The edited configuration cannot be used: {station.config}:"
@@ -227,7 +227,7 @@ def test_apply_installs_a_file(station, tmp_path):
     assert station.config.read_text() == station.copy()
 
 
-def test_kept_configuration_serves_at_the_next_boot(make_station, tmp_path):
+def test_kept_configuration_is_used_at_the_next_boot(make_station, tmp_path):
     station = make_station(options=("--no-player", "--keep", tmp_path))
     (tmp_path / "vocastra.conf").write_text(station.config.read_text())
     station.config.write_text("<tts-config")
@@ -275,7 +275,7 @@ def test_second_signal_does_not_wait(make_station):
     assert len(station.spoken()) < 500
 
 
-def test_log_is_folded(make_station):
+def test_repeated_log_lines_are_counted(make_station):
     station = make_station()
     station.configure(station.directory("a"), station.directory("b"))
     station.start()
@@ -283,7 +283,7 @@ def test_log_is_folded(make_station):
     path.rmdir()
     line = f"<3>Could not open directory {path}/"
     station.wait_log(line)
-    station.drop("a", "m", "one")  # It is seen, though the pass fails later.
+    station.drop("a", "m", "one")  # The scan finds it, although the pass fails later.
     station.wait(lambda: not (station.input("a") / "m").exists(), "the message to be taken")
     assert station.log().count(line) == 1
     assert "Original is valid UTF-8" not in station.log_text()
@@ -318,7 +318,7 @@ def test_wrong_use(arguments, text):
     assert run("vocastra-station", *arguments) == (2, "", text)
 
 
-def test_configuration_is_accepted_when_what_it_needs_is_back(station):
+def test_refused_configuration_is_accepted_when_its_directory_is_back(station):
     away = station.translator.with_name("away")
     station.translator.rename(away)
     with open(station.config, "a", encoding="utf8") as config:

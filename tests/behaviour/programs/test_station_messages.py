@@ -44,7 +44,7 @@ def test_say_waits_for_the_audio_and_for_the_player(station):
     wait_until(lambda: {state for _, state in states(station)} == {"heard"}, "both to be heard")
 
 
-def test_say_tells_failed_pieces(station):
+def test_say_reports_failed_pieces(station):
     station.behave("fake:exit=1")
     process = start_saying(station, "-w", "one two")
     assert finish(process) == (5, "", "vocastra-say: 1 of 1 pieces could not be made\n")

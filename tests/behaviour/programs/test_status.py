@@ -1,4 +1,4 @@
-"""vocastra-status: what it shows and how it judges."""
+"""vocastra-status: its output and its verdicts."""
 
 import json
 import os
@@ -13,7 +13,7 @@ from harness.wait import wait_until
 
 
 def fake(path, **values):
-    """A writer of statuses without problems, except for the values."""
+    """A writer of statuses with these values, and without problems otherwise."""
     return StatusWriter(path, lambda timestamp: status_text(timestamp, **values))
 
 
@@ -144,7 +144,7 @@ def letters(number):
     ids=["attributes", "elements", "depth", "quotes", "size"],
 )
 def test_a_large_file_that_is_no_status(tmp_path, text):
-    """The program's own time limit ends it in time, whatever is in the file."""
+    """The program's own time limit ends it, whatever the file holds."""
     path = tmp_path / "status"
     path.write_text(text)
     status, out, _ = run("vocastra-status", path)
@@ -162,8 +162,8 @@ def test_files_that_are_not_regular_do_not_block(tmp_path):
     assert run("vocastra-status", "--run", tmp_path)[0] == 0
 
 
-def test_half_files_are_read_again(tmp_path):
-    """The reader sees half a status most of the time."""
+def test_incomplete_statuses_are_read_again(tmp_path):
+    """The reader sees an incomplete status most of the time."""
     path = tmp_path / "status"
     whole = status_text(directories=[directory_status(str(i)) for i in range(100)])
     ended = threading.Event()
@@ -226,7 +226,7 @@ def test_table_is_safe_for_a_terminal(tmp_path):
         "é",
         "&amp;",
     ]
-    # The second column begins below its head, also after a letter of two bytes.
+    # The second column begins below its head, even after a letter of two bytes.
     assert {line.index("yes") for line in out.splitlines()[4:]} == {out.splitlines()[3].index("UP")}
 
 
@@ -237,7 +237,7 @@ def test_invalid_utf8_is_replaced(tmp_path):
     assert json.loads(out)["directories"][0]["id"] == "\ufffd"
 
 
-def test_follow_prints_changes_alone(tmp_path):
+def test_follow_prints_only_changes(tmp_path):
     path = tmp_path / "status"
     current = {"state": "run"}
     with StatusWriter(path, lambda timestamp: status_text(timestamp, **current)) as writer:
@@ -251,7 +251,7 @@ def test_follow_prints_changes_alone(tmp_path):
             assert second["timestamp"] > first["timestamp"]
             current["bound"] = 1
             assert json.loads(follower.stdout.readline())["output-bound"]
-            # The writer ends, its file goes, another one comes.
+            # The writer ends, its file is removed, and another writer begins.
             writer.ended.set()
             writer.join()
             path.unlink()
@@ -322,7 +322,7 @@ MESSAGE = {
 
 
 def make_run(path, **health):
-    """A run directory with everything; nothing in it changes."""
+    """A run directory with all files; none of them changes."""
     (path / "health").write_text(health_text(**health))
     (path / "status.xml").write_text(status_text(7, 3, bound=1, directories=[directory_status()]))
     (path / "player").write_text(
@@ -343,7 +343,7 @@ def make_run(path, **health):
         ({"station": 2**22 + 1}, 2, ["no daemon: the station has ended"]),
     ],
 )
-def test_the_station_decides(tmp_path, health, status, problems):
+def test_health_file_decides_if_there_is_a_station(tmp_path, health, status, problems):
     run_directory = make_run(tmp_path, **health)
     found, out, _ = run("vocastra-status", "--json", "--run", run_directory)
     assert found == status
@@ -351,7 +351,7 @@ def test_the_station_decides(tmp_path, health, status, problems):
     assert json.loads(out)["running"] == (status < 2)
 
 
-def test_json_has_everything_of_a_station(tmp_path):
+def test_json_of_a_station(tmp_path):
     children = [("counter", {"name": "messages", "value": 4}), ("message", MESSAGE)]
     children.append(("problem", PROBLEM))
     make_run(tmp_path, daemon=12, saying="lobby/x", children=children)

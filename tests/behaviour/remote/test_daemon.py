@@ -26,7 +26,7 @@ EVIL_NAMES = [
     "tab\tx.txt",
     "line\nbreak.txt",
     "umlaut-ä.txt",
-    # Like the end of a line in an FTP client's listing, and in that of an SMB client:
+    # Names that look like the end of a line in the listing of an FTP client, or of an SMB client:
     "b 5 20200101000000 c",
     "b A 5 c",
 ]
@@ -58,7 +58,7 @@ def test_changed_file_is_spoken_again(server, make_daemon):
     daemon.wait_receiving()
 
     said = []
-    # A file that the daemon still has, and one that it has taken, also with words said before.
+    # One file that the daemon still has, and one that it has taken. The new words may be old ones.
     for name, text in [
         ("old.txt", "It has changed."),
         ("new.txt", "So has this one."),
@@ -104,7 +104,7 @@ def test_file_that_vanishes_before_its_turn_is_not_spoken(server, make_daemon):
 
 
 class SlowWriter(threading.Thread):
-    """Writes a file bit by bit until finish(); pause is the longest time between two bits."""
+    """Writes a file piece by piece until finish(); pause is the longest time between two pieces."""
 
     def __init__(self, path):
         super().__init__(daemon=True)
@@ -133,7 +133,7 @@ class SlowWriter(threading.Thread):
         return " ".join(self.words)
 
 
-def test_growing_file_is_spoken_when_it_is_whole(server, make_daemon):
+def test_growing_file_is_spoken_when_it_is_complete(server, make_daemon):
     daemon = make_daemon(server).start()
     daemon.wait_receiving()
     said = []
@@ -145,7 +145,7 @@ def test_growing_file_is_spoken_when_it_is_whole(server, make_daemon):
         text = writer.finish()
         if writer.pause < 0.9:
             break
-        # The machine let the writer sleep so long that the file was settled in the meantime.
+        # The writer was delayed so long that the file was settled in the meantime.
         daemon.wait_looks()
         said = daemon.spoken()
         assert len(said) < 50
@@ -193,7 +193,7 @@ def test_auto_delete_removes_what_was_taken(server, make_daemon):
     daemon.stop()
 
 
-def test_server_that_is_gone_and_comes_back(server, make_daemon):
+def test_outage_of_the_server_loses_nothing(server, make_daemon):
     server.put("old.txt", "An old one.")
     daemon = make_daemon(server).start()
     daemon.wait_receiving()
@@ -212,7 +212,7 @@ def test_server_that_is_gone_and_comes_back(server, make_daemon):
     daemon.stop()
 
 
-def test_server_that_comes_late(server, make_daemon):
+def test_server_that_starts_late(server, make_daemon):
     server.stop()
     server.put("old.txt", "An old one.")
     daemon = make_daemon(server).start()
@@ -225,7 +225,7 @@ def test_server_that_comes_late(server, make_daemon):
     daemon.stop()
 
 
-def test_mute_server(server, make_daemon):
+def test_server_that_does_not_answer(server, make_daemon):
     daemon = make_daemon(server).start()
     daemon.wait_receiving()
     server.freeze()

@@ -1,4 +1,4 @@
-"""The helpers by themselves, against real servers; test_daemon.py has the rest."""
+"""The helpers without a daemon, with real servers. test_daemon.py has tests with a daemon."""
 
 import os
 import re
@@ -17,7 +17,7 @@ only_smb = pytest.mark.parametrize("make_server", ["smbd"], indirect=True)
 
 
 @pytest.mark.core
-def test_first_mirror_is_whole_before_the_first_beat(server, make_helper):
+def test_first_mirror_is_complete_before_the_first_beat(server, make_helper):
     files = {f"{number}.txt": b"%d\n" % number for number in range(12)}
     for name, text in files.items():
         server.put(name, text)
@@ -34,13 +34,13 @@ def test_first_mirror_is_whole_before_the_first_beat(server, make_helper):
     assert server.names() == sorted(files)
 
 
-def test_trouble_is_reported_once_and_its_end(server, make_proxy, make_helper):
+def test_failure_and_its_end_are_reported_once(server, make_proxy, make_helper):
     proxy = make_proxy(server)
     server.stop()
     helper = make_helper(server, subdir="a b/it's%")
     helper.start()
     helper.wait(lambda: proxy.connections > 2, "three tries")
-    # The directory is there although the helper has seen nothing yet.
+    # The directory exists before the helper has seen the server.
     assert helper.local.is_dir() and helper.beat() is None
     assert len(helper.messages()) == 1
 
@@ -83,7 +83,7 @@ def test_sizes_of_files(server, make_helper):
     helper.stop()
 
 
-def test_delete_that_the_server_refuses(make_server, make_helper):
+def test_refused_delete_is_reported_and_does_no_harm(make_server, make_helper):
     server = make_server(writable=False)
     server.put("new.txt", "New.")
     helper = make_helper(server, auto_delete=1).start()
@@ -96,7 +96,7 @@ def test_delete_that_the_server_refuses(make_server, make_helper):
     helper.stop()
 
 
-def test_sigterm_while_the_server_is_mute(server, make_helper):
+def test_sigterm_ends_it_while_the_server_does_not_answer(server, make_helper):
     helper = make_helper(server).start()
     helper.wait_first_beat()
     server.freeze()
@@ -105,7 +105,7 @@ def test_sigterm_while_the_server_is_mute(server, make_helper):
 
 
 def usage_of_children(pid):
-    """Page faults of the children that a process has waited for, and the signals it ignores."""
+    """The page faults of the collected children of a process, and the signals that it ignores."""
     with open(f"/proc/{pid}/stat", encoding="utf8") as file:
         faults = file.read().rpartition(")")[2].split()[8]
     with open(f"/proc/{pid}/status", encoding="utf8") as file:
@@ -125,7 +125,8 @@ def test_looks_and_transfers_start_no_process(server, make_helper):
     assert children(worker) == []
     for pid in (helper.process.pid, worker):
         faults, ignored = usage_of_children(pid)
-        assert faults == 0 and not ignored >> signal.SIGCHLD - 1 & 1  # Else nobody waits for them.
+        # If SIGCHLD were ignored, children would not be counted.
+        assert faults == 0 and not ignored >> signal.SIGCHLD - 1 & 1
     helper.stop()
 
 
@@ -326,7 +327,8 @@ def test_temporary_directory_that_is_missing(server, make_helper):
     helper.scratch.mkdir()
     helper.wait_files(new="New.")
     helper.stop()
-    assert len(helper.messages()) == 2  # It works again. The worker has not died.
+    # Only the failure and its end are reported: the worker has not died.
+    assert len(helper.messages()) == 2
 
 
 @only_smb

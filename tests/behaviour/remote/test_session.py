@@ -1,4 +1,4 @@
-"""Sessions with real servers: kept, lost, cut, encrypted, refused."""
+"""Sessions with real servers: kept, lost, cut, encrypted and refused ones."""
 
 import os
 import re
@@ -12,13 +12,13 @@ only_vsftpd = pytest.mark.parametrize("make_server", ["vsftpd"], indirect=True)
 only_root = pytest.mark.skipif(os.getuid() != 0, reason="only root can put files in place")
 only_sshd = pytest.mark.parametrize("make_server", ["sshd"], indirect=True)
 
-# Bytes from the server in which a session is cut: greeting, login, two looks and some files.
+# A session is cut within so many bytes from the server: greeting, login, two looks and some files.
 CUT_RANGE = {"pyftpdlib": 2000, "vsftpd": 2000, "sshd": 6000, "smbd": 4000}
 CUTS = 13
 
 
 class Taker:
-    """Takes what a helper delivers, as the daemon does."""
+    """Takes the files that a helper delivers, as the daemon does."""
 
     def __init__(self, helper):
         self.helper = helper
@@ -133,7 +133,7 @@ def test_certificate_that_is_not_trusted(make_server, make_helper, tls, host, mo
 
 
 def put_in_place(directory, place):
-    """The beginning of a command that sees a directory in place of another one; needs root."""
+    """A command prefix that mounts a directory over another one; needs root."""
     script = f'mount --bind {directory} {place} && exec "$@"'
     return ["unshare", "--mount", "sh", "-c", script, "sh"]
 
@@ -212,7 +212,7 @@ def test_sftp_with_password(make_server, make_helper, login, password):
 def test_sftp_with_a_directory_that_begins_at_the_root(make_server, make_helper, directory):
     server = make_server()
     server.put("new.txt", "New.")
-    (server.inbox / "deeper").mkdir()  # A server goes up from there, where the link leads.
+    (server.inbox / "deeper").mkdir()  # For a server, ".." leads up from the link's target.
     (server.root / "link").symlink_to(server.inbox / "deeper")
     path = f"sftp://127.0.0.1:{server.port}/{server.root}/{directory}"
     helper = make_helper(server, path=path, auto_delete=1).start()

@@ -1,9 +1,9 @@
-"""Restarts lose no message: the whole station under load, ended in many ways at random moments.
+"""Restarts lose no message: the station runs under load, and is ended in many ways and moments.
 
-Every message is said once from its start to its end, or, if it was cut, again from its start. The
-end of a message shows in the daemon's status some time after its last piece was made. A message
-that is cut in between, while the station still keeps its copy, may be said twice as a whole.
-Within a directory messages are said in the order of their arrival.
+Each message is spoken once from its start to its end. If it was cut, it is spoken again from its
+start. The daemon's status shows the end of a message some time after its last piece was made. If a
+restart comes in between, while the station still keeps the copy, the whole message may be spoken
+twice. Within a directory, messages are spoken in the order of their arrival.
 
 The environment variables RESTARTS and SEED set the number of restarts and the seed; tools/restarts
 sets them.
@@ -29,8 +29,8 @@ from harness.wait import wait_until
 RESTARTS = int(os.environ.get("RESTARTS", "12"))
 SEED = int(os.environ.get("SEED") or random.randrange(10**6))
 
-# Tells what it is given, with the process group of the daemon that gives it, which is the daemon's
-# process id. "Speaks" by copying, or by tones.
+# A translator that records its text with the daemon's process group, which is the daemon's process
+# id. It "speaks" by copying, or by tones.
 TRANSLATOR = """#!/bin/sh
 [ -e "$1" ] || exit 1
 read -r _ _ _ _ daemon _ <"/proc/$$/stat"
@@ -39,10 +39,10 @@ exec SPEAK
 """
 COPY = 'cp "$1" "$2"'
 
-BACKLOG = 20  # Messages on their way at most.
+BACKLOG = 20  # The largest number of unfinished messages.
 
-# Each with its share. A hang takes half a minute to be seen, so it is rare, and left out if there
-# are few restarts.
+# The kinds of restarts with their shares. To notice a hang takes half a minute, so hangs are rare,
+# and left out if there are few restarts.
 KINDS = {
     "daemon killed": 40,
     "station killed": 22,
@@ -58,22 +58,23 @@ class Message:
     def __init__(self, directory, number, words):
         self.directory = directory
         self.number = number
-        # In "c" the daemon would take the newest first if it found several at once.
+        # In "c", the names sort in the reverse order: the daemon alone would take the newest first.
         order = 99999 - number if directory == "c" else number
         self.name = f"{directory}{order:05d}"
         self.words = [f"{self.name}x{i}" for i in range(words)]
 
 
 class Said:
-    """What one witness, the translator or the player, has got: words in their order.
+    """The words that one witness, the translator or the player, has received, in their order.
 
-    daemons: of each word, the daemon that has given it, if that is known.
+    daemons: for each word, the daemon that sent it, if that is known.
     """
 
     def __init__(self, messages):
         self.lengths = {message.name: len(message.words) for message in messages}
-        self.tries = {name: [] for name in self.lengths}  # Words and end of each try.
-        self.wrong = []  # Words that do not follow what was before.
+        # For each try: the number of words, the first and the last position.
+        self.tries = {name: [] for name in self.lengths}
+        self.wrong = []  # Words that do not continue a message.
 
     def add(self, words, daemons=None):
         for at, word in enumerate(words):
@@ -92,12 +93,12 @@ class Said:
                 tries[-1][2] = at
 
     def whole(self, name):
-        """Of each whole try: where it begins and ends."""
+        """The first and the last position of each complete try."""
         length = self.lengths[name]
         return [(begin, end) for count, begin, end in self.tries[name] if count == length]
 
     def lost(self):
-        """Messages of which the last try is not whole."""
+        """Messages whose last try is not complete."""
         return [
             name
             for name, tries in self.tries.items()
@@ -109,7 +110,7 @@ class Said:
 
 
 class Player(threading.Thread):
-    """Takes files as they come; "words" is what they say."""
+    """Takes files as they appear; "words" are their contents."""
 
     def __init__(self, station):
         super().__init__(daemon=True)
@@ -141,7 +142,7 @@ class Player(threading.Thread):
 
 
 class SoundPlayer:
-    """The real one, without a sound device."""
+    """The real player, without a sound device."""
 
     def __init__(self, station):
         state = ("--state", station.run_path / "player")
@@ -167,7 +168,7 @@ def said_words(text):
 
 
 class Trial:
-    """Restarts a station under load; check() judges."""
+    """Restarts a station under load; check() asserts the result."""
 
     def __init__(self, station, restarts, is_sound):
         self.station = station
@@ -176,10 +177,11 @@ class Trial:
         self.messages = []
         self.restarts = restarts
         self.kinds = Counter()
-        self.lost = 0  # As the station knows,
-        self.dropped = set()  # and which messages.
+        self.lost = 0  # The station's counter of losses,
+        self.dropped = set()  # and messages that it has dropped.
         self.is_dropping = True
-        self.cuts = []  # Of each restart: the daemon that ended, whose copies were there.
+        # For each restart: the daemon that ended, and the messages with copies at that time.
+        self.cuts = []
         speak = f'{COMPANIONS}/translators/tone "$@"' if is_sound else COPY
         station.translator.unlink()
         station.translator.write_text(TRANSLATOR.replace("SPEAK", speak))
@@ -196,7 +198,7 @@ class Trial:
         self.player = (SoundPlayer if is_sound else Player)(station)
 
     def given(self):
-        """The words that the translator got, and of each the daemon."""
+        """The words that the translator received, and the daemon of each word."""
         words = []
         daemons = []
         for line in self.given_path.read_text().splitlines():
@@ -206,7 +208,7 @@ class Trial:
         return words, daemons
 
     def judge(self):
-        """What the translator got, and what was heard as far as that is known."""
+        """The words that the translator received, and those that were heard, if that is known."""
         messages = list(self.messages)
         given = Said(messages)
         given.add(*self.given())
@@ -239,9 +241,9 @@ class Trial:
         self.station.start(wait=False)
 
     def copies(self):
-        """The messages that the station keeps, by their names."""
+        """The names of the messages of which the station keeps copies."""
         names = set()
-        # A listing may miss a copy that is given another name meanwhile.
+        # A listing may miss a copy that is renamed meanwhile.
         for directory in "abc" * 2:
             for entry in os.listdir(self.station.input(directory)):
                 if entry.startswith(".station-"):
@@ -249,7 +251,7 @@ class Trial:
         return names
 
     def restart(self):
-        """One restart. Notes which daemon has ended, and whose copies were there."""
+        """Does one restart. Notes which daemon has ended, and which messages had copies."""
         kinds = list(KINDS) if RESTARTS >= MANY else [kind for kind in KINDS if kind != "hang"]
         kind = self.random.choices(kinds, [KINDS[kind] for kind in kinds])[0]
         station = self.station
@@ -261,14 +263,14 @@ class Trial:
             os.kill(daemon, signal.SIGSTOP)
         elif kind in ("daemon killed", "both killed"):
             os.kill(daemon, signal.SIGKILL)
-        copies |= self.copies()  # One may have come since.
+        copies |= self.copies()  # A copy may have been made since.
         if kind not in ("hang", "daemon killed"):
             copies = self.restart_station(kind, copies)
         station.wait(lambda: station.daemon() not in (0, daemon), "another daemon")
         self.cuts.append((daemon, copies))
 
     def restart_station(self, kind, copies):
-        """Returns whose copies were there at the end of the daemon."""
+        """Restarts the station. Returns the messages that had copies at the end of the daemon."""
         process = self.station.process
         if kind == "both killed":
             self.pause(0.1, 1)
@@ -308,9 +310,9 @@ class Trial:
         self.station.stop()
 
     def wait_end(self):
-        """Until all has been said and played, or nothing has happened for long."""
+        """Waits until all is spoken and played, or nothing has happened for long."""
         wait_until(lambda: self.is_done() or not self.is_moving(), "the end")
-        # Hidden ones are still being played.
+        # Hidden files are still being played.
         wait_until(lambda: not os.listdir(self.station.output), "the player to be done")
 
     def is_done(self):
@@ -325,7 +327,7 @@ class Trial:
     # Judgement.
 
     def unfair(self, said, daemons):
-        """Messages that were said twice although no cut came before the station knew their end."""
+        """Messages that were spoken twice without a restart before the station knew their end."""
         names = []
         for name in said.lengths:
             whole = said.whole(name)
@@ -336,7 +338,7 @@ class Trial:
         return names
 
     def disordered(self, said, daemons):
-        """Pairs of one directory that were said in another order than they came."""
+        """Pairs of messages of one directory that were spoken in the wrong order."""
         pairs = []
         starts = {name: said.whole(name)[0][0] for name in said.lengths if said.whole(name)}
         for directory in "abc":
@@ -351,7 +353,7 @@ class Trial:
         return pairs
 
     def waited(self, names, daemon):
-        """Whether a restart before that daemon met all these messages."""
+        """Whether all these messages had copies at one restart before that daemon."""
         ended = [cut[0] for cut in self.cuts]
         before = self.cuts[: ended.index(daemon)] if daemon in ended else self.cuts
         return any(names <= copies for _, copies in before)
@@ -379,7 +381,7 @@ class Trial:
         assert not unfair
         assert not disordered
         assert not given.wrong and not heard.wrong
-        # A daemon that is cut may lose the piece that it has just had made.
+        # An ended daemon may lose the piece that was just made.
         assert 0 <= unplayed <= sum(self.kinds.values())
 
 

@@ -14,7 +14,7 @@ stand_ins::Deaths stand_ins::deaths;
 
 namespace {
 
-// True if it is the last call.
+// Counts a call. True if the process must end in it.
 bool IsLast() { return deaths.are_counted && deaths.calls_to_live-- == 0; }
 
 void Live() {

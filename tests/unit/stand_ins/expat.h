@@ -1,4 +1,4 @@
-// Wraps expat: records its calls, and fails in ways in which the real one never does.
+// Wraps expat: records its calls, and fails in ways that the real one never does.
 #pragma once
 
 #include <expat.h>

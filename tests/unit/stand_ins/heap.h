@@ -1,4 +1,4 @@
-// In place of operator new: one that fails for large requests.
+// Replaces operator new: fails for large requests.
 #pragma once
 
 #include <stddef.h>
