@@ -1,6 +1,7 @@
 """vocastra-station and vocastra-apply, with a daemon and fake companions."""
 
 import os
+import re
 import signal
 import socket
 import time
@@ -208,8 +209,12 @@ def test_reload_by_signal(station):
     station.configure(station.directory("a"), station.directory("b"))
     station.process.send_signal(signal.SIGHUP)
     told = []
-    station.wait(lambda: told.append(station.told()) or "READY=1" in "".join(told), "READY=1")
-    assert "RELOADING=1\nMONOTONIC_USEC=" in "".join(told)
+
+    def is_reloaded():
+        told.append(station.told())
+        return re.search(r"RELOADING=1\nMONOTONIC_USEC=\d+\n.*READY=1", "\n".join(told), re.DOTALL)
+
+    station.wait(is_reloaded, "the reload and its end")
     station.wait_status(lambda root: len(root.findall("directory")) == 2)
 
 
