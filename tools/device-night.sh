@@ -81,29 +81,34 @@ await_quiet() {
   done
 }
 
+kinds='reload reload guest broken gone clock full site player daemon reload'  # Of disturbances.
+
 # One disturbance after the other.
 disturb() {
   step=$((step + 1))
-  case $((step % 11)) in
-    2)
+  kind=$(echo "$kinds" | cut -d ' ' -f $((step % 11 + 1)))
+  echo "$kind" >>$night/disturbed
+  case $kind in
+    reload) configure ;;
+    guest)
       guest=$((1 - guest))
       configure
       ;;
-    3)
+    broken)
       sed 's/<.tts-config>/<oops>/' /etc/vocastra/vocastra.conf >/etc/vocastra/.new && apply
       sleep 20
       say urgent
       sleep 20
       configure
       ;;
-    4)
+    gone)
       mv $inputs/changing $inputs/away
       sleep 10
       say urgent
       sleep 10
       mv $inputs/away $inputs/changing
       ;;
-    5)
+    clock)
       if [ $((step % 2)) -eq 0 ]; then years=3; else years=-20; fi
       say everyday
       set_clock $((years * 31536000))
@@ -113,7 +118,7 @@ disturb() {
       sleep 60
       set_clock $((-years * 31536000))
       ;;
-    6)
+    full)
       dd if=/dev/zero of=/fill bs=64k 2>/dev/null
       dd if=/dev/zero of=/fill2 bs=1k 2>/dev/null
       say everyday
@@ -122,27 +127,27 @@ disturb() {
       sleep 60
       rm /fill /fill2
       ;;
-    7)
+    site)
       mv /mnt/site/site /mnt/away
       sleep 30
       say xml
       sleep 60
       mv /mnt/away /mnt/site/site
       ;;
-    8)
+    player)
       say everyday
       sleep 1
       killall player
       ;;
-    9)
+    daemon)
       await_quiet
       ordered=$((ordered + 1))
       rm $run/status.xml
       killall -9 vocastra
-      within 60 speaks >/dev/null
-      within 60 grep -q 'id="site".* status="1"' $run/status.xml >/dev/null
+      if ! within 60 speaks || ! within 60 grep -q 'id="site".* status="1"' $run/status.xml; then
+        echo "no daemon or no site after step $step, at $(now)" >>$night/problems
+      fi >/dev/null
       ;;
-    *) configure ;;
   esac
 }
 
@@ -152,8 +157,11 @@ descriptors() {
   done | wc -l
 }
 
-# figures UNTIL: looks at an idle board until then, for at least a minute.
+# figures UNTIL: looks at an idle board until then, for at least a minute. All hours end with the
+# same remote directories, so that their figures can be compared.
 figures() {
+  guest=0
+  configure
   await_quiet
   sync
   sleep 40
@@ -172,14 +180,16 @@ figures() {
 
 stopped() { [ -e $night/stop ]; }
 
-# night HOURS
+# night HOURS EVERY: a disturbance follows each so many messages.
 night() {
+  messages=0
   for hour in $(seq "$1"); do
     until=$(($(now) + 3600))
     while [ "$(now)" -lt $((until - 900)) ] && ! stopped; do
       say_next
-      sleep $((number * 13 % 70 + 25))
-      if [ $((number % 4)) -eq 0 ]; then disturb; fi
+      sleep $((number * 13 % 140 + 60))
+      messages=$((messages + 1))
+      if [ $((messages % $2)) -eq 0 ]; then disturb; fi
     done
     figures $until
     if stopped; then break; fi

@@ -69,6 +69,7 @@ def judge(directory):
         for key, most in (("KB", GROWTH), ("descriptors", 0))
         if int(last[key]) > int(middle[key]) + most
     ]
+    kinds = collections.Counter(lines_of(directory / "disturbed"))
     text = [
         f"device time           {int(last['time']) / 3600:.1f} hours, of these "
         f"{sum(int(hour['idle']) for hour in hours) / 3600:.1f} idle and looked at",
@@ -76,6 +77,7 @@ def judge(directory):
         f"refused by full flash {len(lines_of(directory / 'refused'))}",
         f"failed on purpose     {len(failed)} messages with a piece of which the translator failed",
         f"restarts as ordered   {last['ordered']}",
+        "disturbances          " + ", ".join(f"{kind} {n}" for kind, n in sorted(kinds.items())),
     ]
     text += [f"{title:33} {len(names)} {' '.join(names[:5])}" for title, names in wrong.items()]
     for key in [key for key in last if key.startswith("KB")] + ["descriptors"]:
