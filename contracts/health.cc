@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "format.h"
+#include "processstat.h"
 #include "statefile.h"
 #include "statusfile.h"
 #include "xml.h"
@@ -19,16 +20,10 @@ constexpr const char* kStateNames[] = {"waiting", "speaking", "said", "failed", 
 
 std::string Number(long long number_) { return Format("%lld", number_); }
 
-// When the process started, in clock ticks since the start of the system; 0 if that is not known.
+// When the process started; 0 if that is not known.
 long long StartOf(int process_) {
-  constexpr int kFieldsToStart = 20;  // Counted from the end of the name, which is in brackets.
   try {
-    const std::string stat = ReadWhole(Format("/proc/%d/stat", process_));
-    size_t position = stat.rfind(')');
-    for (int i = 0; i < kFieldsToStart && position != std::string::npos; ++i) {
-      position = stat.find(' ', position + 1);
-    }
-    return position == std::string::npos ? 0 : strtoll(stat.c_str() + position, nullptr, 10);
+    return ReadProcessStat(process_).start;
   } catch (const std::string&) {
     return 0;
   }

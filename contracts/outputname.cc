@@ -4,14 +4,11 @@
 
 #include <algorithm>
 
+#include "affix.h"
+
 namespace {
 
 constexpr size_t kMaxDigits = 10;
-
-bool EndsWith(const std::string& text_, const std::string& end_) {
-  return text_.size() >= end_.size() &&
-         text_.compare(text_.size() - end_.size(), end_.size(), end_) == 0;
-}
 
 }  // namespace
 

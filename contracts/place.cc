@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "affix.h"
 #include "commandline.h"
 #include "format.h"
 
@@ -23,10 +24,6 @@ void RefuseLineBreaks(const RemoteAttributes& attributes_) {
 
 // Functions by the names of options. Each takes the option's value, which is empty without "=".
 using Options = std::map<std::string, std::function<void(const std::string&)>>;
-
-bool StartsWith(const std::string& text_, const std::string& start_) {
-  return text_.compare(0, start_.size(), start_) == 0;
-}
 
 std::string WithoutFirstSlashes(const std::string& path_) {
   return path_.substr(std::min(path_.size(), path_.find_first_not_of('/')));

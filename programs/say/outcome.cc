@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include "affix.h"
 #include "clock.h"
 #include "configuration.h"
 #include "listinglock.h"
@@ -26,11 +27,6 @@ std::optional<MessageRecord> FindRecord(const std::string& health_path_,
     return std::nullopt;  // The next station writes the record again.
   }
   return std::nullopt;
-}
-
-bool EndsWith(const std::string& text_, const std::string& end_) {
-  return text_.size() >= end_.size() &&
-         text_.compare(text_.size() - end_.size(), end_.size(), end_) == 0;
 }
 
 // True if the daemon's status names the message. While it waits for a more urgent one, the

@@ -15,12 +15,14 @@
 #include <set>
 #include <utility>
 
+#include "affix.h"
 #include "clock.h"
 #include "configuration.h"
 #include "format.h"
 #include "place.h"
 #include "playerstate.h"
 #include "process.h"
+#include "processstat.h"
 #include "statusfile.h"
 
 namespace {
@@ -106,29 +108,13 @@ std::string WhyNoRoom(const std::string& path_) {
   return room.f_files != 0 && room.f_favail == 0 ? "it has as many files as it can" : "";
 }
 
-bool StartsWith(const std::string& text_, const std::string& start_) {
-  return text_.compare(0, start_.size(), start_) == 0;
-}
-
-struct Process {
-  std::string name;
-  char state = '\0';  // As in proc(5); 0: the process is gone or cannot be seen.
-};
-
-Process LookAtProcess(int pid_) {
-  Process process;
+// Empty if the process is gone.
+ProcessStat LookAtProcess(int pid_) {
   try {
-    const std::string stat = ReadWhole(Format("/proc/%d/stat", pid_));
-    const size_t begin = stat.find('(') + 1;
-    const size_t end = stat.rfind(')');
-    if (end != std::string::npos && end + 2 < stat.size()) {
-      process.name = stat.substr(begin, end - begin);
-      process.state = stat[end + 2];
-    }
+    return ReadProcessStat(pid_);
   } catch (const std::string&) {
-    return process;
+    return {};
   }
-  return process;
 }
 
 // The daemon's children. A helper that has ended stays a zombie until its directory is removed from
@@ -136,7 +122,7 @@ Process LookAtProcess(int pid_) {
 struct Family {
   explicit Family(int daemon_) {
     for (const int child : Children(daemon_)) {
-      const Process process = LookAtProcess(child);
+      const ProcessStat process = LookAtProcess(child);
       if (process.state == 'Z') {
         ++dead;
       } else {

@@ -22,6 +22,7 @@
 
 #include "clock.h"
 #include "format.h"
+#include "processstat.h"
 #include "statusfile.h"
 
 namespace {
@@ -56,41 +57,20 @@ struct CloseDirectory {
   void operator()(DIR* directory_) const { closedir(directory_); }
 };
 
-struct Process {
-  int pid;
-  int parent;
-  long long start;  // In clock ticks since the start of the system.
-};
-
-Process ReadProcess(int pid_) {
-  constexpr int kFieldsToStart = 18;  // Counted from the field of the parent.
-  const std::string stat = ReadWhole(Format("/proc/%d/stat", pid_));
-  const size_t name_end = stat.rfind(')');  // The state, one letter, and the parent follow.
-  if (name_end == std::string::npos || name_end + 4 > stat.size()) {
-    throw std::string("no such process");
-  }
-  const char* field = stat.c_str() + name_end + 4;
-  const int parent = static_cast<int>(strtol(field, nullptr, 10));
-  for (int i = 0; i < kFieldsToStart && field != nullptr; ++i) {
-    field = strchr(field + 1, ' ');
-  }
-  return {pid_, parent, field == nullptr ? 0 : strtoll(field, nullptr, 10)};
-}
-
 // All processes that can be seen, the newest last.
-std::vector<Process> AllProcesses() {
-  std::vector<Process> all;
+std::vector<ProcessStat> AllProcesses() {
+  std::vector<ProcessStat> all;
   const std::unique_ptr<DIR, CloseDirectory> proc(opendir("/proc"));
   while (const dirent* entry = proc ? readdir(proc.get()) : nullptr) {
     const int pid = static_cast<int>(strtol(entry->d_name, nullptr, 10));
     try {
       if (pid > 0) {
-        all.push_back(ReadProcess(pid));
+        all.push_back(ReadProcessStat(pid));
       }
     } catch (const std::string&) {  // It has ended.
     }
   }
-  std::sort(all.begin(), all.end(), [](const Process& a_, const Process& b_) {
+  std::sort(all.begin(), all.end(), [](const ProcessStat& a_, const ProcessStat& b_) {
     return std::tie(a_.start, a_.pid) < std::tie(b_.start, b_.pid);
   });
   return all;
@@ -126,7 +106,7 @@ std::string Described(int status_) {
 
 std::vector<int> Children(int pid_) {
   std::vector<int> children;
-  for (const Process& process : AllProcesses()) {
+  for (const ProcessStat& process : AllProcesses()) {
     if (process.parent == pid_) {
       children.push_back(process.pid);
     }
@@ -137,7 +117,7 @@ std::vector<int> Children(int pid_) {
 std::vector<int> Descendants(int pid_) {
   std::set<int> family = {pid_};
   std::vector<int> found;
-  for (const Process& process : AllProcesses()) {  // No process is older than its parent.
+  for (const ProcessStat& process : AllProcesses()) {  // No process is older than its parent.
     if (family.count(process.parent) != 0) {
       family.insert(process.pid);
       found.push_back(process.pid);

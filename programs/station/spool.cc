@@ -16,6 +16,7 @@
 #include <set>
 #include <vector>
 
+#include "affix.h"
 #include "configuration.h"
 #include "format.h"
 #include "listinglock.h"
@@ -56,11 +57,6 @@ int64_t ClockTime() {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
   return Nanoseconds(now);
-}
-
-bool EndsWith(const std::string& text_, const std::string& end_) {
-  return text_.size() >= end_.size() &&
-         text_.compare(text_.size() - end_.size(), end_.size(), end_) == 0;
 }
 
 bool Exists(const std::string& path_) {
