@@ -20,12 +20,14 @@ class Memory {
   size_t Expats() const;
 };
 
-// Tree and text of a document of that many bytes: 4 MiB and 64 times the file. Copies of the file
-// while it is read and prepared: a string that grows holds old and new, 3 times its length at
-// most, and 4 bytes may come of one (0x85 of an "ascii" file is U+FFFD and "e"), so
-//   3 for the bytes as read, 2 * 2 for them as UTF-8, 3 * 4 for them with invalid ones replaced.
-// The sorting of an element's attributes: 16 bytes for each, which has at least 6 in the file.
-// Other small blocks: 64 KiB.
+// The bytes that the daemon's code may hold for a document of that many bytes.
+//   - Tree and text: 4 MiB and 64 times the file.
+//   - Copies of the file while it is read and prepared: 3 times for the bytes as read, 2 * 2 times
+//     for them as UTF-8, and 3 * 4 times for them with invalid ones replaced. For a string that
+//     grows holds old and new, 3 times its length at most, and one byte may become 4 (0x85 of an
+//     "ascii" file is U+FFFD and "e").
+//   - The sorting of an element's attributes: 16 bytes for each, which has at least 6 in the file.
+//   - Other small blocks: 64 KiB.
 inline size_t OwnLimit(size_t size_) {
   return (size_t{4} << 20) + 64 * size_ + (3 + 2 * 2 + 3 * 4 + 3) * size_ + (64 << 10);
 }

@@ -404,7 +404,7 @@ void ActiveMessage::Stop() {
   position = 0;  // NOMUTATE(constant): Begin sets it.
 }
 
-// At least word_limit_ words, stretched up to twice that to end at a full stop or comma.
+// More than word_limit_ words, up to twice that number, to end at a full stop or comma.
 std::list<std::string> ActiveMessage::TakeSnippet(int word_limit_, int loops_) {
   std::list<std::string> snippet;
   // Checked after a word is taken, so that a limit of 0 or less makes progress too.

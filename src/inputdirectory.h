@@ -35,9 +35,9 @@ class InputDirectory {
   // queued file the active message. Throws a string if the directory cannot be listed.
   void Process();
 
-  // The next words of the active message: at least as many as the word limit, stretched up to
-  // twice that to end at a full stop or comma. Empty if there is no active message. Taking the
-  // last words of the last play ends the message.
+  // The next words of the active message: more than the word limit, up to twice that number, to
+  // end at a full stop or comma. Fewer at the end of the message; empty if there is no active
+  // message. Taking the last words of the last play ends the message.
   std::list<std::string> GetWords();
   // Goes back to the first word of the active message.
   void RestartMessage();

@@ -1,5 +1,5 @@
 # shellcheck shell=sh
-# What the emulated board does for tools/device: read by its shell, which is busybox's.
+# Functions of the emulated board for tools/device: read by its shell, which is busybox's.
 
 run=/run/vocastra
 said=/tmp/log  # The log.

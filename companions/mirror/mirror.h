@@ -16,7 +16,7 @@ struct MirrorSettings {
   std::string directory;     // The local directory, which exists.
   bool auto_delete = false;  // Delete remotely what the daemon has taken.
   int poll_seconds = 1;      // Between two looks at the server.
-  // A file is fetched after two looks at least so far apart that show no change of it.
+  // A file is fetched if it has not changed between two looks with at least this time between them.
   int settle_seconds = 3;
   uint64_t size_limit = 1 << 20;  // Bytes; larger files are not fetched.
 };

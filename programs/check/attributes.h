@@ -36,6 +36,6 @@ int NumberOf(const XMLElement& element_, const std::string& name_);
 // The text that the daemon uses for an optional attribute of the table.
 std::string TextOf(const XMLElement& element_, const std::string& name_);
 
-// Warns of unknown attributes. item_ names the element in findings.
+// Warns of unknown attributes. place_ names the element in findings.
 void CheckAttributes(const Document& document_, const XMLElement& element_, const Place& place_,
                      Findings& findings_);

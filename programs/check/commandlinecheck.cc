@@ -10,6 +10,7 @@
 #include <string>
 
 #include "format.h"
+#include "options.h"
 
 namespace {
 
@@ -115,19 +116,18 @@ void CheckHelper(char letter_, const std::string& path_, Findings& findings_) {
 }
 
 void CheckFiles(const CheckOptions& options_, bool has_priorities_, Findings& findings_) {
-  constexpr int kUsual = 10;  // The daemon's default.
-  const int count = CheckNumber(options_, 'f', findings_).value_or(kUsual);
+  const int count = CheckNumber(options_, 'f', findings_).value_or(kDefaultFiles);
   const std::string text = Quoted(options_.Argument('f'));
   if (count < 1) {
     findings_.Error(OptionPlace('f'), text + " files: there is never room for audio",
                     "Write 1 or more");
-  } else if (count > kUsual && has_priorities_) {
+  } else if (count > kDefaultFiles && has_priorities_) {
     findings_.Warning(OptionPlace('f'),
                       text +
                           " files, and directories of different priority: the pieces that wait "
                           "in the output are played before an alarm, unless the player knows "
                           "priorities",
-                      "Write 10 or less");
+                      Format("Write %d or less", kDefaultFiles));
   }
 }
 

@@ -12,7 +12,8 @@ struct InboxSettings {
   std::string directory_id;  // An input directory of type "local".
   // The daemon's status file; empty: hand over without a check that the daemon runs.
   std::string status_path;
-  int settle_seconds = 3;  // A file is complete if looks so far apart show the same size and time.
+  // A file is complete if its size and time have not changed for that long.
+  int settle_seconds = 3;
 };
 
 // Rules for the files:

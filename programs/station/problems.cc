@@ -472,8 +472,8 @@ void Problems::Impl::CheckRemotes(const View& view_) {
   const bool all_dead = family.dead > 0 && family.helpers == 0;
   for (const auto& [id, source] : remotes) {
     const std::string& line = helper_lines[source];
-    // It is known which helpers are dead only if no more directories are without updates than
-    // helpers are dead.
+    // Several helpers may have died, and more directories may have no updates. Then nothing tells
+    // which of them have lost their helper.
     if (all_dead || (silent.count(id) != 0 && silent.size() <= family.dead)) {
       Find("helper-dead", id,
            Format("The helper of %s has ended%s%s", source.c_str(),

@@ -258,7 +258,7 @@ Spool::Impl::Impl(const std::string& run_, const std::string& output_, int age_l
 
 void Spool::Impl::Prepare(const XMLElement& configuration_) {
   Read();
-  if (!is_running) {  // What is still in the output directory may be removed now.
+  if (!is_running) {  // Files that are left in the output directory may be removed now.
     FindHeard();
     for (Message& message : messages) {
       message.files.clear();
@@ -647,8 +647,8 @@ void Spool::Impl::OnIndexed(const std::string& name_) {
   }
 }
 
-// What was in the directory is gone or old now. What has come since then may be new: the log is
-// some time late.
+// The files of that time are gone, or the daemon will not speak them. A file that has come since
+// then may be new: the line is read some time after it was written.
 void Spool::Impl::OnCreated(const std::string& id_) {
   const auto found = folders.find(id_);
   if (found == folders.end()) {

@@ -173,26 +173,26 @@ model::Files FilesIn(const TemporaryDirectory& directory_) {
 }
 
 // Random files come, change and go; the parser throws for some.
-TEST_F(ScanTest, AgreesWithTheModel) {
-  setenv("LC_ALL", "C", 1);  // For the texts of cp.
-  const std::vector<std::string> names = {"!", "0", "10", "9", "A", "a", "aa", "b", ".hidden"};
-  const std::vector<std::string> texts = {"", "one", "two. 2, 2", "..", "three\xFF"};
-  std::mt19937 random(20261120);
-  const auto below = [&random](unsigned int bound_) { return random() % bound_; };
-  for (unsigned int round = 0; round < 16; ++round) {
-    model::Directory expected;
+class ScanModelTest : public ScanTest {
+ protected:
+  ScanModelTest() { setenv("LC_ALL", "C", 1); }  // For the texts of cp.
+
+  unsigned int Below(unsigned int bound_) { return static_cast<unsigned int>(random()) % bound_; }
+
+  // A new directory, and its model. Each bit of round_ is an attribute.
+  void Begin(unsigned int round_) {
+    expected = model::Directory();
     expected.id = "d";
     expected.path = directory.path;
     expected.word_limit = 2;
-    expected.loops = static_cast<int>(below(3));
-    expected.preview = round & 1;
-    expected.auto_delete = round >> 1 & 1;
-    expected.is_cache = (round & 4) != 0;
-    expected.has_last_played = (round & 8) != 0;
-    std::set<std::string> unreadable;
-    expected.parse = [&](const std::string& name_, const std::string& content_) {
-      if (unreadable.count(name_) != 0) {
-        throw name_ + " is bad";
+    expected.loops = static_cast<int>(Below(3));
+    expected.preview = round_ & 1;
+    expected.auto_delete = round_ >> 1 & 1;
+    expected.is_cache = (round_ & 4) != 0;
+    expected.has_last_played = (round_ & 8) != 0;
+    expected.parse = [this](const std::string& name_, const std::string& content_) {
+      if (parser.thrown.count(name_) != 0) {
+        throw parser.thrown[name_];
       }
       return content_;
     };
@@ -207,49 +207,72 @@ TEST_F(ScanTest, AgreesWithTheModel) {
     for (const auto& [name, content] : FilesIn(last_played)) {
       unlink((last_played / name).c_str());
     }
-    int last_id = 0;
-    int first_id = 0;  // The real id of the model's message 0.
+    last_id = first_id = 0;
     expected.Process(last_id);
-    for (int scan = 0; scan < 25; ++scan) {
-      unreadable.clear();
-      parser.thrown.clear();
-      for (const std::string& name : names) {
-        if (below(6) == 0) {
-          unreadable.insert(name);
-          parser.thrown[name] = name + " is bad";
-        }
-        if (below(3) == 0) {
-          expected.files[name] = texts[below(5)];
-          directory.Write(name, expected.files[name]);
-        } else if (below(4) == 0 && expected.files.erase(name) != 0) {
-          ASSERT_EQ(0, unlink(Path(name).c_str()));
-        }
+  }
+
+  void ChangeFiles() {
+    const std::vector<std::string> texts = {"", "one", "two. 2, 2", "..", "three\xFF"};
+    parser.thrown.clear();
+    for (const std::string name : {"!", "0", "10", "9", "A", "a", "aa", "b", ".hidden"}) {
+      if (Below(6) == 0) {
+        parser.thrown[name] = name + " is bad";
       }
-      expected.has_parser = below(8) != 0;
-      input->SetFileParser(expected.has_parser ? &parser : nullptr);
-      expected.Process(last_id);
-      ASSERT_EQ(expected.log, Scan(kDebugAvailable)) << round << " " << scan;
-      if (last_id == 1 && first_id == 0) {
-        first_id = input->GetActiveMessageID() - 1;
+      if (Below(3) == 0) {
+        expected.files[name] = texts[Below(5)];
+        directory.Write(name, expected.files[name]);
+      } else if (Below(4) == 0 && expected.files.erase(name) != 0) {
+        ASSERT_EQ(0, unlink(Path(name).c_str()));
       }
-      model::Directory shown = expected;
-      shown.message_id += shown.message_id == 0 ? 0 : first_id;
-      ASSERT_EQ(shown.Status(), StatusOf(*input)) << round << " " << scan;
-      ASSERT_EQ(expected.is_first_play, input->FirstPlayOfActiveMessage());
-      ASSERT_EQ(expected.files, FilesIn(directory)) << round << " " << scan;
-      ASSERT_EQ(expected.last_played, FilesIn(last_played)) << round << " " << scan;
-      switch (below(4)) {
-        case 0:
-          input->StopMessage();
-          expected.StopMessage();
-          break;
-        case 1:
-          input->RestartMessage();
-          expected.RestartMessage();
-          break;
-        default:
-          ASSERT_EQ(expected.GetWords(), input->GetWords());
-      }
+    }
+    expected.has_parser = Below(8) != 0;
+    input->SetFileParser(expected.has_parser ? &parser : nullptr);
+  }
+
+  void ScanBoth() {
+    expected.Process(last_id);
+    ASSERT_EQ(expected.log, Scan(kDebugAvailable));
+    if (last_id == 1 && first_id == 0) {
+      first_id = input->GetActiveMessageID() - 1;
+    }
+    model::Directory shown = expected;
+    shown.message_id += shown.message_id == 0 ? 0 : first_id;
+    ASSERT_EQ(shown.Status(), StatusOf(*input));
+    ASSERT_EQ(expected.is_first_play, input->FirstPlayOfActiveMessage());
+    ASSERT_EQ(expected.files, FilesIn(directory));
+    ASSERT_EQ(expected.last_played, FilesIn(last_played));
+  }
+
+  void TakeOrStop() {
+    switch (Below(4)) {
+      case 0:
+        input->StopMessage();
+        expected.StopMessage();
+        break;
+      case 1:
+        input->RestartMessage();
+        expected.RestartMessage();
+        break;
+      default:
+        ASSERT_EQ(expected.GetWords(), input->GetWords());
+    }
+  }
+
+ private:
+  std::mt19937 random{20261120};
+  model::Directory expected;
+  int last_id = 0;
+  int first_id = 0;  // The real id of the model's message 0.
+};
+
+TEST_F(ScanModelTest, AgreesWithTheModel) {
+  for (unsigned int round = 0; round < 16 && !HasFatalFailure(); ++round) {
+    Begin(round);
+    for (int scan = 0; scan < 25 && !HasFatalFailure(); ++scan) {
+      SCOPED_TRACE(testing::Message() << "round " << round << ", scan " << scan);
+      ChangeFiles();
+      ScanBoth();
+      TakeOrStop();
     }
   }
 }
