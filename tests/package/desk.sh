@@ -100,9 +100,7 @@ configuration_is_hidden() {
 upgrade_restarts_desk() {
   local before
   before=$(desk_process)
-  cp "$packages/$(package_for amd64)" "/proc/$leader/root/root/new.deb" &&
-    inside dpkg --install /root/new.deb &&
-    inside rm /root/new.deb &&
+  install_again &&
     within 60 new_desk "$before" && within 60 desk_curl --fail "$page/healthz"
 }
 

@@ -63,6 +63,8 @@ all_failures() {
     'configure "/id=.ftps./s/ password=./&x/"' configure
   failure 'certificate refused' remote:ftps \
     'configure "/id=.ftps./s/ca=[^,]*,//"' configure
+  failure 'host key refused' remote:sftp \
+    'configure "/id=.sftp./s#known-hosts=[^,]*#known-hosts=/etc/hostname#"' configure
   failure 'helper dead' helper-dead:ftp \
     'kill_all "^/usr/libexec/vocastra/helpers/ftp "' 'root systemctl restart vocastra'
 

@@ -65,8 +65,8 @@ line_since() {
 # --- An idle day ----------------------------------------------------------------------------------
 
 # On an idle day, nothing is spoken, files stay in a local directory, and a site refuses each
-# session. The first part of the day is measured, and the rest is computed: - A text that repeats is
-# told once and counted after a minute, which is seen, after an hour, which
+# session. The first part of the day is measured, and the rest is computed:
+# - A text that repeats is told once and counted after a minute, which is seen, after an hour, which
 #   is added, and after a further day.
 # - Texts that were new after the first minute are expected to go on as often.
 print_idle_day() {
