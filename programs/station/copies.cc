@@ -14,6 +14,7 @@
 #include "clock.h"
 #include "configuration.h"
 #include "crc.h"
+#include "createdirectories.h"
 #include "directories.h"
 #include "format.h"
 #include "statusfile.h"
@@ -89,14 +90,13 @@ bool HasErrorIn(const std::string& findings_, const std::string& path_) {
   return false;
 }
 
-// Creates the local directories before the check, which would fail without them. The station
-// creates them later in any case.
-void CreateDirectories(const std::string& configuration_) {
+// The check would fail without the local directories.
+void CreateLocalDirectories(const std::string& configuration_) {
   try {
     const std::unique_ptr<XMLElement> root = LoadXMLTree(configuration_, "tts-config");
     for (const XMLElement* directory : root->GetChildren("directory")) {
       if (directory->GetAttributeString("type", "") == "local") {
-        mkdir(ScannedPath(*directory).c_str(), 0777);
+        CreateDirectories(ScannedPath(*directory));
       }
     }
   } catch (const std::string&) {  // The check reports it.
@@ -204,7 +204,7 @@ void Copies::StartCheck(File& file_) {
     Replace(candidate, ReadWhole(file_.edited), file_.seen.st_mode & file_.most_mode);
     std::vector<std::string> words = check;
     if (&file_ == &files[0]) {
-      CreateDirectories(candidate);
+      CreateLocalDirectories(candidate);
       words.push_back(candidate);
     } else {
       words.back() += candidate;

@@ -18,6 +18,7 @@
 
 #include "affix.h"
 #include "configuration.h"
+#include "createdirectories.h"
 #include "format.h"
 #include "listinglock.h"
 #include "messagecopy.h"
@@ -29,7 +30,6 @@ namespace {
 constexpr int64_t kSecond = 1000000000;
 constexpr int kNever = INT_MAX;
 constexpr int kMaxEnded = 200;
-constexpr mode_t kDirectoryMode = 02770;
 
 // Statuses, of which there are ten a second. The third one after a directory was created shows it
 // as scanned: the first may be older, and the scan for the second may have begun before.
@@ -79,17 +79,6 @@ std::vector<std::string> EntriesOf(const std::string& path_) {
   }
   std::sort(entries.begin(), entries.end());
   return entries;
-}
-
-// Creates what is missing of the path. The group is that of the parent if that has the set-group-ID
-// bit, which is set again here if it may be set.
-void CreateDirectories(const std::string& path_) {
-  for (size_t end = path_.find('/', 1); end != std::string::npos; end = path_.find('/', end + 1)) {
-    const std::string directory = path_.substr(0, end);
-    if (mkdir(directory.c_str(), kDirectoryMode) == 0) {
-      chmod(directory.c_str(), kDirectoryMode);
-    }
-  }
 }
 
 // A local directory in which messages are spoken.

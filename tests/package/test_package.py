@@ -130,6 +130,15 @@ def test_nobody_else_can_lock_what_the_daemon_locks():
     assert set(modes.values()) == {0} and len(modes) == 3
 
 
+def test_directories_that_the_station_creates_get_the_group_of_the_packaged_ones():
+    text = (ROOT / "debian/vocastra.tmpfiles").read_text()
+    rows = re.findall(r"^d (/var/spool/\S+) +(\d+) +(\S+) (\S+)$", text, re.MULTILINE)
+    assert len(rows) == 3
+    assert {(int(mode, 8) & 0o2700, *owners) for _, mode, *owners in rows} == {
+        (0o2700, "vocastra", "vocastra-say")
+    }
+
+
 @pytest.mark.parametrize("helper", ["ftp", "cifs"])
 def test_installed_helpers_find_their_libraries(helper, staged, tmp_path):
     """A helper that starts reports a wrong source."""

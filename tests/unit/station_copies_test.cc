@@ -275,12 +275,27 @@ TEST_F(CopiesTest, ChangeWithTheSameChecksumIsNoticed) {
   EXPECT_EQ(second + "\n", Copy());
 }
 
-TEST_F(CopiesTest, MissingLocalDirectoryIsMadeBeforeTheCheck) {
-  directory.Write("conf", Configuration("<directory id=\"a\" type=\"local\" path=\"" +
-                                        (directory / "in") + "\"/>"));
+TEST_F(CopiesTest, MissingLocalDirectoriesAreMadeForTheGroupBeforeTheCheck) {
+  const std::string spool = directory.MakeDirectory("spool");
+  ASSERT_TRUE(geteuid() != 0 || chown(spool.c_str(), 0, 1) == 0);
+  ASSERT_EQ(0, chmod(spool.c_str(), 02755));
+  const auto group_of = [](const std::string& path_) {
+    struct stat status = {};
+    EXPECT_EQ(0, stat(path_.c_str(), &status)) << path_;
+    return status.st_gid;
+  };
+  const std::string local = "<directory type=\"local\" path=\"" + spool;
+  directory.Write("conf", Configuration(local + "/a/b\"/>" + local + "/c\" subdir=\"d\"/>"));
   Make();
+  directory.Write("check", "[ -d " + spool + "/a/b ] && [ -d " + spool + "/c/d ] || exit 2\n");
+  const mode_t mask = umask(0022);
   Look();
-  EXPECT_TRUE(Exists(directory / "in"));
+  EXPECT_EQ(0022u, umask(mask));
+  EXPECT_THAT(problems, IsEmpty());
+  for (const char* path : {"/a", "/a/b", "/c", "/c/d"}) {
+    EXPECT_EQ(042770u, ModeOf(spool + path)) << path;
+    EXPECT_EQ(group_of(spool), group_of(spool + path)) << path;
+  }
 }
 
 }  // namespace
