@@ -15,6 +15,7 @@ set(VOCASTRA_DESK_STATE_DIR "/var/lib/vocastra-desk" CACHE STRING "History of th
 # Below the run directory.
 set(VOCASTRA_OUT_DIR "${VOCASTRA_RUN_DIR}/out")
 set(VOCASTRA_STATUS_FILE "${VOCASTRA_RUN_DIR}/status.xml")
+set(VOCASTRA_DIRECTORIES_FILE "${VOCASTRA_RUN_DIR}/directories.xml")
 set(VOCASTRA_HEALTH_FILE "${VOCASTRA_RUN_DIR}/health")
 set(VOCASTRA_PLAYER_FILE "${VOCASTRA_RUN_DIR}/player")
 set(VOCASTRA_APPLY_SOCKET "${VOCASTRA_RUN_DIR}/apply")

@@ -65,8 +65,10 @@ const XMLElement& FindLocalDirectory(const XMLElement& root_, const std::optiona
   }
   const std::string type = TypeOf(*directory);
   if (type != "local") {
-    throw Format("directory \"%s\" is of type \"%s\": messages for it belong on its server, \"%s\"",
-                 id_->c_str(), type.c_str(), directory->GetAttributeString("path", "").c_str());
+    // The published configuration has no such path.
+    const std::string path = directory->GetAttributeString("path", "");
+    throw Format("directory \"%s\" is of type \"%s\": messages for it belong on its server%s",
+                 id_->c_str(), type.c_str(), path.empty() ? "" : (", \"" + path + "\"").c_str());
   }
   return *directory;
 }

@@ -1,6 +1,9 @@
 // vocastra-say: puts a message into an input directory so that the daemon takes it as a whole.
 
+#include <errno.h>
 #include <stdio.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <exception>
 #include <memory>
@@ -11,6 +14,7 @@
 #include "commandline.h"
 #include "configuration.h"
 #include "debug.h"
+#include "directories.h"
 #include "format.h"
 #include "handover.h"
 #include "health.h"
@@ -32,7 +36,7 @@ enum ExitStatus {
 };
 
 struct Options {
-  std::string config_path = VOCASTRA_CONFIG_FILE;
+  std::optional<std::string> config_path;
   std::string run = VOCASTRA_RUN_DIR;
   std::optional<std::string> directory_id;
   std::optional<std::string> encoding;
@@ -68,6 +72,22 @@ std::string ReadText(const Options& options_) {
   return text;
 }
 
+// The configuration to read. The daemon's own may hold passwords, so users read the part that the
+// station publishes.
+std::string ConfigurationPath(const Options& options_) {
+  const std::string published = options_.run + "/" + kDirectoriesFile;
+  const bool is_published = access(published.c_str(), F_OK) == 0;
+  std::string path = options_.config_path.value_or(is_published ? published : VOCASTRA_CONFIG_FILE);
+  if (access(path.c_str(), R_OK) != 0) {
+    const std::string cause = strerror(errno);
+    const std::string remedy = options_.config_path
+                                   ? "name a file that you may read, or leave out -c"
+                                   : "start the service, which writes " + published;
+    throw Format("cannot read %s: %s; %s", path.c_str(), cause.c_str(), remedy.c_str());
+  }
+  return path;
+}
+
 ExitStatus Await(const std::string& health_path_, const HandedOver& message_,
                  const Options& options_) {
   const std::optional<MessageRecord> end =
@@ -94,9 +114,9 @@ ExitStatus Await(const std::string& health_path_, const HandedOver& message_,
 }
 
 ExitStatus Say(const Options& options_) {
-  const std::unique_ptr<XMLElement> root = LoadXMLTree(options_.config_path, "tts-config");
-  const XMLElement& directory =
-      FindLocalDirectory(*root, options_.directory_id, options_.config_path);
+  const std::string config = ConfigurationPath(options_);
+  const std::unique_ptr<XMLElement> root = LoadXMLTree(config, "tts-config");
+  const XMLElement& directory = FindLocalDirectory(*root, options_.directory_id, config);
   const LocalDirectory target(directory);
   const bool is_waiting = options_.is_waiting || options_.is_listening;
   if (is_waiting && target.is_cache) {
@@ -138,8 +158,10 @@ Options ParseOptions(int argc_, char** argv_) {
     }
   };
   program.options = {
-      {'c', "config", "FILE", "The daemon's configuration (default " VOCASTRA_CONFIG_FILE ")",
-       Keep(options.config_path)},
+      {'c', "config", "FILE",
+       Format("Configuration (default: %s in the run directory, or,\n%25sif it is missing, %s)",
+              kDirectoriesFile, "", VOCASTRA_CONFIG_FILE),
+       [&](const char* path_) { options.config_path = path_; }},
       {'d', "directory", "ID",
        Format("Input directory (default: the only local one, or else the one\n%25scalled \"%s\")",
               "", kDefaultDirectory),

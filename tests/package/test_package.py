@@ -94,10 +94,12 @@ def test_files_of_the_running_service_have_the_names_that_were_configured():
 def test_tools_read_the_files_that_the_manuals_name(staged):
     status, output = run(staged / "usr/bin/vocastra-say", "--help")
     assert status == 0
-    paths = re.findall(r"\(default (/\S+)\)", output)
-    assert paths == ["/etc/vocastra/vocastra.conf", "/run/vocastra"]
+    config, run_directory = re.findall(r"(/\S+)\)", output)
+    assert (config, run_directory) == ("/etc/vocastra/vocastra.conf", "/run/vocastra")
+    (published,) = re.findall(r"default: (\S+) in the run directory", output)
     manual = (ROOT / "man/vocastra-say.1").read_text()
-    assert [path for path in paths if f".It Pa {path}" not in manual] == []
+    for path in (config, f"{run_directory}/{published}"):
+        assert f".It Pa {path}\n" in manual
 
 
 @pytest.mark.parametrize("name, seconds", [("gong", 2), ("silence-half", 0.5), ("silence-one", 1)])

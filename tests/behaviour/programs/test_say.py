@@ -263,9 +263,12 @@ def test_text_that_cannot_be_said(tmp_path, encoding, text, why):
     assert list((tmp_path / "a").iterdir()) == []
 
 
+OTHER_FILE = "name a file that you may read, or leave out -c"
+
+
 def test_bad_configuration(tmp_path):
     config = tmp_path / "config.xml"
-    why = f'Could not open "{config}" for reading'
+    why = f"cannot read {config}: No such file or directory; {OTHER_FILE}"
     assert run("vocastra-say", "-c", config, "Go") == (1, "", f"vocastra-say: {why}\n")
     config.write_text("<tts-config>\n<a></b>")
     why = "mismatched tag at line 2"
@@ -327,14 +330,47 @@ def test_service_that_does_not_run(tmp_path):
     assert handed_over(tmp_path / "a") == b"Go"
 
 
+# A command before a program, which then has no more rights to files than other users.
+NO_RIGHTS = ()
+if os.geteuid() == 0:
+    TAKEN = "-dac_override,-dac_read_search"
+    NO_RIGHTS = ("setpriv", "--bounding-set", TAKEN, "--inh-caps", TAKEN)
+
+
+def test_published_directories_are_read_instead_of_the_configuration(tmp_path):
+    config = write_config(tmp_path, local(tmp_path, identity="b"))
+    config.chmod(0)
+    arguments = ["--run", tmp_path / "run", "Go"]
+    write_health(tmp_path / "run")
+    far = element("directory", id="far", type="ftp", priority=1)
+    text = element("tts-config", [local(tmp_path), far], state="run")
+    publish(tmp_path / "run/directories.xml", text)
+    assert run("vocastra-say", *arguments, prefix=NO_RIGHTS) == (0, "", "")
+    assert handed_over(tmp_path / "a") == b"Go"
+    why = f"cannot read {config}: Permission denied; {OTHER_FILE}"
+    found = run("vocastra-say", "-c", config, *arguments, prefix=NO_RIGHTS)
+    assert found == (1, "", f"vocastra-say: {why}\n")
+    why = ON_SERVER.partition(",")[0].replace("cifs", "ftp")
+    found = run("vocastra-say", "-d", "far", *arguments)
+    assert found == (1, "", f"vocastra-say: {why}\n")
+
+
+DEFAULT = "/etc/vocastra/vocastra.conf"
+
+
+@pytest.mark.skipif(os.path.exists(DEFAULT), reason="there is a configuration")
+def test_nothing_is_published(tmp_path):
+    why = f"cannot read {DEFAULT}: No such file or directory; "
+    why += f"start the service, which writes {tmp_path}/directories.xml"
+    found = run("vocastra-say", "--run", tmp_path, "Go")
+    assert found == (1, "", f"vocastra-say: {why}\n")
+
+
 def test_missing_permission_names_the_group(tmp_path):
     (tmp_path / "a").mkdir()
     os.chmod(tmp_path / "a", 0o070)
-    prefix = ()
-    if os.geteuid() == 0:
-        prefix = ("setpriv", "--bounding-set", "-dac_override", "--inh-caps", "-dac_override")
     group = grp.getgrgid((tmp_path / "a").stat().st_gid).gr_name
-    found = say_into(tmp_path, "Go", prefix=prefix)
+    found = say_into(tmp_path, "Go", prefix=NO_RIGHTS)
     os.chmod(tmp_path / "a", 0o700)
     why = f'cannot write to {tmp_path}/a/: Permission denied; members of the group "{group}" may'
     assert found == (1, "", f"vocastra-say: {why}\n")
