@@ -355,17 +355,6 @@ def test_published_directories_are_read_instead_of_the_configuration(tmp_path):
     assert found == (1, "", f"vocastra-say: {why}\n")
 
 
-DEFAULT = "/etc/vocastra/vocastra.conf"
-
-
-@pytest.mark.skipif(os.path.exists(DEFAULT), reason="there is a configuration")
-def test_nothing_is_published(tmp_path):
-    why = f"cannot read {DEFAULT}: No such file or directory; "
-    why += f"start the service, which writes {tmp_path}/directories.xml"
-    found = run("vocastra-say", "--run", tmp_path, "Go")
-    assert found == (1, "", f"vocastra-say: {why}\n")
-
-
 def test_missing_permission_names_the_group(tmp_path):
     (tmp_path / "a").mkdir()
     os.chmod(tmp_path / "a", 0o070)
