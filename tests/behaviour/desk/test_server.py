@@ -1,6 +1,8 @@
 """The desk as a server: addresses, TLS, headers, events, users, its end."""
 
+import contextlib
 import json
+import os
 import re
 import ssl
 import time
@@ -8,9 +10,9 @@ from pathlib import Path
 
 import pytest
 from harness.desk import PASSWORD, Browser, receive_all
-from harness.programs import run
+from harness.programs import run, start
 from harness.servers import make_certificates
-from harness.wait import wait_until
+from harness.wait import LIMIT, wait_until
 
 
 @pytest.mark.parametrize(
@@ -58,21 +60,20 @@ def test_password_comes_from_standard_input(make_desk):
 
 def test_password_is_not_echoed(make_desk):
     desk = make_desk(users=())
-    users = desk.root / "users"
-    status, out, _ = run(
-        "vocastra-desk",
-        *("--add-user", "eve", "--users", users),
-        prefix=(
-            *(
-                "sh",
-                "-c",
-                '(sleep 0.5; echo "$0"; sleep 0.5; echo "$0") | script -qec "$*" /dev/null',
-            ),
-            PASSWORD,
-        ),
-    )
-    assert status == 0, out
-    assert PASSWORD not in out and "Password: " in out
+    user = ("--add-user", "eve", "--users", desk.root / "users")
+    terminal, end = os.openpty()
+    process = start("vocastra-desk", *user, stdin=end, stdout=end, stderr=end)
+    os.close(end)
+    shown = ""
+    for question in ("Password: ", "Again: "):
+        while question not in shown:
+            shown += os.read(terminal, 1000).decode()
+        os.write(terminal, f"{PASSWORD}\n".encode())
+    assert process.wait(LIMIT) == 0
+    with contextlib.suppress(OSError):  # The end of a terminal.
+        shown += os.read(terminal, 1000).decode()
+    os.close(terminal)
+    assert PASSWORD not in shown
     desk.start()
     assert Browser(desk).send("POST", "/login", {"user": "eve", "password": PASSWORD}).status == 303
 
