@@ -1,14 +1,23 @@
 #include "playerstate.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <memory>
 
+#include "affix.h"
 #include "format.h"
 #include "statefile.h"
 #include "statusfile.h"
 #include "xml.h"
+
+namespace {
+
+constexpr char kZonePrefix[] = "player-";
+
+}  // namespace
 
 bool IsPlayerRunning(const PlayerState& state_) {
   return state_.pid > 0 && (kill(state_.pid, 0) == 0 || errno == EPERM);
@@ -48,4 +57,34 @@ PlayerState ReadPlayerState(const std::string& path_) {
   state.problem = root->GetAttributeString("problem");
   state.problem_time = LongAttribute(*root, "problem-time");
   return state;
+}
+
+std::vector<std::string> PlayerZones(const std::string& run_) {
+  const std::string start = kZonePrefix;
+  std::vector<std::string> zones = {""};
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(run_.c_str()), closedir);
+  while (const dirent* const entry = listing ? readdir(listing.get()) : nullptr) {
+    const std::string name = entry->d_name;
+    // A new state has the ending until it replaces the old one.
+    if (name.size() > start.size() && StartsWith(name, start) && !EndsWith(name, ".new")) {
+      zones.push_back(name.substr(start.size()));
+    }
+  }
+  std::sort(zones.begin(), zones.end());
+  return zones;
+}
+
+std::string PlayerPath(const std::string& run_, const std::string& zone_) {
+  return run_ + "/" + (zone_.empty() ? "player" : kZonePrefix + zone_);
+}
+
+std::map<std::string, PlayerState> ReadPlayerStates(const std::string& run_) {
+  std::map<std::string, PlayerState> states;
+  for (const std::string& zone : PlayerZones(run_)) {
+    try {
+      states[zone] = ReadPlayerState(PlayerPath(run_, zone));
+    } catch (const std::string&) {  // It may have been removed since.
+    }
+  }
+  return states;
 }

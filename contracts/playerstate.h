@@ -4,8 +4,12 @@
 //       problem="" problem-time="0" since="1700000000">
 //       <waiting name="8_lobby.text_live_cont.raw"/>
 //   </player-state>
+//
+// The run directory has one for each player: "player", and "player-ZONE" for a player of a zone. A
+// player leaves its file when it ends; a zone whose file is removed is no longer expected.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -30,3 +34,13 @@ void WritePlayerState(const std::string& path_, const PlayerState& state_);
 
 // Throws a string if the file cannot be read or is no such state.
 PlayerState ReadPlayerState(const std::string& path_);
+
+// The zones that have state files, in byte order, after an empty name for the player without a
+// zone, which may have no file.
+std::vector<std::string> PlayerZones(const std::string& run_);
+
+// The path of the state file.
+std::string PlayerPath(const std::string& run_, const std::string& zone_);
+
+// The states of all players by their zones, without those that cannot be read.
+std::map<std::string, PlayerState> ReadPlayerStates(const std::string& run_);

@@ -50,4 +50,20 @@ TEST(PlayerStateTest, FailuresNameTheFile) {
             ThrownText([&] { WritePlayerState(path + "/x", {}); }));
 }
 
+TEST(PlayerStateTest, EachZoneHasAFile) {
+  const TemporaryDirectory run;
+  EXPECT_EQ(std::vector<std::string>{""}, PlayerZones(run.path + "/none"));
+  for (const char* name : {"player-yard", "player-", "player.new", "player-hall.new", "players"}) {
+    run.Write(name, "");
+  }
+  PlayerState state;
+  state.pid = 4711;
+  WritePlayerState(PlayerPath(run.path, "hall"), state);
+  EXPECT_TRUE(Exists(run / "player-hall"));
+  EXPECT_EQ((std::vector<std::string>{"", "hall", "yard"}), PlayerZones(run.path));
+  const std::map<std::string, PlayerState> states = ReadPlayerStates(run.path);
+  ASSERT_EQ(1U, states.size());
+  EXPECT_EQ(4711, states.at("hall").pid);
+}
+
 }  // namespace
