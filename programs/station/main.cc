@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -409,7 +410,7 @@ void Station::Start() {
   is_hung = false;
 }
 
-// True while a player runs and has files left to play, which a start would remove.
+// True while any player runs and files are left to play, which a start would remove.
 bool Station::IsPlayerBusy() const {
   bool has_output = false;
   ForEachOutput(settings.options.output_directory_path,
@@ -417,11 +418,9 @@ bool Station::IsPlayerBusy() const {
   if (!has_output || settings.has_no_player) {
     return false;
   }
-  try {
-    return IsAlive(ReadPlayerState(settings.run + "/player").pid);
-  } catch (const std::string&) {
-    return false;
-  }
+  const std::map<std::string, PlayerState> players = ReadPlayerStates(settings.run);
+  return std::any_of(players.begin(), players.end(),
+                     [](const auto& player_) { return IsAlive(player_.second.pid); });
 }
 
 // The daemon's numbers begin at 0 again: the player would mix files of an earlier run with new

@@ -75,7 +75,8 @@ constexpr Kind kKinds[] = {
     {"input-read-only", "Let the daemon's user write to the directory; it removes what it takes"},
     {"locked", "End the program that holds the lock; lslocks or fuser names it"},
     {"no-player", "Start the player: systemctl start vocastra-player"},
-    {"no-sound-device", "Connect the sound device, or name another one to the player"},
+    {"no-sound-device",
+     "Connect the sound device, or name another one in the options of vocastra-player"},
     {"no-text", nullptr},
     {"not-queued", nullptr},
     {"not-removed", nullptr},
@@ -116,6 +117,31 @@ ProcessStat LookAtProcess(int pid_) {
     return {};
   }
 }
+
+// A player as its state file and the kernel show it.
+struct PlayerView {
+  PlayerView(const std::string& run_, const std::string& zone_)
+      : zone(zone_), path(PlayerPath(run_, zone_)) {
+    try {
+      state = ReadPlayerState(path);
+      process = IsPlayerRunning(state) ? LookAtProcess(state.pid).state : 'Z';
+    } catch (const std::string& why) {
+      unreadable = why;
+    }
+  }
+
+  bool HasEnded() const { return !unreadable.empty() || process == 'Z'; }
+  bool IsStopped() const { return process == 'T' || process == 't'; }
+  bool HasFiles() const { return !state.playing.empty() || !state.waiting.empty(); }
+  // True if the output directory may be full because of it.
+  bool KeepsFiles() const { return HasEnded() || IsStopped() || !state.device_ok || HasFiles(); }
+
+  std::string zone;  // Empty: none.
+  std::string path;  // Of the state file.
+  PlayerState state;
+  std::string unreadable;  // Why there is no state.
+  char process = '\0';     // As in ProcessStat.
+};
 
 // The daemon's children. A helper that has ended stays a zombie until its directory is removed from
 // the configuration.
@@ -205,15 +231,18 @@ struct Problems::Impl {
       : run(run_), options(options_), has_player(has_player_) {}
 
   Entry& At(const std::string& id_);
-  void Find(const std::string& id_, const std::string& about_, const std::string& sentence_,
-            double hold_ = 0);
+  Entry& Find(const std::string& id_, const std::string& about_, const std::string& sentence_,
+              double hold_ = 0);
   bool Has(const std::string& start_) const;
 
   void CheckDaemon(const View& view_);
   void CheckLocks(int daemon_);
   void CheckOutput(int daemon_);
-  void CheckPlayer(const XMLElement* status_);
-  bool IsPlayerBusy(const PlayerState& state_, const XMLElement* status_);
+  void CheckPlayers(const XMLElement* status_);
+  void CheckPlayer(const PlayerView& player_, bool is_bound_);
+  void FindPlayer(const std::string& id_, const std::string& zone_, const std::string& sentence_,
+                  double hold_ = 0);
+  bool IsPlayerBusy(const PlayerView& player_, bool is_bound_);
   void CheckInputs();
   void CheckInput(const std::string& id_, const XMLElement& element_);
   void CheckRemotes(const View& view_);
@@ -242,8 +271,11 @@ struct Problems::Impl {
   struct stat output {};
   double copy_failed = -kCopyFailure;
 
-  std::string player_state;  // Identifies the present version of the state file.
-  double player_change = 0;
+  struct PlayerChange {
+    std::string identity;  // Of the present version of the state file.
+    double time = 0;
+  };
+  std::map<std::string, PlayerChange> player_changes;  // By zone.
 
   std::map<std::string, std::string> helper_lines;  // By source: the last line about it.
 
@@ -272,8 +304,8 @@ Problems::Impl::Entry& Problems::Impl::At(const std::string& id_) {
 }
 
 // A check has found a problem, which is shown if it lasts for hold_ seconds.
-void Problems::Impl::Find(const std::string& id_, const std::string& about_,
-                          const std::string& sentence_, double hold_) {
+Problems::Impl::Entry& Problems::Impl::Find(const std::string& id_, const std::string& about_,
+                                            const std::string& sentence_, double hold_) {
   Entry& entry = At(about_.empty() ? id_ : id_ + ":" + about_);
   entry.is_own = true;
   entry.is_found = true;
@@ -284,6 +316,7 @@ void Problems::Impl::Find(const std::string& id_, const std::string& about_,
       entry.problem.remedy = kind.remedy;
     }
   }
+  return entry;
 }
 
 bool Problems::Impl::Has(const std::string& start_) const {
@@ -336,7 +369,7 @@ void Problems::Impl::CheckLocks(int daemon_) {
   }
 }
 
-// --- Output and player ---
+// --- Output and players ---
 
 void Problems::Impl::CheckOutput(int daemon_) {
   const std::string& path = options.output_directory_path;
@@ -368,56 +401,73 @@ void Problems::Impl::CheckOutput(int daemon_) {
   }
 }
 
-void Problems::Impl::CheckPlayer(const XMLElement* status_) {
-  PlayerState state;
-  try {
-    state = ReadPlayerState(run + "/player");
-  } catch (const std::string& why) {
-    Find("no-player", "", "No player has run yet: " + why, kStart);
-    return;
+void Problems::Impl::CheckPlayers(const XMLElement* status_) {
+  const bool is_bound = status_ != nullptr && status_->GetAttributeInteger("output-bound", 0) != 0;
+  std::vector<PlayerView> players;
+  for (const std::string& zone : PlayerZones(run)) {
+    players.emplace_back(run, zone);
   }
-  const char process = LookAtProcess(state.pid).state;
-  if (!IsPlayerRunning(state) || process == 'Z') {
-    Find("no-player", "", Format("The player, process %d, has ended", state.pid), kStart);
-    return;
+  for (const PlayerView& player : players) {
+    // The files of a full directory may be another player's.
+    const bool is_cause = std::none_of(
+        players.begin(), players.end(),
+        [&](const PlayerView& other_) { return &other_ != &player && other_.KeepsFiles(); });
+    CheckPlayer(player, is_bound && is_cause);
   }
-  if (process == 'T' || process == 't') {
-    Find("player-stopped", "", Format("The player, process %d, is stopped", state.pid));
-  } else if (!state.device_ok) {
-    Find("no-sound-device", "", "The player has no sound device " + state.device);
-  } else if (!IsPlayerBusy(state, status_)) {
-    Find("player-stopped", "",
-         Format("Files wait, and the player, process %d, plays nothing new", state.pid));
+}
+
+void Problems::Impl::CheckPlayer(const PlayerView& player_, bool is_bound_) {
+  const std::string& zone = player_.zone;
+  const std::string name = zone.empty() ? "player" : "player vocastra-player@" + Printable(zone);
+  const std::string process = Format("%s, process %d,", name.c_str(), player_.state.pid);
+  if (!player_.unreadable.empty()) {
+    FindPlayer("no-player", zone, "No " + name + " has run yet: " + player_.unreadable, kStart);
+  } else if (player_.HasEnded()) {
+    FindPlayer("no-player", zone, "The " + process + " has ended", kStart);
+  } else if (player_.IsStopped()) {
+    FindPlayer("player-stopped", zone, "The " + process + " is stopped");
+  } else if (!player_.state.device_ok) {
+    FindPlayer("no-sound-device", zone,
+               "The " + name + " has no sound device " + player_.state.device);
+  } else if (!IsPlayerBusy(player_, is_bound_)) {
+    FindPlayer("player-stopped", zone, "Files wait, and the " + process + " plays nothing new");
+  }
+}
+
+// The remedies end with the name of the player's unit.
+void Problems::Impl::FindPlayer(const std::string& id_, const std::string& zone_,
+                                const std::string& sentence_, double hold_) {
+  Entry& entry = Find(id_, Printable(zone_), sentence_, hold_);
+  if (!zone_.empty()) {
+    entry.problem.remedy += "@" + Printable(zone_);
   }
 }
 
 // True if the player's state has changed recently enough. While files wait, it changes at the end
 // of the file that plays.
-bool Problems::Impl::IsPlayerBusy(const PlayerState& state_, const XMLElement* status_) {
+bool Problems::Impl::IsPlayerBusy(const PlayerView& player_, bool is_bound_) {
   struct stat file {};
-  stat((run + "/player").c_str(), &file);
+  stat(player_.path.c_str(), &file);
   const std::string identity =
       Format("%llu %lld.%09ld", static_cast<unsigned long long>(file.st_ino),
              static_cast<long long>(file.st_mtim.tv_sec), file.st_mtim.tv_nsec);
-  const bool is_bound = status_ != nullptr && status_->GetAttributeInteger("output-bound", 0) != 0;
-  const bool has_work = is_bound || !state_.playing.empty() || !state_.waiting.empty();
-  if (identity != player_state || !has_work) {
-    player_state = identity;
-    player_change = Now();
+  PlayerChange& change = player_changes[player_.zone];
+  if (identity != change.identity || !(is_bound_ || player_.HasFiles())) {
+    change = {identity, Now()};
   }
-  if (Now() - player_change < kPlayerPause) {
+  if (Now() - change.time < kPlayerPause) {
     return true;
   }
   double sound = 0;
-  if (!state_.playing.empty()) {
-    const bool is_wav = state_.playing.find(".wav") != std::string::npos;
+  if (!player_.state.playing.empty()) {
+    const bool is_wav = player_.state.playing.find(".wav") != std::string::npos;
     struct stat piece {};
     const std::string path = AddTrailingSlash(options.output_directory_path) + ".playing.";
-    sound = stat((path + state_.playing).c_str(), &piece) != 0
+    sound = stat((path + player_.state.playing).c_str(), &piece) != 0
                 ? kUnknownSound
                 : static_cast<double>(piece.st_size) / (is_wav ? kWavRate : kRawRate);
   }
-  return Now() - player_change < kPlayerPause + sound;
+  return Now() - change.time < kPlayerPause + sound;
 }
 
 // --- Input directories ---
@@ -639,7 +689,7 @@ void Problems::Check(const View& view_) {
   }
   impl->CheckOutput(view_.daemon);
   if (impl->has_player) {
-    impl->CheckPlayer(view_.status);
+    impl->CheckPlayers(view_.status);
   }
   impl->CheckInputs();
   impl->CheckRemotes(view_);

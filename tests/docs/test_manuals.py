@@ -158,7 +158,7 @@ def test_problems_in_the_manual_are_those_of_the_code():
     documented = re.findall(r"^\.It Cm ([a-z-]+)(?: Ns .*)?$", page("vocastra-status.1"), re.M)
     assert sorted(documented) == sorted(ids) and len(ids) > 20
     for path in (ROOT / "programs/station").glob("*.cc"):
-        calls = r'\b(?:Set|Clear|Find|SetProblem)\(\s*"([a-z-]+)"'
+        calls = r'\b(?:Set|Clear|Find|FindPlayer|SetProblem)\(\s*"([a-z-]+)"'
         for name in re.findall(calls, path.read_text()):
             assert name in ids, path
     report = (ROOT / "programs/status/report.cc").read_text()

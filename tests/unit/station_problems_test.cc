@@ -12,9 +12,11 @@
 
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 constexpr double kPatience = 60;  // Seconds.
 
@@ -93,6 +95,7 @@ class ProblemsTest : public testing::Test {
   }
 
   void TellPlayer() const { WritePlayerState(run / "player", player); }
+  void TellHall(const PlayerState& state_) const { WritePlayerState(run / "player-hall", state_); }
 
   void Start() { problems = std::make_unique<Problems>(run.path, options, true); }
 
@@ -339,6 +342,69 @@ TEST_F(ProblemsTest, PlayerThatStops) {
   Await({"player-stopped"});
   SetStatus("output-bound='0'");
   EXPECT_THAT(Ids(), IsEmpty());
+}
+
+TEST_F(ProblemsTest, EachZoneHasProblemsOfItsOwn) {
+  const struct {
+    int signal;
+    bool device_ok;
+    std::string id;
+    std::string end;  // Of the sentence.
+    std::string remedy;
+  } rows[] = {
+      {0, false, "no-sound-device", " has no sound device hw:1",
+       "Connect the sound device, or name another one in the options of vocastra-player@hall"},
+      {SIGSTOP, true, "player-stopped", " is stopped",
+       "Restart the player: systemctl restart vocastra-player@hall"},
+      {SIGKILL, true, "no-player", " has ended",
+       "Start the player: systemctl start vocastra-player@hall"},
+  };
+  run.Write("player-yard.new", "");  // It is not complete.
+  for (const auto& row : rows) {
+    const Sleeper process;
+    PlayerState hall;
+    hall.pid = process.pid;
+    hall.device = "hw:1";
+    TellHall(hall);
+    EXPECT_THAT(Ids(), IsEmpty()) << row.id;
+    hall.device_ok = row.device_ok;
+    TellHall(hall);
+    ASSERT_EQ(0, kill(process.pid, row.signal));
+    Await({row.id + ":hall"});
+    const Health health = Look();
+    ASSERT_EQ(1U, health.problems.size());
+    const std::string name = row.signal == 0 ? "" : Format(", process %d,", process.pid);
+    EXPECT_EQ("The player vocastra-player@hall" + name + row.end, health.problems[0].sentence);
+    EXPECT_EQ(row.remedy, health.problems[0].remedy);
+    unlink((run / "player-hall").c_str());
+    EXPECT_THAT(Ids(), IsEmpty()) << row.id;
+  }
+  const std::string path = run.Write("player-hall", "");
+  Await({"no-player:hall"});
+  EXPECT_EQ("No player vocastra-player@hall has run yet: " + path + ": holds no player's state",
+            Sentence());
+}
+
+TEST_F(ProblemsTest, FilesOfOnePlayerAreNotBlamedOnAnother) {
+  SetStatus("output-bound='1'");
+  PlayerState hall;  // It has ended, and the directory is full of its files.
+  TellHall(hall);
+  const double end = Now() + 7;
+  while (Now() < end) {
+    ASSERT_THAT(Ids(), Not(Contains("player-stopped")));
+    Nap(100);
+  }
+  EXPECT_THAT(Ids(), ElementsAre("no-player:hall"));
+  // It hangs.
+  hall.pid = getpid();
+  hall.waiting = {"5_hall.text_live_first.raw"};
+  TellHall(hall);
+  Await({"player-stopped:hall"});
+  EXPECT_EQ(Format("Files wait, and the player vocastra-player@hall, process %d, plays nothing new",
+                   getpid()),
+            Sentence());
+  unlink((run / "player-hall").c_str());
+  Await({"player-stopped"});
 }
 
 // --- Translator ---

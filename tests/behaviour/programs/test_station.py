@@ -61,6 +61,29 @@ def test_message_is_heard(make_station):
         player.communicate()
 
 
+def test_each_player_is_watched(make_station):
+    station = make_station(options=())
+    players = []
+    try:
+        for name, option in (("player", "--except"), ("player-hall", "--only")):
+            words = (COMPANIONS / "player", "--null", option, "hall", "--state")
+            players.append(start_command(*words, station.run_path / name, station.output))
+        station.start()
+        station.wait(lambda: (station.run_path / "player-hall").exists(), "the hall's player")
+        players[1].terminate()
+        players[1].communicate()
+        station.wait(lambda: "no-player:hall" in station.problems(), "the problem")
+        assert set(station.problems()) == {"no-player:hall"}
+        remedy = station.health().find("problem").get("remedy")
+        assert remedy == "Start the player: systemctl start vocastra-player@hall"
+        (station.run_path / "player-hall").unlink()
+        station.wait(lambda: station.problems() == {}, "no problem")
+    finally:
+        for player in players:
+            player.kill()
+            player.communicate()
+
+
 def test_messages_survive_the_death_of_the_daemon(make_station):
     station = make_station(words=1)
     station.start()
@@ -148,14 +171,15 @@ def test_output_that_nobody_plays_is_removed_before_a_start(make_station):
     assert station.counter("lost") == 2
 
 
-def test_player_may_empty_the_output_before_a_start(make_station):
+@pytest.mark.parametrize("name", ["player", "player-hall"])
+def test_player_may_empty_the_output_before_a_start(make_station, name):
     station = make_station(options=())
     state = element(
         "player-state",
         **{"device": "x", "device-ok": 1, "pid": os.getpid(), "playing": "", "problem": ""},
         **{"problem-time": 0, "since": 0},
     )
-    (station.run_path / "player").write_text(state + "\n")
+    (station.run_path / name).write_text(state + "\n")
     station.start()
     station.drop("a", "m", "one")
     station.wait_outputs(1)
