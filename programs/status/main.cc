@@ -67,13 +67,7 @@ std::optional<Report> AskStation(const Options& options_) {
     } catch (const std::string&) {
       // The health file has the reason.
     }
-    std::optional<PlayerState> player;
-    try {
-      player = ReadPlayerState(options_.run + "/player");
-    } catch (const std::string&) {
-      // There is no health file.
-    }
-    return MakeReport(std::move(health), std::move(status), std::move(player));
+    return MakeReport(std::move(health), std::move(status), ReadPlayerStates(options_.run));
   } catch (const std::string& why) {
     return NoDaemon(path + ": " + why);
   }

@@ -1,4 +1,5 @@
 #include <list>
+#include <map>
 #include <utility>
 
 #include "charencoding.h"
@@ -66,15 +67,31 @@ void AddStatus(const XMLElement& status_, Metrics& metrics_) {
   metrics_.Add(status_.GetAttributeInteger("output-bound"));
 }
 
-void AddPlayer(const PlayerState& player_, Metrics& metrics_) {
-  metrics_.Begin("player_up", "gauge", "1: the player runs.");
-  metrics_.Add(IsPlayerRunning(player_) ? 1 : 0);
-  metrics_.Begin("player_device_up", "gauge", "1: the player has its sound device.");
-  metrics_.Add(player_.device_ok ? 1 : 0);
-  metrics_.Begin("player_playing", "gauge", "1: a file plays.");
-  metrics_.Add(player_.playing.empty() ? 0 : 1);
-  metrics_.Begin("player_waiting", "gauge", "Files that wait to be played.");
-  metrics_.Add(static_cast<long long>(player_.waiting.size()));
+void AddPlayers(const std::map<std::string, PlayerState>& players_, Metrics& metrics_) {
+  const struct {
+    const char* name;
+    const char* help;
+    long long (*value)(const PlayerState& player_);
+  } rows[] = {
+      {"player_up", "1: the player runs.",
+       [](const PlayerState& player_) { return IsPlayerRunning(player_) ? 1LL : 0; }},
+      {"player_device_up", "1: the player has its sound device.",
+       [](const PlayerState& player_) { return player_.device_ok ? 1LL : 0; }},
+      {"player_playing", "1: a file plays.",
+       [](const PlayerState& player_) { return player_.playing.empty() ? 0LL : 1; }},
+      {"player_waiting", "Files that wait to be played.",
+       [](const PlayerState& player_) { return static_cast<long long>(player_.waiting.size()); }},
+  };
+  for (const auto& row : rows) {
+    metrics_.Begin(row.name, "gauge", row.help);
+    for (const auto& [zone, player] : players_) {
+      if (zone.empty()) {
+        metrics_.Add(row.value(player));
+      } else {
+        metrics_.Add("zone", zone, row.value(player));
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -98,8 +115,8 @@ std::string ToMetrics(const Report& report_) {
   if (report_.status) {
     AddStatus(*report_.status, metrics);
   }
-  if (report_.player) {
-    AddPlayer(*report_.player, metrics);
+  if (!report_.players.empty()) {
+    AddPlayers(report_.players, metrics);
   }
   return metrics.text + "# EOF\n";
 }

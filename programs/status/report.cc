@@ -152,8 +152,8 @@ void AddHealth(const Health& health_, Json& json_) {
   }
 }
 
-std::string PlayerLine(const PlayerState& player_) {
-  std::string line = "player:  ";
+std::string PlayerLine(const std::string& zone_, const PlayerState& player_) {
+  std::string line = zone_.empty() ? "player:  " : "player " + Printable(zone_) + ": ";
   if (!IsPlayerRunning(player_)) {
     return line + "does not run\n";
   }
@@ -210,7 +210,7 @@ Report MakeReport(std::unique_ptr<XMLElement> status_, bool is_stale_, int limit
 }
 
 Report MakeReport(Health health_, std::unique_ptr<XMLElement> status_,
-                  std::optional<PlayerState> player_) {
+                  std::map<std::string, PlayerState> players_) {
   Report report;
   const bool has_station = IsStationRunning(health_);
   report.is_running = has_station && health_.daemon != 0 && !health_.is_hung;
@@ -226,7 +226,7 @@ Report MakeReport(Health health_, std::unique_ptr<XMLElement> status_,
   }
   report.status = std::move(status_);
   report.health = std::move(health_);
-  report.player = std::move(player_);
+  report.players = std::move(players_);
   return report;
 }
 
@@ -260,8 +260,9 @@ std::string ToJson(const Report& report_, bool has_time_) {
   if (report_.health) {
     AddHealth(*report_.health, json);
   }
-  if (report_.player) {
-    json["player"] = JsonPlayer(*report_.player);
+  for (const auto& [zone, player] : report_.players) {
+    (zone.empty() ? json["player"] : json["players"][Utf8ReplaceInvalid(zone)]) =
+        JsonPlayer(player);
   }
   json["problems"] = Json::array();
   for (const Problem& problem : report_.problems) {
@@ -281,8 +282,8 @@ std::string ToTable(const Report& report_) {
   if (report_.health && !report_.health->saying.empty()) {
     text += "saying:  " + Printable(report_.health->saying) + "\n";
   }
-  if (report_.player) {
-    text += PlayerLine(*report_.player);
+  for (const auto& [zone, player] : report_.players) {
+    text += PlayerLine(zone, player);
   }
   if (report_.status) {
     std::vector<Row> rows = {

@@ -1,6 +1,7 @@
 // A report on the service at one moment, and its formats.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,10 +12,10 @@
 #include "xml.h"
 
 struct Report {
-  bool is_running = false;             // The daemon runs and is not hung.
-  std::unique_ptr<XMLElement> status;  // The tree of ReadStatus; null: there is no status.
-  std::optional<Health> health;        // Of a station.
-  std::optional<PlayerState> player;
+  bool is_running = false;                     // The daemon runs and is not hung.
+  std::unique_ptr<XMLElement> status;          // The tree of ReadStatus; null: there is no status.
+  std::optional<Health> health;                // Of a station.
+  std::map<std::string, PlayerState> players;  // By zone; empty: the player without a zone.
   std::vector<Problem> problems;
 };
 
@@ -27,7 +28,7 @@ Report MakeReport(std::unique_ptr<XMLElement> status_, bool is_stale_, int limit
 
 // The report on a daemon with a station. status_ may be null.
 Report MakeReport(Health health_, std::unique_ptr<XMLElement> status_,
-                  std::optional<PlayerState> player_);
+                  std::map<std::string, PlayerState> players_);
 
 // One line of JSON. has_time_: with the time and the status's counter. Without these, reports with
 // the same facts are equal.

@@ -440,6 +440,22 @@ def test_metrics(tmp_path):
     }
 
 
+def test_player_of_a_zone_is_shown_beside_the_main_player(tmp_path):
+    state = (make_run(tmp_path) / "player").read_text()
+    ended = state.replace(str(os.getpid()), str(2**22 + 1))
+    (tmp_path / "player-hall").write_text(ended.replace("7_a.raw", ""))
+    table = run("vocastra-status", "-r", tmp_path)[1]
+    assert "\nplayer:  plays 7_a.raw, 1 waiting\nplayer hall: does not run\n" in table
+    report = json.loads(run("vocastra-status", "-j", "-r", tmp_path)[1])
+    assert report["player"]["running"]
+    hall = {**report["player"], "pid": 2**22 + 1, "running": False, "playing": ""}
+    assert report["players"] == {"hall": hall}
+    metrics = run("vocastra-status", "-m", "-r", tmp_path)[1]
+    for name, value in (("up", "0"), ("device_up", "1"), ("playing", "0"), ("waiting", "1")):
+        samples = re.findall(rf"^vocastra_player_{name}(.*) (\d)$", metrics, re.MULTILINE)
+        assert samples == [("", "1"), ('{zone="hall"}', value)]
+
+
 def test_without_a_station_the_status_of_the_run_directory_is_read(tmp_path):
     with fake(tmp_path / "status.xml"):
         status, out, _ = run("vocastra-status", "-j", "--run", tmp_path)
