@@ -129,7 +129,7 @@ int RunShell(const std::string& cmd_) {
     return -1;
   }
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
+  while (waitpid(pid, &status, 0) < 0) {  // NOMUTATE(constant): it is never 0.
     if (errno != EINTR) {
       return -1;
     }

@@ -402,7 +402,7 @@ struct XMLDocument::Impl {
   static void Forward(void* parser_, Operation operation_);
 
   XMLElement* root = nullptr;
-  size_t tree_limit = 0;       // Bytes.
+  size_t tree_limit = 0;       // Bytes. NOMUTATE(constant): set before it is used.
   XMLElement* last = nullptr;  // The innermost open element.
   std::string encoding;
   bool valid_xml = true;
