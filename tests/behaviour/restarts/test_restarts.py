@@ -13,6 +13,7 @@ import contextlib
 import os
 import random
 import re
+import shutil
 import signal
 import threading
 import time
@@ -22,7 +23,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 from harness.companions import COMPANIONS
 from harness.files import element
-from harness.programs import start_command
+from harness.programs import start_command, tool
 from harness.station import Station
 from harness.wait import wait_until
 
@@ -41,7 +42,8 @@ COPY = 'cp "$1" "$2"'
 
 BACKLOG = 20  # The largest number of unfinished messages.
 
-# The kinds of restarts with their shares. To notice a hang takes half a minute, so hangs are rare,
+# The kinds of restarts with their shares. An upgrade replaces the programs and then stops the
+# station. To notice a hang takes half a minute, so hangs are rare,
 # and left out if there are few restarts.
 KINDS = {
     "daemon killed": 40,
@@ -49,6 +51,7 @@ KINDS = {
     "both killed": 8,
     "stop": 18,
     "quick stop": 11,
+    "upgrade": 10,
     "hang": 1,
 }
 MANY = 30
@@ -167,6 +170,33 @@ def said_words(text):
     return text.replace("\\pau=300\\", " ").split()
 
 
+class InstalledStation(Station):
+    """A station with its own copies of the programs."""
+
+    NAMES = ("vocastra", "vocastra-check", "vocastra-station")
+
+    def __init__(self, root, **settings):
+        super().__init__(root, **settings)
+        self.programs = self.root / "programs"
+        self.programs.mkdir()
+        self.replace_programs()
+
+    def replace_programs(self):
+        """Replaces each program by a rename, as a package manager does."""
+        for name in self.NAMES:
+            new = self.programs / f"{name}.new"
+            shutil.copy2(tool(name), new)
+            new.rename(self.programs / name)
+
+    def command(self):
+        words = super().command()
+        for at, word in enumerate(words):
+            name = os.path.basename(word)
+            if name in self.NAMES:
+                words[at] = self.programs / name
+        return words
+
+
 class Trial:
     """Restarts a station under load; check() asserts the result."""
 
@@ -272,6 +302,9 @@ class Trial:
     def restart_station(self, kind, copies):
         """Restarts the station. Returns the messages that had copies at the end of the daemon."""
         process = self.station.process
+        if kind == "upgrade":
+            self.station.replace_programs()
+            self.pause(0.1, 1)
         if kind == "both killed":
             self.pause(0.1, 1)
         process.send_signal(signal.SIGKILL if "killed" in kind else signal.SIGTERM)
@@ -387,7 +420,7 @@ class Trial:
 
 @pytest.mark.parametrize(("is_sound", "share"), [(False, 0.75), (True, 0.25)])
 def test_restarts_lose_no_message(maker, is_sound, share):
-    station = maker(Station, "s")(options=("--raw",), words=3, files=12)
+    station = maker(InstalledStation, "s")(options=("--raw",), words=3, files=12)
     trial = Trial(station, round(RESTARTS * share), is_sound)
     try:
         trial.run()
