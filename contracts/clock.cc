@@ -7,8 +7,16 @@ void Nap(int milliseconds_) {
   nanosleep(&duration, nullptr);
 }
 
-double Now() {
+namespace {
+
+double Seconds(clockid_t clock_) {
   timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  clock_gettime(clock_, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
+
+}  // namespace
+
+double Now() { return Seconds(CLOCK_MONOTONIC); }
+
+double RealTime() { return Seconds(CLOCK_REALTIME); }

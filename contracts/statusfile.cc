@@ -162,6 +162,14 @@ std::string ReadWhole(const std::string& path_) {
   return text;
 }
 
+std::string ReadOrNothing(const std::string& path_) {
+  try {
+    return ReadWhole(path_);
+  } catch (const std::string&) {
+    return "";
+  }
+}
+
 std::unique_ptr<XMLElement> ParseDump(const std::string& text_) {
   return DumpParser(text_).Parse();
 }

@@ -10,6 +10,9 @@
 // The whole content of a regular file. Throws a string if it cannot be opened.
 std::string ReadWhole(const std::string& path_);
 
+// The same; empty if the file cannot be opened.
+std::string ReadOrNothing(const std::string& path_);
+
 // The tree of a text as XMLElement::Dump writes it, with unescaped values; null if the text is not
 // one complete document.
 std::unique_ptr<XMLElement> ParseDump(const std::string& text_);

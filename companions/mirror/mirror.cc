@@ -229,7 +229,7 @@ double Mirror::Impl::Lost(const std::string& reason_, double seconds_) {
     const bool is_new = file->second.delivered == 0 && file->second.told == 0;
     file = is_new ? known.Forget(file) : std::next(file);
   }
-  report.Complain(Report::kServer, reason_);
+  report.Complain(Report::kServer, "no updates: " + reason_);
   return seconds_;
 }
 

@@ -53,15 +53,6 @@ void Replace(const std::string& path_, const std::string& text_, mode_t mode_) {
   }
 }
 
-// The content of the file; empty if it cannot be read.
-std::string ReadOrNothing(const std::string& path_) {
-  try {
-    return ReadWhole(path_);
-  } catch (const std::string&) {
-    return "";
-  }
-}
-
 std::string Replaced(std::string text_, const std::string& from_, const std::string& to_) {
   for (size_t at = text_.find(from_); at != std::string::npos;
        at = text_.find(from_, at + to_.size())) {

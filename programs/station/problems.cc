@@ -47,6 +47,10 @@ constexpr int kLockTries = 3;      // In one check.
 constexpr int kLockPause = 2;      // Milliseconds between them.
 constexpr int kLockedChecks = 2;   // Checks in a row; players hold the lock only for moments.
 
+// How a helper's line about its server begins, and its line about the end of the outage.
+constexpr char kOutage[] = "no updates: ";
+constexpr char kWorksAgain[] = "works again";
+
 // The lowest data rates of sound, in bytes a second: 16 bits at 4000 Hz, and a compressed WAV file.
 constexpr double kRawRate = 8000;
 constexpr double kWavRate = 1600;
@@ -150,16 +154,23 @@ struct Family {
     for (const int child : Children(daemon_)) {
       const ProcessStat process = LookAtProcess(child);
       if (process.state == 'Z') {
-        ++dead;
+        has_dead = true;
+      } else if (process.name == "sh") {
+        has_command = true;
       } else {
-        ++(process.name == "sh" ? commands : helpers);
+        arguments += '\0' + ReadOrNothing(Format("/proc/%d/cmdline", child));
       }
     }
   }
 
-  size_t helpers = 0;
-  size_t dead = 0;
-  size_t commands = 0;  // The translator, or another command that runs for a short time.
+  // True if one of the helpers mirrors into that directory, which is one of its arguments.
+  bool HasHelperFor(const std::string& watch_directory_) const {
+    return arguments.find('\0' + watch_directory_ + '\0') != std::string::npos;
+  }
+
+  bool has_dead = false;
+  bool has_command = false;  // The translator, or another command that runs for a short time.
+  std::string arguments;     // Of all helpers, with a zero byte before and after each.
 };
 
 // True if the process has taken the lock of the directory. Lines of the list are such as
@@ -196,6 +207,17 @@ bool IsHeld(const std::string& path_) {
     close(directory);
   }
   return is_held;
+}
+
+// When the helper has last told the daemon that it works; seconds since 1970, 0: not yet.
+double LastUpdate(const std::string& watch_directory_, const std::string& subdir_) {
+  const std::string path =
+      AddTrailingSlash(watch_directory_) + AddTrailingSlash(subdir_) + ".helper.timestamp";
+  struct stat file {};
+  if (stat(path.c_str(), &file) != 0) {
+    return 0;
+  }
+  return static_cast<double>(file.st_mtim.tv_sec) + static_cast<double>(file.st_mtim.tv_nsec) / 1e9;
 }
 
 // The directories of a configuration that the daemon uses, by their ids.
@@ -246,6 +268,9 @@ struct Problems::Impl {
   void CheckInputs();
   void CheckInput(const std::string& id_, const XMLElement& element_);
   void CheckRemotes(const View& view_);
+  void CheckRemote(const std::string& id_, const XMLElement& element_, const XMLElement& status_,
+                   const Family& family_);
+  void TakeHelperLine(const std::string& text_);
   void CheckTranslator(double engine_);
   void FindFailing();
   void RunProbe();
@@ -277,7 +302,12 @@ struct Problems::Impl {
   };
   std::map<std::string, PlayerChange> player_changes;  // By zone.
 
-  std::map<std::string, std::string> helper_lines;  // By source: the last line about it.
+  struct HelperLine {
+    std::string text;  // Empty: none, or it works again.
+    bool is_outage = false;
+    double time = 0;  // Seconds since 1970.
+  };
+  std::map<std::string, HelperLine> helper_lines;  // By source: the last line about it.
 
   std::vector<std::string> failed_commands;  // Since the last check.
   std::set<std::string> failing;             // Ids of directories for which the translator failed,
@@ -333,7 +363,7 @@ void Problems::Impl::CheckDaemon(const View& view_) {
     repeated_line.clear();
   }
   const bool is_still = view_.daemon != 0 && view_.engine <= 0 && view_.still >= kLockedStill &&
-                        Family(view_.daemon).commands == 0;
+                        !Family(view_.daemon).has_command;
   if (is_still) {
     CheckLocks(view_.daemon);
   } else {
@@ -499,43 +529,62 @@ void Problems::Impl::CheckInput(const std::string& id_, const XMLElement& elemen
 }
 
 void Problems::Impl::CheckRemotes(const View& view_) {
-  if (view_.status == nullptr || view_.daemon == 0) {
-    return;
-  }
-  std::map<std::string, std::string> remotes;  // Ids and sources.
-  std::set<std::string> silent;
-  for (const auto& [id, element] : directories) {
-    const XMLElement* const status = FindById(*view_.status, "directory", id);
-    if (status == nullptr || element->GetAttributeString("type", "") == "local") {
-      continue;
-    }
-    remotes[id] = Printable(RemoteSource(element->GetAttributeString("path", ""),
-                                         element->GetAttributeString("subdir", "")));
-    if (status->GetAttributeString("status", "") == "0") {
-      silent.insert(id);
-    }
-  }
-  if (remotes.empty()) {
+  const bool has_remotes =
+      std::any_of(directories.begin(), directories.end(), [](const auto& directory_) {
+        return directory_.second->GetAttributeString("type", "") != "local";
+      });
+  if (view_.status == nullptr || view_.daemon == 0 || !has_remotes) {
     return;
   }
   const Family family(view_.daemon);
-  const bool all_dead = family.dead > 0 && family.helpers == 0;
-  for (const auto& [id, source] : remotes) {
-    const std::string& line = helper_lines[source];
-    // Several helpers may have died, and more directories may have no updates. Then nothing tells
-    // which of them have lost their helper.
-    if (all_dead || (silent.count(id) != 0 && silent.size() <= family.dead)) {
-      Find("helper-dead", id,
-           Format("The helper of %s has ended%s%s", source.c_str(),
-                  line.empty() ? "" : "; its last line: ", line.c_str()),
-           kSettle);
-    } else if (silent.count(id) != 0) {
-      Find("remote", id,
-           Format("No updates come from %s%s%s", source.c_str(), line.empty() ? "" : ": ",
-                  line.c_str()),
-           line.empty() ? kStart : 0);
+  for (const auto& [id, element] : directories) {
+    const XMLElement* const status = FindById(*view_.status, "directory", id);
+    if (status != nullptr && element->GetAttributeString("type", "") != "local") {
+      CheckRemote(id, *element, *status, family);
     }
   }
+}
+
+void Problems::Impl::CheckRemote(const std::string& id_, const XMLElement& element_,
+                                 const XMLElement& status_, const Family& family_) {
+  const std::string subdir = element_.GetAttributeString("subdir", "");
+  const std::string source =
+      Printable(RemoteSource(element_.GetAttributeString("path", ""), subdir));
+  const std::string watch_directory = status_.GetAttributeString("path", "");
+  const HelperLine& line = helper_lines[source];
+  const bool is_silent = status_.GetAttributeString("status", "") == "0";
+  // The daemon waits some seconds for the next update. The helper's own line comes sooner.
+  const bool is_out = line.is_outage && LastUpdate(watch_directory, subdir) < line.time;
+  if (family_.has_dead && !family_.HasHelperFor(watch_directory)) {
+    Find("helper-dead", id_,
+         "The helper of " + source + " has ended" +
+             (line.text.empty() ? "" : "; its last line: " + line.text),
+         kSettle);
+  } else if (is_silent || is_out) {
+    Find("remote", id_,
+         "No updates come from " + source + (line.text.empty() ? "" : ": " + line.text),
+         line.text.empty() ? kStart : 0);
+  }
+}
+
+// text_: "SOURCE: what the helper says".
+void Problems::Impl::TakeHelperLine(const std::string& text_) {
+  const size_t colon = text_.find(": ");
+  const std::string source = text_.substr(0, colon);
+  if (colon == std::string::npos ||
+      (helper_lines.size() >= kMaxTexts && helper_lines.count(source) == 0)) {
+    return;
+  }
+  HelperLine line;
+  line.text = text_.substr(colon + 2);
+  line.time = RealTime();
+  line.is_outage = StartsWith(line.text, kOutage);
+  if (line.is_outage) {
+    line.text.erase(0, strlen(kOutage));
+  } else if (line.text == kWorksAgain) {
+    line.text.clear();
+  }
+  helper_lines[source] = line;
 }
 
 // --- The translator ---
@@ -653,13 +702,7 @@ Problems::~Problems() = default;
 
 void Problems::OnLog(const LogEvent& event_) {
   if (event_.kind == LogEvent::kFromHelper) {
-    const size_t colon = event_.subject.find(": ");
-    const std::string source = event_.subject.substr(0, colon);
-    if (colon != std::string::npos &&
-        (impl->helper_lines.size() < kMaxTexts || impl->helper_lines.count(source) != 0)) {
-      const std::string text = event_.subject.substr(colon + 2);
-      impl->helper_lines[source] = text == "works again" ? "" : text;
-    }
+    impl->TakeHelperLine(event_.subject);
     return;
   }
   impl->last_line = event_.line;

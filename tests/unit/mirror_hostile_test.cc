@@ -242,7 +242,7 @@ TEST_F(MirrorHostileTest, EndlessListingIsEnded) {
     mirror.reset();
     const size_t memory = mallinfo2().uordblks;
     const double start = server.clock;
-    EXPECT_EQ(row.message, Look());
+    EXPECT_EQ(std::string("no updates: ") + row.message, Look());
     EXPECT_GT(start + 60 + settings.poll_seconds + 256 * row.seconds, server.clock);
     EXPECT_EQ("", Run(12));
     EXPECT_GT(memory + (6 << 20), mallinfo2().uordblks);  // Of that listing nothing is left.
@@ -348,7 +348,7 @@ TEST_F(MirrorHostileTest, LostServerIsReportedRatherThanTheFile) {
       throw std::string("gone");
     }
   };
-  EXPECT_EQ("gone\n", Run(20));
+  EXPECT_EQ("no updates: gone\n", Run(20));
   EXPECT_EQ("", BeatText());
   server.on_piece = [&](const std::string&, uint64_t) {};
   is_gone = false;

@@ -117,7 +117,7 @@ TEST_F(MirrorTest, LooksBeforeAndAfterAnOutageDoNotSettleAFile) {
     take_({"b.txt", 4, "2"});
     throw std::string("gone");
   };
-  EXPECT_EQ("gone\n", Run(20));
+  EXPECT_EQ("no updates: gone\n", Run(20));
   server.listing = nullptr;
   EXPECT_EQ("works again\n", Look());
   EXPECT_EQ((Files{{"b.txt", "B."}}), Local());
@@ -297,11 +297,11 @@ TEST_F(MirrorTest, FailureOfTheServerAndItsEndAreReportedOnce) {
   std::string reason = "no route";
   server.on_call = [&](const std::string&) { throw reason; };
   const double start = server.clock;
-  EXPECT_EQ("no route\n", Look());
+  EXPECT_EQ("no updates: no route\n", Look());
   EXPECT_EQ(5, server.clock - start);
   EXPECT_EQ("", Run(20));
   reason = "no directory";
-  EXPECT_EQ("no directory\n", Run(20));
+  EXPECT_EQ("no updates: no directory\n", Run(20));
   reason = "no route";
   EXPECT_EQ("", Run(20));
   EXPECT_EQ("", BeatText());
@@ -313,14 +313,14 @@ TEST_F(MirrorTest, FailureOfTheServerAndItsEndAreReportedOnce) {
 TEST_F(MirrorTest, RefusedLoginIsTriedAgainAfterHalfAMinute) {
   server.on_call = [](const std::string&) { throw Refused{"530 Login incorrect"}; };
   const double start = server.clock;
-  EXPECT_EQ("530 Login incorrect\n", Look());
+  EXPECT_EQ("no updates: 530 Login incorrect\n", Look());
   EXPECT_EQ(30, server.clock - start);
   EXPECT_EQ("", Look());
 }
 
 TEST_F(MirrorTest, MessageIsPrintableAscii) {
   server.on_call = [](const std::string&) { throw std::string("t\xc3\xbcr\n\x1b[1m\x7f%s"); };
-  EXPECT_EQ("t??r??[1m?%s\n", Look());
+  EXPECT_EQ("no updates: t??r??[1m?%s\n", Look());
 }
 
 TEST_F(MirrorTest, SecondProcessKnowsTheDeliveredFiles) {

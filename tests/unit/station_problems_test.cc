@@ -8,6 +8,7 @@
 #include "format.h"
 #include "playerstate.h"
 #include "problems.h"
+#include "process.h"
 #include "test_util.h"
 
 namespace {
@@ -508,24 +509,61 @@ TEST_F(ProblemsTest, RemoteDirectories) {
   EXPECT_EQ("No updates come from sftp://host/in/x", Sentence());
 }
 
+// The daemon notices seconds later that no updates come.
+TEST_F(ProblemsTest, RemoteDirectoryWhoseHelperTellsOfAnOutage) {
+  Configure("<directory id='f' type='ftp' path='host' subdir='x'/>");
+  const std::string watch = run.MakeDirectory("watch");
+  run.MakeDirectory("watch/x");
+  const std::string updates = "<directory id='f' status='1' path='" + watch + "'/>";
+  SetStatus("", updates);
+  run.Write("watch/x/.helper.timestamp", "1");
+  EXPECT_THAT(Ids(), IsEmpty());
+  Say(LogEvent::kFromHelper, "host/x: refused a name");
+  EXPECT_THAT(Ids(), IsEmpty());
+  Nap(20);  // The times of files are less exact than the clock.
+  Say(LogEvent::kFromHelper, "host/x: no updates: no answer");
+  EXPECT_THAT(Ids(), ElementsAre("remote:f"));
+  EXPECT_EQ("No updates come from host/x: no answer", Sentence());
+  Nap(20);
+  run.Write("watch/x/.helper.timestamp", "2");
+  EXPECT_THAT(Ids(), IsEmpty());
+}
+
+// A helper's watch directory is one of its arguments. It stops itself.
+class Helper {
+ public:
+  Helper(const std::string& script_, const std::string& watch_)
+      : log(open("/dev/null", O_WRONLY | O_CLOEXEC)),
+        pid(Spawn({script_, "host", watch_, "0"}, log)) {}
+  ~Helper() {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    close(log);
+  }
+  Helper(const Helper&) = delete;
+  Helper& operator=(const Helper&) = delete;
+
+  const int log;
+  const pid_t pid;
+};
+
 // This process is the daemon.
 TEST_F(ProblemsTest, DeadHelpers) {
   Configure(
       "<directory id='f' type='ftp' path='host'/><directory id='g' type='ftp' path='other'/>");
+  SetStatus("",
+            "<directory id='f' status='1' path='/tmp/watch1'/>"
+            "<directory id='g' status='1' path='/tmp/watch12'/>");
   view.daemon = getpid();
-  Sleeper other;
-  SetStatus("", "<directory id='f' status='0'/><directory id='g' status='1'/>");
-  Await({"remote:f"});
-  kill(other.pid, SIGKILL);  // The other child, which is the daemon in other tests, lives.
+  const std::string script = Script("helper", "kill -STOP $$");
+  const Helper f(script, "/tmp/watch1");
+  const Helper g(script, "/tmp/watch12");
+  Await({});
+  kill(f.pid, SIGKILL);
   Say(LogEvent::kFromHelper, "host: unknown option");
   Await({"helper-dead:f"});
   EXPECT_EQ("The helper of host has ended; its last line: unknown option", Sentence());
-  // One helper is dead, and it is not known which.
-  SetStatus("", "<directory id='f' status='0'/><directory id='g' status='0'/>");
-  Await({"remote:f", "remote:g"});
-  // All are dead, and the status does not show it yet.
-  kill(daemon.pid, SIGKILL);
-  SetStatus("", "<directory id='f' status='1'/><directory id='g' status='1'/>");
+  kill(g.pid, SIGKILL);
   Await({"helper-dead:f", "helper-dead:g"});
 }
 

@@ -127,7 +127,7 @@ def test_certificate_that_is_not_trusted(make_server, make_helper, tls, host, mo
     server = make_server(tls=tls, host=host)
     server.put("new.txt", "New.")
     helper = make_helper(server, **({"mode": mode} if mode else {})).start()
-    helper.wait_messages(message)
+    helper.wait_messages(f"no updates: {message}")
     assert helper.files() == {} and helper.beat() is None
     helper.stop()
 
@@ -155,7 +155,7 @@ def test_authorities_of_the_system(make_server, make_helper, is_trusted):
     if is_trusted:
         helper.wait_files(new="New.")
     else:
-        helper.wait_messages("SSL certificate problem: ")
+        helper.wait_messages("no updates: SSL certificate problem: ")
     helper.stop()
 
 
@@ -165,7 +165,7 @@ def test_server_that_refuses_to_encrypt_data(make_server, make_helper):
     server.put("new.txt", "New.")
     mode = f"settle=0,ca={server.root}/ca.crt"
     helper = make_helper(server, path=f"ftpes://{server.path}", mode=mode).start()
-    helper.wait_messages("536 No protection of data.")
+    helper.wait_messages("no updates: 536 No protection of data.")
     commands = re.findall(r"<- ([A-Z]+)", server.log())
     assert "PROT" in commands
     assert not {"EPSV", "PASV", "MLSD", "LIST", "RETR"} & set(commands), commands
@@ -187,7 +187,7 @@ def test_host_key_that_is_not_known(make_server, make_helper):
     server = make_server()
     server.known = "user_key"
     helper = make_helper(server).start()
-    helper.wait_messages("the server's host key is not that of ")
+    helper.wait_messages("no updates: the server's host key is not that of ")
     assert helper.beat() is None
     helper.stop()
 
@@ -202,7 +202,7 @@ def test_sftp_with_password(make_server, make_helper, login, password):
     if password == PASSWORD:
         helper.wait_files(new="New.")
     else:
-        helper.wait_messages("login denied")
+        helper.wait_messages("no updates: login denied")
         assert helper.beat() is None
     helper.stop()
 
