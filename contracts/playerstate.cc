@@ -31,6 +31,7 @@ void WritePlayerState(const std::string& path_, const PlayerState& state_) {
   root.SetAttributeString("playing", OneLine(state_.playing));
   root.SetAttributeString("problem", OneLine(state_.problem));
   root.SetAttributeString("problem-time", Format("%lld", state_.problem_time));
+  root.SetAttributeInteger("rate", state_.rate);
   root.SetAttributeString("since", Format("%lld", state_.since));
   for (const std::string& name : state_.waiting) {
     auto waiting = std::make_unique<XMLElement>("waiting");
@@ -53,6 +54,7 @@ PlayerState ReadPlayerState(const std::string& path_) {
     state.waiting.push_back(waiting->GetAttributeString("name"));
   }
   state.device = root->GetAttributeString("device");
+  state.rate = root->GetAttributeInteger("rate", 0);
   state.device_ok = root->GetAttributeInteger("device-ok") != 0;
   state.problem = root->GetAttributeString("problem");
   state.problem_time = LongAttribute(*root, "problem-time");

@@ -1,7 +1,7 @@
 // The state file of the player, in the style of the daemon's status file but replaced by a rename.
 //
 //   <player-state device="default" device-ok="1" pid="812" playing="7_lobby.text_live_cont.raw"
-//       problem="" problem-time="0" since="1700000000">
+//       problem="" problem-time="0" rate="22050" since="1700000000">
 //       <waiting name="8_lobby.text_live_cont.raw"/>
 //   </player-state>
 //
@@ -21,6 +21,7 @@ struct PlayerState {
   // The daemon's names of the files; the next one to be played is the first.
   std::vector<std::string> waiting;
   std::string device;          // A sound device's name, "null", or the path of a WAV file.
+  int rate = 0;                // Of the sound; hertz. 0: unknown.
   bool device_ok = true;       // False while there is no such sound device.
   std::string problem;         // The last problem, as on standard error; empty: none yet.
   long long problem_time = 0;  // Seconds since 1970.

@@ -67,6 +67,7 @@ struct Player::Impl {
         sink(sink_),
         messages(options.rate, Print) {
     state.device = options.device;
+    state.rate = options.rate;
     state.pid = getpid();
   }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "affix.h"
 #include "attributes.h"
 #include "clipcheck.h"
 #include "format.h"
@@ -144,21 +145,25 @@ class DirectoryCheck {
     }
   }
 
-  // The player plays speech at its own rate, so both rates must be equal.
+  // A player plays speech at its own rate, so both rates must be equal.
   void CheckRate(const std::string& arguments_) {
     const std::string name = "rate=";
     std::istringstream words(arguments_);
     std::string rate;
     for (std::string word; words >> word;) {
-      rate = word.compare(0, name.size(), name) == 0 ? word.substr(name.size()) : rate;
+      rate = StartsWith(word, name) ? word.substr(name.size()) : rate;
     }
-    if (!rate.empty() && strtol(rate.c_str(), nullptr, 10) != options.player_rate) {
-      findings.Warning(place,
-                       Format("rate=%s in conv-opts, but the player plays at %d Hz: speech sounds "
-                              "too high or too low",
-                              rate.c_str(), options.player_rate),
-                       "Remove it; or give the player, and this program, --rate " + rate);
+    const auto hertz = rate.empty() ? kDefaultRate : strtol(rate.c_str(), nullptr, 10);
+    if (options.player_rates.count(static_cast<int>(hertz)) != 0) {
+      return;
     }
+    const int player = *options.player_rates.begin();
+    findings.Warning(
+        place,
+        (rate.empty() ? Format("no rate= in conv-opts, which means %d", kDefaultRate)
+                      : "rate=" + rate + " in conv-opts") +
+            Format(", but the player plays at %d Hz: speech sounds too high or too low", player),
+        Format("Write rate=%d; or give the player --rate %ld", player, hertz));
   }
 
   void CheckPreview() {

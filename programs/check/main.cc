@@ -7,6 +7,7 @@
 #include <stdio.h>
 
 #include <exception>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -15,12 +16,13 @@
 #include "debug.h"
 #include "format.h"
 #include "options.h"
+#include "playerstate.h"
 
 namespace {
 
 // The options that are only for the checker, and the daemon's, which are not in the usage text.
 std::vector<ProgramOption> OptionTable(CheckOptions& options_, std::string& rate_,
-                                       bool& is_verbose_) {
+                                       std::string& run_, bool& is_verbose_) {
   std::vector<ProgramOption> table;
   for (const DaemonOption& entry : DaemonOptions()) {
     const char letter = entry.letter;
@@ -35,19 +37,34 @@ std::vector<ProgramOption> OptionTable(CheckOptions& options_, std::string& rate
            [&options_, letter](const char* argument_) { options_.daemon[letter] = argument_; }});
     }
   }
-  table.push_back({'r', "rate", "HZ", "The player's rate, unless it is 22050", Keep(rate_)});
+  table.push_back({'r', "rate", "HZ", "The player's rate, if it is not running", Keep(rate_)});
+  table.push_back({0, "run", "DIR", "Where the state of players is (default " VOCASTRA_RUN_DIR ")",
+                   Keep(run_)});
   table.push_back({'v', "verbose", "", "Print a line if there are no findings", Set(is_verbose_)});
   return table;
 }
 
+// The rates of the players that run; the default rate if none does.
+std::set<int> RatesOfPlayers(const std::string& run_) {
+  std::set<int> rates;
+  for (const auto& [zone, player] : ReadPlayerStates(run_)) {
+    if (player.rate > 0 && IsPlayerRunning(player)) {
+      rates.insert(player.rate);
+    }
+  }
+  return rates.empty() ? std::set<int>{kDefaultRate} : rates;
+}
+
 CheckOptions ParseOptions(int argc_, char** argv_, bool& is_verbose_) {
   CheckOptions options;
-  std::string rate = std::to_string(options.player_rate);
+  std::string rate;
+  std::string run = VOCASTRA_RUN_DIR;
   const Program program = {
       "vocastra-check", static_cast<int>(Verdict::kErrors),
-      "Usage: vocastra-check CONFIG [-v] [-g GLOSSARY] [-r HZ] [options of the daemon]\n"
+      "Usage: vocastra-check CONFIG [-v] [-g GLOSSARY] [-r HZ] [--run DIR] [options of the "
+      "daemon]\n"
       "Reports what the vocastra daemon would refuse, ignore or treat in an unexpected way.\n\n",
-      OptionTable(options, rate, is_verbose_),
+      OptionTable(options, rate, run, is_verbose_),
       "Of the daemon's options, -c CONFIG means the same as CONFIG; with any of -d -f -i -o -p -s\n"
       "-t -w the daemon's whole command line is checked. Run it as the daemon's user.\n\n"
       "Findings go to standard error: FILE:LINE: error|warning: ELEMENT: what is wrong. Remedy.\n"
@@ -60,7 +77,7 @@ CheckOptions ParseOptions(int argc_, char** argv_, bool& is_verbose_) {
     FailUsage(program, "name one configuration file (see --help)");
   }
   try {
-    options.player_rate = ParseInteger(rate);
+    options.player_rates = rate.empty() ? RatesOfPlayers(run) : std::set<int>{ParseInteger(rate)};
   } catch (const std::string& why) {
     FailUsage(program, "--rate: " + why);
   }

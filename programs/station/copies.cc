@@ -100,9 +100,11 @@ std::string CopyPath(const std::string& directory_, const char* name_) {
 
 }  // namespace
 
-std::vector<std::string> CheckCommand(const std::vector<std::string>& arguments_) {
+std::vector<std::string> CheckCommand(const std::vector<std::string>& arguments_,
+                                      const std::string& run_) {
   std::vector<std::string> words = {BesideThis("vocastra-check")};
   words.insert(words.end(), arguments_.begin(), arguments_.end());
+  words.push_back("--run=" + run_);
   words.push_back("--glossary=");
   return words;
 }

@@ -26,8 +26,9 @@ struct ProblemSink {
 constexpr double kCheckLimit = 30;  // Seconds; it may run the translator for each directory.
 
 // The words of the command that checks a configuration. The caller appends the path of the
-// configuration. arguments_: the daemon's, without its name.
-std::vector<std::string> CheckCommand(const std::vector<std::string>& arguments_);
+// configuration. arguments_: the daemon's, without its name. run_: the run directory.
+std::vector<std::string> CheckCommand(const std::vector<std::string>& arguments_,
+                                      const std::string& run_);
 
 // True if the daemon may use the file after a check that ended with status_, as waitpid gives it.
 bool IsUsable(int status_);

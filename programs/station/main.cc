@@ -197,7 +197,7 @@ Station::Station(const Settings& settings_)
       run_lock(LockRun(settings.run)),
       old_daemon(FindOldDaemon(settings.run)),
       signals(BlockSignals()),
-      check(CheckCommand(AllButFirst(settings.daemon))),
+      check(CheckCommand(AllButFirst(settings.daemon), settings.run)),
       log(WriteLine, settings.is_raw, isatty(STDERR_FILENO) == 0),
       watchdog(settings.translator_limit),
       problems(settings.run, settings.options, !settings.has_no_player),

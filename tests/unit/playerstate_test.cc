@@ -13,6 +13,7 @@ TEST(PlayerStateTest, IsReadAsItWasWritten) {
   state.waiting = {"8_lobby.raw", "9_lobby.raw"};
   state.device = "plughw:1,0";
   state.device_ok = false;
+  state.rate = 16000;
   state.problem = "two\nlines";
   state.problem_time = 4999999999;
   WritePlayerState(directory / "state", state);
@@ -23,6 +24,7 @@ TEST(PlayerStateTest, IsReadAsItWasWritten) {
   EXPECT_EQ(state.waiting, read.waiting);
   EXPECT_EQ(state.device, read.device);
   EXPECT_FALSE(read.device_ok);
+  EXPECT_EQ(16000, read.rate);
   EXPECT_EQ("two?lines", read.problem);
   EXPECT_EQ(state.problem_time, read.problem_time);
   EXPECT_FALSE(Exists(directory / "state.new"));
@@ -36,7 +38,7 @@ TEST(PlayerStateTest, ReplacesTheFileByARename) {
   EXPECT_EQ("before", ReadFile(directory / "other"));
   EXPECT_EQ(
       "<player-state device=\"\" device-ok=\"1\" pid=\"0\" playing=\"\" problem=\"\" "
-      "problem-time=\"0\" since=\"0\"/>\n",
+      "problem-time=\"0\" rate=\"0\" since=\"0\"/>\n",
       ReadFile(path));
 }
 

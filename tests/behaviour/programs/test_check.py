@@ -10,9 +10,10 @@ from pathlib import Path
 
 import pytest
 from harness.daemon import PAUSE
-from harness.files import publish
+from harness.files import element, publish
 from harness.programs import ended, environment, run, start, tool
 
+HERE = Path(__file__).resolve().parent
 
 WAV = (
     b"RIFF\x26\0\0\0WAVE"
@@ -111,6 +112,32 @@ def test_check_changes_no_file(world):
     assert [path for path in sorted(world.root.rglob("*")) if path != world.config] == before
 
 
+def test_rates_are_those_of_running_players(world):
+    at = world.root / "run"
+    arguments = ("-t", "@/translators/x", *COMMAND_LINE[2:], "--run", at)
+    (world.root / "translators").mkdir()
+    (world.root / "translator").rename(world.root / "translators/x")
+    finding = (
+        'config:2: warning: directory "a": no rate= in conv-opts, which means 22050, but the player '
+        "plays at 16000 Hz: speech sounds too high or too low. Write rate=16000; or give the player "
+        "--rate 22050."
+    )
+
+    def found_with(**rates):
+        for zone, (rate, pid) in rates.items():
+            state = {"device": "", "device-ok": 1, "pid": pid, "playing": "", "problem": ""}
+            state.update({"problem-time": 0, "rate": rate, "since": 0})
+            (at / zone).write_text(element("player-state", **state) + "\n")
+        return world.check(CLEAN, *arguments)[1]
+
+    gone = 2**22 + 1  # More than any process id.
+    assert found_with() == []
+    assert found_with(player=(16000, gone)) == []
+    assert found_with(player=(16000, os.getpid())) == [finding]
+    assert found_with(**{"player-hall": (22050, os.getpid())}) == []
+    assert found_with(**{"player-hall": (0, os.getpid())}) == [finding]
+
+
 def test_configuration_by_option(world):
     world.config.write_text("<x/>")
     assert run("vocastra-check", "-c", world.config)[0] == 2
@@ -135,13 +162,11 @@ DAEMON_USER = "Create the directory for the daemon's user."
 
 
 def read_cases():
-    """The input and the findings by the case's name; findings.txt describes the format."""
-    text = Path(__file__).with_name("findings.txt").read_text()
+    """The input and the findings by the case's name; findings/README.md describes the format."""
     cases = {}
-    for case in re.split(r"^# ", text, flags=re.M)[1:]:
-        name, _, rest = case.partition("\n")
-        given, *findings = re.split(r"^=> ", rest, flags=re.M)
-        cases[name] = given.removesuffix("\n"), [finding.rstrip("\n") for finding in findings]
+    for path in sorted((HERE / "findings").glob("*.txt")):
+        given, *findings = re.split(r"^=> ", path.read_text(), flags=re.M)
+        cases[path.stem] = given.removesuffix("\n"), [finding.rstrip("\n") for finding in findings]
     return cases
 
 
