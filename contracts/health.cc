@@ -120,3 +120,12 @@ bool IsStationRunning(const Health& health_) {
   return health_.station > 0 && (kill(health_.station, 0) == 0 || errno == EPERM) &&
          StartOf(health_.station) == health_.station_start;
 }
+
+bool IsStationStopped(const Health& health_) {
+  try {
+    const char state = ReadProcessStat(health_.station).state;
+    return IsStationRunning(health_) && (state == 'T' || state == 't');
+  } catch (const std::string&) {  // It cannot be seen.
+    return false;
+  }
+}

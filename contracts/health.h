@@ -66,3 +66,7 @@ Health ReadHealth(const std::string& path_);
 
 // True if the station that wrote it is running.
 bool IsStationRunning(const Health& health_);
+
+// True if that station was stopped by a signal or a debugger. Then nothing in the file is up to
+// date.
+bool IsStationStopped(const Health& health_);

@@ -127,6 +127,7 @@ Json JsonPlayer(const PlayerState& player_) {
           {"waiting", waiting},
           {"device", Utf8ReplaceInvalid(player_.device)},
           {"device-ok", player_.device_ok},
+          {"rate", player_.rate},
           {"problem", Utf8ReplaceInvalid(player_.problem)},
           {"problem-time", player_.problem_time}};
 }
@@ -213,8 +214,15 @@ Report MakeReport(Health health_, std::unique_ptr<XMLElement> status_,
                   std::map<std::string, PlayerState> players_) {
   Report report;
   const bool has_station = IsStationRunning(health_);
-  report.is_running = has_station && health_.daemon != 0 && !health_.is_hung;
-  if (has_station) {
+  const bool is_stopped = IsStationStopped(health_);
+  report.is_running =
+      has_station && !is_stopped && health_.daemon != 0 && !health_.is_hung;
+  if (is_stopped) {
+    report.problems.push_back(
+        {"station-stopped",
+         Format("The station, process %d, is stopped and watches nothing", health_.station),
+         Format("Let it go on: kill -CONT %d; or restart the service", health_.station), 0});
+  } else if (has_station) {
     report.problems = health_.problems;
   }
   if (!report.is_running && report.problems.empty()) {

@@ -7,7 +7,7 @@ import signal
 import threading
 
 import pytest
-from harness.programs import environment, finish, run, start
+from harness.programs import environment, finish, run, start, start_command
 from harness.status import StatusWriter, directory_status, health_text, status_text
 from harness.wait import wait_until
 
@@ -327,7 +327,7 @@ def make_run(path, **health):
     (path / "status.xml").write_text(status_text(7, 3, bound=1, directories=[directory_status()]))
     (path / "player").write_text(
         f'<player-state device="d" device-ok="1" pid="{os.getpid()}" playing="7_a.raw" problem=""'
-        ' problem-time="0" since="5">\n    <waiting name="8_a.raw"/>\n</player-state>\n'
+        ' problem-time="0" rate="16000" since="5">\n    <waiting name="8_a.raw"/>\n</player-state>\n'
     )
     return path
 
@@ -349,6 +349,27 @@ def test_health_file_decides_if_there_is_a_station(tmp_path, health, status, pro
     assert found == status
     assert [problem["sentence"] for problem in json.loads(out)["problems"]] == problems
     assert json.loads(out)["running"] == (status < 2)
+
+
+def test_stopped_station(tmp_path):
+    process = start_command("sleep", 1000)
+    try:
+        make_run(tmp_path, station=process.pid)
+        assert run("vocastra-status", "-r", tmp_path)[0] == 0
+        process.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, process.pid, os.WSTOPPED | os.WNOWAIT)
+        status, out, _ = run("vocastra-status", "-j", "-r", tmp_path)
+        assert status == 2
+        (problem,) = json.loads(out)["problems"]
+        assert problem["id"] == "station-stopped"
+        assert problem["sentence"] == (
+            f"The station, process {process.pid}, is stopped and watches nothing"
+        )
+        process.send_signal(signal.SIGCONT)
+        wait_until(lambda: run("vocastra-status", "-r", tmp_path)[0] == 0, "a station that goes on")
+    finally:
+        process.kill()
+        process.wait()
 
 
 def test_json_of_a_station(tmp_path):
@@ -378,6 +399,7 @@ def test_json_of_a_station(tmp_path):
             "waiting": ["8_a.raw"],
             "device": "d",
             "device-ok": True,
+            "rate": 16000,
             "problem": "",
             "problem-time": 0,
         },
