@@ -12,13 +12,40 @@ lines_a_day=100  # The limit.
 
 print_figures() {
   local unit
-  for unit in "${units[@]}"; do
+  for unit in "${units[@]}" vocastra-desk; do
     echo "exposure of $unit.service: $(exposure "$unit") (limit 1.5)"
   done
   start_player
   configure
   print_alarm_latency || verdict FAILED "alarm latency"
   print_idle_day || verdict FAILED "lines of an idle day"
+}
+
+# Writes doc/service.md from the output of all failures and figures.
+record() {
+  { try_failures && print_figures; } > >(tee "$work/output")
+  if ((failed > 0)); then return; fi
+  awk '
+    BEGIN {
+      print "# The installed service in figures\n"
+      print "Made by `tools/test-install record`. A limit is a goal of the project.\n"
+    }
+    /^exposure of / { exposure = exposure "| " $3 " | " $4 " |\n"; sub(":", "", exposure) }
+    /^(alarm|idle): / { sub(/:/, "", $1); lines = lines "- " $0 "\n" }
+    /^passed .*: told after / {
+      sub(/^passed +/, "")
+      split($0, part, /: told after |, fine | after the repair/)
+      failures = failures "| " part[1] " | " part[2] " | " part[3] " |\n"
+    }
+    END {
+      print "## Exposure\n\nAs `systemd-analyze security` rates it; the limit is 1.5.\n"
+      print "| unit | exposure |\n|---|---|\n" exposure
+      print "## Alarms, and the log of an idle day\n\n" lines
+      print "## Failures\n\nThe seconds until `vocastra-status` tells the problem, from the command that"
+      print "causes it or from the first effect in the log, and until it is fine after the repair."
+      print "The limit of the first is 5 s.\n"
+      print "| failure | told | fine again |\n|---|---|---|\n" failures
+    }' "$work/output" | sed '$d' >doc/service.md
 }
 
 # --- Alarms ---------------------------------------------------------------------------------------
@@ -53,13 +80,6 @@ one_alarm() {
     date +%s%6N && mv .new "alarm-$1"' sh "$EPOCHREALTIME")
   within 60 line_since "$renamed" vocastra-player 'playing [0-9]+_alarms' >"$work/played" || return 1
   echo $((($(cat "$work/played") - renamed) / 1000))
-}
-
-# line_since TIME UNIT PATTERN: prints the time of the first such line, in microseconds since 1970.
-line_since() {
-  inside journalctl --no-pager --quiet --unit="$2" --since="@$(($1 / 1000000))" --output=short-unix |
-    awk -v since="$1" -v pattern="$3" '{ split($1, part, "."); time = part[1] part[2] }
-      time + 0 > since + 0 && $0 ~ pattern && !found { print time; found = 1 } END { exit !found }'
 }
 
 # --- An idle day ----------------------------------------------------------------------------------
