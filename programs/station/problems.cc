@@ -31,6 +31,7 @@ namespace {
 constexpr double kHang = 4;         // A translator that runs longer counts as hanging.
 constexpr double kProbePause = 2;   // Between two trials of the translator.
 constexpr double kProbeLimit = 20;  // Limit of a trial, even on a slow device.
+constexpr double kTrial = 3;        // A failure is told without its cause after that time.
 constexpr double kCopyFailure = 5;  // Time for which an unexplained failure to copy is shown.
 constexpr double kStart = 3;        // For a player to start, or for a helper's first heartbeat.
 constexpr double kSettle = 1.5;     // For a restart of the daemon to end a problem.
@@ -610,7 +611,8 @@ void Problems::Impl::CheckTranslator(double engine_) {
     const std::string& id = failing.count(probed) != 0 ? probed : *failing.begin();
     Find("translator-failing", "",
          "The translator fails for directory " + id + (why_failing.empty() ? "" : ": ") +
-             why_failing);
+             why_failing,
+         why_failing.empty() ? kTrial : 0);
   }
 }
 

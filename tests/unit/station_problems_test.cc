@@ -428,12 +428,7 @@ TEST_F(ProblemsTest, FailingTranslatorIsTriedUntilItWorks) {
   Start();
   // A name is not taken for arguments, and no part of it reaches a shell.
   FailTranslator("voice=xx", "x\" > /dev/null; touch " + run / "evil" + "; \"");
-  EXPECT_THAT(Ids(), ElementsAre("translator-failing"));
-  EXPECT_EQ("The translator fails for directory b", Sentence());
-  const double deadline = Now() + kPatience;
-  while (Sentence() == "The translator fails for directory b" && Now() < deadline) {
-    Nap(20);
-  }
+  Await({"translator-failing"});
   EXPECT_EQ("The translator fails for directory b: engine: no voice=xx for 1 ", Sentence());
   EXPECT_FALSE(Exists(run / "evil"));
   // The arguments are corrected in the configuration.
@@ -472,9 +467,11 @@ TEST_F(ProblemsTest, TrialThatHangsIsEnded) {
   FailTranslator("");
   const double deadline = Now() + kPatience;
   while (!Exists(run / "pid") && Now() < deadline) {
-    EXPECT_THAT(Ids(), ElementsAre("translator-failing"));
+    Look();
     Nap(20);
   }
+  Await({"translator-failing"});
+  EXPECT_EQ("The translator fails for directory a", Sentence());
   problems.reset();
   Nap(50);
   const auto pid = static_cast<int>(strtol(ReadFile(run / "pid").c_str(), nullptr, 10));
