@@ -28,7 +28,7 @@
 namespace {
 
 // All in seconds.
-constexpr double kHang = 4;         // A translator that runs longer counts as hanging.
+constexpr double kHang = 3;         // A translator that runs longer counts as hanging.
 constexpr double kProbePause = 2;   // Between two trials of the translator.
 constexpr double kProbeLimit = 20;  // Limit of a trial, even on a slow device.
 constexpr double kTrial = 3;        // A failure is told without its cause after that time.

@@ -454,11 +454,11 @@ TEST_F(ProblemsTest, TranslatorThatFailsSilently) {
 }
 
 TEST_F(ProblemsTest, HangingTranslator) {
-  view.engine = 4;
+  view.engine = 3;
   EXPECT_THAT(Ids(), IsEmpty());
-  view.engine = 5;
+  view.engine = 3.5;
   EXPECT_THAT(Ids(), ElementsAre("translator-hanging"));
-  EXPECT_EQ("The translator has run for 5 s", Sentence());
+  EXPECT_EQ("The translator has run for 4 s", Sentence());
 }
 
 TEST_F(ProblemsTest, TrialThatHangsIsEnded) {
