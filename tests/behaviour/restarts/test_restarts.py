@@ -189,12 +189,8 @@ class InstalledStation(Station):
             new.rename(self.programs / name)
 
     def command(self):
-        words = super().command()
-        for at, word in enumerate(words):
-            name = os.path.basename(word)
-            if name in self.NAMES:
-                words[at] = self.programs / name
-        return words
+        own = {str(tool(name)): self.programs / name for name in self.NAMES}
+        return [own.get(str(word), word) for word in super().command()]
 
 
 class Trial:
