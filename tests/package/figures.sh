@@ -21,7 +21,7 @@ print_figures() {
   print_idle_day || verdict FAILED "lines of an idle day"
 }
 
-# Writes doc/service.md from the output of all failures and figures.
+# Writes doc/service.md from the output of all failures and figures, and of the last tools/restarts.
 record() {
   { try_failures && print_figures; } > >(tee "$work/output")
   if ((failed > 0)); then return; fi
@@ -45,7 +45,10 @@ record() {
       print "causes it or from the first effect in the log, and until it is fine after the repair."
       print "The limit of the first is 5 s.\n"
       print "| failure | told | fine again |\n|---|---|---|\n" failures
-    }' "$work/output" | sed '$d' >doc/service.md
+      print "## Restarts\n\nThe result of `tools/restarts 200`, with texts and then with tones instead of speech.\n\n```"
+    }' "$work/output" >doc/service.md
+  awk '/^seed [0-9]+: /,/^[0-9]+ pieces, /' build/restarts.log >>doc/service.md
+  echo '```' >>doc/service.md
 }
 
 # --- Alarms ---------------------------------------------------------------------------------------
