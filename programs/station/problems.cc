@@ -552,16 +552,17 @@ void Problems::Impl::CheckRemote(const std::string& id_, const XMLElement& eleme
   const std::string source =
       Printable(RemoteSource(element_.GetAttributeString("path", ""), subdir));
   const std::string watch_directory = status_.GetAttributeString("path", "");
-  const HelperLine& line = helper_lines[source];
+  HelperLine& line = helper_lines[source];
+  if (line.is_outage && LastUpdate(watch_directory, subdir) >= line.time) {
+    line = {};  // The outage is over; a new helper does not say so.
+  }
   const bool is_silent = status_.GetAttributeString("status", "") == "0";
-  // The daemon waits some seconds for the next update. The helper's own line comes sooner.
-  const bool is_out = line.is_outage && LastUpdate(watch_directory, subdir) < line.time;
   if (family_.has_dead && !family_.HasHelperFor(watch_directory)) {
     Find("helper-dead", id_,
          "The helper of " + source + " has ended" +
              (line.text.empty() ? "" : "; its last line: " + line.text),
          kSettle);
-  } else if (is_silent || is_out) {
+  } else if (is_silent || line.is_outage) {  // The line comes some seconds sooner.
     Find("remote", id_,
          "No updates come from " + source + (line.text.empty() ? "" : ": " + line.text),
          line.text.empty() ? kStart : 0);

@@ -66,9 +66,9 @@ all_failures() {
   failure 'remote host unreachable' remote:ftp 'loopback down' 'loopback up' \
     'no updates: no answer'
   failure 'login refused' remote:ftps \
-    'configure "/id=.ftps./s/ password=./&x/"' configure
+    'configure "/id=.ftps./s/ password=./&x/"' configure 'no updates: 530'
   failure 'certificate refused' remote:ftps \
-    'configure "/id=.ftps./s/ca=[^,]*,//"' configure
+    'configure "/id=.ftps./s/ca=[^,]*,//"' configure 'no updates: SSL'
   failure 'host key refused' remote:sftp \
     'configure "/id=.sftp./s#known-hosts=[^,]*#known-hosts=/etc/hostname#"' configure \
     'no updates: the server.s host key'

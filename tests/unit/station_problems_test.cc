@@ -524,6 +524,9 @@ TEST_F(ProblemsTest, RemoteDirectoryWhoseHelperTellsOfAnOutage) {
   Nap(20);
   run.Write("watch/x/.helper.timestamp", "2");
   EXPECT_THAT(Ids(), IsEmpty());
+  // The next helper has another directory.
+  SetStatus("", "<directory id='f' status='1' path='" + run.MakeDirectory("new") + "'/>");
+  EXPECT_THAT(Ids(), IsEmpty());
 }
 
 // A helper's watch directory is one of its arguments. It stops itself.
