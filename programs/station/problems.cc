@@ -148,6 +148,15 @@ struct PlayerView {
   char process = '\0';     // As in ProcessStat.
 };
 
+// When the process started; seconds since 1970.
+double StartTime(const ProcessStat& process_) {
+  timespec since_boot = {};
+  clock_gettime(CLOCK_BOOTTIME, &since_boot);
+  return RealTime() - static_cast<double>(since_boot.tv_sec) -
+         static_cast<double>(since_boot.tv_nsec) / 1e9 +
+         static_cast<double>(process_.start) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 // The daemon's children. A helper that has ended stays a zombie until its directory is removed from
 // the configuration.
 struct Family {
@@ -159,19 +168,29 @@ struct Family {
       } else if (process.name == "sh") {
         has_command = true;
       } else {
-        arguments += '\0' + ReadOrNothing(Format("/proc/%d/cmdline", child));
+        const std::string arguments = ReadOrNothing(Format("/proc/%d/cmdline", child));
+        helpers.push_back({'\0' + arguments, StartTime(process)});
       }
     }
   }
 
-  // True if one of the helpers mirrors into that directory, which is one of its arguments.
-  bool HasHelperFor(const std::string& watch_directory_) const {
-    return arguments.find('\0' + watch_directory_ + '\0') != std::string::npos;
+  struct Helper {
+    std::string arguments;  // With a zero byte before and after each.
+    double start = 0;       // Seconds since 1970.
+  };
+
+  // The helper that mirrors into that directory, which is one of its arguments; null: none.
+  const Helper* HelperFor(const std::string& watch_directory_) const {
+    const std::string argument = '\0' + watch_directory_ + '\0';
+    const auto found = std::find_if(helpers.begin(), helpers.end(), [&](const Helper& helper_) {
+      return helper_.arguments.find(argument) != std::string::npos;
+    });
+    return found == helpers.end() ? nullptr : &*found;
   }
 
   bool has_dead = false;
-  bool has_command = false;  // The translator, or another command that runs for a short time.
-  std::string arguments;     // Of all helpers, with a zero byte before and after each.
+  bool has_command = false;     // The translator, or another command that runs for a short time.
+  std::vector<Helper> helpers;  // Those that live.
 };
 
 // True if the process has taken the lock of the directory. Lines of the list are such as
@@ -552,12 +571,14 @@ void Problems::Impl::CheckRemote(const std::string& id_, const XMLElement& eleme
   const std::string source =
       Printable(RemoteSource(element_.GetAttributeString("path", ""), subdir));
   const std::string watch_directory = status_.GetAttributeString("path", "");
+  const Family::Helper* const helper = family_.HelperFor(watch_directory);
   HelperLine& line = helper_lines[source];
-  if (line.is_outage && LastUpdate(watch_directory, subdir) >= line.time) {
-    line = {};  // The outage is over; a new helper does not say so.
+  if ((helper != nullptr && line.time < helper->start) ||
+      (line.is_outage && line.time <= LastUpdate(watch_directory, subdir))) {
+    line = {};  // It is from an earlier helper, or the outage is over.
   }
   const bool is_silent = status_.GetAttributeString("status", "") == "0";
-  if (family_.has_dead && !family_.HasHelperFor(watch_directory)) {
+  if (family_.has_dead && helper == nullptr) {
     Find("helper-dead", id_,
          "The helper of " + source + " has ended" +
              (line.text.empty() ? "" : "; its last line: " + line.text),

@@ -548,6 +548,22 @@ class Helper {
 };
 
 // This process is the daemon.
+TEST_F(ProblemsTest, NewHelperDoesNotInheritAnOutage) {
+  Configure("<directory id='f' type='ftp' path='host'/>");
+  SetStatus("", "<directory id='f' status='1' path='/tmp/watch1'/>");
+  view.daemon = getpid();
+  EXPECT_THAT(Ids(), IsEmpty());
+  Say(LogEvent::kFromHelper, "host: no updates: no answer");
+  EXPECT_THAT(Ids(), ElementsAre("remote:f"));
+  Nap(20);  // The kernel counts the start of a process in hundredths of a second.
+  const Helper helper(Script("helper", "kill -STOP $$"), "/tmp/watch1");
+  Await({});
+  Say(LogEvent::kFromHelper, "host: no updates: no route");
+  EXPECT_THAT(Ids(), ElementsAre("remote:f"));
+  EXPECT_EQ("No updates come from host: no route", Sentence());
+}
+
+// This process is the daemon.
 TEST_F(ProblemsTest, DeadHelpers) {
   Configure(
       "<directory id='f' type='ftp' path='host'/><directory id='g' type='ftp' path='other'/>");
