@@ -118,9 +118,9 @@ def test_rates_are_those_of_running_players(world):
     (world.root / "translators").mkdir()
     (world.root / "translator").rename(world.root / "translators/x")
     finding = (
-        'config:2: warning: directory "a": no rate= in conv-opts, which means 22050, but the player '
-        "plays at 16000 Hz: speech sounds too high or too low. Write rate=16000; or give the player "
-        "--rate 22050."
+        'config:2: warning: directory "a": no rate= in conv-opts, which means 22050, but the '
+        "player plays at 16000 Hz: speech sounds too high or too low. Write rate=16000; or give "
+        "the player --rate 22050."
     )
 
     def found_with(**rates):

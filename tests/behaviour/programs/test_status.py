@@ -327,7 +327,8 @@ def make_run(path, **health):
     (path / "status.xml").write_text(status_text(7, 3, bound=1, directories=[directory_status()]))
     (path / "player").write_text(
         f'<player-state device="d" device-ok="1" pid="{os.getpid()}" playing="7_a.raw" problem=""'
-        ' problem-time="0" rate="16000" since="5">\n    <waiting name="8_a.raw"/>\n</player-state>\n'
+        ' problem-time="0" rate="16000" since="5">\n'
+        '    <waiting name="8_a.raw"/>\n</player-state>\n'
     )
     return path
 

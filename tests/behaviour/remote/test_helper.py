@@ -323,7 +323,9 @@ def test_temporary_directory_that_is_missing(server, make_helper):
     server.put("new.txt", "New.")
     helper = make_helper(server)
     helper.scratch = helper.root / "later"
-    helper.start().wait_messages("no updates: cannot make a temporary directory: No such file or directory")
+    helper.start().wait_messages(
+        "no updates: cannot make a temporary directory: No such file or directory"
+    )
     helper.scratch.mkdir()
     helper.wait_files(new="New.")
     helper.stop()
