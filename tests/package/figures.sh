@@ -24,6 +24,7 @@ print_figures() {
 # Writes doc/service.md from the output of all failures and figures, and of the last tools/restarts.
 record() {
   { try_failures && print_figures; } > >(tee "$work/output")
+  wait $!
   if ((failed > 0)); then return; fi
   awk '
     BEGIN {
@@ -31,7 +32,7 @@ record() {
       print "Made by `tools/test-install record`. A limit is a goal of the project.\n"
     }
     /^exposure of / { exposure = exposure "| " $3 " | " $4 " |\n"; sub(":", "", exposure) }
-    /^(alarm|idle): / { sub(/:/, "", $1); lines = lines "- " $0 "\n" }
+    /^(alarm|idle): / { lines = lines "- " $0 "\n" }
     /^passed .*: told after / {
       sub(/^passed +/, "")
       split($0, part, /: told after |, fine | after the repair/)
