@@ -7,16 +7,8 @@ void Nap(int milliseconds_) {
   nanosleep(&duration, nullptr);
 }
 
-namespace {
-
-double Seconds(clockid_t clock_) {
+double Now() {
   timespec now = {};
-  clock_gettime(clock_, &now);
+  clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
-
-}  // namespace
-
-double Now() { return Seconds(CLOCK_MONOTONIC); }
-
-double RealTime() { return Seconds(CLOCK_REALTIME); }

@@ -6,6 +6,3 @@ void Nap(int milliseconds_);
 
 // Seconds from an arbitrary start, unaffected by changes of the clock.
 double Now();
-
-// Seconds since 1970.
-double RealTime();

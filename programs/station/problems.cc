@@ -48,9 +48,11 @@ constexpr int kLockTries = 3;      // In one check.
 constexpr int kLockPause = 2;      // Milliseconds between them.
 constexpr int kLockedChecks = 2;   // Checks in a row; players hold the lock only for moments.
 
-// How a helper's line about its server begins, and its line about the end of the outage.
+// How a helper's line about its server begins, and its lines about the end of such an outage, and
+// of a trouble with its own files.
 constexpr char kOutage[] = "no updates: ";
 constexpr char kWorksAgain[] = "works again";
+constexpr char kWritesAgain[] = "can write files again";
 
 // The lowest data rates of sound, in bytes a second: 16 bits at 4000 Hz, and a compressed WAV file.
 constexpr double kRawRate = 8000;
@@ -148,15 +150,6 @@ struct PlayerView {
   char process = '\0';     // As in ProcessStat.
 };
 
-// When the process started; seconds since 1970.
-double StartTime(const ProcessStat& process_) {
-  timespec since_boot = {};
-  clock_gettime(CLOCK_BOOTTIME, &since_boot);
-  return RealTime() - static_cast<double>(since_boot.tv_sec) -
-         static_cast<double>(since_boot.tv_nsec) / 1e9 +
-         static_cast<double>(process_.start) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 // The daemon's children. A helper that has ended stays a zombie until its directory is removed from
 // the configuration.
 struct Family {
@@ -168,29 +161,19 @@ struct Family {
       } else if (process.name == "sh") {
         has_command = true;
       } else {
-        const std::string arguments = ReadOrNothing(Format("/proc/%d/cmdline", child));
-        helpers.push_back({'\0' + arguments, StartTime(process)});
+        arguments += '\0' + ReadOrNothing(Format("/proc/%d/cmdline", child));
       }
     }
   }
 
-  struct Helper {
-    std::string arguments;  // With a zero byte before and after each.
-    double start = 0;       // Seconds since 1970.
-  };
-
-  // The helper that mirrors into that directory, which is one of its arguments; null: none.
-  const Helper* HelperFor(const std::string& watch_directory_) const {
-    const std::string argument = '\0' + watch_directory_ + '\0';
-    const auto found = std::find_if(helpers.begin(), helpers.end(), [&](const Helper& helper_) {
-      return helper_.arguments.find(argument) != std::string::npos;
-    });
-    return found == helpers.end() ? nullptr : &*found;
+  // True if one of the helpers mirrors into that directory, which is one of its arguments.
+  bool HasHelperFor(const std::string& watch_directory_) const {
+    return arguments.find('\0' + watch_directory_ + '\0') != std::string::npos;
   }
 
   bool has_dead = false;
-  bool has_command = false;     // The translator, or another command that runs for a short time.
-  std::vector<Helper> helpers;  // Those that live.
+  bool has_command = false;  // The translator, or another command that runs for a short time.
+  std::string arguments;     // Of all helpers, with a zero byte before and after each.
 };
 
 // True if the process has taken the lock of the directory. Lines of the list are such as
@@ -229,15 +212,15 @@ bool IsHeld(const std::string& path_) {
   return is_held;
 }
 
-// When the helper has last told the daemon that it works; seconds since 1970, 0: not yet.
-double LastUpdate(const std::string& watch_directory_, const std::string& subdir_) {
+// Another text after each update: the helper replaces the file then. A new helper has a new
+// directory.
+std::string StateOfUpdates(const std::string& watch_directory_, const std::string& subdir_) {
   const std::string path =
       AddTrailingSlash(watch_directory_) + AddTrailingSlash(subdir_) + ".helper.timestamp";
   struct stat file {};
-  if (stat(path.c_str(), &file) != 0) {
-    return 0;
-  }
-  return static_cast<double>(file.st_mtim.tv_sec) + static_cast<double>(file.st_mtim.tv_nsec) / 1e9;
+  stat(path.c_str(), &file);
+  return Format("%s %llu %lld.%09ld", path.c_str(), static_cast<unsigned long long>(file.st_ino),
+                static_cast<long long>(file.st_mtim.tv_sec), file.st_mtim.tv_nsec);
 }
 
 // The directories of a configuration that the daemon uses, by their ids.
@@ -322,12 +305,12 @@ struct Problems::Impl {
   };
   std::map<std::string, PlayerChange> player_changes;  // By zone.
 
-  struct HelperLine {
-    std::string text;  // Empty: none, or it works again.
-    bool is_outage = false;
-    double time = 0;  // Seconds since 1970.
+  struct HelperReport {
+    std::string line;     // The last one; empty: none, or it tells that all is well again.
+    std::string outage;   // Why no updates come; empty: they do, or the helper has not told it.
+    std::string updates;  // Their state at the first check after that; empty: no check yet.
   };
-  std::map<std::string, HelperLine> helper_lines;  // By source: the last line about it.
+  std::map<std::string, HelperReport> helper_reports;  // By source.
 
   std::vector<std::string> failed_commands;  // Since the last check.
   std::set<std::string> failing;             // Ids of directories for which the translator failed,
@@ -571,22 +554,23 @@ void Problems::Impl::CheckRemote(const std::string& id_, const XMLElement& eleme
   const std::string source =
       Printable(RemoteSource(element_.GetAttributeString("path", ""), subdir));
   const std::string watch_directory = status_.GetAttributeString("path", "");
-  const Family::Helper* const helper = family_.HelperFor(watch_directory);
-  HelperLine& line = helper_lines[source];
-  if ((helper != nullptr && line.time < helper->start) ||
-      (line.is_outage && line.time <= LastUpdate(watch_directory, subdir))) {
-    line = {};  // It is from an earlier helper, or the outage is over.
+  HelperReport& report = helper_reports[source];
+  const std::string updates = StateOfUpdates(watch_directory, subdir);
+  if (report.updates.empty()) {
+    report.updates = updates;
+  } else if (!report.outage.empty() && report.updates != updates) {
+    report = {};  // The outage is over, or there is a new helper.
   }
   const bool is_silent = status_.GetAttributeString("status", "") == "0";
-  if (family_.has_dead && helper == nullptr) {
+  if (family_.has_dead && !family_.HasHelperFor(watch_directory)) {
     Find("helper-dead", id_,
          "The helper of " + source + " has ended" +
-             (line.text.empty() ? "" : "; its last line: " + line.text),
+             (report.line.empty() ? "" : "; its last line: " + report.line),
          kSettle);
-  } else if (is_silent || line.is_outage) {  // The line comes some seconds sooner.
-    Find("remote", id_,
-         "No updates come from " + source + (line.text.empty() ? "" : ": " + line.text),
-         line.text.empty() ? kStart : 0);
+  } else if (is_silent || !report.outage.empty()) {  // The helper tells it some seconds sooner.
+    const std::string& why = report.outage.empty() ? report.line : report.outage;
+    Find("remote", id_, "No updates come from " + source + (why.empty() ? "" : ": " + why),
+         why.empty() ? kStart : 0);
   }
 }
 
@@ -595,19 +579,20 @@ void Problems::Impl::TakeHelperLine(const std::string& text_) {
   const size_t colon = text_.find(": ");
   const std::string source = text_.substr(0, colon);
   if (colon == std::string::npos ||
-      (helper_lines.size() >= kMaxTexts && helper_lines.count(source) == 0)) {
+      (helper_reports.size() >= kMaxTexts && helper_reports.count(source) == 0)) {
     return;
   }
-  HelperLine line;
-  line.text = text_.substr(colon + 2);
-  line.time = RealTime();
-  line.is_outage = StartsWith(line.text, kOutage);
-  if (line.is_outage) {
-    line.text.erase(0, strlen(kOutage));
-  } else if (line.text == kWorksAgain) {
-    line.text.clear();
+  HelperReport& report = helper_reports[source];
+  report.line = text_.substr(colon + 2);
+  if (StartsWith(report.line, kOutage)) {
+    report.line.erase(0, strlen(kOutage));
+    report.outage = report.line;
+    report.updates.clear();
+  } else if (report.line == kWorksAgain) {
+    report = {};
+  } else if (report.line == kWritesAgain) {
+    report.line.clear();
   }
-  helper_lines[source] = line;
 }
 
 // --- The translator ---

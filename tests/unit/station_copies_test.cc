@@ -75,6 +75,12 @@ class CopiesTest : public testing::Test {
   std::unique_ptr<Copies> copies;
 };
 
+TEST(CheckCommandTest, CheckerReadsTheRunDirectoryOfTheStation) {
+  EXPECT_THAT(CheckCommand({"-w", "5"}, "/run/x"),
+              testing::ElementsAre(testing::EndsWith("vocastra-check"), "-w", "5", "--run=/run/x",
+                                   "--glossary="));
+}
+
 TEST_F(CopiesTest, UsableFilesAreCopiedAndKeptWithTheirMode) {
   has_glossary = true;
   const std::string text = Configuration("");
