@@ -29,6 +29,11 @@ long long StartOf(int process_) {
   }
 }
 
+bool IsAlive(const Health& health_) {
+  return health_.station > 0 && (kill(health_.station, 0) == 0 || errno == EPERM) &&
+         StartOf(health_.station) == health_.station_start;
+}
+
 using Attributes = std::vector<std::pair<const char*, std::string>>;
 
 void AddChild(XMLElement& root_, const char* name_, const Attributes& attributes_) {
@@ -117,14 +122,13 @@ Health ReadHealth(const std::string& path_) {
 }
 
 bool IsStationRunning(const Health& health_) {
-  return health_.station > 0 && (kill(health_.station, 0) == 0 || errno == EPERM) &&
-         StartOf(health_.station) == health_.station_start;
+  return IsAlive(health_) && !IsStationStopped(health_);
 }
 
 bool IsStationStopped(const Health& health_) {
   try {
     const char state = ReadProcessStat(health_.station).state;
-    return IsStationRunning(health_) && (state == 'T' || state == 't');
+    return IsAlive(health_) && (state == 'T' || state == 't');
   } catch (const std::string&) {  // It cannot be seen.
     return false;
   }

@@ -64,9 +64,8 @@ void WriteHealth(const std::string& path_, const Health& health_);
 // the file cannot be read or is no health file.
 Health ReadHealth(const std::string& path_);
 
-// True if the station that wrote it is running.
+// True if the station that wrote it is running, and is not stopped.
 bool IsStationRunning(const Health& health_);
 
-// True if that station was stopped by a signal or a debugger. Then nothing in the file is up to
-// date.
+// True if a signal or a debugger has stopped that station. Then nothing in the file is up to date.
 bool IsStationStopped(const Health& health_);

@@ -98,7 +98,7 @@ void AddPlayers(const std::map<std::string, PlayerState>& players_, Metrics& met
 
 std::string ToMetrics(const Report& report_) {
   Metrics metrics;
-  metrics.Begin("up", "gauge", "1: the daemon runs and is not hung.");
+  metrics.Begin("up", "gauge", "1: the daemon and its station run and do not hang.");
   metrics.Add(report_.is_running ? 1 : 0);
   metrics.Begin("problems", "gauge", "Reasons why messages may not be heard.");
   metrics.Add(static_cast<long long>(report_.problems.size()));

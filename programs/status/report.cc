@@ -215,7 +215,7 @@ Report MakeReport(Health health_, std::unique_ptr<XMLElement> status_,
   Report report;
   const bool has_station = IsStationRunning(health_);
   const bool is_stopped = IsStationStopped(health_);
-  report.is_running = has_station && !is_stopped && health_.daemon != 0 && !health_.is_hung;
+  report.is_running = has_station && health_.daemon != 0 && !health_.is_hung;
   if (is_stopped) {
     report.problems.push_back(
         {"station-stopped",

@@ -12,9 +12,9 @@
 #include "xml.h"
 
 struct Report {
-  bool is_running = false;                     // The daemon runs and is not hung.
-  std::unique_ptr<XMLElement> status;          // The tree of ReadStatus; null: there is no status.
-  std::optional<Health> health;                // Of a station.
+  bool is_running = false;             // The daemon runs and is not hung, nor is the station.
+  std::unique_ptr<XMLElement> status;  // The tree of ReadStatus; null: there is no status.
+  std::optional<Health> health;        // Of a station.
   std::map<std::string, PlayerState> players;  // By zone; empty: the player without a zone.
   std::vector<Problem> problems;
 };

@@ -112,6 +112,25 @@ TEST(HealthTest, StationRunsAsLongAsItsProcess) {
   EXPECT_FALSE(is_running(child));
 }
 
+TEST(HealthTest, StoppedStationDoesNotRun) {
+  const TemporaryDirectory directory;
+  const pid_t child = fork();
+  if (child == 0) {
+    raise(SIGSTOP);
+    _exit(0);
+  }
+  ASSERT_EQ(child, waitpid(child, nullptr, WUNTRACED));
+  Health health;
+  health.station = child;
+  WriteHealth(directory / "health", health);
+  const Health read = ReadHealth(directory / "health");
+  EXPECT_TRUE(IsStationStopped(read));
+  EXPECT_FALSE(IsStationRunning(read));
+  kill(child, SIGCONT);
+  ASSERT_EQ(child, waitpid(child, nullptr, 0));
+  EXPECT_FALSE(IsStationStopped(read));
+}
+
 TEST(HealthTest, ProcessWithAnotherStartTimeIsNotTheStation) {
   const TemporaryDirectory directory;
   WriteHealth(directory / "health", Example());
