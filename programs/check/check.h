@@ -12,7 +12,7 @@ constexpr int kDefaultRate = 22050;  // Hertz; of our translators and of players
 struct CheckOptions {
   std::string config_path;
   std::string glossary_path;   // Empty: none.
-  std::set<int> player_rates;  // Of all players; hertz.
+  std::set<int> player_rates;  // Of all players; hertz. Empty: not known.
   // The arguments of the daemon's other given options, by letter. If there are any, the daemon's
   // whole command line is checked.
   std::map<char, std::string> daemon;

@@ -145,7 +145,8 @@ class DirectoryCheck {
     }
   }
 
-  // A player plays speech at its own rate, so both rates must be equal.
+  // A player plays speech at its own rate. Which of several players gets a message is not known
+  // here, so the rate of one of them is enough.
   void CheckRate(const std::string& arguments_) {
     const std::string name = "rate=";
     std::istringstream words(arguments_);
@@ -154,15 +155,18 @@ class DirectoryCheck {
       rate = StartsWith(word, name) ? word.substr(name.size()) : rate;
     }
     const auto hertz = rate.empty() ? kDefaultRate : strtol(rate.c_str(), nullptr, 10);
-    if (options.player_rates.count(static_cast<int>(hertz)) != 0) {
+    const bool is_default = options.player_rates.empty();
+    const std::set<int> rates = is_default ? std::set<int>{kDefaultRate} : options.player_rates;
+    if (rates.count(static_cast<int>(hertz)) != 0) {
       return;
     }
-    const int player = *options.player_rates.begin();
+    const int player = *rates.begin();
     findings.Warning(
         place,
         (rate.empty() ? Format("no rate= in conv-opts, which means %d", kDefaultRate)
                       : "rate=" + rate + " in conv-opts") +
-            Format(", but the player plays at %d Hz: speech sounds too high or too low", player),
+            Format(", but the player plays at %d Hz%s: speech sounds too high or too low", player,
+                   is_default ? " by default" : ""),
         Format("Write rate=%d; or give the player --rate %ld", player, hertz));
   }
 

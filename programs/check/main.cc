@@ -37,14 +37,15 @@ std::vector<ProgramOption> OptionTable(CheckOptions& options_, std::string& rate
            [&options_, letter](const char* argument_) { options_.daemon[letter] = argument_; }});
     }
   }
-  table.push_back({'r', "rate", "HZ", "The player's rate, if it is not running", Keep(rate_)});
+  table.push_back(
+      {'r', "rate", "HZ", "The player's rate (default: of running players)", Keep(rate_)});
   table.push_back({0, "run", "DIR", "Where the state of players is (default " VOCASTRA_RUN_DIR ")",
                    Keep(run_)});
   table.push_back({'v', "verbose", "", "Print a line if there are no findings", Set(is_verbose_)});
   return table;
 }
 
-// The rates of the players that run; the default rate if none does.
+// The rates of the players that run.
 std::set<int> RatesOfPlayers(const std::string& run_) {
   std::set<int> rates;
   for (const auto& [zone, player] : ReadPlayerStates(run_)) {
@@ -52,7 +53,7 @@ std::set<int> RatesOfPlayers(const std::string& run_) {
       rates.insert(player.rate);
     }
   }
-  return rates.empty() ? std::set<int>{kDefaultRate} : rates;
+  return rates;
 }
 
 CheckOptions ParseOptions(int argc_, char** argv_, bool& is_verbose_) {

@@ -309,6 +309,7 @@ TEST_F(PlayerTest, NothingIsTakenWithoutADevice) {
   EXPECT_EQ(Of(1000, 100), sink.sound);
   EXPECT_EQ("player: no sound device\nplayer: the sound device is back\n", log);
   EXPECT_TRUE(ReadPlayerState(directory / "state").device_ok);
+  EXPECT_EQ(kRate, ReadPlayerState(directory / "state").rate);
   EXPECT_EQ("no sound device", ReadPlayerState(directory / "state").problem);
 }
 
