@@ -23,7 +23,8 @@ all_failures() {
     'root mv $translator $translator.away' 'root mv $translator.away $translator'
   failure 'translator failing' translator-failing \
     'root mv $voices $voices.away; message' 'root mv $voices.away $voices'
-  use_voice && failure 'voice gone' translator-failing \
+  check 'a configuration with another voice is applied' use_voice
+  failure 'voice gone' translator-failing \
     'root mv $voices/lang/gmw/de $voices/away; message' 'root mv $voices/away $voices/lang/gmw/de'
   # The station refuses an edited configuration with a missing voice.
   failure 'unknown voice' configuration-refused \
@@ -88,7 +89,7 @@ all_failures() {
   # The station restarts a daemon that hangs or has ended.
   failure 'daemon hung' daemon-hung 'send STOP "$(daemon)"' :
   # Some seconds pass before the third start of a daemon that has died twice.
-  daemon_dies && daemon_dies
+  check 'the daemon has died twice' dies_twice
   failure 'daemon dead' 'no-daemon|daemon-dead' daemon_dies :
   failure 'lock held by another process' "locked:$out" \
     'root systemd-run --quiet --unit=holder flock $out sleep 1000' 'root systemctl stop holder'
@@ -235,6 +236,8 @@ daemon_dies() {
   sleep 2
   send KILL "$(daemon)"
 }
+
+dies_twice() { daemon_dies && daemon_dies; }
 
 loopback() { nsenter --target "$leader" --net ip link set lo "$1"; }
 

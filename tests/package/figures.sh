@@ -23,6 +23,10 @@ print_figures() {
 
 # Writes doc/service.md from the output of all failures and figures, and of the last tools/restarts.
 record() {
+  if ! grep -q ': 150 restarts' build/restarts.log || ! grep -q '^2 passed' build/restarts.log; then
+    verdict FAILED 'tools/restarts 200 was run, and passed'
+    return
+  fi
   { try_failures && print_figures; } > >(tee "$work/output")
   wait $!
   if ((failed > 0)); then return; fi
