@@ -43,7 +43,8 @@ COPY = 'cp "$1" "$2"'
 BACKLOG = 20  # The largest number of unfinished messages.
 
 # The kinds of restarts with their shares. An upgrade replaces the programs and then stops the
-# station. A hang is noticed after half a minute, so hangs are rare, and there are none in short runs.
+# station. A hang is noticed after half a minute, so hangs are rare, and there are none in short
+# runs.
 KINDS = {
     "daemon killed": 40,
     "station killed": 22,
